@@ -1,0 +1,54 @@
+#include "input/packet_buffer.h"
+
+#include <cstring>
+#include <new>
+#include <type_traits>
+
+static_assert(std::is_trivially_destructible_v<PacketBuffer>); // the descriptor block is freed as raw memory
+
+std::unique_ptr<PacketBufferPool> PacketBufferPool::create(
+    uint32_t count, uint32_t sliceSize, uint32_t tailBytes)
+{
+    std::unique_ptr<PacketBufferPool> pool(new (std::nothrow) PacketBufferPool);
+    if (!pool || !pool->Allocate(count, sliceSize, tailBytes))
+        return nullptr;
+    pool->InitialiseDescriptors(sliceSize);
+    return pool;
+}
+
+bool PacketBufferPool::Allocate(uint32_t count, uint32_t sliceSize, uint32_t tailBytes)
+{
+    // malloc may answer a request for nothing with null; one spare byte keeps an empty pool apart from a failure.
+    const size_t sliceTotal = static_cast<size_t>(count) * sliceSize;
+    m_data.reset(static_cast<uint8_t*>(std::malloc(sliceTotal + tailBytes + 1)));
+    if (!m_data)
+        return false;
+    m_descriptors.reset(static_cast<PacketBuffer*>(std::malloc(count * sizeof(PacketBuffer) + 1)));
+    if (!m_descriptors)
+        return false;
+    m_buffers.reset(static_cast<PacketBuffer**>(std::malloc(count * sizeof(PacketBuffer*) + 1)));
+    if (!m_buffers)
+        return false;
+    // Slices are left untouched, so that they take real memory only once a datagram has been in them.
+    std::memset(m_data.get() + sliceTotal, 0, tailBytes);
+    m_nCount = count;
+    return true;
+}
+
+void PacketBufferPool::InitialiseDescriptors(uint32_t sliceSize)
+{
+    for (uint32_t i = 0; i < m_nCount; ++i) {
+        PacketBuffer* buffer = new (&m_descriptors[i]) PacketBuffer;
+        buffer->parts[0] = m_data.get() + static_cast<size_t>(i) * sliceSize;
+        m_buffers[i] = buffer;
+    }
+}
+
+PacketBuffer* PacketBufferPool::get()
+{
+    PacketBuffer* buffer = m_buffers[m_nNext];
+    if (++m_nNext == m_nCount)
+        m_nNext = 0;
+    buffer->partCount = 1;
+    return buffer;
+}

@@ -1,0 +1,112 @@
+#include "input/packet_queue.h"
+
+#include <new>
+
+PacketQueue::PacketQueue(bool& okFlag, int32_t capacity, Callback onFull, Callback onEmpty)
+    : m_slots(new (std::nothrow) PacketBuffer*[static_cast<size_t>(capacity)]),
+      m_nCapacity(capacity),
+      m_pOnFull(onFull),
+      m_pOnEmpty(onEmpty)
+{
+    if (!m_slots) {
+        okFlag = false;
+        m_nCapacity = 0;
+    }
+}
+
+int PacketQueue::push(PacketBuffer* buffer, uint32_t timeoutMs)
+{
+    {
+        const MutexLock lock(m_outerMutex);
+        if (IsFull()) {
+            if (m_pOnFull)
+                m_pOnFull(this);
+            if (!WaitOnce(m_notFull, timeoutMs))
+                return 0;
+        }
+        RingPut(buffer);
+    }
+    m_notEmpty.Signal();
+    return 1;
+}
+
+PacketBuffer* PacketQueue::pop(int* okOut, uint32_t timeoutMs)
+{
+    PacketBuffer* buffer = nullptr;
+    {
+        const MutexLock lock(m_outerMutex);
+        if (IsEmpty()) {
+            if (m_pOnEmpty)
+                m_pOnEmpty(this);
+            if (!WaitOnce(m_notEmpty, timeoutMs)) {
+                if (okOut)
+                    *okOut = 0;
+                return nullptr;
+            }
+        }
+        buffer = RingGet();
+    }
+    m_notFull.Signal();
+    if (okOut)
+        *okOut = 1;
+    return buffer;
+}
+
+// False when the deadline passed first.
+bool PacketQueue::WaitOnce(Condition& condition, uint32_t timeoutMs)
+{
+    if (timeoutMs == NO_LIMIT) {
+        condition.Wait(m_outerMutex);
+        return true;
+    }
+    timeval now {};
+    (void)gettimeofday(&now, nullptr);
+    return condition.WaitUntil(m_outerMutex, QueueDeadline(now, timeoutMs)) == 0;
+}
+
+bool PacketQueue::IsFull()
+{
+    const MutexLock lock(m_innerMutex);
+    return m_nCount == m_nCapacity;
+}
+
+bool PacketQueue::IsEmpty()
+{
+    const MutexLock lock(m_innerMutex);
+    return m_nCount == 0;
+}
+
+// Drops the buffer when the ring is still full.
+void PacketQueue::RingPut(PacketBuffer* buffer)
+{
+    const MutexLock lock(m_innerMutex);
+    if (m_nCount >= m_nCapacity)
+        return;
+    m_slots[static_cast<size_t>(m_nWrite)] = buffer;
+    m_nWrite = (m_nWrite + 1) % m_nCapacity;
+    ++m_nCount;
+}
+
+PacketBuffer* PacketQueue::RingGet()
+{
+    const MutexLock lock(m_innerMutex);
+    if (m_nCount <= 0)
+        return nullptr;
+    PacketBuffer* buffer = m_slots[static_cast<size_t>(m_nRead)];
+    m_nRead = (m_nRead + 1) % m_nCapacity;
+    --m_nCount;
+    return buffer;
+}
+
+timespec QueueDeadline(const timeval& now, uint32_t timeoutMs)
+{
+    timespec deadline {};
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000);
+    long microseconds = now.tv_usec + static_cast<long>(timeoutMs % 1000) * 1000;
+    if (microseconds > 999999) {
+        microseconds -= 1000000;
+        ++deadline.tv_sec;
+    }
+    deadline.tv_nsec = microseconds * 1000;
+    return deadline;
+}

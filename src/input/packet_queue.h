@@ -1,0 +1,63 @@
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+
+#include "base/mutex.h"
+
+struct PacketBuffer;
+
+// Bounded blocking FIFO of packet buffers. It holds pointers only; the buffers belong to their pool.
+//
+// Threads: one producer calls push, one consumer pop or popWait. Creation and destruction happen while
+// neither runs.
+class PacketQueue {
+public:
+    // Told about a full or an empty queue, with the outer mutex held: it must not call back into it.
+    using Callback = void (*)(PacketQueue* queue);
+
+    // Time-out, in milliseconds, that means "wait without limit".
+    static constexpr uint32_t NO_LIMIT = 0xFFFFFFFF;
+
+    // An empty queue of `capacity` places. Clears okFlag when memory is short; such a queue takes nothing
+    // and gives nothing. Either callback may be null.
+    PacketQueue(bool& okFlag, int32_t capacity, Callback onFull, Callback onEmpty);
+
+    // Appends the buffer. When the queue is full, calls on-full and waits once for room, timeoutMs at
+    // most. Returns 0 on time-out and 1 otherwise, even if a spurious wake-up found the queue still full
+    // and the buffer was dropped.
+    int push(PacketBuffer* buffer, uint32_t timeoutMs) EXCLUDES(m_outerMutex);
+
+    // Takes the oldest buffer. When the queue is empty, calls on-empty and waits once, timeoutMs at most.
+    // Returns null with *okOut = 0 on time-out; otherwise *okOut = 1, and the result is null only after a
+    // spurious wake-up: callers skip that. okOut may be null.
+    PacketBuffer* pop(int* okOut, uint32_t timeoutMs) EXCLUDES(m_outerMutex);
+
+    // pop without a limit.
+    PacketBuffer* popWait() { return pop(nullptr, NO_LIMIT); }
+
+private:
+    bool WaitOnce(Condition& condition, uint32_t timeoutMs) REQUIRES(m_outerMutex);
+    bool IsFull() EXCLUDES(m_innerMutex);
+    bool IsEmpty() EXCLUDES(m_innerMutex);
+    void RingPut(PacketBuffer* buffer) EXCLUDES(m_innerMutex);
+    PacketBuffer* RingGet() EXCLUDES(m_innerMutex);
+
+    Mutex m_innerMutex; // guards the ring
+    std::unique_ptr<PacketBuffer*[]> m_slots GUARDED_BY(m_innerMutex);
+    int32_t m_nCapacity GUARDED_BY(m_innerMutex);
+    int32_t m_nWrite GUARDED_BY(m_innerMutex) = 0;
+    int32_t m_nRead GUARDED_BY(m_innerMutex) = 0;
+    int32_t m_nCount GUARDED_BY(m_innerMutex) = 0;
+    const Callback m_pOnFull;
+    const Callback m_pOnEmpty;
+    Mutex m_outerMutex ACQUIRED_BEFORE(m_innerMutex); // one push or pop at a time
+    Condition m_notFull;
+    Condition m_notEmpty;
+};
+
+// The wall-clock deadline `timeoutMs` milliseconds after `now`.
+timespec QueueDeadline(const timeval& now, uint32_t timeoutMs);

@@ -1,0 +1,163 @@
+#include "input/udp_input.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "base/unique_fd.h"
+#include "input/address.h"
+#include "input/data_callback_region.h"
+#include "input/packet_buffer.h"
+#include "input/packet_queue.h"
+#include "main/proxy_context.h"
+
+namespace {
+
+constexpr uint32_t LOWER_HEADER_BYTES = 42; // Ethernet, IPv4 and UDP
+constexpr suseconds_t RUN_FLAG_POLL_US = 250000;
+
+// Binds to the group itself, so that other groups on the same port stay out, or to all addresses.
+bool BindInput(int socket, const ProxyContext& context)
+{
+    sockaddr_in local {};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(context.listenPort);
+    local.sin_addr.s_addr = IsMulticast(context.multicastGroup) ? context.multicastGroup : htonl(INADDR_ANY);
+    return bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
+}
+
+UniqueFd OpenInputSocket(const ProxyContext& context)
+{
+    UniqueFd socket(::socket(AF_INET, SOCK_DGRAM, 0));
+    if (!socket.IsValid()) {
+        (void)fprintf(stderr, "cannot open socket\n");
+        return socket;
+    }
+    const int on = 1;
+    (void)setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (!BindInput(socket.Get(), context)) {
+        socket.Reset();
+        (void)fprintf(stderr, "cannot bind port number %d \n", context.listenPort);
+    }
+    return socket;
+}
+
+ip_mreq Membership(in_addr_t group)
+{
+    ip_mreq membership {};
+    membership.imr_multiaddr.s_addr = group;
+    membership.imr_interface.s_addr = htonl(INADDR_ANY);
+    return membership;
+}
+
+void JoinGroup(int socket, in_addr_t group)
+{
+    const ip_mreq membership = Membership(group);
+    if (setsockopt(socket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof(membership)) != 0)
+        perror("IP_ADD_MEMBERSHIP failed"); // nothing will arrive; say why
+    const uint8_t off = 0;
+    (void)setsockopt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof(off));
+}
+
+void LeaveGroup(int socket, in_addr_t group)
+{
+    const ip_mreq membership = Membership(group);
+    (void)setsockopt(socket, IPPROTO_IP, IP_DROP_MEMBERSHIP, &membership, sizeof(membership));
+}
+
+bool ReadReceiveBuffer(int socket, int32_t* bytes)
+{
+    socklen_t size = sizeof(*bytes);
+    if (getsockopt(socket, SOL_SOCKET, SO_RCVBUF, bytes, &size) == 0)
+        return true;
+    perror("getsockopt failed:");
+    return false;
+}
+
+// Live streams come in bursts: a larger buffer keeps what arrives while this thread waits for a turn.
+void EnlargeReceiveBuffer(int socket)
+{
+    int32_t bytes = 0;
+    if (!ReadReceiveBuffer(socket, &bytes))
+        return;
+    (void)fprintf(stderr, "Rx bufferSize = %d\n", bytes);
+    const int32_t wanted = WantedReceiveBuffer(bytes);
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof(wanted)) != 0)
+        (void)fprintf(stderr, "setsockopt() SO_RCVBUF: error %d\n", errno);
+    else if (ReadReceiveBuffer(socket, &bytes))
+        (void)fprintf(stderr, "New Rx bufferSize = %d\n", bytes);
+}
+
+// Lets the receive loop look at the run flag when no stream comes in.
+void LimitReceiveWait(int socket)
+{
+    const timeval limit { 0, RUN_FLAG_POLL_US };
+    (void)setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+}
+
+// Only the first sender is recorded.
+void RecordSource(ProxyContext& context, const sockaddr_in& source)
+{
+    if (context.sourceAddress[0] == '\0')
+        (void)inet_ntop(AF_INET, &source.sin_addr, context.sourceAddress, sizeof(context.sourceAddress));
+}
+
+void Transform(const EncryptionPlugin& plugin, const PacketBuffer& packet, int32_t received)
+{
+    if (plugin.session == nullptr)
+        return;
+    const DataRegion region = CallbackRegion(received, packet.Length());
+    if (region.length > 0)
+        (void)plugin.dataCallback(plugin.session, packet.Data() + region.offset, region.length);
+}
+
+// Receives one datagram into the packet. False when there was none.
+bool ReceivePacket(int socket, ProxyContext& context, PacketBuffer& packet)
+{
+    sockaddr_in source {};
+    socklen_t sourceBytes = sizeof(source);
+    const auto received = static_cast<int32_t>(recvfrom(socket, packet.Data(), PacketBufferPool::SLICE_BYTES,
+        0, reinterpret_cast<sockaddr*>(&source), &sourceBytes));
+    if (received <= 0)
+        return false;
+    context.inputBytes.Add(static_cast<uint32_t>(received) + LOWER_HEADER_BYTES);
+    RecordSource(context, source);
+    Transform(context.plugin, packet, received);
+    packet.SetLength(received);
+    return true;
+}
+
+} // namespace
+
+void RunUdpInput(ProxyContext& context, PacketBufferPool& pool)
+{
+    const UniqueFd socket = OpenInputSocket(context);
+    if (!socket.IsValid())
+        return;
+    (void)printf("Listening on port %d for incoming stream\n", context.listenPort);
+    const bool isGroup = IsMulticast(context.multicastGroup);
+    if (isGroup)
+        JoinGroup(socket.Get(), context.multicastGroup);
+    EnlargeReceiveBuffer(socket.Get());
+    LimitReceiveWait(socket.Get());
+    PacketBuffer* packet = pool.get();
+    while (context.running) {
+        if (!ReceivePacket(socket.Get(), context, *packet))
+            continue;
+        (void)context.queue->push(packet, PacketQueue::NO_LIMIT);
+        packet = pool.get();
+    }
+    if (isGroup)
+        LeaveGroup(socket.Get(), context.multicastGroup);
+}
+
+int32_t WantedReceiveBuffer(int32_t currentBytes)
+{
+    constexpr int32_t GROWTH = 4;
+    constexpr int32_t MAX_BYTES = 524288;
+    return currentBytes >= MAX_BYTES / GROWTH ? MAX_BYTES : currentBytes * GROWTH;
+}
