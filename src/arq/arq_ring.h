@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "base/plain_word.h"
+#include "input/packet_buffer.h"
+
+// One remembered packet. 16 bytes: fifty streams of 4096 slots are most of what the proxy keeps resident,
+// so the flag of each slot stands in an array of its own beside them.
+struct ArqSlot {
+    PublishedPtr<PacketBuffer> packet; // null when empty; not owned
+    PlainWord<uint32_t> resendNotBefore; // ticks; earliest time of the next resend
+    PlainWord<uint32_t> timestamp; // ticks; when the packet was sent first
+};
+static_assert(sizeof(ArqSlot) == 16);
+
+// The retransmission ring of one engine: N slots, a power of two, indexed by sequence number AND (N - 1).
+//
+// Threads: sending threads store, the listen thread looks up and marks, without a lock. A slot may be
+// overwritten while it is looked at; whoever reads takes the packet pointer first and then compares the
+// sequence number in the packet's header.
+class ArqRing {
+public:
+    // Clears ok when memory is short.
+    ArqRing(bool& ok, uint32_t size);
+
+    // Puts the packet into its slot, whatever that held. `timestamp` is in ticks.
+    void Store(uint16_t seq, PacketBuffer* packet, uint32_t timestamp);
+
+    ArqSlot& Slot(uint16_t seq) { return m_slots[Index(seq)]; }
+
+    // Whether the packet has been sent again since it was stored.
+    bool IsRetransmitted(uint16_t seq) const { return m_retransmitted[Index(seq)] != 0; }
+    void SetRetransmitted(uint16_t seq) { m_retransmitted[Index(seq)] = 1; }
+
+    // Empties every slot.
+    void Clear();
+
+    uint32_t Index(uint16_t seq) const { return seq & m_nMask; }
+    uint32_t Size() const { return m_nSize; }
+
+private:
+    uint32_t m_nSize;
+    uint32_t m_nMask;
+    std::unique_ptr<ArqSlot[]> m_slots;
+    std::unique_ptr<PlainWord<uint8_t>[]> m_retransmitted; // one flag a slot
+};

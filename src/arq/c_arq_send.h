@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "arq/arq_budget.h"
+#include "arq/arq_ring.h"
+#include "arq/arq_send.h"
+#include "arq/wire.h"
+#include "base/plain_word.h"
+#include "input/packet_buffer.h"
+
+class CArqSendCB;
+class NetSyncVid;
+class RequestList;
+
+// The ARQ send engine: remembers the last N packets of one output stream and sends again what the
+// receiver asks for, within a time window and a byte budget that its requests set. It never copies,
+// owns or frees a packet and never sends by itself: everything goes through the stream's callback.
+//
+// Threads: as ArqSend. No lock anywhere: a slot may be overwritten while a request reads it, and the
+// comparison of sequence numbers catches a slot that was reused.
+class CArqSend : public ArqSend {
+public:
+    // Neither clock nor callback is owned; both may be null in an engine that handles no packet. With a
+    // callback, the engine puts itself into the callback's record and belongs to it. `ringSize` is a power
+    // of two; `bitRate`, in bit/s, bounds what one request sends again; `headerBuilding` makes room for
+    // BuildAndStore. Clears ok when memory is short; then only destruction is allowed.
+    CArqSend(bool& ok, NetSyncVid* clock, CArqSendCB* callback, uint32_t retries, uint32_t intervalMs,
+        uint32_t ringSize, uint32_t bitRate, bool headerBuilding);
+
+    void StoreSent(PacketBuffer* packet) override;
+    PacketBuffer* BuildAndStore(uint8_t* payload, int32_t length, uint16_t seq) override;
+    uint32_t ProcessBuffer(PacketBuffer* packet) override;
+    void GetStats(ArqSendStats* out) override;
+    void ClearStats() override;
+    void ClearRing() override;
+    void SetDebug(uint8_t flag) override { m_nDebug = flag; }
+    uint32_t Magic() const override { return m_nMagic; }
+
+    // The window values now in force, and the delay in milliseconds that they add up to.
+    void GetWindow(uint32_t* retries, uint32_t* intervalMs, uint32_t* delayMs) const;
+
+    uint32_t MaxAge() const { return m_nMaxAge; } // ticks
+    uint32_t HoldOff() const { return m_nHoldOff; } // ticks
+    uint32_t NextExpectedRequest() const { return m_nNextExpected; }
+    uint32_t Ssrc() const { return m_nSsrc; }
+
+private:
+    // What becomes of the rest of a request after one number.
+    enum class Verdict { GoOn, OverBudget };
+
+    uint32_t EchoPing(PacketBuffer* packet);
+    uint32_t RejectPing();
+    void TakeOverWindow(const RequestList& request);
+    void AnswerList(const RequestList& request);
+    void CountRun(uint16_t seq, uint32_t& run);
+    Verdict AnswerNumber(uint16_t seq, uint32_t budget, uint32_t& spent);
+    bool IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t now) const;
+    bool IsExpired(const ArqSlot& slot, uint32_t now) const;
+    void Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet);
+    ArqWindow Window() const { return { m_nRetries, m_nIntervalMs, m_nExtraMs }; }
+
+    CArqSendCB* m_pCallback;
+    ArqRing m_ring;
+    std::unique_ptr<PacketBuffer[]> m_builtRecords; // one a slot; only with header building
+    std::unique_ptr<MediaHeader[]> m_builtHeaders; // as above
+    PlainWord<uint32_t> m_nRetries; // the window: the listen thread writes, others read for statistics
+    PlainWord<uint32_t> m_nIntervalMs;
+    PlainWord<uint32_t> m_nExtraMs { 0 };
+    const uint32_t m_nHoldOff; // ticks; stays at what construction gave, whatever window receivers send
+    PlainWord<uint32_t> m_nMaxAge; // ticks; follows the window
+    const uint32_t m_nBitRate; // bit/s
+    const uint32_t m_nSsrc; // seconds since the epoch at construction
+    const bool m_bHeaderBuilding;
+    NetSyncVid* m_pClock;
+    PlainWord<uint32_t> m_nRetransmitted { 0 }; // this and the other counters: the listen thread adds, the
+    PlainWord<uint32_t> m_nNotInBuffer { 0 }; // control thread reads and clears
+    PlainWord<uint32_t> m_nLongestRun { 0 };
+    PlainWord<uint32_t> m_nNextExpected { 0 }; // last requested number + 1; across requests
+    PlainWord<uint32_t> m_nOverBudget { 0 };
+    PlainWord<uint32_t> m_nExpired { 0 };
+    PlainWord<uint8_t> m_nDebug { 0 };
+    const uint32_t m_nMagic = ENGINE_MAGIC;
+};

@@ -1,0 +1,126 @@
+// What a receiver sends to the request port: pings are echoed, requests answered from the ring.
+#include <cstdio>
+
+#include "arq/c_arq_send.h"
+#include "arq/c_arq_send_cb.h"
+#include "arq/datagram_kind.h"
+#include "arq/net_sync_vid.h"
+#include "arq/request_list.h"
+
+uint32_t CArqSend::ProcessBuffer(PacketBuffer* packet)
+{
+    if (packet->partCount != 1)
+        return 1; // everything a receiver sends arrives in one piece
+    const RequestList request(packet->Data(), packet->Length());
+    switch (ClassifyRequest(packet->Data(), packet->Length())) {
+    case RequestKind::Ping:
+        return EchoPing(packet);
+    case RequestKind::BadPing:
+        return RejectPing();
+    case RequestKind::Other:
+        return 1;
+    case RequestKind::Request:
+        break;
+    }
+    if (!request.IsChecksumRight())
+        return 0;
+    TakeOverWindow(request);
+    AnswerList(request);
+    return 1;
+}
+
+uint32_t CArqSend::EchoPing(PacketBuffer* packet)
+{
+    (void)m_pCallback->SendData(packet);
+    return 1;
+}
+
+uint32_t CArqSend::RejectPing()
+{
+    (void)fprintf(stderr, "CArqSend: ProcessBuffer: BAD ARQ_PING_ID\n");
+    return 0;
+}
+
+void CArqSend::TakeOverWindow(const RequestList& request)
+{
+    const ArqWindow window { request.Retries(), request.IntervalMs(), request.ExtraMs() };
+    if (window == Window())
+        return;
+    m_nRetries = window.retries;
+    m_nIntervalMs = window.intervalMs;
+    m_nExtraMs = window.extraMs;
+    m_nMaxAge = MaxAgeTicks(window);
+}
+
+void CArqSend::AnswerList(const RequestList& request)
+{
+    const uint32_t budget = BudgetBytes(Window(), m_nBitRate);
+    const uint32_t count = request.Count();
+    uint32_t run = 0;
+    uint32_t spent = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint16_t seq = request[i];
+        CountRun(seq, run);
+        if (AnswerNumber(seq, budget, spent) == Verdict::OverBudget) {
+            m_nOverBudget.Add(count - i); // this number and all that follow are given up
+            return;
+        }
+    }
+}
+
+void CArqSend::CountRun(uint16_t seq, uint32_t& run)
+{
+    run = seq == m_nNextExpected ? run + 1 : 0;
+    if (run > m_nLongestRun)
+        m_nLongestRun = run;
+    m_nNextExpected = static_cast<uint16_t>(seq + 1);
+}
+
+// The pointer is read from the slot first, then the header behind it: a slot that was reused meanwhile
+// shows another sequence number.
+CArqSend::Verdict CArqSend::AnswerNumber(uint16_t seq, uint32_t budget, uint32_t& spent)
+{
+    ArqSlot& slot = m_ring.Slot(seq);
+    PacketBuffer* packet = slot.packet.Load();
+    if (packet == nullptr) {
+        m_nNotInBuffer.Add(1);
+        return Verdict::GoOn;
+    }
+    const auto* header = reinterpret_cast<const MediaHeader*>(packet->Data());
+    const uint16_t stored = header->seq.Get();
+    const uint32_t now = m_pClock->LocalNow();
+    if (stored != seq || IsHeldOff(seq, slot, now))
+        return Verdict::GoOn;
+    if (IsExpired(slot, now)) {
+        slot.packet.ClearIf(packet); // not a newer packet that was stored meanwhile
+        m_nExpired.Add(1);
+        return Verdict::GoOn;
+    }
+    spent += static_cast<uint32_t>(packet->TotalLength());
+    if (spent > budget)
+        return Verdict::OverBudget;
+    Resend(seq, slot, packet);
+    return Verdict::GoOn;
+}
+
+bool CArqSend::IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t now) const
+{
+    return m_ring.IsRetransmitted(seq) && TicksSince(now, slot.resendNotBefore) < 0;
+}
+
+bool CArqSend::IsExpired(const ArqSlot& slot, uint32_t now) const
+{
+    return TicksSince(now - m_nMaxAge, slot.timestamp) >= 0;
+}
+
+// The header is changed in place: the packet keeps the retransmission payload type from here on.
+void CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet)
+{
+    auto* header = reinterpret_cast<MediaHeader*>(packet->Data());
+    header->payloadType.Set(
+        static_cast<uint8_t>((header->payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
+    (void)m_pCallback->SendData(packet);
+    slot.resendNotBefore = m_pClock->LocalNow() + m_nHoldOff;
+    m_ring.SetRetransmitted(seq);
+    m_nRetransmitted.Add(1);
+}
