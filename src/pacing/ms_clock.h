@@ -1,0 +1,12 @@
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+
+// Wall-clock milliseconds modulo 2^32. Compare two readings with TicksSince only.
+uint32_t TimeMs(const timeval& now);
+uint32_t GetTimeMs();
+
+// Sleeps the whole time, also across signals. Always returns true.
+bool SleepMs(uint32_t ms);

@@ -1,0 +1,17 @@
+#include "pacing/pacer_cb.h"
+
+#include <cstdio>
+
+#include "replicator/arq_send_replicator.h"
+
+PacerCB::~PacerCB()
+{
+    if (m_pPacer && m_pPacer->Overflows() != 0)
+        (void)printf("Pacer OverFlows %d\n", static_cast<int32_t>(m_pPacer->Overflows()));
+}
+
+bool PacerCB::Send(PacketBuffer* packet)
+{
+    (void)m_pReplicator->SendPacket(packet);
+    return true;
+}
