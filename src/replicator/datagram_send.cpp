@@ -1,0 +1,40 @@
+#include "replicator/datagram_send.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include "input/packet_buffer.h"
+
+namespace {
+
+const sockaddr* Generic(const sockaddr_in& address)
+{
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+iovec Piece(const PacketBuffer& packet, int part)
+{
+    return { packet.parts[part], static_cast<size_t>(packet.partLengths[part].Load()) };
+}
+
+ssize_t SendTwoPieces(int fd, const PacketBuffer& packet, const sockaddr_in& destination)
+{
+    iovec pieces[2] = { Piece(packet, 0), Piece(packet, 1) };
+    msghdr message {};
+    message.msg_name
+        = const_cast<sockaddr_in*>(&destination); // the interface is not const, the call only reads
+    message.msg_namelen = sizeof(destination);
+    message.msg_iov = pieces;
+    message.msg_iovlen = 2;
+    return sendmsg(fd, &message, 0);
+}
+
+} // namespace
+
+int SendDatagram(int fd, const PacketBuffer& packet, const sockaddr_in& destination)
+{
+    if (packet.partCount != 1)
+        return static_cast<int>(SendTwoPieces(fd, packet, destination));
+    return static_cast<int>(sendto(fd, packet.Data(), static_cast<size_t>(packet.Length()), 0,
+        Generic(destination), sizeof(destination)));
+}

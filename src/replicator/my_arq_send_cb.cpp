@@ -1,0 +1,148 @@
+#include "replicator/my_arq_send_cb.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "arq/wire.h"
+#include "input/packet_buffer.h"
+#include "replicator/datagram_send.h"
+#include "replicator/log_timestamp.h"
+
+namespace {
+
+constexpr int NO_SOCKET = -1;
+
+// A UDP socket that may share its port; invalid when it could not be made so.
+UniqueFd OpenStreamSocket()
+{
+    UniqueFd socket(::socket(AF_INET, SOCK_DGRAM, 0));
+    const int on = 1;
+    if (socket.IsValid() && setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
+        const StampedLine line;
+        (void)fprintf(stderr, "Error: setsockopt(SO_REUSEADDR) failed\n");
+        socket.Reset();
+    }
+    return socket;
+}
+
+void BindToInterface(int socket, int32_t index)
+{
+    constexpr size_t NAME_BYTES = 32;
+    char name[NAME_BYTES] = "";
+    (void)snprintf(name, sizeof(name), "eth%d", index);
+    if (setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, name, sizeof(name)) != 0)
+        perror("SO_BINDTODEVICE failed");
+}
+
+} // namespace
+
+MyArqSendCB::MyArqSendCB(TransmitStats& owner, in_addr_t addressNet, uint16_t port, uint32_t streamId)
+    : m_owner(owner),
+      m_nAddressNet(addressNet),
+      m_usConfiguredPort(port),
+      m_usPortNet(htons(port)),
+      m_nStreamId(streamId),
+      m_sockets { NO_SOCKET, NO_SOCKET, NO_SOCKET, NO_SOCKET }
+{
+    (void)inet_ntop(AF_INET, &m_nAddressNet, m_hostText, sizeof(m_hostText));
+    if (addressNet == htonl(INADDR_LOOPBACK)) {
+        m_bMediaStarted = true;
+        m_bIsAlive = 1;
+        m_bStatic = true;
+    }
+}
+
+// The engine goes first: it still points to this record.
+MyArqSendCB::~MyArqSendCB()
+{
+    m_pEngine.reset();
+}
+
+void MyArqSendCB::OpenSocket()
+{
+    m_bOwnsSockets = true;
+    SetSocket(0, SharedSocket(OpenStreamSocket().Release()));
+}
+
+void MyArqSendCB::BorrowSocket(const SharedSocket& socket)
+{
+    m_bOwnsSockets = false;
+    SetSocket(0, socket);
+}
+
+void MyArqSendCB::BindInterfaces(int32_t nInterfaces, uint32_t percent)
+{
+    const int32_t count = std::clamp(nInterfaces, 1, SocketChooser::MAX_SOCKETS);
+    for (int32_t i = 0; i < count; ++i) {
+        if (i > 0)
+            SetSocket(i, SharedSocket(OpenStreamSocket().Release()));
+        BindToInterface(m_sockets[i], i);
+    }
+    m_chooser.UseInterfaces(count, percent);
+}
+
+SharedSocket MyArqSendCB::AdoptSocket(int pingSocket)
+{
+    const int32_t current = m_chooser.Current();
+    if (m_bOwnsSockets && m_holders[current].IsValid()) {
+        if (dup2(pingSocket, m_sockets[current]) < 0)
+            perror("dup2 failed"); // media goes on from the old port
+        return {};
+    }
+    SharedSocket duplicate(dup(pingSocket));
+    if (!duplicate.IsValid()) {
+        perror("dup failed");
+        return {};
+    }
+    SharedSocket borrowed = m_holders[current];
+    SetSocket(current, std::move(duplicate));
+    m_bOwnsSockets = true;
+    return borrowed;
+}
+
+int MyArqSendCB::SendData(PacketBuffer* packet)
+{
+    if (!m_bIsAlive) {
+        (void)fprintf(stderr, "SendData:: m_bIsAlive is false\n");
+        return 1;
+    }
+    m_owner.m_nTxPackets.Add(1);
+    const int sent = SendDatagram(m_sockets[m_chooser.Current()], *packet, Destination());
+    if (sent >= 0)
+        m_owner.m_nTxBytes.Add(static_cast<uint32_t>(sent));
+    m_chooser.Advance();
+    if (sent < 0) {
+        perror("SendData failed");
+        return 0;
+    }
+    return 1;
+}
+
+void MyArqSendCB::SendStop()
+{
+    const sockaddr_in destination = Destination();
+    (void)sendto(m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), 0,
+        reinterpret_cast<const sockaddr*>(&destination), sizeof(destination));
+    m_chooser.Advance();
+}
+
+void MyArqSendCB::SetSocket(int32_t index, SharedSocket socket)
+{
+    m_sockets[index] = socket.Get();
+    m_holders[index] = std::move(socket);
+}
+
+sockaddr_in MyArqSendCB::Destination() const
+{
+    sockaddr_in destination {};
+    destination.sin_family = AF_INET;
+    destination.sin_port = m_usPortNet;
+    destination.sin_addr.s_addr = m_nAddressNet;
+    return destination;
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+
+#include "arq/c_arq_send_cb.h"
+#include "base/plain_word.h"
+#include "replicator/shared_socket.h"
+#include "replicator/socket_chooser.h"
+#include "replicator/traffic_stats.h"
+
+// One output stream: an entry of the replicator's table and the callback through which the stream's own
+// ARQ engine puts datagrams on the wire.
+//
+// Threads: the sending threads (media) and the listen thread (retransmissions) call SendData without a
+// lock. All else is called by whoever holds the replicator lock, or before the stream is in the table.
+class MyArqSendCB : public CArqSendCB {
+public:
+    // A stream to `addressNet`:`port` (network order; host order), not yet alive unless the address is
+    // 127.0.0.1, which needs no pings. `owner` counts what is sent and outlives the stream.
+    MyArqSendCB(TransmitStats& owner, in_addr_t addressNet, uint16_t port, uint32_t streamId);
+    ~MyArqSendCB() override;
+
+    // Makes the stream's own socket 0. A socket that cannot be made stays -1 and the stream's sends fail.
+    void OpenSocket();
+
+    // Sends from another stream's socket instead; the stream does not own it.
+    void BorrowSocket(const SharedSocket& socket);
+
+    // One socket for each of the interfaces eth0, eth1, ... (`nInterfaces` of them, 4 at most), with
+    // datagrams shared out by weight as SocketChooser does. An interface that is not there is reported
+    // and its socket left unbound.
+    void BindInterfaces(int32_t nInterfaces, uint32_t percent);
+
+    // A share of socket `index`, which keeps it open; empty when there is none.
+    SharedSocket ShareSocket(int32_t index) const { return m_holders[index]; }
+    int32_t SocketNumber(int32_t index) const { return m_sockets[index]; }
+
+    // Lets media leave from `pingSocket`'s port from now on: puts a duplicate of it in the place of the
+    // current socket. An own socket is replaced in one step, so that a thread that sends meanwhile never
+    // meets a closed or foreign descriptor. A borrowed one stays with its owner; the share in it is
+    // returned, for the caller to drop once no sender can still be using it.
+    SharedSocket AdoptSocket(int pingSocket);
+
+    int SendData(PacketBuffer* packet) override;
+
+    // Sends the stop message once, whether the stream is alive or not.
+    void SendStop();
+
+    in_addr_t AddressNet() const { return m_nAddressNet; }
+    uint16_t ConfiguredPort() const { return m_usConfiguredPort; }
+    uint16_t DestinationPortNet() const { return m_usPortNet; }
+    void SetDestinationPortNet(uint16_t portNet) { m_usPortNet = portNet; }
+    uint32_t StreamId() const { return m_nStreamId; }
+    const char* HostText() const { return m_hostText; }
+    bool OwnsSockets() const { return m_bOwnsSockets; }
+
+    // Liveness, changed under the replicator lock.
+    uint16_t m_usMediaPortNet = 0; // the receiver's port as its ping came, network order; 0 until then
+    uint32_t m_nPingCount = 0; // pings since the keep-alive thread last looked
+    bool m_bMediaStarted = false; // the receiver's port is known, or needs not be
+    bool m_bStatic = false; // configured by address or on loopback: never suspended
+    PlainWord<uint8_t> m_bIsAlive {
+        0
+    }; // datagrams are sent only while set; SendData reads it without the lock
+
+private:
+    void SetSocket(int32_t index, SharedSocket socket);
+    sockaddr_in Destination() const;
+
+    TransmitStats& m_owner;
+    const in_addr_t m_nAddressNet;
+    const uint16_t m_usConfiguredPort; // host order
+    PlainWord<uint16_t> m_usPortNet; // destination port; follows the receiver's media port
+    const uint32_t m_nStreamId; // 0 for streams configured by address
+    PlainWord<int> m_sockets[SocketChooser::MAX_SOCKETS]; // what senders use; the shares below keep them open
+    SharedSocket m_holders[SocketChooser::MAX_SOCKETS];
+    SocketChooser m_chooser;
+    bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
+    char m_hostText[32] = ""; // the destination address in dotted form
+};

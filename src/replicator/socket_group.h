@@ -1,0 +1,41 @@
+#pragma once
+
+#include "base/plain_word.h"
+#include "replicator/thread_crew.h"
+
+class SocketListener;
+
+// Serves up to two listeners from one listen thread.
+//
+// Threads: SetListener, Start and Stop are called by the owner, SetListener only while the thread does not
+// run; the listen thread alone uses the listeners in between.
+class SocketGroup {
+public:
+    static constexpr int POSITIONS = 2;
+
+    SocketGroup() = default;
+    SocketGroup(const SocketGroup&) = delete;
+    SocketGroup& operator=(const SocketGroup&) = delete;
+    ~SocketGroup();
+
+    // Puts a listener (not owned; null for none) into position 0 or 1; other positions are ignored.
+    void SetListener(SocketListener* listener, int position);
+
+    // Starts the listen thread. False when it already runs or cannot be made.
+    bool Start();
+
+    // Ends the listen thread and returns once it is gone, 600 ms later at the earliest. False when it does
+    // not run.
+    bool Stop();
+
+private:
+    // The listen thread: initialises the listeners, then serves them until the group is stopped. Ends
+    // alone when a listener cannot be made usable.
+    static void Listen(void* group);
+    bool InitListeners();
+    void ServeOnce();
+
+    PlainWord<uint8_t> m_bRunning { 0 }; // the owner sets and clears it, the listen thread polls it
+    ThreadCrew m_crew;
+    SocketListener* m_listeners[POSITIONS] {};
+};

@@ -1,0 +1,96 @@
+#include "replicator/socket_listener.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+namespace {
+
+// A request may claim up to 65535 sequence numbers, far more than its datagram holds. They are read as
+// claimed: behind the last slice there is room for the longest list, so that this never leaves the pool.
+constexpr uint32_t POOL_TAIL_BYTES = 131072;
+
+sockaddr_in Address(in_addr_t addressNet, uint16_t port)
+{
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = addressNet;
+    return address;
+}
+
+} // namespace
+
+SocketListener::SocketListener(SharedSocket socket, uint16_t port, bool& ok, uint32_t poolSize)
+    : m_socket(std::move(socket)),
+      m_usPort(port),
+      m_pool(PacketBufferPool::create(poolSize, PacketBufferPool::SLICE_BYTES, POOL_TAIL_BYTES))
+{
+    if (!m_pool) {
+        ok = false;
+        (void)fprintf(stderr, "SocketListener: ERROR: PacketBufferInit failed!\n");
+    }
+}
+
+void SocketListener::Init(bool& ok)
+{
+    if (m_bDuplicateMode) {
+        InitDuplicate(ok);
+        return;
+    }
+    if (!m_socket.IsValid()) {
+        m_socket = SharedSocket(socket(AF_INET, SOCK_DGRAM, 0));
+        m_bOwnsSocket = true;
+        if (!m_socket.IsValid()) {
+            ok = false;
+            return;
+        }
+    }
+    const int on = 1;
+    if (setsockopt(Socket(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
+        (void)fprintf(stderr, "SocketListener: setsockopt(SO_REUSEADDR) failed on port %d\n", m_usPort);
+        ok = false;
+    }
+    const sockaddr_in local = Address(htonl(INADDR_ANY), m_usPort);
+    if (bind(Socket(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0) {
+        (void)fprintf(stderr, "SocketListener: sock bound to port %d\n", m_usPort);
+    } else {
+        (void)fprintf(stderr, "SocketListener: bind failed on port %d\n", m_usPort);
+        ok = false;
+    }
+}
+
+void SocketListener::InitDuplicate(bool& ok)
+{
+    if (!m_socket.IsValid()) {
+        ok = false;
+        return;
+    }
+    const sockaddr_in self = Address(htonl(INADDR_LOOPBACK), m_usPort);
+    if (sendto(Socket(), "", 0, 0, reinterpret_cast<const sockaddr*>(&self), sizeof(self)) < 0)
+        (void)fprintf(stderr, "cannot send data\n");
+    const int old = Socket();
+    SharedSocket duplicate(dup(old));
+    if (!duplicate.IsValid()) {
+        ok = false;
+        return;
+    }
+    (void)fprintf(stderr, "New socket %d from %d\n", duplicate.Get(), old);
+    m_socket = std::move(duplicate);
+    m_bOwnsSocket = true;
+}
+
+void SocketListener::Receive()
+{
+    PacketBuffer* packet = m_pool->get();
+    sockaddr_in source {};
+    socklen_t sourceBytes = sizeof(source);
+    const ssize_t received = recvfrom(Socket(), packet->Data(), PacketBufferPool::SLICE_BYTES, MSG_DONTWAIT,
+        reinterpret_cast<sockaddr*>(&source), &sourceBytes);
+    if (received < 0)
+        return; // select may report a datagram that a bad checksum then takes away
+    packet->SetLength(static_cast<int32_t>(received));
+    (void)OnPacket(packet, source.sin_addr.s_addr, source.sin_port);
+}
