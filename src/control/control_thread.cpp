@@ -1,0 +1,132 @@
+#include "control/control_thread.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "control/commands.h"
+#include "control/paths.h"
+#include "control/status_poll.h"
+#include "control/unix_address.h"
+#include "control/wait_readable.h"
+#include "main/proxy_context.h"
+#include "pacing/ms_clock.h"
+
+namespace {
+
+constexpr uint32_t WAIT_MS = 500; // also how soon a cleared run flag is noticed
+constexpr int BACKLOG = 5;
+constexpr size_t REQUEST_BYTES = 1024;
+
+// What one client sent last, with a zero behind it.
+struct Request {
+    char text[REQUEST_BYTES + 1] = "";
+};
+
+// Removes the socket file of an earlier run, or what a link there points to.
+void RemoveStaleFile(const std::string& path)
+{
+    struct FreeDeleter {
+        void operator()(char* text) const { std::free(text); }
+    };
+    const std::unique_ptr<char, FreeDeleter> resolved(realpath(path.c_str(), nullptr));
+    if (resolved)
+        (void)unlink(resolved.get());
+}
+
+UniqueFd OpenControlSocket(const std::string& path)
+{
+    RemoveStaleFile(path);
+    // Non-blocking: a client that is gone again before it is accepted must not hold this thread.
+    UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    if (!listener.IsValid()) {
+        perror("creating socket");
+        return listener;
+    }
+    const sockaddr_un address = UnixAddress(path);
+    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        perror("binding socket");
+        return {};
+    }
+    (void)listen(listener.Get(), BACKLOG);
+    return listener;
+}
+
+// A client that never reads its replies must not hold this thread for ever.
+void BoundWrites(int client)
+{
+    const timeval limit { 0, static_cast<suseconds_t>(WAIT_MS) * 1000 };
+    (void)setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+}
+
+void Answer(const ProxyContext& context, int client, const Request& request)
+{
+    char reply[REPLY_BYTES];
+    CarryOutCommand(*context.replicator, request.text, reply);
+    const size_t length = std::strlen(reply);
+    if (length != 0)
+        (void)send(client, reply, length, MSG_NOSIGNAL);
+}
+
+// Reads one request and answers it; returns the result of the read. A failed read leaves the old request
+// in place, which is then carried out once more.
+ssize_t ServeRequest(const ProxyContext& context, int client, Request& request)
+{
+    const ssize_t count = read(client, request.text, REQUEST_BYTES);
+    if (count == 0)
+        return 0;
+    if (count > 0)
+        request.text[count] = '\0';
+    Answer(context, client, request);
+    return count;
+}
+
+void ServeClient(ProxyContext& context, int client)
+{
+    BoundWrites(client);
+    Request request;
+    ssize_t lastRead = 1;
+    while (context.running && lastRead > 0) {
+        if (WaitReadable(client, WAIT_MS))
+            lastRead = ServeRequest(context, client, request);
+        PollImpairment(context);
+    }
+}
+
+void Serve(ProxyContext& context, int listener)
+{
+    while (context.running) {
+        PollImpairment(context);
+        if (!WaitReadable(listener, WAIT_MS))
+            continue;
+        const UniqueFd client(accept(listener, nullptr, nullptr));
+        if (client.IsValid())
+            ServeClient(context, client.Get());
+    }
+}
+
+} // namespace
+
+bool process_request_thread(ProxyContext& context)
+{
+    OpenStatusSocket(context);
+    const std::string path = ControlSocketPath(context.instance);
+    UniqueFd listener = OpenControlSocket(path);
+    const bool isUp = listener.IsValid();
+    if (isUp) {
+        context.nextPollMs = GetTimeMs();
+        Serve(context, listener.Get());
+        listener.Reset();
+    }
+    (void)unlink(path.c_str());
+    (void)fprintf(stderr, "process_request_thread: exiting\n");
+    return isUp;
+}
