@@ -1,0 +1,100 @@
+#include "main/encryption_plugin.h"
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+
+#include <string>
+
+namespace {
+
+constexpr int32_t OPEN_MODE = 1;
+
+std::string s_root; // NOLINT(cert-err58-cpp): an empty string cannot fail
+
+std::string InstalledPath()
+{
+    return s_root + "/usr/local/bin/libsorvanex.so.1.0";
+}
+
+std::string DiskPath()
+{
+    return s_root + "/disk/sorvanex/libsorvanex.so.1.0";
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0;
+}
+
+// Prints the loader's last error; false when there was none.
+bool ReportLoaderError()
+{
+    const char* text = dlerror(); // NOLINT(concurrency-mt-unsafe): glibc keeps it per thread
+    if (text == nullptr)
+        return false;
+    (void)fprintf(stderr, "%s\n", text);
+    return true;
+}
+
+template <typename Function>
+bool Resolve(void* library, const char* name, Function* function)
+{
+    *function = reinterpret_cast<Function>(dlsym(library, name));
+    return !ReportLoaderError();
+}
+
+} // namespace
+
+void SetPluginRoot(const char* root)
+{
+    s_root = root != nullptr ? root : "";
+}
+
+void EncryptionPlugin::Load(const char* password, int32_t length)
+{
+    bool isOpen = false;
+    if (Exists(InstalledPath()))
+        isOpen = Open(InstalledPath().c_str());
+    else if (Exists(DiskPath()))
+        isOpen = Open("libsorvanex.so"); // by its bare name on purpose: the loader's own search path decides
+    if (!isOpen)
+        return;
+    session = openCallback(OPEN_MODE, password, length);
+    if (session == nullptr)
+        return;
+    (void)fprintf(stderr, "Loaded ");
+    printInfo(session, 0, stderr);
+    (void)fprintf(stderr, "\n");
+}
+
+bool EncryptionPlugin::Open(const char* path)
+{
+    *this = {};
+    (void)dlerror(); // NOLINT(concurrency-mt-unsafe): forget what failed before
+    library = dlopen(path, RTLD_LAZY);
+    if (ReportLoaderError())
+        return false;
+    if (Resolve(library, "sorvanex_open_callback", &openCallback)
+        && Resolve(library, "sorvanex_data_callback", &dataCallback)
+        && Resolve(library, "sorvanex_close_callback", &closeCallback)
+        && Resolve(library, "sorvanex_print_info", &printInfo))
+        return true;
+    (void)dlclose(library);
+    *this = {};
+    return false;
+}
+
+void EncryptionPlugin::CloseSession()
+{
+    if (session != nullptr)
+        closeCallback(session);
+}
+
+void EncryptionPlugin::Unload()
+{
+    if (library == nullptr)
+        return;
+    (void)dlclose(library);
+    *this = {};
+}

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/un.h>
+
+#include <cstdint>
+#include <string>
+
+#include "base/plain_word.h"
+#include "main/encryption_plugin.h"
+
+class ArqSendReplicator;
+class PacketQueue;
+
+// The run context: the settings of the command line and the parts of the running proxy. Main owns it for
+// the whole run.
+//
+// Threads: main fills it before the input thread and the control thread start; afterwards each word below
+// has the writers that its comment names.
+struct ProxyContext {
+    PlainWord<int32_t> running {
+        0
+    }; // main sets it; main loop, input and control threads run while it is not 0
+    uint16_t listenPort = 0; // UDP port of the input stream
+    uint16_t destPort = 10000; // UDP port of the output streams
+    uint16_t arqRequestPort = 7020; // where receivers' requests arrive
+    uint16_t unicastUdpPort = 0; // 0: none
+    int32_t startTime = 0; // seconds since the epoch when the threads were started; UDP input mode only
+    int32_t grossMediaBitrate = 50000000; // bit/s
+    int32_t udpInputMode = 0;
+    in_addr_t multicastGroup = 0; // network order; 0: none
+    ArqSendReplicator* replicator = nullptr; // owned by main's run
+    std::string destAddress; // destinations as given, of any length
+    PacketQueue* queue = nullptr; // owned by main's run
+    int32_t instance = 1;
+    int32_t instanceCopy = 0; // as it was when the replicator was built
+    // The control thread's own, from here to the next poll time.
+    int32_t statusFlag = 0; // whether status records are sent; nothing sets it
+    int statusSocket = -1;
+    sockaddr_un statusAddress {};
+    uint32_t nextPollMs = 0; // next impairment poll, on the millisecond clock
+    char sourceAddress[INET_ADDRSTRLEN]
+        = ""; // sender of the first input datagram; the input thread writes it once
+    PlainWord<uint32_t> inputBytes { 0 }; // with Ethernet, IPv4 and UDP headers; the input thread adds
+    int64_t startTimeUs = 0; // microseconds since the epoch when the threads were started
+    EncryptionPlugin plugin;
+};
