@@ -53,8 +53,7 @@ ParseResult Proxy::StartUp()
     const ParseResult options = ParseOptions(m_nArgs, m_pArgs, m_context, m_settings);
     if (!options.goOn)
         return options;
-    m_pLock.reset(new (std::nothrow) InstanceLock);
-    if (!m_pLock || !m_pLock->Take(m_context.instance)) {
+    if (!m_lock.emplace().Take(m_context.instance)) {
         (void)fprintf(stderr, "Process already running!\n");
         return { false, EXIT_FAILURE };
     }
@@ -68,8 +67,7 @@ ParseResult Proxy::StartUp()
     }
     LoadLibrary();
     bool isQueueUsable = true; // an unusable queue takes nothing; there is nothing better to do about it
-    m_pQueue.reset(new (std::nothrow) PacketQueue(isQueueUsable, QUEUE_CAPACITY, nullptr, nullptr));
-    m_context.queue = m_pQueue.get();
+    m_context.queue = &m_queue.emplace(isQueueUsable, QUEUE_CAPACITY, nullptr, nullptr);
     StartThreads();
     return { true, EXIT_SUCCESS };
 }
@@ -160,7 +158,7 @@ void Proxy::Deliver()
     if (m_settings.pacingBitrate >= 1)
         CreatePacer();
     while (m_context.running) {
-        if (PacketBuffer* packet = m_pQueue->popWait())
+        if (PacketBuffer* packet = m_queue->popWait())
             DeliverPacket(packet);
     }
 }
@@ -178,19 +176,19 @@ void Proxy::DeliverPacket(PacketBuffer* packet)
 void Proxy::WaitForThreads()
 {
     while (!m_crew.IsGone())
-        (void)m_pQueue->pop(nullptr, DRAIN_MS);
+        (void)m_queue->pop(nullptr, DRAIN_MS);
 }
 
 // Nothing that runs may still use what is destroyed here: the threads leave first, the pacer's ticks end.
+// The pacer goes before its callback object, so that a clean end makes no overflow report.
 void Proxy::ShutDown()
 {
     WaitForThreads();
-    if (m_pPacerCB && m_pPacerCB->m_pPacer)
-        m_pPacerCB->m_pPacer->Stop();
-    m_pLock.reset();
-    m_pQueue.reset();
+    if (m_pPacerCB)
+        m_pPacerCB->m_pPacer.reset();
+    m_lock.reset();
+    m_queue.reset();
     m_pReplicator.reset();
     m_context.plugin.CloseSession();
     m_context.plugin.Unload();
-    (void)m_pPacerCB.release(); // stopped, but left to the end of the process like its overflow report
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "input/packet_queue.h"
 #include "main/instance_lock.h"
@@ -44,9 +45,9 @@ private:
     MainSettings m_settings;
     const int m_nArgs;
     char** const m_pArgs;
-    std::unique_ptr<InstanceLock> m_pLock;
+    std::optional<InstanceLock> m_lock;
     std::unique_ptr<ArqSendReplicator> m_pReplicator;
-    std::unique_ptr<PacketQueue> m_pQueue;
+    std::optional<PacketQueue> m_queue;
     std::unique_ptr<PacerCB> m_pPacerCB; // null without pacing
     ThreadCrew m_crew; // input and control threads
 };
