@@ -8,5 +8,5 @@
 // Packets that each engine keeps for retransmission; a power of two.
 inline int32_t g_nArqBufferCount = 4096;
 
-// 0 (quiet) to 9; gates diagnostic printing in the replicator and the engines.
+// 0 (quiet) to 9; for diagnostic printing in the replicator and the engines, of which there is none now.
 inline uint32_t g_nDebugLevel = 0;

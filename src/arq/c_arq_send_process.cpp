@@ -7,12 +7,24 @@
 #include "arq/net_sync_vid.h"
 #include "arq/request_list.h"
 
+namespace {
+
+// Bytes that lie in one run from the start of part 0; a second part counts when it lies right behind it.
+int32_t RunLength(const PacketBuffer& packet)
+{
+    const int32_t first = packet.Length();
+    const bool adjoins = packet.partCount > 1 && packet.parts[1] == packet.Data() + first;
+    return adjoins ? first + packet.partLengths[1] : first;
+}
+
+} // namespace
+
 uint32_t CArqSend::ProcessBuffer(PacketBuffer* packet)
 {
-    if (packet->partCount != 1)
-        return 1; // everything a receiver sends arrives in one piece
-    const RequestList request(packet->Data(), packet->Length());
-    switch (ClassifyRequest(packet->Data(), packet->Length())) {
+    const int32_t length = RunLength(*packet);
+    if (length < ARQ_REQUEST_BYTES && packet->partCount != 1)
+        return 1;
+    switch (ClassifyRequest(packet->Data(), length)) {
     case RequestKind::Ping:
         return EchoPing(packet);
     case RequestKind::BadPing:
@@ -22,6 +34,7 @@ uint32_t CArqSend::ProcessBuffer(PacketBuffer* packet)
     case RequestKind::Request:
         break;
     }
+    const RequestList request(packet->Data(), length);
     if (!request.IsChecksumRight())
         return 0;
     TakeOverWindow(request);

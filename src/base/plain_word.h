@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <type_traits>
 
 // A word that several threads read and write without a lock: flags, counters, settings.
 // Every access is a relaxed load or store, the same instructions as for a plain variable. An update made
@@ -10,14 +11,10 @@ template <typename T>
 class PlainWord {
 public:
     constexpr PlainWord() noexcept = default;
-    constexpr PlainWord(
-        T value) noexcept // NOLINT(google-explicit-constructor): reads like the plain word it is
-        : m_value(value)
-    {
-    }
+    // NOLINTNEXTLINE(google-explicit-constructor): reads like the plain word it is
+    constexpr PlainWord(T value) noexcept : m_value(value) {}
     PlainWord(const PlainWord&) = delete;
-    PlainWord& operator=(
-        const PlainWord& other) noexcept // NOLINT(bugprone-unhandled-self-assignment): harmless
+    PlainWord& operator=(const PlainWord& other) noexcept
     {
         Store(other.Load());
         return *this;
@@ -26,10 +23,15 @@ public:
     T Load() const noexcept { return m_value.load(std::memory_order_relaxed); }
     void Store(T value) noexcept { m_value.store(value, std::memory_order_relaxed); }
 
-    // Adds without a lock prefix. Unsigned types wrap.
-    void Add(T amount) noexcept { Store(static_cast<T>(Load() + amount)); }
+    // Adds without a lock prefix. Wraps, signed numbers too.
+    void Add(T amount) noexcept
+    {
+        using Unsigned = std::make_unsigned_t<T>;
+        Store(static_cast<T>(static_cast<Unsigned>(Load()) + static_cast<Unsigned>(amount)));
+    }
 
-    operator T() const noexcept { return Load(); } // NOLINT(google-explicit-constructor): as above
+    // NOLINTNEXTLINE(google-explicit-constructor): as above
+    operator T() const noexcept { return Load(); }
     PlainWord& operator=(T value) noexcept
     {
         Store(value);

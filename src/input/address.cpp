@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t MAX_QUAD_CHARS = 15;
 constexpr size_t FIRST_RESOLVER_BYTES = 1024;
-constexpr size_t MAX_RESOLVER_BYTES = 256 * 1024;
+constexpr size_t MAX_RESOLVER_BYTES = size_t { 256 } * 1024;
 
 // inet_aton also takes shorter forms and ignores what follows a blank; only dots before one count.
 bool HasFourFields(const char* text)

@@ -18,7 +18,7 @@ std::unique_ptr<PacketBufferPool> PacketBufferPool::create(
 
 bool PacketBufferPool::Allocate(uint32_t count, uint32_t sliceSize, uint32_t tailBytes)
 {
-    // malloc may answer a request for nothing with null; one spare byte keeps an empty pool apart from a failure.
+    // malloc may answer a request for nothing with null: one spare byte tells an empty pool from a failure.
     const size_t sliceTotal = static_cast<size_t>(count) * sliceSize;
     m_data.reset(static_cast<uint8_t*>(std::malloc(sliceTotal + tailBytes + 1)));
     if (!m_data)

@@ -18,9 +18,8 @@ class PacketQueue;
 // Threads: main fills it before the input thread and the control thread start; afterwards each word below
 // has the writers that its comment names.
 struct ProxyContext {
-    PlainWord<int32_t> running {
-        0
-    }; // main sets it; main loop, input and control threads run while it is not 0
+    // Main sets it; main loop, input and control threads run while it is not 0
+    PlainWord<int32_t> running { 0 };
     uint16_t listenPort = 0; // UDP port of the input stream
     uint16_t destPort = 10000; // UDP port of the output streams
     uint16_t arqRequestPort = 7020; // where receivers' requests arrive

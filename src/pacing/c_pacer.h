@@ -68,9 +68,8 @@ private:
     PlainWord<int32_t> m_nHeaderBytes { 0 };
     uint32_t m_ulBitRate = 0; // bit/s
     PlainWord<int32_t> m_nQuota { 0 }; // bytes that may still go out in this tick
-    PlainWord<int32_t> m_nCarry {
-        0
-    }; // quota left by the last tick; negative when its last packet overdrew it
+    // Quota left by the last tick; negative when its last packet overdrew it
+    PlainWord<int32_t> m_nCarry { 0 };
     PlainWord<uint32_t> m_ulQuotaBytes { 0 }; // quota of one tick
     int32_t m_nPeriodMs;
 };

@@ -21,6 +21,17 @@ constexpr uint32_t LISTENER_POOL_SIZE = 1024; // buffers
 constexpr int32_t SECOND_SOCKET_STREAMS
     = 2; // from this many interfaces on, pings have a socket to themselves
 
+// Cuts the next destination off `*rest` that the resolver knows; null when there is none left.
+const char* NextResolved(char** rest, in_addr_t* addressNet)
+{
+    while (const char* text = strtok_r(*rest, ",", rest)) {
+        *addressNet = resolveHost(text);
+        if (*addressNet != 0)
+            return text;
+    }
+    return nullptr;
+}
+
 } // namespace
 
 ArqSendReplicator::ArqSendReplicator(bool& ok, const Settings& settings)
@@ -103,11 +114,8 @@ void ArqSendReplicator::AddDestinations(const Settings& settings)
 
 void ArqSendReplicator::AddUnicastDestinations(char* texts, int32_t nStreams)
 {
-    char* rest = nullptr;
-    for (char* text = strtok_r(texts, ",", &rest); text != nullptr; text = strtok_r(nullptr, ",", &rest)) {
-        const in_addr_t addressNet = resolveHost(text);
-        if (addressNet == 0)
-            continue;
+    in_addr_t addressNet = 0;
+    while (const char* text = NextResolved(&texts, &addressNet)) {
         if (IsMulticast(addressNet))
             (void)printf("Error: Skipping %s, not an unicast address\n", text);
         else
@@ -117,11 +125,8 @@ void ArqSendReplicator::AddUnicastDestinations(char* texts, int32_t nStreams)
 
 void ArqSendReplicator::AddMulticastDestination(char* texts, uint16_t unicastUdpPort)
 {
-    char* rest = nullptr;
-    for (char* text = strtok_r(texts, ",", &rest); text != nullptr; text = strtok_r(nullptr, ",", &rest)) {
-        const in_addr_t addressNet = resolveHost(text);
-        if (addressNet == 0)
-            continue;
+    in_addr_t addressNet = 0;
+    while (const char* text = NextResolved(&texts, &addressNet)) {
         if (IsMulticast(addressNet)) {
             UseMulticast(text, unicastUdpPort);
             return;

@@ -76,7 +76,8 @@ public:
     // made. Resolving, which may block, happens outside the lock.
     int AddStream(const char* text, int32_t nInterfaces) EXCLUDES(m_mutex);
 
-    // Tells the receiver to stop and removes its configured stream; takes 100 ms. Returns 1 when there was one.
+    // Tells the receiver to stop and removes its configured stream; takes 100 ms. Returns 1 when there was
+    // one.
     int DeleteStream(const char* text) EXCLUDES(m_mutex);
 
     // Writes the streams' addresses, separated by ",", as a C text of at most `room` bytes: as many whole
@@ -122,6 +123,7 @@ private:
     void CreateListeners(bool& ok, int32_t nStreams);
     void CreateOwnListeners(bool& ok);
     void ShareStreamSockets(bool& ok, int32_t nStreams);
+    int32_t CountStreams() const;
     bool SharesPorts() const { return m_usDestPort == m_usArqRequestPort; }
 
     bool DecideDrop();
@@ -154,9 +156,9 @@ private:
     int32_t m_nGrossMediaBitrate; // bit/s
     int32_t m_nInstance;
     std::unique_ptr<MyArqSendCB> m_pMulticastStream; // null without a multicast destination; not in the table
-    std::atomic<uint16_t> m_usSeqNum {
-        0
-    }; // last number given in UDP input mode; with pacing two threads draw numbers
+    // Last number given in UDP input mode. Not a PlainWord: with pacing two threads draw numbers, and no
+    // number may be given twice.
+    std::atomic<uint16_t> m_usSeqNum { 0 };
     bool m_bUdpInputMode;
     std::unique_ptr<MySocketListener> m_pPingListener;
     std::unique_ptr<MySocketListener> m_pRequestListener;

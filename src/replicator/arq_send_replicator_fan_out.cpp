@@ -31,7 +31,7 @@ int ArqSendReplicator::SendPacket(PacketBuffer* packet)
 
 int ArqSendReplicator::SendRaw(uint8_t* data, int32_t length)
 {
-    if (!m_bRunning)
+    if (!m_bRunning || !m_bUdpInputMode) // without that mode the engines build no headers
         return 1;
     const auto seq = static_cast<uint16_t>(m_usSeqNum.fetch_add(1, std::memory_order_relaxed) + 1);
     const bool isDropped = DecideDrop();

@@ -225,7 +225,7 @@ bool ArqSendReplicator::CreateEngine(MyArqSendCB& stream)
     if (engine == nullptr || !ok)
         return false; // an engine that was made belongs to the stream and goes with it
     engine->SetDebug(0);
-    return true;
+    return true; // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the stream owns it
 }
 
 void ArqSendReplicator::RemoveStream(MyArqSendCB* stream)

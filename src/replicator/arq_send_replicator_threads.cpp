@@ -121,12 +121,18 @@ void ArqSendReplicator::SampleBitrates(uint32_t nowUs, uint32_t thenUs)
     m_rx.m_nRxBytes = 0;
 }
 
+int32_t ArqSendReplicator::CountStreams() const
+{
+    const ReadSection section(m_table.Readers());
+    return m_table.Count();
+}
+
 void ArqSendReplicator::DebugDump() const
 {
     (void)fprintf(stderr, "\n");
     (void)fprintf(stderr, "m_bRunning %d\n", m_bRunning.Load());
     (void)fprintf(stderr, "m_usSeqNum %d\n", m_usSeqNum.load());
-    (void)fprintf(stderr, "m_nNumStreams %d\n", m_table.Count());
+    (void)fprintf(stderr, "m_nNumStreams %d\n", CountStreams());
     (void)fprintf(stderr, "m_impair.m_mode %d\n", m_impair.m_mode.Load());
     (void)fprintf(stderr, "m_impair.m_dist.m_value %d\n", m_impair.m_dist.m_value.Load());
     (void)fprintf(stderr, "m_impair.m_burst.m_value %d\n", m_impair.m_burst.m_value.Load());

@@ -7,11 +7,6 @@
 
 namespace {
 
-const sockaddr* Generic(const sockaddr_in& address)
-{
-    return reinterpret_cast<const sockaddr*>(&address);
-}
-
 iovec Piece(const PacketBuffer& packet, int part)
 {
     return { packet.parts[part], static_cast<size_t>(packet.partLengths[part].Load()) };
@@ -31,10 +26,15 @@ ssize_t SendTwoPieces(int fd, const PacketBuffer& packet, const sockaddr_in& des
 
 } // namespace
 
+int SendDatagram(int fd, const uint8_t* data, size_t length, const sockaddr_in& destination)
+{
+    return static_cast<int>(
+        sendto(fd, data, length, 0, reinterpret_cast<const sockaddr*>(&destination), sizeof(destination)));
+}
+
 int SendDatagram(int fd, const PacketBuffer& packet, const sockaddr_in& destination)
 {
     if (packet.partCount != 1)
         return static_cast<int>(SendTwoPieces(fd, packet, destination));
-    return static_cast<int>(sendto(fd, packet.Data(), static_cast<size_t>(packet.Length()), 0,
-        Generic(destination), sizeof(destination)));
+    return SendDatagram(fd, packet.Data(), static_cast<size_t>(packet.Length()), destination);
 }

@@ -2,9 +2,18 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
+#include <cstdint>
+
 struct PacketBuffer;
 
-// Hands the packet to the socket as one datagram. Every datagram to a receiver leaves through here.
+// Every datagram to a receiver leaves through here.
+
+// Hands `length` bytes to the socket as one datagram. Returns the bytes taken, or -1 with errno set. May
+// block as long as the socket's send buffer is full.
+int SendDatagram(int fd, const uint8_t* data, size_t length, const sockaddr_in& destination);
+
+// Hands the packet to the socket as one datagram.
 // A packet of one part is that part; any other is part 0 followed by part 1.
-// Returns the bytes taken, or -1 with errno set. May block as long as the socket's send buffer is full.
+// Returns and blocks as above.
 int SendDatagram(int fd, const PacketBuffer& packet, const sockaddr_in& destination);

@@ -126,9 +126,7 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
 
 void MyArqSendCB::SendStop()
 {
-    const sockaddr_in destination = Destination();
-    (void)sendto(m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), 0,
-        reinterpret_cast<const sockaddr*>(&destination), sizeof(destination));
+    (void)SendDatagram(m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), Destination());
     m_chooser.Advance();
 }
 

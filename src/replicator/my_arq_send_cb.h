@@ -61,9 +61,7 @@ public:
     uint32_t m_nPingCount = 0; // pings since the keep-alive thread last looked
     bool m_bMediaStarted = false; // the receiver's port is known, or needs not be
     bool m_bStatic = false; // configured by address or on loopback: never suspended
-    PlainWord<uint8_t> m_bIsAlive {
-        0
-    }; // datagrams are sent only while set; SendData reads it without the lock
+    PlainWord<uint8_t> m_bIsAlive { 0 }; // datagrams are sent only while set; read without the lock
 
 private:
     void SetSocket(int32_t index, SharedSocket socket);

@@ -47,8 +47,10 @@ bool SocketGroup::Start()
 
 bool SocketGroup::Stop()
 {
-    if (!m_bRunning)
+    if (!m_bRunning) {
+        m_crew.WaitUntilGone(); // a thread that found no listener ends by itself
         return false;
+    }
     m_bRunning = 0;
     (void)SleepMs(STOP_WAIT_MS);
     m_crew.WaitUntilGone();

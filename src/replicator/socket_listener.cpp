@@ -6,11 +6,14 @@
 #include <cstdio>
 #include <utility>
 
+#include "arq/wire.h"
+
 namespace {
 
 // A request may claim up to 65535 sequence numbers, far more than its datagram holds. They are read as
 // claimed: behind the last slice there is room for the longest list, so that this never leaves the pool.
 constexpr uint32_t POOL_TAIL_BYTES = 131072;
+static_assert(POOL_TAIL_BYTES >= LONGEST_REQUEST_LIST_BYTES);
 
 sockaddr_in Address(in_addr_t addressNet, uint16_t port)
 {

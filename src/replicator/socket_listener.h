@@ -15,7 +15,8 @@
 class SocketListener {
 public:
     // Listens on `port` (host order) with `socket`, which stays open as long as any of its holders, or with
-    // a socket of its own when that is empty. The pool has `poolSize` buffers. Clears ok when memory is short.
+    // a socket of its own when that is empty. The pool has `poolSize` buffers. Clears ok when memory is
+    // short.
     SocketListener(SharedSocket socket, uint16_t port, bool& ok, uint32_t poolSize);
     SocketListener(const SocketListener&) = delete;
     SocketListener& operator=(const SocketListener&) = delete;

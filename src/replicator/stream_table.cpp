@@ -9,31 +9,41 @@ StreamTable::~StreamTable()
 
 void StreamTable::Clear()
 {
-    for (int32_t i = 0; i < Count(); ++i) {
-        delete At(i);
-        m_streams[i].Store(nullptr);
-    }
+    const Entries& entries = *m_pEntries.Load();
+    for (int32_t i = 0; i < entries.m_nNumStreams; ++i)
+        delete entries.m_streams[i];
+    Publish(m_states[0] = {});
 }
 
 void StreamTable::Append(std::unique_ptr<MyArqSendCB> stream)
 {
-    const int32_t index = Count();
-    m_streams[index].Store(stream.release());
-    m_nNumStreams.Store(index + 1);
+    Entries& entries = CopyToSpare();
+    entries.m_streams[entries.m_nNumStreams++] = stream.release();
+    Publish(entries);
 }
 
-// The old place of the entry that moves is not cleared: a reader that has passed its new place and still
-// sees the old count meets it there, so no packet ever misses a stream because another one left.
 std::unique_ptr<MyArqSendCB> StreamTable::Take(int32_t index)
 {
-    std::unique_ptr<MyArqSendCB> taken(At(index));
-    m_streams[index].Store(nullptr);
-    m_readers.WaitForReaders();
-    const int32_t last = Count() - 1;
-    if (index < last)
-        m_streams[index].Store(At(last));
-    m_nNumStreams.Store(last);
+    Entries& entries = CopyToSpare();
+    std::unique_ptr<MyArqSendCB> taken(entries.m_streams[index]);
+    entries.m_streams[index] = entries.m_streams[--entries.m_nNumStreams];
+    Publish(entries);
     return taken;
+}
+
+StreamTable::Entries& StreamTable::CopyToSpare()
+{
+    const Entries* current = m_pEntries.Load();
+    Entries& spare = m_states[current == &m_states[0] ? 1 : 0];
+    spare = *current;
+    return spare;
+}
+
+// Walks of the old state end first: what only they could see may then be destroyed, and that state is spare.
+void StreamTable::Publish(const Entries& entries)
+{
+    m_pEntries.Store(&entries);
+    m_readers.WaitForReaders();
 }
 
 bool StreamTable::IndexOf(const MyArqSendCB* stream, int32_t* index) const

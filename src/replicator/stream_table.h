@@ -12,9 +12,9 @@ class MyArqSendCB;
 
 // The table of output streams: entries 0 to Count() - 1 are in use and kept dense. It owns them.
 //
-// Threads: Append and Take one at a time, under the replicator lock. Everyone may read: under that lock,
-// or without it inside a ReadSection, where an entry that is null is being removed and is skipped and a
-// pointer once read stays valid until the section ends.
+// Threads: Append and Take one at a time, under the replicator lock and never inside a ReadSection.
+// Everyone may read: under that lock, or without it inside a ReadSection, where a pointer once read stays
+// valid until the section ends.
 class StreamTable {
 public:
     static constexpr int32_t MAX_STREAMS = 50;
@@ -24,8 +24,8 @@ public:
     StreamTable& operator=(const StreamTable&) = delete;
     ~StreamTable();
 
-    int32_t Count() const { return m_nNumStreams.Load(); }
-    MyArqSendCB* At(int32_t index) const { return m_streams[index].Load(); }
+    int32_t Count() const { return m_pEntries.Load()->m_nNumStreams; }
+    MyArqSendCB* At(int32_t index) const { return m_pEntries.Load()->m_streams[index]; }
     ReadSections& Readers() const { return m_readers; }
 
     // Takes over the stream and publishes it as the last entry; there must be room.
@@ -35,7 +35,7 @@ public:
     // entry moves into its place: the table stays dense, its order changes.
     std::unique_ptr<MyArqSendCB> Take(int32_t index);
 
-    // Destroys every stream. Nobody else may use the table any more. The count is left as it was.
+    // Destroys every stream. Nobody else may use the table any more.
     void Clear();
 
     // The index of a stream in the table; false for null or a stream that is not there.
@@ -45,19 +45,27 @@ public:
     // sends to `addressNet`; else null.
     MyArqSendCB* Find(in_addr_t addressNet, uint32_t streamId) const;
 
-    // Calls visit(stream) for each entry, in table order.
+    // Calls visit(stream) for each entry, in table order. The walk sees one state of the table: a stream that
+    // stays is met exactly once, whatever comes or goes meanwhile.
     template <typename Visitor>
     void ForEach(Visitor visit) const
     {
-        // The count is read afresh each time: a last entry that has just moved down is not met twice.
-        for (int32_t i = 0; i < Count(); ++i) {
-            if (MyArqSendCB* stream = At(i))
-                visit(*stream);
-        }
+        const Entries& entries = *m_pEntries.Load();
+        for (int32_t i = 0; i < entries.m_nNumStreams; ++i)
+            visit(*entries.m_streams[i]);
     }
 
 private:
-    PublishedWord<MyArqSendCB*> m_streams[MAX_STREAMS]; // owned
-    PublishedWord<int32_t> m_nNumStreams;
+    // One state of the table; never changed while a reader may see it.
+    struct Entries {
+        MyArqSendCB* m_streams[MAX_STREAMS]; // owned by the table
+        int32_t m_nNumStreams;
+    };
+
+    Entries& CopyToSpare();
+    void Publish(const Entries& entries);
+
+    Entries m_states[2] {}; // what readers see, and the spare that a writer prepares
+    PublishedWord<const Entries*> m_pEntries { &m_states[0] };
     mutable ReadSections m_readers;
 };
