@@ -14,7 +14,7 @@ class CNetSyncVid : public NetSyncVid {
 public:
     static constexpr int32_t STATUS_FAILED = static_cast<int32_t>(0x80000001);
 
-    // A clock with offset 0 and a window of `windowSize` samples. Sets status to STATUS_FAILED when memory
+    // A clock with offset 0 and a window of `windowSize` samples, at least 1. Sets status to STATUS_FAILED when memory
     // is short or when status was not 0 to begin with; leaves it alone otherwise.
     CNetSyncVid(int32_t& status, uint32_t windowSize);
 

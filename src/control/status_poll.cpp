@@ -1,7 +1,6 @@
 #include "control/status_poll.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,12 +23,11 @@ constexpr uint32_t POLL_PERIOD_MS = 1000;
 
 bool Exists(const std::string& path)
 {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0;
+    return access(path.c_str(), F_OK) == 0;
 }
 
 // Converts the value if there is a non-empty one; the default stays otherwise.
-void ReadNumber(ConfigFile& file, const char* key, int32_t* number)
+void ReadSetting(ConfigFile& file, const char* key, int32_t* number)
 {
     const char* value = file.Get(key);
     if (value != nullptr && *value != '\0')
@@ -45,11 +43,11 @@ ImpairmentSettings ReadSettings(int32_t instance)
         return settings;
     ConfigFile file;
     (void)file.Load(path.c_str());
-    ReadNumber(file, "min_drop", &settings.minDrop);
-    ReadNumber(file, "min_dist", &settings.minDist);
-    ReadNumber(file, "max_drop", &settings.maxDrop);
-    ReadNumber(file, "max_dist", &settings.maxDist);
-    ReadNumber(file, "mode", &settings.mode);
+    ReadSetting(file, "min_drop", &settings.minDrop);
+    ReadSetting(file, "min_dist", &settings.minDist);
+    ReadSetting(file, "max_drop", &settings.maxDrop);
+    ReadSetting(file, "max_dist", &settings.maxDist);
+    ReadSetting(file, "mode", &settings.mode);
     return settings;
 }
 

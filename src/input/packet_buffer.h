@@ -57,8 +57,9 @@ public:
         return create(count, SLICE_BYTES);
     }
 
-    // The next buffer of the ring, with its part count set to 1. Never fails and never blocks. Part
-    // length 0 still holds the length of the datagram that was here before.
+    // The next buffer of the ring, with its part count set to 1. Never fails and never blocks, but
+    // must not be called on a pool of 0 buffers. Part length 0 still holds the length of the datagram that
+    // was here before.
     PacketBuffer* get();
 
     uint32_t Count() const { return m_nCount; }

@@ -1,7 +1,7 @@
 #include "main/encryption_plugin.h"
 
 #include <dlfcn.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -19,12 +19,6 @@ std::string InstalledPath()
 std::string DiskPath()
 {
     return s_root + "/disk/sorvanex/libsorvanex.so.1.0";
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0;
 }
 
 // Prints the loader's last error; false when there was none.
@@ -54,9 +48,9 @@ void SetPluginRoot(const char* root)
 void EncryptionPlugin::Load(const char* password, int32_t length)
 {
     bool isOpen = false;
-    if (Exists(InstalledPath()))
+    if (access(InstalledPath().c_str(), F_OK) == 0)
         isOpen = Open(InstalledPath().c_str());
-    else if (Exists(DiskPath()))
+    else if (access(DiskPath().c_str(), F_OK) == 0)
         isOpen = Open("libsorvanex.so"); // by its bare name on purpose: the loader's own search path decides
     if (!isOpen)
         return;

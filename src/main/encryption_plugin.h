@@ -6,7 +6,7 @@
 // The loadable stream-encryption library. All null when nothing is loaded; the session is null when the
 // library is loaded but gave none, and then no data pass through it.
 //
-// Threads: main loads before any thread runs and unloads after they have ended; the input thread calls
+// Threads: main loads before the input thread starts and unloads after it has ended; the input thread calls
 // the data callback in between.
 struct EncryptionPlugin {
     using OpenCallback = void* (*)(int32_t mode, const char* password, int32_t length);

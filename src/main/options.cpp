@@ -43,8 +43,8 @@ ParseResult Keep(const char* text, Number* target, const char* message, const ch
 {
     long number = 0;
     if (!ReadNumber(text, &number)) {
-        (void)fprintf(
-            stderr, message, program, text); // NOLINT(clang-diagnostic-format-nonliteral): ours, all alike
+        // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): ours, all alike
+        (void)fprintf(stderr, message, program, text);
         return BAD_ARGUMENTS;
     }
     *target = static_cast<Number>(number);

@@ -1,7 +1,5 @@
 #include "main/proxy.h"
 
-#include <sys/time.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,13 +18,6 @@ constexpr int32_t DEFAULT_GROSS_BIT_RATE = 50000000;
 constexpr int32_t PACER_PERIOD_MS = 10;
 constexpr int32_t RTP_HEADER_BYTES = 12; // not charged against the pacing rate
 constexpr uint32_t DRAIN_MS = 10;
-
-int64_t TimeUs()
-{
-    timeval now {};
-    (void)gettimeofday(&now, nullptr);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
-}
 
 } // namespace
 
@@ -120,7 +111,7 @@ void Proxy::StartThreads()
         perror("cannot start the input thread");
     if (!m_crew.Start(ServeControl, &m_context))
         perror("cannot start the control thread");
-    m_context.startTimeUs = TimeUs();
+    m_context.startTimeUs = GetTimeUs();
 }
 
 void Proxy::ReceiveInput(void* context)
@@ -136,13 +127,12 @@ void Proxy::ServeControl(void* context)
 
 void Proxy::CreatePacer()
 {
-    m_pPacerCB.reset(new (std::nothrow) PacerCB(m_pReplicator.get()));
-    if (!m_pPacerCB)
-        return;
     bool ok = true;
-    m_pPacerCB->m_pPacer.reset(new (std::nothrow) CPacer(ok, m_pPacerCB.get(), PACER_PERIOD_MS));
-    if (!ok || !m_pPacerCB->m_pPacer) {
-        m_pPacerCB->m_pPacer.reset();
+    m_pPacerCB.reset(new (std::nothrow) PacerCB(m_pReplicator.get()));
+    if (m_pPacerCB)
+        m_pPacerCB->m_pPacer.reset(new (std::nothrow) CPacer(ok, m_pPacerCB.get(), PACER_PERIOD_MS));
+    if (!ok || !m_pPacerCB || !m_pPacerCB->m_pPacer) {
+        m_pPacerCB.reset();
         (void)fprintf(stderr, "Error: Pacer not created\n"); // the run goes on unpaced
         return;
     }
@@ -165,7 +155,7 @@ void Proxy::Deliver()
 
 void Proxy::DeliverPacket(PacketBuffer* packet)
 {
-    if (m_pPacerCB && m_pPacerCB->m_pPacer)
+    if (m_pPacerCB)
         (void)m_pPacerCB->m_pPacer->Submit(packet);
     else
         (void)m_pReplicator->SendPacket(packet);

@@ -48,6 +48,6 @@ private:
     std::optional<InstanceLock> m_lock;
     std::unique_ptr<ArqSendReplicator> m_pReplicator;
     std::optional<PacketQueue> m_queue;
-    std::unique_ptr<PacerCB> m_pPacerCB; // null without pacing
+    std::unique_ptr<PacerCB> m_pPacerCB; // null without pacing; has a pacer otherwise
     ThreadCrew m_crew; // input and control threads
 };

@@ -18,7 +18,7 @@ class PacketQueue;
 // Threads: main fills it before the input thread and the control thread start; afterwards each word below
 // has the writers that its comment names.
 struct ProxyContext {
-    // Main sets it; main loop, input and control threads run while it is not 0
+    // Main sets it; the main loop, the input thread and the control thread run while it is not 0.
     PlainWord<int32_t> running { 0 };
     uint16_t listenPort = 0; // UDP port of the input stream
     uint16_t destPort = 10000; // UDP port of the output streams
@@ -35,12 +35,13 @@ struct ProxyContext {
     int32_t instanceCopy = 0; // as it was when the replicator was built
     // The control thread's own, from here to the next poll time.
     int32_t statusFlag = 0; // whether status records are sent; nothing sets it
-    int statusSocket = -1;
+    int statusSocket = 0; // a descriptor only while the status flag is set
     sockaddr_un statusAddress {};
     uint32_t nextPollMs = 0; // next impairment poll, on the millisecond clock
-    char sourceAddress[INET_ADDRSTRLEN]
-        = ""; // sender of the first input datagram; the input thread writes it once
+    // Sender of the first input datagram, as a dotted quad; the input thread writes it once.
+    char sourceAddress[INET_ADDRSTRLEN] = "";
     PlainWord<uint32_t> inputBytes { 0 }; // with Ethernet, IPv4 and UDP headers; the input thread adds
-    int64_t startTimeUs = 0; // microseconds since the epoch when the threads were started
+    // Microseconds since the epoch when the threads had been started; main writes it once, nobody else reads it.
+    int64_t startTimeUs = 0;
     EncryptionPlugin plugin;
 };

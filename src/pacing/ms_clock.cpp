@@ -14,6 +14,13 @@ uint32_t GetTimeMs()
     return TimeMs(now);
 }
 
+int64_t GetTimeUs()
+{
+    timeval now {};
+    (void)gettimeofday(&now, nullptr);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
+}
+
 bool SleepMs(uint32_t ms)
 {
     timespec left { static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000 };

@@ -8,5 +8,8 @@
 uint32_t TimeMs(const timeval& now);
 uint32_t GetTimeMs();
 
+// Wall-clock microseconds since the epoch.
+int64_t GetTimeUs();
+
 // Sleeps the whole time, also across signals. Always returns true.
 bool SleepMs(uint32_t ms);

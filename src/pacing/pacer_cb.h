@@ -18,8 +18,8 @@ public:
 
     bool Send(PacketBuffer* packet) override;
 
-    std::unique_ptr<CPacer>
-        m_pPacer; // null when it could not be made: packets then go straight to the replicator
+    // Null when it could not be made: packets then go straight to the replicator.
+    std::unique_ptr<CPacer> m_pPacer;
 
 private:
     ArqSendReplicator* m_pReplicator;

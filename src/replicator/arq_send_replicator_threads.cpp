@@ -1,6 +1,4 @@
 // The replicator's own threads: listening, keep-alive, statistics.
-#include <sys/time.h>
-
 #include <cstdio>
 
 #include "pacing/ms_clock.h"
@@ -17,11 +15,10 @@ constexpr uint32_t VISIT_MS
 constexpr uint32_t SAMPLE_MS = 1000;
 constexpr uint32_t SAMPLE_SLICE_MS = 100; // so that the status thread notices the end within the grace
 
+// The low 32 bits are all that the rates need.
 uint32_t TimeUs()
 {
-    timeval now {};
-    (void)gettimeofday(&now, nullptr);
-    return static_cast<uint32_t>(now.tv_sec) * 1000000U + static_cast<uint32_t>(now.tv_usec);
+    return static_cast<uint32_t>(GetTimeUs());
 }
 
 } // namespace
@@ -38,7 +35,7 @@ bool ArqSendReplicator::Start()
         return false;
     }
     m_bRunning = 1;
-    if (!SharesPorts()) { // with shared ports there are no learnt streams to watch
+    if (!SharesPorts()) { // with shared ports streams are configured: none to watch
         (void)fprintf(stderr, "ArqSendReplicator::Start: Create KeepAlive Thread\n");
         (void)m_crew.Start(KeepAlive, this);
     }
