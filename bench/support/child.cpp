@@ -1,0 +1,95 @@
+#include "child.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace {
+
+std::string ProcPath(pid_t pid)
+{
+    return "/proc/" + std::to_string(pid);
+}
+
+} // namespace
+
+void GiveUp(const std::string& why)
+{
+    throw std::runtime_error(why);
+}
+
+int RunBenchmark(const std::function<void()>& body)
+{
+    try {
+        body();
+    } catch (const std::exception& failure) {
+        (void)fprintf(stderr, "%s\n", failure.what());
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
+
+Child::Child(const std::vector<std::string>& arguments) : m_nPid(-1)
+{
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    (void)posix_spawn_file_actions_init(&actions);
+    for (const int fd : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO })
+        (void)posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
+    const int error = posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), environ);
+    (void)posix_spawn_file_actions_destroy(&actions);
+    if (error != 0)
+        GiveUp("cannot run " + arguments.front() + ": " + std::strerror(error));
+}
+
+Child::~Child()
+{
+    (void)kill(m_nPid, SIGTERM);
+    (void)waitpid(m_nPid, nullptr, 0);
+}
+
+int64_t Child::CpuNs() const
+{
+    int64_t total = 0;
+    for (const auto& task : std::filesystem::directory_iterator(ProcPath(m_nPid) + "/task")) {
+        int64_t onCpu = 0;
+        std::ifstream(task.path() / "schedstat") >> onCpu; // its first field; an ended thread has none
+        total += onCpu;
+    }
+    if (total == 0)
+        GiveUp("this kernel keeps no /proc/PID/task/*/schedstat");
+    return total;
+}
+
+int64_t Child::ResidentKib() const
+{
+    std::ifstream status(ProcPath(m_nPid) + "/status");
+    std::string word;
+    int64_t kib = 0;
+    while (status >> word) {
+        if (word == "VmRSS:") {
+            status >> kib;
+            break;
+        }
+    }
+    return kib;
+}
+
+bool Child::IsAlive() const
+{
+    siginfo_t info {};
+    return waitid(P_PID, static_cast<id_t>(m_nPid), &info, WEXITED | WNOHANG | WNOWAIT) == 0
+        && info.si_pid == 0;
+}
