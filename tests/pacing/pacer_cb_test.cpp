@@ -1,0 +1,68 @@
+#include "pacing/pacer_cb.h"
+
+#include <deque>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "replicator/replicator_fixture.h"
+
+namespace {
+
+using namespace test_support;
+
+class PacerCBTest : public ReplicatorTest {
+protected:
+    // A pacer, not started, to which so many packets too many were submitted.
+    std::unique_ptr<PacerCB> WithOverflows(int count)
+    {
+        auto callback = std::make_unique<PacerCB>(m_replicator.get());
+        bool ok = true;
+        callback->m_pPacer = std::make_unique<CPacer>(ok, callback.get(), 10);
+        for (int i = 0; i < CPacer::QUEUE_CAPACITY + count; ++i) {
+            PacketBuffer& packet = m_packets.emplace_back();
+            packet.partCount = 1;
+            EXPECT_TRUE(callback->m_pPacer->Submit(&packet));
+        }
+        return callback;
+    }
+
+    std::deque<PacketBuffer> m_packets;
+};
+
+TEST_F(PacerCBTest, ThreeOverflowsAreReportedWhenItIsDestroyed)
+{
+    {
+        const CapturedOutput output;
+        (void)BuildStopped();
+    }
+    CapturedOutput output;
+    {
+        auto callback = WithOverflows(3);
+    }
+    EXPECT_EQ(output.Out(), "CPacer::SetPacingRate m_ulQuotaBytes 12500\nPacer OverFlows 3\n");
+}
+
+TEST_F(PacerCBTest, WithoutOverflowsOrWithoutAPacerNothingIsReported)
+{
+    CapturedOutput output;
+    {
+        const auto callback = WithOverflows(0);
+        const PacerCB withoutPacer(nullptr);
+    }
+    EXPECT_EQ(output.Out(), "CPacer::SetPacingRate m_ulQuotaBytes 12500\n");
+}
+
+TEST_F(PacerCBTest, APacketGoesToTheReplicatorsFanOut)
+{
+    m_settings.destAddress = "127.0.0.2";
+    Receiver receiver("127.0.0.2", m_pingLease.Port());
+    const CapturedOutput output;
+    (void)Build();
+    PacerCB callback(m_replicator.get());
+    OwnedPacket packet(RtpPacket(9));
+    EXPECT_TRUE(callback.Send(packet.Get()));
+    EXPECT_EQ(RtpSeq(receiver.Next()), 9);
+}
+
+} // namespace

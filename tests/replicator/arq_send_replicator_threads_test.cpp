@@ -1,0 +1,223 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "replicator/replicator_fixture.h"
+#include "support/allocation_hooks.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr uint16_t PORT_NET = 0x3412;
+
+// One step of each thread at a time: the replicator's own threads are stopped.
+class ThreadStepsTest : public ReplicatorTest {
+protected:
+    ThreadStepsTest()
+    {
+        const CapturedOutput output;
+        (void)BuildStopped();
+    }
+
+    // Visits the position and gives back what was logged.
+    std::string Visit(int32_t position)
+    {
+        CapturedOutput output;
+        m_replicator->VisitPosition(position);
+        return output.StampedErr();
+    }
+    void Learn(const char* address, uint32_t streamId = 0)
+    {
+        const CapturedOutput output;
+        Ping(address, PORT_NET, streamId);
+    }
+    int32_t Count() const { return m_replicator->Streams().Count(); }
+};
+
+TEST_F(ThreadStepsTest, AReceiverThatPingedSinceTheLastVisitStays)
+{
+    Learn("127.0.0.2");
+    EXPECT_EQ(Visit(0), "");
+    EXPECT_EQ(Stream(0).m_nPingCount, 0U);
+    Learn("127.0.0.2");
+    EXPECT_EQ(Visit(0), "");
+    EXPECT_EQ(Count(), 1);
+    EXPECT_TRUE(Stream(0).m_bIsAlive);
+}
+
+TEST_F(ThreadStepsTest, AReceiverThatStoppedPingingIsSuspendedAndRemoved)
+{
+    Learn("127.0.0.2", 7);
+    (void)Visit(0);
+    EXPECT_EQ(Visit(0), "<time> Stream suspended for 127.0.0.2\n");
+    EXPECT_EQ(Count(), 0);
+    EXPECT_EQ(Visit(0), "");
+}
+
+TEST_F(ThreadStepsTest, OnlyTheVisitedPositionIsLookedAt)
+{
+    Learn("127.0.0.2");
+    Learn("127.0.0.3");
+    Stream(0).m_nPingCount = 0;
+    Stream(1).m_nPingCount = 0;
+    EXPECT_EQ(Visit(1), "<time> Stream suspended for 127.0.0.3\n");
+    EXPECT_EQ(Visit(1), "");
+    EXPECT_EQ(List(), "127.0.0.2");
+}
+
+TEST_F(ThreadStepsTest, APingedStreamThatIsNotAliveIsResumed)
+{
+    Learn("127.0.0.2", 0xAB);
+    Stream(0).m_bIsAlive = 0;
+    EXPECT_EQ(Visit(0), "<time> Stream resumed for 127.0.0.2 ID:0x000000ab\n");
+    EXPECT_TRUE(Stream(0).m_bIsAlive);
+    EXPECT_EQ(Stream(0).m_nPingCount, 0U);
+}
+
+TEST_F(ThreadStepsTest, ASilentStreamThatIsNotAliveIsLeftAlone)
+{
+    Learn("127.0.0.2");
+    Stream(0).m_bIsAlive = 0;
+    Stream(0).m_nPingCount = 0;
+    EXPECT_EQ(Visit(0), "");
+    EXPECT_EQ(Count(), 1);
+    EXPECT_FALSE(Stream(0).m_bIsAlive);
+}
+
+TEST_F(ThreadStepsTest, ConfiguredStreamsAreNeverSuspended)
+{
+    {
+        const CapturedOutput output;
+        EXPECT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+        Ping("127.0.0.2", PORT_NET);
+    }
+    EXPECT_EQ(Visit(0), "");
+    EXPECT_EQ(Visit(0), "");
+    EXPECT_EQ(Count(), 1);
+    EXPECT_TRUE(Stream(0).m_bIsAlive);
+    EXPECT_EQ(Stream(0).m_nPingCount, 1U);
+}
+
+TEST_F(ThreadStepsTest, PositionsWithoutAStreamAreSkipped)
+{
+    Learn("127.0.0.2");
+    Stream(0).m_nPingCount = 0;
+    for (const int32_t position : { 1, 49 })
+        EXPECT_EQ(Visit(position), "");
+    EXPECT_EQ(Count(), 1);
+}
+
+TEST_F(ThreadStepsTest, ASampleTurnsTheByteCountsIntoBitRatesAndZeroesThem)
+{
+    auto& rx = const_cast<ReceiveStats&>(m_replicator->RxStats());
+    auto& tx = const_cast<TransmitStats&>(m_replicator->TxStats());
+    rx.m_nRxBytes = 125000;
+    tx.m_nTxBytes = 250000;
+    m_replicator->SampleBitrates(500000, 0xFFFFFFFFU - 499999U);
+    EXPECT_EQ(rx.m_nRxBitrate, 1000000U);
+    EXPECT_EQ(tx.m_nTxBitrate, 2000000U);
+    EXPECT_EQ(rx.m_nRxBytes, 0U);
+    EXPECT_EQ(tx.m_nTxBytes, 0U);
+    m_replicator->SampleBitrates(1500000, 500000);
+    EXPECT_EQ(rx.m_nRxBitrate, 0U);
+    EXPECT_EQ(tx.m_nTxBitrate, 0U);
+}
+
+TEST_F(ThreadStepsTest, ASampleWithoutTimeInBetweenGivesZeroRates)
+{
+    auto& rx = const_cast<ReceiveStats&>(m_replicator->RxStats());
+    rx.m_nRxBytes = 125000;
+    rx.m_nRxBitrate = 5;
+    m_replicator->SampleBitrates(77, 77);
+    EXPECT_EQ(rx.m_nRxBitrate, 0U);
+    EXPECT_EQ(rx.m_nRxBytes, 0U);
+}
+
+TEST_F(ThreadStepsTest, AStartWithoutListenThreadFailsAndDoesNotRun)
+{
+    CapturedOutput output;
+    {
+        const FailNthAllocation failing(1);
+        EXPECT_FALSE(m_replicator->Start());
+        EXPECT_TRUE(failing.Fired());
+    }
+    EXPECT_EQ(output.Err(), "ArqSendReplicator::Start: SocketGroup::Start() failed");
+    OwnedPacket packet(RtpPacket(1));
+    EXPECT_EQ(Send(packet), 1);
+    EXPECT_EQ(m_replicator->RxStats().m_nRxPackets, 0U);
+}
+
+TEST_F(ThreadStepsTest, TheDebugDumpHasOneLineForEachWord)
+{
+    {
+        const CapturedOutput output;
+        EXPECT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+    }
+    m_replicator->m_impair.m_mode = 1;
+    m_replicator->m_impair.m_dist.m_value = -2;
+    m_replicator->m_impair.m_burst.m_value = 3;
+    m_replicator->m_nDropPacket = 12;
+    CapturedOutput output;
+    m_replicator->DebugDump();
+    EXPECT_EQ(output.Err(),
+        "\nm_bRunning 0\nm_usSeqNum 0\nm_nNumStreams 1\nm_impair.m_mode 1\nm_impair.m_dist.m_value -2\n"
+        "m_impair.m_burst.m_value 3\nm_nDropPacket 12\n");
+}
+
+// The running threads.
+
+using ReplicatorThreadsTest = ReplicatorTest;
+
+TEST_F(ReplicatorThreadsTest, PingsAndRequestsArriveThroughTheSockets)
+{
+    Receiver receiver("127.0.0.2");
+    CapturedOutput output;
+    (void)Build();
+    receiver.SendTo("127.0.0.1", m_pingLease.Port(), Tagged(7, {}));
+    ASSERT_TRUE(WaitFor([&] { return m_replicator->Streams().Count() == 1; }));
+    OwnedPacket packet(RtpPacket(5));
+    EXPECT_EQ(Send(packet), 1);
+    EXPECT_EQ(RtpSeq(receiver.Next()), 5);
+    EXPECT_EQ(receiver.SourcePort(), m_pingLease.Port());
+    receiver.SendTo("127.0.0.1", m_requestLease.Port(), Tagged(7, Request({ 5 })));
+    EXPECT_EQ(PayloadType(receiver.Next()), RETRANSMIT_PAYLOAD_TYPE);
+    // A ping on the request port is echoed, without its tag, to where the media go.
+    receiver.SendTo("127.0.0.1", m_requestLease.Port(), Tagged(7, { 0, 0, 0xAD, 0xE2, 1, 2 }));
+    EXPECT_EQ(receiver.Next(), (Bytes { 0, 0, 0xAD, 0xE2, 1, 2 }));
+    EXPECT_EQ(receiver.SourcePort(), m_pingLease.Port());
+    receiver.SendTo("127.0.0.1", m_pingLease.Port(), Concat({ Tag(STREAM_LEAVE_MAGIC, 7) }));
+    EXPECT_TRUE(WaitFor([&] { return m_replicator->Streams().Count() == 0; }));
+}
+
+TEST_F(ReplicatorThreadsTest, BitRatesFollowTheTrafficAndFallToZeroWithoutInput)
+{
+    m_settings.destAddress = "127.0.0.2";
+    const CapturedOutput output;
+    (void)Build();
+    OwnedPacket packet(RtpPacket(5, 0, 1316));
+    const auto rates = [&] {
+        return std::pair(
+            m_replicator->RxStats().m_nRxBitrate.Load(), m_replicator->TxStats().m_nTxBitrate.Load());
+    };
+    EXPECT_TRUE(WaitFor([&] {
+        (void)Send(packet);
+        return rates().first != 0 && rates().second != 0;
+    }));
+    EXPECT_TRUE(WaitFor([&] { return rates() == std::pair(0U, 0U); }));
+}
+
+TEST_F(ReplicatorThreadsTest, ASilentReceiverIsSuspendedByTheKeepAliveThread)
+{
+    Receiver receiver("127.0.0.2");
+    CapturedOutput output;
+    (void)Build();
+    receiver.SendTo("127.0.0.1", m_pingLease.Port(), { 1 });
+    ASSERT_TRUE(WaitFor([&] { return m_replicator->Streams().Count() == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return m_replicator->Streams().Count() == 0; }));
+    m_replicator.reset();
+    EXPECT_EQ(CountOf(output.StampedErr(), "<time> Stream suspended for 127.0.0.2\n"), 1U);
+    EXPECT_EQ(output.Err().find("Stream stopped"), std::string::npos);
+}
+
+} // namespace

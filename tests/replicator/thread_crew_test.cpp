@@ -1,0 +1,71 @@
+#include "replicator/thread_crew.h"
+
+#include <atomic>
+
+#include <gtest/gtest.h>
+
+#include "replicator/loopback.h"
+#include "support/allocation_hooks.h"
+
+namespace {
+
+struct Work {
+    std::atomic<bool> isStarted { false };
+    std::atomic<bool> mayEnd { false };
+    std::atomic<bool> isLeaving { false };
+};
+
+void WorkUntilTold(void* argument)
+{
+    Work& work = *static_cast<Work*>(argument);
+    work.isStarted = true;
+    (void)test_support::WaitFor([&] { return work.mayEnd.load(); });
+    work.isLeaving = true;
+}
+
+TEST(ThreadCrew, ACrewWithoutThreadsIsGone)
+{
+    const ThreadCrew crew;
+    EXPECT_TRUE(crew.IsGone());
+    crew.WaitUntilGone();
+}
+
+TEST(ThreadCrew, StartRunsTheEntryOnAThreadOfItsOwn)
+{
+    ThreadCrew crew;
+    Work work;
+    ASSERT_TRUE(crew.Start(WorkUntilTold, &work));
+    EXPECT_TRUE(test_support::WaitFor([&] { return work.isStarted.load(); }));
+    EXPECT_FALSE(crew.IsGone());
+    work.mayEnd = true;
+    crew.WaitUntilGone();
+    EXPECT_TRUE(crew.IsGone());
+    EXPECT_TRUE(work.isLeaving);
+}
+
+TEST(ThreadCrew, TheCrewIsGoneOnlyWithItsLastThread)
+{
+    ThreadCrew crew;
+    Work first;
+    Work second;
+    ASSERT_TRUE(crew.Start(WorkUntilTold, &first));
+    ASSERT_TRUE(crew.Start(WorkUntilTold, &second));
+    first.mayEnd = true;
+    EXPECT_TRUE(test_support::WaitFor([&] { return first.isLeaving.load() && second.isStarted.load(); }));
+    EXPECT_FALSE(crew.IsGone());
+    second.mayEnd = true;
+    crew.WaitUntilGone();
+    EXPECT_TRUE(second.isLeaving);
+}
+
+TEST(ThreadCrew, AThreadThatCannotBeMadeIsNotWaitedFor)
+{
+    ThreadCrew crew;
+    Work work;
+    const test_support::FailNthAllocation failing(1);
+    EXPECT_FALSE(crew.Start(WorkUntilTold, &work));
+    EXPECT_TRUE(failing.Fired());
+    EXPECT_TRUE(crew.IsGone());
+}
+
+} // namespace

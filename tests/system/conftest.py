@@ -1,0 +1,128 @@
+"""Fixtures of the system tests. They need root (namespaces, /dev) and TX_PROXY_BIN, the binary under test.
+
+TX_PROXY_TIME_SCALE   factor for all time-outs (default 1; about 10 for sanitizer builds)
+TX_PROXY_BUILD_KIND   "release" when the binary is an optimised build without sanitizers
+"""
+
+import os
+import types
+
+import pytest
+
+from txproxy import mpegts, netns, ports, proxy, receiver
+
+
+def pytest_collection_modifyitems(config, items):
+    """Limits of memory and time are promises of the release build; other builds do not collect their tests."""
+    if os.environ.get("TX_PROXY_BUILD_KIND") == "release":
+        return
+    dropped = [item for item in items if item.get_closest_marker("release_only")]
+    items[:] = [item for item in items if item not in dropped]
+    config.hook.pytest_deselected(items=dropped)
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "release_only: holds for the release build only")
+
+
+@pytest.fixture
+def closing():
+    """Registers anything with close(); closes in reverse order at the end of the test."""
+    opened = []
+
+    def register(thing):
+        opened.append(thing)
+        return thing
+
+    yield register
+    for thing in reversed(opened):
+        thing.close()
+
+
+@pytest.fixture
+def lease(closing):
+    """An instance number with ports of its own."""
+    return closing(ports.Lease())
+
+
+@pytest.fixture
+def net(lease):
+    """The usual ports of one proxy: input, destination (= ping) and ARQ request port."""
+    return types.SimpleNamespace(
+        instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
+    )
+
+
+@pytest.fixture
+def launch(lease):
+    """launch(*arguments, ...) starts the binary with exactly these arguments.
+
+    At the end of the test every process must still run (unless it was waited for) and is ended.
+    """
+    # Asking for `lease` orders the clean-up: processes end before their instance number is given back.
+    assert lease
+    started = []
+
+    def start(*arguments, **keywords):
+        process = proxy.Proxy(*arguments, **keywords)
+        started.append(process)
+        return process
+
+    yield start
+    failures = []
+    for process in started:
+        try:
+            if not process.ended:
+                process.stop()
+        except AssertionError as failure:
+            failures.append(str(failure))
+        finally:
+            process.kill()
+    assert not failures, "\n".join(failures)
+
+
+@pytest.fixture
+def start_proxy(launch, net):
+    """start_proxy(*options, group=None, ...) runs a proxy on the ports of `net` and waits until it is ready."""
+
+    def start(*options, group=None, ready=True, **keywords):
+        arguments = ["-I", net.instance, "-p", net.destination, "-r", net.request, *options, net.input]
+        process = launch(*arguments, *([group] if group else []), **keywords)
+        return process.wait_ready() if ready else process
+
+    return start
+
+
+@pytest.fixture
+def receive(closing, net):
+    """receive(address, ...) makes a receiver on the destination port (127.0.0.2 and up: see Receiver)."""
+
+    def make(address="127.0.0.2", port=None, **keywords):
+        return closing(receiver.Receiver(address, net.destination if port is None else port, **keywords))
+
+    return make
+
+
+@pytest.fixture
+def sender(closing, net):
+    """Sends to the proxy's input on loopback."""
+    return closing(receiver.Sender("127.0.0.1", net.input))
+
+
+@pytest.fixture
+def make_lan(closing):
+    """make_lan(interfaces) gives a netns.Lan for the time of the test."""
+    return lambda interfaces=1: closing(netns.Lan(interfaces))
+
+
+@pytest.fixture
+def island(closing):
+    """A namespace with nothing but loopback: every other address is unreachable there."""
+    return closing(netns.Namespace())
+
+
+@pytest.fixture(scope="session")
+def transport_stream(tmp_path_factory, worker_id):
+    """Three seconds of a real MPEG transport stream."""
+    directory = tmp_path_factory.getbasetemp()
+    return mpegts.make(directory if worker_id == "master" else directory.parent)

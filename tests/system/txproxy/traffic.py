@@ -1,0 +1,91 @@
+"""Traffic for proxies whose output does not follow their input at once."""
+
+import re
+import threading
+import time
+
+from . import rtp
+from .waiting import DEFAULT_TIMEOUT, POLL_SECONDS, wait_until
+
+SEND_AT_ONCE = 40  # datagrams that the smallest socket buffer holds
+
+
+def unread_bytes(port):
+    """What the socket bound to `port` has not read yet, from the system's table of UDP sockets."""
+    with open("/proc/net/udp", encoding="ascii") as table:
+        pattern = re.compile(rf"\s*\d+: \w+:{port:04X} \w+:\w+ \w+ \w+:(\w+) ")
+        return sum(int(match.group(1), 16) for match in map(pattern.match, table) if match)
+
+
+def wait_until_read(port):
+    """Waits until the proxy has taken everything from its input socket."""
+    wait_until(lambda: unread_bytes(port) == 0, f"the proxy to read port {port}")
+
+
+def send_all(sender, port, datagrams):
+    """Sends at the proxy's pace of reading, however slowly it sends on."""
+    for start in range(0, len(datagrams), SEND_AT_ONCE):
+        for data in datagrams[start : start + SEND_AT_ONCE]:
+            sender.send(data)
+        wait_until_read(port)
+
+
+class KeptFull:
+    """Keeps some datagrams queued in a pacing proxy: sends one whenever one has come out."""
+
+    def __init__(self, sender, receiver, make, queued):
+        self._sender = sender
+        self._receiver = receiver
+        self._make = make
+        self._queued = queued
+        self._sent = 0
+
+    def top_up(self):
+        missing = self._queued - (self._sent - self._receiver.count())
+        for _ in range(min(missing, SEND_AT_ONCE)):
+            self._sender.send(self._make(self._sent))
+            self._sent += 1
+
+
+def keep_full_for(sources, seconds):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        for source in sources:
+            source.top_up()
+        time.sleep(POLL_SECONDS)
+
+
+class Steady(threading.Thread):
+    """Sends make(0), make(1), ... at a constant rate, by a schedule that makes up for late turns."""
+
+    def __init__(self, sender, make, per_second):
+        super().__init__(daemon=True)
+        self._sender = sender
+        self._make = make
+        self._per_second = per_second
+        self._running = True
+        self.sent = 0
+        self.start()
+
+    def run(self):
+        begin = time.monotonic()
+        while self._running:
+            due = int((time.monotonic() - begin) * self._per_second)
+            while self.sent < due:
+                self._sender.send(self._make(self.sent))
+                self.sent += 1
+            time.sleep(0.001)
+
+    def close(self):
+        self._running = False
+        self.join(DEFAULT_TIMEOUT)
+
+
+def release_groups(datagrams, gap_seconds):
+    """Sizes of the groups in which datagrams were sent, told apart by gaps of their timestamps."""
+    sizes = [1]
+    for before, after in zip(datagrams, datagrams[1:]):
+        if rtp.ticks_since(rtp.timestamp(after), rtp.timestamp(before)) > gap_seconds * rtp.TICKS_PER_SECOND:
+            sizes.append(0)
+        sizes[-1] += 1
+    return sizes
