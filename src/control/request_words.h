@@ -18,7 +18,7 @@ public:
     size_t Count() const { return m_nCount; }
     std::string_view Word(size_t index) const
     {
-        return index < m_nCount ? m_words[index] : std::string_view();
+        return index < MAX_WORDS ? m_words[index] : std::string_view();
     }
 
 private:
