@@ -45,8 +45,10 @@ PacketBuffer* PacketQueue::pop(int* okOut, uint32_t timeoutMs)
             }
         }
         buffer = RingGet();
+        // Still under the lock: a producer that waits for this place then finds it free. Signalled later, it
+        // might have filled the place already, wait for another one, and lose its packet to the wake-up.
+        m_notFull.Signal();
     }
-    m_notFull.Signal();
     if (okOut)
         *okOut = 1;
     return buffer;

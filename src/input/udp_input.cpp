@@ -151,6 +151,7 @@ void RunUdpInput(ProxyContext& context, PacketBufferPool& pool)
         (void)context.queue->push(packet, PacketQueue::NO_LIMIT);
         packet = pool.get();
     }
+    (void)context.queue->push(nullptr, PacketQueue::NO_LIMIT); // wakes main, which skips it and sees the flag
     if (isGroup)
         LeaveGroup(socket.Get(), context.multicastGroup);
 }

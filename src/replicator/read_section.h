@@ -18,8 +18,8 @@ public:
     }
     void Leave(unsigned side) { m_readers[side].fetch_sub(1); }
 
-    // Returns once every reader that entered before the call has left. Readers that enter meanwhile are
-    // counted on the other side and do not prolong the wait.
+    // Returns once every reader that entered before the call has left. Readers that enter meanwhile prolong
+    // the wait by one section at most: they are counted on the other side.
     void WaitForReaders();
 
 private:
