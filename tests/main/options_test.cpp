@@ -373,7 +373,7 @@ TEST_F(OptionsTest, AnOptionWithoutItsArgumentPointsToTheUsageText)
     }
 }
 
-TEST_F(OptionsTest, HUAndLittleZTakeNoArgument)
+TEST_F(OptionsTest, UAndLittleZTakeNoArgument)
 {
     Arguments arguments { "-u", "-z", "1234" };
     EXPECT_TRUE(Parse(arguments, true).goOn);

@@ -33,6 +33,7 @@ TEST(ProxyContext, StartsWithTheControlThreadsFieldsAtZero)
     const ProxyContext context;
     const sockaddr_un noAddress {};
     EXPECT_EQ(context.statusFlag, 0);
+    EXPECT_EQ(context.statusSocket, 0);
     EXPECT_EQ(context.nextPollMs, 0U);
     EXPECT_EQ(std::memcmp(&context.statusAddress, &noAddress, sizeof(noAddress)), 0);
 }

@@ -1,5 +1,7 @@
 #include "replicator/stream_table.h"
 
+#include <fcntl.h>
+
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -134,13 +136,18 @@ TEST_F(StreamTableTest, IndexOfKnowsOnlyStreamsOfTheTable)
     EXPECT_EQ(index, 1);
 }
 
-TEST_F(StreamTableTest, ClearLeavesTheCountAsItWas)
+TEST_F(StreamTableTest, ClearDestroysEveryStreamOnce)
 {
-    (void)Append("127.0.0.2");
-    (void)Append("127.0.0.3");
+    MyArqSendCB* a = Append("127.0.0.2");
+    MyArqSendCB* b = Append("127.0.0.3");
+    a->OpenSocket();
+    b->OpenSocket();
+    const int sockets[] = { a->SocketNumber(0), b->SocketNumber(0) };
     m_table.Clear();
-    EXPECT_EQ(m_table.Count(), 2);
+    for (const int fd : sockets)
+        EXPECT_EQ(fcntl(fd, F_GETFD), -1);
     EXPECT_EQ(All(), Streams {});
+    m_table.Clear();
 }
 
 // Four streams stay while others come and go before, between and behind them. The readers do what the packet

@@ -9,7 +9,7 @@ import types
 
 import pytest
 
-from txproxy import mpegts, netns, ports, proxy, receiver
+from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver
 
 
 def pytest_collection_modifyitems(config, items):
@@ -101,6 +101,14 @@ def receive(closing, net):
         return closing(receiver.Receiver(address, net.destination if port is None else port, **keywords))
 
     return make
+
+
+@pytest.fixture
+def learn(closing, lease, net):
+    """learn(address, ...) makes a receiver with a port of its own; it has not pinged yet."""
+    return lambda address="127.0.0.5", **keywords: closing(
+        model_receiver.PingingReceiver(address, keywords.pop("port", None) or lease.port(), net, **keywords)
+    )
 
 
 @pytest.fixture

@@ -25,6 +25,7 @@ from txproxy.model_receiver import (
     request,
     retransmission_of,
     stamped,
+    start_media,
     tag,
     wait_bound,
 )
@@ -43,27 +44,9 @@ def proxy(start_proxy, net):
 
 
 @pytest.fixture
-def learn(closing, lease, net):
-    return lambda address="127.0.0.5", **keywords: closing(
-        PingingReceiver(address, lease.port(), net, **keywords)
-    )
-
-
-@pytest.fixture
 def receiver(proxy, learn):
     """A receiver without ID whose media has started."""
     return start_media(proxy, learn())
-
-
-def start_media(proxy, receiver):
-    receiver.ping()
-    proxy.wait_stderr(
-        stamped(
-            f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} "
-            f"ID:0x{receiver.stream_id or 0:08x}"
-        )
-    )
-    return receiver
 
 
 def media(numbers, size=100, **header):

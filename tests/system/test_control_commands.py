@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from txproxy import netns, raw_control, reports, rtp
+from txproxy import raw_control, reports, rtp
 from txproxy.control import ControlClient, request
 from txproxy.receiver import Sender, pump
 from txproxy.waiting import wait_until
@@ -15,12 +15,6 @@ STAMP = r"\w{3} [ \d]\d \d\d:\d\d:\d\d: "
 STOP_MESSAGE = bytes.fromhex("DEADBEEFBABEFACE")
 MAX_STREAMS = 50
 REQUEST_BYTES = 1024
-
-
-@pytest.fixture
-def island(closing):
-    """A network of its own without a way out, so that a name never reaches a name server."""
-    return closing(netns.Namespace())
 
 
 def test_add_names_the_destination_in_its_reply_and_the_stream_gets_the_media(start_proxy, net, sender, receive):

@@ -6,7 +6,7 @@ import types
 import pytest
 
 from txproxy import control, ports, rtp
-from txproxy.model_receiver import PingingReceiver, raw_port, stamped, wait_bound
+from txproxy.model_receiver import PingingReceiver, stamped, start_media, wait_bound
 from txproxy.receiver import Sender, pump
 from txproxy.waiting import scaled, wait_until
 
@@ -19,13 +19,6 @@ SLOW_MACHINE_SECONDS = 1  # 100 sleeps of 100 ms are never exact
 
 # The test's own socket at 127.0.0.1 would take what is sent to the ping port there.
 PROXY_ADDRESS = "127.0.0.99"
-
-
-def start_media(proxy, receiver):
-    receiver.ping()
-    port = raw_port(receiver.port)
-    proxy.wait_stderr(stamped(f"Media started on port {port} for {receiver.address[0]} ID:0x{receiver.stream_id:08x}"))
-    return receiver
 
 
 def media(count, first=0):

@@ -29,14 +29,6 @@ def proxy(start_proxy, net):
 
 
 @pytest.fixture
-def learn(closing, lease, net):
-    """learn(address, ...) makes a receiver with a port of its own; it has not pinged yet."""
-    return lambda address="127.0.0.5", **keywords: closing(
-        PingingReceiver(address, keywords.pop("port", None) or lease.port(), net, **keywords)
-    )
-
-
-@pytest.fixture
 def ping_fence(proxy, learn):
     """ping_fence() returns when every datagram sent to the ping port before has been handled."""
     receiver = learn("127.0.0.250", stream_id=FENCE_ID, proxy_address="127.0.0.99")

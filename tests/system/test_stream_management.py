@@ -7,7 +7,14 @@ import time
 import pytest
 
 from txproxy import control, rtp
-from txproxy.model_receiver import STOP_MESSAGE, PingingReceiver, raw_port, retransmission_of, stamped, wait_bound
+from txproxy.model_receiver import (
+    STOP_MESSAGE,
+    PingingReceiver,
+    retransmission_of,
+    stamped,
+    start_media,
+    wait_bound,
+)
 from txproxy.receiver import pump
 from txproxy.waiting import wait_until
 
@@ -18,24 +25,6 @@ CHURN_PACKETS = 3000
 @pytest.fixture
 def start(start_proxy, net):
     return lambda *options: wait_bound(start_proxy(*options), net.destination, net.request)
-
-
-@pytest.fixture
-def learn(closing, lease, net):
-    return lambda address="127.0.0.5", **keywords: closing(
-        PingingReceiver(address, lease.port(), net, **keywords)
-    )
-
-
-def start_media(proxy, receiver):
-    receiver.ping()
-    proxy.wait_stderr(
-        stamped(
-            f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} "
-            f"ID:0x{receiver.stream_id or 0:08x}"
-        )
-    )
-    return receiver
 
 
 def media(count, first=100):

@@ -13,10 +13,10 @@ from txproxy.model_receiver import (
     PingingReceiver,
     echo_ping,
     feed,
-    raw_port,
     request,
     retransmission_of,
     stamped,
+    start_media,
 )
 from txproxy.receiver import Receiver, Sender, pump, udp_socket
 from txproxy.waiting import wait_until
@@ -53,17 +53,6 @@ def configured(closing, shared):
 @pytest.fixture
 def learn(closing, lease, shared):
     return lambda address, **keywords: closing(PingingReceiver(address, lease.port(), shared, **keywords))
-
-
-def start_media(proxy, receiver):
-    receiver.ping()
-    proxy.wait_stderr(
-        stamped(
-            f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} "
-            f"ID:0x{receiver.stream_id or 0:08x}"
-        )
-    )
-    return receiver
 
 
 def media(count, first=100):

@@ -1,12 +1,20 @@
 """Harness of the system tests: runs the real binary and looks at it from outside.
 
-waiting    bounded waits, scaled for slow (sanitizer) builds
-ports      instance numbers and UDP ports that no other test process uses
-proxy      one running tx_proxy with its output captured line by line
-receiver   UDP receivers, senders and the flow-controlled pump between them
-rtp        building and reading RTP datagrams
-mpegts     a real MPEG transport stream to send
-netns      network namespaces and interfaces of a test's own
-control    client of the control socket
-refusal    system calls of the proxy that are made to fail
+waiting         bounded waits, scaled for slow (sanitizer) builds
+ports           instance numbers and UDP ports that no other test process uses
+proxy           one running tx_proxy with its output captured line by line
+instances       further proxies beside the one of the fixtures
+refusal         system calls of the proxy that are made to fail
+receiver        UDP receivers, senders and the flow-controlled pump between them
+rtp             building and reading RTP datagrams
+mpegts          a real MPEG transport stream to send
+traffic         sending to proxies whose output does not follow their input at once
+netns           network namespaces and interfaces of a test's own
+model_receiver  the receiver's side of the protocol, and two models of receivers
+lossy_relay     a bad network between one receiver and the proxy
+control         client of the control socket
+raw_control     plain connections to the control socket, for clients that behave badly
+reports         what a proxy says about itself
+impairment      deliberate loss: its files, and a model of the fixed pattern
+plugin_builder  encryption libraries for the tests
 """

@@ -91,6 +91,18 @@ def wait_bound(proxy, *ports):
     return proxy
 
 
+def start_media(proxy, receiver):
+    """Pings and waits until the stream sends to where the ping came from; returns the receiver."""
+    receiver.ping()
+    proxy.wait_stderr(
+        stamped(
+            f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} "
+            f"ID:0x{receiver.stream_id or 0:08x}"
+        )
+    )
+    return receiver
+
+
 def feed(sender, receivers, datagrams, last=rtp.packet(LAST_SEQ, b"last")):
     """Sends media, and waits until all of it has arrived and may be asked for.
 

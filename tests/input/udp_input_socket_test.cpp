@@ -1,0 +1,148 @@
+#include <fcntl.h>
+#include <net/if.h>
+#include <net/route.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "base/unique_fd.h"
+#include "input/packet_buffer.h"
+#include "input/packet_queue.h"
+#include "input/udp_input.h"
+#include "main/proxy_context.h"
+#include "replicator/captured_output.h"
+#include "replicator/loopback.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr char GROUP[] = "239.1.2.3";
+
+// Lets the process open no further descriptor.
+class NoFreeDescriptor {
+public:
+    NoFreeDescriptor()
+    {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_saved), 0);
+        const UniqueFd next(fcntl(STDIN_FILENO, F_DUPFD, 0));
+        rlimit limit = m_saved;
+        limit.rlim_cur = static_cast<rlim_t>(next.Get());
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    NoFreeDescriptor(const NoFreeDescriptor&) = delete;
+    NoFreeDescriptor& operator=(const NoFreeDescriptor&) = delete;
+    ~NoFreeDescriptor() { (void)setrlimit(RLIMIT_NOFILE, &m_saved); }
+
+private:
+    rlimit m_saved {};
+};
+
+TEST(UdpInputSocket, WithoutASocketTheInputEndsWithItsMessage)
+{
+    ProxyContext context;
+    context.running = 1;
+    const auto pool = PacketBufferPool::createDefault(1);
+    CapturedOutput output;
+    {
+        const NoFreeDescriptor limit;
+        RunUdpInput(context, *pool);
+    }
+    EXPECT_EQ(output.Err(), "cannot open socket\n");
+    EXPECT_EQ(output.Out(), "");
+}
+
+// Puts the calling thread, and the threads that it starts, into a network namespace of their own where all
+// multicast goes through loopback.
+void EnterNamespaceWithMulticastOnLoopback()
+{
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "needs root";
+    const UniqueFd control(socket(AF_INET, SOCK_DGRAM, 0));
+    ifreq interface {
+    };
+    std::strcpy(interface.ifr_name, "lo");
+    interface.ifr_flags = IFF_UP | IFF_MULTICAST;
+    ASSERT_EQ(ioctl(control.Get(), SIOCSIFFLAGS, &interface), 0);
+    const sockaddr_in destination = SocketAddress("224.0.0.0", 0);
+    const sockaddr_in mask = SocketAddress("240.0.0.0", 0);
+    rtentry route {};
+    std::memcpy(&route.rt_dst, &destination, sizeof(destination));
+    std::memcpy(&route.rt_genmask, &mask, sizeof(mask));
+    route.rt_flags = RTF_UP;
+    route.rt_dev = interface.ifr_name;
+    ASSERT_EQ(ioctl(control.Get(), SIOCADDRT, &route), 0);
+}
+
+// Whether the namespace of the calling thread is a member of the group.
+bool IsMember(const char* group)
+{
+    char entry[16];
+    (void)snprintf(entry, sizeof(entry), "\t%08X ", Net(group));
+    std::ifstream table("/proc/thread-self/net/igmp");
+    const std::string text { std::istreambuf_iterator<char>(table), {} };
+    return text.find(entry) != std::string::npos;
+}
+
+// A second descriptor of the socket of this process that is bound to the port at the group.
+UniqueFd Duplicate(const char* group, uint16_t port)
+{
+    constexpr int LAST_LOOKED_AT = 256;
+    for (int fd = 0; fd < LAST_LOOKED_AT; ++fd) {
+        sockaddr_in local {};
+        socklen_t size = sizeof(local);
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &size) == 0 && local.sin_family == AF_INET
+            && local.sin_addr.s_addr == Net(group) && ntohs(local.sin_port) == port)
+            return UniqueFd(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    }
+    return UniqueFd();
+}
+
+// The test keeps the socket open beyond the end of the input, so that only leaving ends the membership.
+void RunInputFromGroup()
+{
+    EnterNamespaceWithMulticastOnLoopback();
+    if (testing::Test::HasFatalFailure())
+        return;
+    constexpr uint16_t PORT = 5000;
+    ProxyContext context;
+    context.listenPort = PORT;
+    context.multicastGroup = Net(GROUP);
+    context.running = 1;
+    const auto pool = PacketBufferPool::createDefault(4);
+    bool ok = true;
+    PacketQueue queue(ok, 2, nullptr, nullptr);
+    context.queue = &queue;
+    EXPECT_FALSE(IsMember(GROUP));
+    std::thread input([&] { RunUdpInput(context, *pool); });
+    EXPECT_TRUE(WaitFor([] { return IsMember(GROUP); }));
+    Receiver encoder("127.0.0.1");
+    encoder.SendTo(GROUP, PORT, Payload(10));
+    EXPECT_NE(queue.pop(nullptr, LONGEST_WAIT_MS), nullptr); // all options are set
+    const UniqueFd socket = Duplicate(GROUP, PORT);
+    uint8_t loops = 1;
+    socklen_t size = sizeof(loops);
+    EXPECT_EQ(getsockopt(socket.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, &loops, &size), 0);
+    EXPECT_EQ(loops, 0);
+    context.running = 0;
+    input.join();
+    EXPECT_EQ(LocalPort(socket.Get()), PORT) << "still open";
+    EXPECT_FALSE(IsMember(GROUP));
+}
+
+TEST(UdpInputSocket, AnInputFromAGroupDoesNotLoopAndLeavesTheGroupAtItsEnd)
+{
+    const CapturedOutput output;
+    std::thread(RunInputFromGroup).join(); // the namespace ends with the thread
+}
+
+} // namespace

@@ -1,0 +1,143 @@
+#include "main/proxy_run.h"
+
+#include <dlfcn.h>
+
+#include <cstdint>
+#include <ctime>
+#include <future>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "pacing/ms_clock.h"
+#include "support/allocation_hooks.h"
+
+namespace {
+
+using namespace test_support;
+
+constexpr uint32_t LOWER_HEADER_BYTES = 42;
+
+// ---- What the run context shows
+
+TEST_F(ProxyRunTest, InputBytesCountEachDatagramWithItsLowerHeadersAndOnlyTheFirstSenderIsRecorded)
+{
+    Receiver second("127.0.0.4");
+    std::future<int> run = Start(std::vector<std::string> {});
+    EXPECT_EQ(m_context.inputBytes, 0U);
+    uint32_t expected = 0;
+    for (const uint32_t length : { 1316U, 12U, 1U }) {
+        SendInput(Payload(length));
+        second.SendTo("127.0.0.1", m_inputLease.Port(), Payload(length + 1));
+        expected += length + LOWER_HEADER_BYTES + length + 1 + LOWER_HEADER_BYTES;
+        EXPECT_TRUE(WaitFor([&] { return m_context.inputBytes == expected; })) << m_context.inputBytes;
+    }
+    End(run);
+    EXPECT_STREQ(m_context.sourceAddress, "127.0.0.3");
+}
+
+TEST_F(ProxyRunTest, TheStartTimeInMicrosecondsIsKeptInEveryModeAndInSecondsWithUdpInputOnly)
+{
+    for (const bool isUdpInput : { false, true }) {
+        const time_t before = time(nullptr);
+        const int64_t beforeUs = GetTimeUs();
+        std::future<int> run
+            = Start(isUdpInput ? std::vector<std::string> { "-u" } : std::vector<std::string> {});
+        End(run);
+        EXPECT_GE(m_context.startTimeUs, beforeUs);
+        EXPECT_LE(m_context.startTimeUs, GetTimeUs());
+        if (isUdpInput) {
+            EXPECT_GE(m_context.startTime, before);
+            EXPECT_LE(m_context.startTime, time(nullptr));
+        } else {
+            EXPECT_EQ(m_context.startTime, 0);
+        }
+    }
+}
+
+// ---- The encryption library at the end
+
+// A part of the C library that nothing here is linked with, so that loading and unloading it can be seen.
+constexpr char LIBRARY[] = "libBrokenLocale.so.1";
+
+bool IsLibraryLoaded()
+{
+    void* handle = dlopen(LIBRARY, RTLD_LAZY | RTLD_NOLOAD);
+    if (handle != nullptr)
+        (void)dlclose(handle);
+    return handle != nullptr;
+}
+
+struct Closing {
+    void* session;
+    bool wasLoaded;
+};
+std::vector<Closing> s_closings;
+
+void RecordClose(void* session)
+{
+    s_closings.push_back({ session, IsLibraryLoaded() });
+}
+
+int LeaveData(void* /*session*/, uint8_t* /*data*/, int32_t /*length*/)
+{
+    return 0;
+}
+
+TEST_F(ProxyRunTest, TheEndClosesTheSessionOnceWhileItsLibraryIsLoadedAndUnloadsItThen)
+{
+    s_closings.clear();
+    ASSERT_FALSE(IsLibraryLoaded());
+    int session = 0;
+    Prepare({});
+    m_context.plugin.library = dlopen(LIBRARY, RTLD_LAZY);
+    m_context.plugin.session = &session;
+    m_context.plugin.dataCallback = LeaveData;
+    m_context.plugin.closeCallback = RecordClose;
+    ASSERT_TRUE(IsLibraryLoaded());
+    std::future<int> run = Start();
+    Deliver(1);
+    EXPECT_TRUE(IsLibraryLoaded());
+    End(run);
+    ASSERT_EQ(s_closings.size(), 1U);
+    EXPECT_EQ(s_closings[0].session, &session);
+    EXPECT_TRUE(s_closings[0].wasLoaded);
+    EXPECT_FALSE(IsLibraryLoaded());
+    EXPECT_EQ(m_context.plugin.library, nullptr);
+}
+
+// ---- Without memory for the pacer
+
+// The pacer is the last for which the main thread allocates: what it allocates without one comes before.
+TEST_F(ProxyRunTest, WithoutMemoryForAnyPartOfThePacerTheRunGoesOnUnpaced)
+{
+    constexpr int PACER_ALLOCATIONS = 5; // callback object, pacer, its queue, the queue's slots, the timer
+    uint64_t unpaced = 0;
+    Prepare({ "-X", "0" });
+    std::future<int> run = Start([&](Proxy& proxy) {
+        const AllocationCount allocations;
+        const int status = proxy.Run();
+        unpaced = allocations.Count();
+        return status;
+    });
+    End(run);
+    for (int n = 1; n <= PACER_ALLOCATIONS; ++n) {
+        bool hasFailed = false;
+        Prepare({ "-X", "10000000" });
+        run = Start([&](Proxy& proxy) {
+            const FailNthAllocation failure(static_cast<int>(unpaced) + n);
+            const int status = proxy.Run();
+            hasFailed = failure.Fired();
+            return status;
+        });
+        Deliver(static_cast<uint16_t>(n));
+        End(run);
+        EXPECT_TRUE(hasFailed) << n;
+    }
+    EXPECT_EQ(CountOf(m_output.Err(), "Error: Pacer not created\n"), size_t { PACER_ALLOCATIONS });
+    EXPECT_EQ(m_output.Err().find("Pacing bit rate"), std::string::npos);
+    EXPECT_EQ(m_output.Out().find("PeriodicTimer::Start"), std::string::npos);
+}
+
+} // namespace
