@@ -1,10 +1,12 @@
 #include "control/control_thread.h"
 
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,13 +103,26 @@ void ServeClient(ProxyContext& context, int client)
     }
 }
 
+// Takes the next client. One that went away meanwhile is nothing; without a free descriptor, or with one
+// that select has no room for, the client is not served and the thread waits instead of spinning.
+UniqueFd AcceptClient(int listener)
+{
+    UniqueFd client(accept(listener, nullptr, nullptr));
+    const bool isGone = !client.IsValid() && (errno == EAGAIN || errno == ECONNABORTED);
+    if (!isGone && (client.Get() < 0 || client.Get() >= FD_SETSIZE)) {
+        client.Reset();
+        (void)SleepMs(WAIT_MS);
+    }
+    return client;
+}
+
 void Serve(ProxyContext& context, int listener)
 {
     while (context.running) {
         PollImpairment(context);
         if (!WaitReadable(listener, WAIT_MS))
             continue;
-        const UniqueFd client(accept(listener, nullptr, nullptr));
+        const UniqueFd client = AcceptClient(listener);
         if (client.IsValid())
             ServeClient(context, client.Get());
     }

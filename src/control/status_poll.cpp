@@ -66,7 +66,7 @@ void ToggleImpairment(ProxyContext& context)
 // Instance N reports and clears its N-th output stream.
 int32_t StatusStream(const ProxyContext& context)
 {
-    return context.instance - 1;
+    return static_cast<int32_t>(static_cast<uint32_t>(context.instance) - 1U);
 }
 
 void AnswerClearRequest(ProxyContext& context)

@@ -2,10 +2,14 @@
 
 #include <sys/select.h>
 
+#include "pacing/ms_clock.h"
+
 bool WaitReadable(int fd, uint32_t timeoutMs)
 {
-    if (fd < 0 || fd >= FD_SETSIZE)
+    if (fd < 0 || fd >= FD_SETSIZE) {
+        (void)SleepMs(timeoutMs); // whoever loops around this wait must not spin
         return false;
+    }
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);

@@ -67,15 +67,12 @@ bool EncryptionPlugin::Open(const char* path)
     *this = {};
     (void)dlerror(); // NOLINT(concurrency-mt-unsafe): forget what failed before
     library = dlopen(path, RTLD_LAZY);
-    if (ReportLoaderError())
-        return false;
-    if (Resolve(library, "sorvanex_open_callback", &openCallback)
+    if (!ReportLoaderError() && Resolve(library, "sorvanex_open_callback", &openCallback)
         && Resolve(library, "sorvanex_data_callback", &dataCallback)
         && Resolve(library, "sorvanex_close_callback", &closeCallback)
         && Resolve(library, "sorvanex_print_info", &printInfo))
         return true;
-    (void)dlclose(library);
-    *this = {};
+    Unload();
     return false;
 }
 

@@ -1,5 +1,6 @@
 #include "replicator/thread_crew.h"
 
+#include <cerrno>
 #include <memory>
 #include <new>
 
@@ -22,8 +23,10 @@ bool ThreadCrew::Start(Entry entry, void* argument)
         return false;
     m_nRunning.fetch_add(1);
     pthread_t thread {};
-    if (pthread_create(&thread, nullptr, Run, start.get()) != 0) {
+    const int error = pthread_create(&thread, nullptr, Run, start.get());
+    if (error != 0) {
         m_nRunning.fetch_sub(1);
+        errno = error; // for the caller's message
         return false;
     }
     (void)start.release(); // Run owns it now

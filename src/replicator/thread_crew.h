@@ -12,7 +12,8 @@ class ThreadCrew {
 public:
     using Entry = void (*)(void* argument);
 
-    // Starts a detached thread that runs entry(argument). Returns false when it could not be made.
+    // Starts a detached thread that runs entry(argument). Returns false, with errno set, when it could not be
+    // made.
     bool Start(Entry entry, void* argument);
 
     // Blocks until every thread started here has returned from its entry function. Whoever calls it has

@@ -6,12 +6,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <future>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,17 +25,6 @@
 #include "replicator/loopback.h"
 
 namespace test_support {
-
-// Whether a UDP socket is bound to the port on all addresses. Unlike an attempt to bind, looking does not get
-// in the way of the socket that is waited for.
-inline bool IsListedOnAllAddresses(uint16_t port)
-{
-    char entry[24];
-    (void)snprintf(entry, sizeof(entry), ": 00000000:%04X ", unsigned { port });
-    std::ifstream table("/proc/net/udp");
-    const std::string text { std::istreambuf_iterator<char>(table), {} };
-    return text.find(entry) != std::string::npos;
-}
 
 // An instance number that no other test process uses while this object lives, kept with the same lock files as
 // the system tests keep theirs. Its lock port lies below the ports that the system gives to anyone.
@@ -114,8 +100,8 @@ protected:
 
     bool IsUp() const
     {
-        return m_context.running && IsListedOnAllAddresses(m_inputLease.Port())
-            && IsListedOnAllAddresses(m_requestLease.Port()) && FileExists(ControlSocketPath(m_instance));
+        return m_context.running && IsBoundOnAllAddresses(m_inputLease.Port())
+            && IsBoundOnAllAddresses(m_requestLease.Port()) && FileExists(ControlSocketPath(m_instance));
     }
     bool IsLockFree() const { return InstanceLease::IsLockFree(m_instance); }
 
@@ -128,11 +114,10 @@ protected:
         EXPECT_EQ(RtpSeq(m_receiver.Next()), seq);
     }
 
-    // Clears the run flag, sends one more datagram, which ends the wait for input, and sees the run end well.
+    // Clears the run flag and sees the run end well; no further datagram is needed.
     void End(std::future<int>& run)
     {
         m_context.running = 0;
-        SendInput(RtpPacket(0));
         ASSERT_EQ(run.wait_for(std::chrono::milliseconds(LONGEST_WAIT_MS)), std::future_status::ready);
         EXPECT_EQ(run.get(), 0);
     }

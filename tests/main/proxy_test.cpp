@@ -26,9 +26,9 @@ protected:
         End(run);
         EXPECT_TRUE(IsLockFree());
         EXPECT_FALSE(FileExists(ControlSocketPath(m_instance)));
-        EXPECT_FALSE(IsListedOnAllAddresses(m_inputLease.Port()));
-        EXPECT_FALSE(IsListedOnAllAddresses(m_pingLease.Port()));
-        EXPECT_FALSE(IsListedOnAllAddresses(m_requestLease.Port()));
+        EXPECT_FALSE(IsBoundOnAllAddresses(m_inputLease.Port()));
+        EXPECT_FALSE(IsBoundOnAllAddresses(m_pingLease.Port()));
+        EXPECT_FALSE(IsBoundOnAllAddresses(m_requestLease.Port()));
         EXPECT_EQ(CountOf(m_output.Err(), "process_request_thread: exiting\n"), 1U);
     }
 };

@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -90,11 +93,15 @@ private:
     uint16_t m_usPort = 0;
 };
 
-// Whether a socket is bound to the port on all addresses.
+// Whether a UDP socket is bound to the port on all addresses. Unlike an attempt to bind, looking does not get
+// in the way of the socket that is waited for.
 inline bool IsBoundOnAllAddresses(uint16_t port)
 {
-    const UniqueFd probe(socket(AF_INET, SOCK_DGRAM, 0));
-    return !Bind(probe.Get(), "127.255.255.253", port);
+    char entry[24];
+    (void)snprintf(entry, sizeof(entry), ": 00000000:%04X ", unsigned { port });
+    std::ifstream table("/proc/net/udp");
+    const std::string text { std::istreambuf_iterator<char>(table), {} };
+    return text.find(entry) != std::string::npos;
 }
 
 // A receiver: one UDP socket on a loopback address.
