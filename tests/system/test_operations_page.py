@@ -4,6 +4,8 @@ import pathlib
 import re
 import string
 
+import pytest
+
 from txproxy import raw_control
 from txproxy.proxy import binary, run
 
@@ -85,13 +87,14 @@ def test_every_message_of_the_page_is_in_the_binary():
     assert [text for text in messages if text.encode() not in data] == []
 
 
+@pytest.mark.release_only  # a sanitizer's own tables and code hold bytes that look like messages
 def test_every_message_of_the_binary_is_on_the_page():
     page = PAGE.read_text(encoding="utf-8").replace("\\n", "\n")
     quoted_texts = tuple(quoted(page))
     data = pathlib.Path(binary()).read_bytes()
     texts = [match.group()[:-2].decode() for match in MESSAGE_IN_BINARY.finditer(data)]
     # The page shows counts of every width alike.
-    lines = [line.replace("%llu", "%d") for text in texts for line in text.split("\n") if len(line) > 3]
+    lines = [line.replace("%llu", "%d") for text in texts for line in text.split("\n") if len(line) > 5]
     assert len(lines) > 40
     # Other constants may stand directly before a message. The C++ run time has messages of its own.
     missing = [line for line in lines if line not in page and not line.endswith(quoted_texts)]
