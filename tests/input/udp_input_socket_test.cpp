@@ -3,7 +3,6 @@
 #include <net/route.h>
 #include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstring>
@@ -22,31 +21,13 @@
 #include "main/proxy_context.h"
 #include "replicator/captured_output.h"
 #include "replicator/loopback.h"
+#include "support/no_free_descriptor.h"
 
 namespace {
 
 using namespace test_support;
 
 constexpr char GROUP[] = "239.1.2.3";
-
-// Lets the process open no further descriptor.
-class NoFreeDescriptor {
-public:
-    NoFreeDescriptor()
-    {
-        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_saved), 0);
-        const UniqueFd next(fcntl(STDIN_FILENO, F_DUPFD, 0));
-        rlimit limit = m_saved;
-        limit.rlim_cur = static_cast<rlim_t>(next.Get());
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    }
-    NoFreeDescriptor(const NoFreeDescriptor&) = delete;
-    NoFreeDescriptor& operator=(const NoFreeDescriptor&) = delete;
-    ~NoFreeDescriptor() { (void)setrlimit(RLIMIT_NOFILE, &m_saved); }
-
-private:
-    rlimit m_saved {};
-};
 
 TEST(UdpInputSocket, WithoutASocketTheInputEndsWithItsMessage)
 {

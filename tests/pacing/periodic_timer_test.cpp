@@ -143,6 +143,17 @@ TEST(PeriodicTimer, APeriodOfZeroCallsBackToBack)
     EXPECT_LT(Clock::now() - before, std::chrono::seconds(10)); // a sleep of 1 ms a tick would take 20 s
 }
 
+TEST(PeriodicTimer, StopOfARunningTimerTakesTwoPeriodsAtLeast)
+{
+    constexpr int32_t PERIOD_MS = 40;
+    CountingCallback callback;
+    PeriodicTimer timer(&callback);
+    EXPECT_TRUE(timer.Start(PERIOD_MS));
+    const auto before = std::chrono::steady_clock::now();
+    timer.Stop();
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(2 * PERIOD_MS));
+}
+
 TEST(PeriodicTimer, StopOfAStoppedTimerReturnsAtOnce)
 {
     CountingCallback callback;
