@@ -4,7 +4,7 @@ import os
 import resource
 import time
 
-from txproxy.control import ControlClient
+from txproxy.control import ControlClient, request
 
 TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
 OBSERVED_SECONDS = 2.0
@@ -18,6 +18,8 @@ def cpu_seconds(pid):
 
 def test_a_client_that_cannot_be_accepted_waits_and_costs_nothing_meanwhile(start_proxy, net):
     proxy = start_proxy()
+    proxy.wait_stderr(f"SocketListener: sock bound to port {net.destination}")
+    assert request(net.instance, "TxStatClear") == "OK: Tx Stat Reset"  # every socket is open now
     used = 1 + max(int(name) for name in os.listdir(f"/proc/{proxy.pid}/fd"))
     _, hard = resource.prlimit(proxy.pid, resource.RLIMIT_NOFILE)
     before = resource.prlimit(proxy.pid, resource.RLIMIT_NOFILE, (used, hard))
