@@ -35,7 +35,7 @@ bool ArqSendReplicator::Start()
         return false;
     }
     m_bRunning = 1;
-    if (!SharesPorts()) { // with shared ports streams are configured: none to watch
+    if (!SharesPorts()) { // shared ports are for configured streams
         (void)fprintf(stderr, "ArqSendReplicator::Start: Create KeepAlive Thread\n");
         (void)m_crew.Start(KeepAlive, this);
     }
