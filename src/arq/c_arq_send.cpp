@@ -4,6 +4,7 @@
 #include <new>
 
 #include "arq/c_arq_send_cb.h"
+#include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 
 void DestroyEngine(ArqSend* engine)
@@ -38,8 +39,8 @@ CArqSend::CArqSend(bool& ok, NetSyncVid* clock, CArqSendCB* callback, uint32_t r
 
 void CArqSend::StoreSent(PacketBuffer* packet)
 {
-    const auto* header = reinterpret_cast<const MediaHeader*>(packet->Data());
-    m_ring.Store(header->seq.Get(), packet, header->timestamp.Get());
+    const MediaHeader& header = HeaderOf(*packet);
+    m_ring.Store(header.seq.Get(), packet, header.timestamp.Get());
 }
 
 PacketBuffer* CArqSend::BuildAndStore(uint8_t* payload, int32_t length, uint16_t seq)

@@ -4,6 +4,7 @@
 #include "arq/c_arq_send.h"
 #include "arq/c_arq_send_cb.h"
 #include "arq/datagram_kind.h"
+#include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 #include "arq/request_list.h"
 
@@ -99,8 +100,7 @@ CArqSend::Verdict CArqSend::AnswerNumber(uint16_t seq, uint32_t budget, uint32_t
         m_nNotInBuffer.Add(1);
         return Verdict::GoOn;
     }
-    const auto* header = reinterpret_cast<const MediaHeader*>(packet->Data());
-    const uint16_t stored = header->seq.Get();
+    const uint16_t stored = HeaderOf(*packet).seq.Get();
     const uint32_t now = m_pClock->LocalNow();
     if (stored != seq || IsHeldOff(seq, slot, now))
         return Verdict::GoOn;
@@ -129,9 +129,8 @@ bool CArqSend::IsExpired(const ArqSlot& slot, uint32_t now) const
 // The header is changed in place: the packet keeps the retransmission payload type from here on.
 void CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet)
 {
-    auto* header = reinterpret_cast<MediaHeader*>(packet->Data());
-    header->payloadType.Set(
-        static_cast<uint8_t>((header->payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
+    WireByte& payloadType = HeaderOf(*packet).payloadType;
+    payloadType.Set(static_cast<uint8_t>((payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
     (void)m_pCallback->SendData(packet);
     slot.resendNotBefore = m_pClock->LocalNow() + m_nHoldOff;
     m_ring.SetRetransmitted(seq);

@@ -10,6 +10,7 @@
 #include "arq/c_arq_send.h"
 #include "arq/c_arq_send_cb.h"
 #include "arq/datagram_kind.h"
+#include "arq/media_header.h"
 #include "arq/wire.h"
 #include "input/packet_buffer.h"
 #include "support/fixed_clock.h"
@@ -39,8 +40,8 @@ public:
             return 1;
         }
         Require(packet->Length() == MEDIA_BYTES);
-        const auto* header = reinterpret_cast<const MediaHeader*>(packet->Data());
-        Require((header->payloadType.Get() & 0x7F) == RETRANSMIT_PAYLOAD_TYPE);
+        const MediaHeader& header = HeaderOf(*packet);
+        Require((header.payloadType.Get() & 0x7F) == RETRANSMIT_PAYLOAD_TYPE);
         return 1;
     }
     const PacketBuffer* m_pRequest = nullptr;
@@ -52,11 +53,11 @@ void FillRing(CArqSend& engine, PacketBufferPool& media)
 {
     for (uint32_t i = 0; i < RING_SIZE; ++i) {
         PacketBuffer* packet = media.get();
-        auto* header = reinterpret_cast<MediaHeader*>(packet->Data());
-        header->flags.Set(RTP_VERSION_FLAGS);
-        header->payloadType.Set(static_cast<uint8_t>(MEDIA_PAYLOAD_TYPE | (i << 7)));
-        header->seq.Set(static_cast<uint16_t>(i - RING_SIZE / 2));
-        header->timestamp.Set(START_TICKS);
+        MediaHeader& header = HeaderOf(*packet);
+        header.flags.Set(RTP_VERSION_FLAGS);
+        header.payloadType.Set(static_cast<uint8_t>(MEDIA_PAYLOAD_TYPE | (i << 7)));
+        header.seq.Set(static_cast<uint16_t>(i - RING_SIZE / 2));
+        header.timestamp.Set(START_TICKS);
         packet->SetLength(MEDIA_BYTES);
         engine.StoreSent(packet);
     }
