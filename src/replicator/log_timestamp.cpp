@@ -1,5 +1,6 @@
 #include "replicator/log_timestamp.h"
 
+#include <cstdarg>
 #include <ctime>
 
 void LogTimestamp(FILE* stream)
@@ -10,4 +11,15 @@ void LogTimestamp(FILE* stream)
     if (ctime_r(&now, text) == nullptr)
         return;
     (void)fprintf(stream, "%.15s: ", text + WEEKDAY_CHARS);
+}
+
+void LogStamped(const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    flockfile(stderr); // standard error is unbuffered: each of the two writes goes out alone
+    LogTimestamp(stderr);
+    (void)vfprintf(stderr, format, arguments);
+    funlockfile(stderr);
+    va_end(arguments);
 }
