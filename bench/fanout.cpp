@@ -324,7 +324,7 @@ void ImpairmentGate(benchmark::State& state)
     ConfigureImpairment(impair, settings);
     for (auto unused : state) {
         (void)unused;
-        benchmark::DoNotOptimize(IsWithheld(impair));
+        benchmark::DoNotOptimize(StepImpairment(impair));
     }
 }
 BENCHMARK(ImpairmentGate)->ArgName("mode")->DenseRange(0, 2);

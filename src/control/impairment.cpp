@@ -44,7 +44,7 @@ void ConfigureImpairment(Impairment& impair, const ImpairmentSettings& settings)
     ReArm(impair);
 }
 
-bool IsWithheld(Impairment& impair)
+bool StepImpairment(Impairment& impair)
 {
     const int32_t mode = impair.m_mode;
     if (mode != IMPAIRMENT_FIXED && mode != IMPAIRMENT_RANDOM)

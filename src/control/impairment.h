@@ -44,8 +44,8 @@ struct ImpairmentSettings {
 // Stores the settings and arms the first burst and gap.
 void ConfigureImpairment(Impairment& impair, const ImpairmentSettings& settings);
 
-// The decision for one input packet: true when it is to be withheld. Steps the counters.
-bool IsWithheld(Impairment& impair);
+// Counts one input packet against the gate. True when the packet is to be withheld.
+bool StepImpairment(Impairment& impair);
 
 // Starts the next burst and gap.
 void ReArm(Impairment& impair);

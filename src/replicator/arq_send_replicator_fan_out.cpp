@@ -45,7 +45,7 @@ int ArqSendReplicator::SendRaw(uint8_t* data, int32_t length)
 
 bool ArqSendReplicator::DecideDrop()
 {
-    if (!IsWithheld(m_impair))
+    if (!StepImpairment(m_impair))
         return false;
     m_nDropPacket.Add(1);
     return true;

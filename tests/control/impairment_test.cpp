@@ -14,7 +14,7 @@ std::string Pattern(Impairment& impair, int packets)
 {
     std::string pattern;
     for (int i = 0; i < packets; ++i)
-        pattern += IsWithheld(impair) ? 'x' : '.';
+        pattern += StepImpairment(impair) ? 'x' : '.';
     return pattern;
 }
 
@@ -74,10 +74,10 @@ TEST(Impairment, CountersAreNegativeDuringABurst)
 {
     Impairment impair;
     Configured(impair, { .minDrop = 3, .minDist = 1 });
-    EXPECT_TRUE(IsWithheld(impair));
+    EXPECT_TRUE(StepImpairment(impair));
     EXPECT_EQ(impair.m_dist.m_value, -1);
     EXPECT_EQ(impair.m_burst.m_value, 2);
-    EXPECT_TRUE(IsWithheld(impair));
+    EXPECT_TRUE(StepImpairment(impair));
     EXPECT_EQ(impair.m_dist.m_value, -2);
 }
 
