@@ -6,17 +6,17 @@
 #include <ctime>
 #include <new>
 
+#include "arq/wire.h"
 #include "control/control_thread.h"
 #include "input/udp_input.h"
 #include "main/proxy_context.h"
 #include "pacing/ms_clock.h"
+#include "replicator/default_settings.h"
 
 namespace {
 
 constexpr int32_t QUEUE_CAPACITY = 512; // packets
-constexpr int32_t DEFAULT_GROSS_BIT_RATE = 50000000;
 constexpr int32_t PACER_PERIOD_MS = 10;
-constexpr int32_t RTP_HEADER_BYTES = 12; // not charged against the pacing rate
 constexpr uint32_t DRAIN_MS = 10;
 
 } // namespace
@@ -65,7 +65,7 @@ ParseResult Proxy::StartUp()
 
 void Proxy::PrintSettings() const
 {
-    if (m_context.grossMediaBitrate != DEFAULT_GROSS_BIT_RATE)
+    if (m_context.grossMediaBitrate != DEFAULT_GROSS_MEDIA_BITRATE)
         (void)printf("GrossMediaBitrate is %d\n", m_context.grossMediaBitrate);
     if (m_context.unicastUdpPort != 0)
         (void)printf("UnicastUdpPort is %d\n", m_context.unicastUdpPort);
@@ -139,7 +139,8 @@ void Proxy::CreatePacer()
     CPacer& pacer = *m_pPacerCB->m_pPacer;
     (void)fprintf(stderr, "Pacing bit rate %d\n", m_settings.pacingBitrate);
     pacer.SetPacingRate(static_cast<uint32_t>(m_settings.pacingBitrate));
-    pacer.SetHeaderBytes(m_context.udpInputMode != 0 ? 0 : RTP_HEADER_BYTES);
+    // Headers of RTP input are not charged against the rate.
+    pacer.SetHeaderBytes(m_context.udpInputMode != 0 ? 0 : MEDIA_HEADER_BYTES);
     (void)pacer.Start();
 }
 

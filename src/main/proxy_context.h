@@ -8,6 +8,7 @@
 
 #include "base/plain_word.h"
 #include "main/encryption_plugin.h"
+#include "replicator/default_settings.h"
 
 class ArqSendReplicator;
 class PacketQueue;
@@ -21,11 +22,11 @@ struct ProxyContext {
     // Main sets it; the main loop, the input thread and the control thread run while it is not 0.
     PlainWord<int32_t> running { 0 };
     uint16_t listenPort = 0; // UDP port of the input stream
-    uint16_t destPort = 10000; // UDP port of the output streams
-    uint16_t arqRequestPort = 7020; // where receivers' requests arrive
+    uint16_t destPort = DEFAULT_DEST_PORT; // UDP port of the output streams
+    uint16_t arqRequestPort = DEFAULT_ARQ_REQUEST_PORT; // where receivers' requests arrive
     uint16_t unicastUdpPort = 0; // 0: none
     int32_t startTime = 0; // seconds since the epoch when the threads were started; UDP input mode only
-    int32_t grossMediaBitrate = 50000000; // bit/s
+    int32_t grossMediaBitrate = DEFAULT_GROSS_MEDIA_BITRATE; // bit/s
     int32_t udpInputMode = 0;
     in_addr_t multicastGroup = 0; // network order; 0: none
     ArqSendReplicator* replicator = nullptr; // owned by main's run
