@@ -16,7 +16,10 @@
 #define ACQUIRED_BEFORE(...) TX_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
 #define REQUIRES(...) TX_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define ACQUIRE(...) TX_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define ACQUIRE_SHARED(...) TX_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) TX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define RELEASE_SHARED(...) TX_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
+#define RELEASE_GENERIC(...) TX_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 #define EXCLUDES(...) TX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 // Marks a function that reads guarded data without the lock on purpose; a comment gives the reason.
 #define UNLOCKED_BY_DESIGN TX_THREAD_ANNOTATION(no_thread_safety_analysis)

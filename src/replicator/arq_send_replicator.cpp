@@ -62,12 +62,10 @@ ArqSendReplicator::ArqSendReplicator(bool& ok, const Settings& settings)
     (void)Start();
 }
 
-// The streams go before the clock, which their engines use, and before the pool, which holds their packets.
 ArqSendReplicator::~ArqSendReplicator()
 {
     Stop();
     m_pMulticastStream.reset();
-    m_table.Clear();
     m_pNetSyncVid.reset();
     m_pSocketGroup.reset();
     m_pPingListener.reset();
@@ -136,13 +134,14 @@ void ArqSendReplicator::AddMulticastDestination(char* texts, uint16_t unicastUdp
     (void)puts("Error: No multicast address");
 }
 
-// The multicast stream leaves the table again: it alone gets first sendings, while the table is for the
-// receivers that ping the unicast port.
+// The multicast stream is not in the table: it alone gets first sendings, while the table is for the receivers
+// that ping the unicast port.
 void ArqSendReplicator::UseMulticast(const char* text, uint16_t unicastUdpPort)
 {
-    (void)AddStream(text, 0);
-    if (m_table.Count() > 0)
-        m_pMulticastStream = m_table.Take(0);
+    {
+        const StreamTable::Lock lock(m_table);
+        m_pMulticastStream = CreateConfigured(resolveHost(text), 0);
+    }
     (void)printf("Multicasting to %s:%d, ", text, m_usDestPort);
     m_usDestPort = unicastUdpPort;
     (void)printf("Unicasting to %d\n", m_usDestPort);
@@ -150,10 +149,11 @@ void ArqSendReplicator::UseMulticast(const char* text, uint16_t unicastUdpPort)
 
 void ArqSendReplicator::CreateListeners(bool& ok, int32_t nStreams)
 {
-    if (!SharesPorts() || m_table.Count() == 0)
+    const StreamTable::View view(m_table);
+    if (!SharesPorts() || view.Count() == 0)
         CreateOwnListeners(ok);
     else
-        ShareStreamSockets(ok, nStreams);
+        ShareStreamSockets(ok, view.At(0), nStreams);
     if (!m_pRequestListener)
         ok = false;
 }
@@ -170,10 +170,9 @@ void ArqSendReplicator::CreateOwnListeners(bool& ok)
 }
 
 // With equal ports requests are read from the very sockets that send the media.
-void ArqSendReplicator::ShareStreamSockets(bool& ok, int32_t nStreams)
+void ArqSendReplicator::ShareStreamSockets(bool& ok, const MyArqSendCB& stream, int32_t nStreams)
 {
     using Mode = MySocketListener::Mode;
-    const MyArqSendCB& stream = *m_table.At(0);
     if (nStreams >= SECOND_SOCKET_STREAMS) {
         (void)fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(1));
         m_pPingListener.reset(new (std::nothrow) MySocketListener(

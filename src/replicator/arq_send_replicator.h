@@ -27,7 +27,7 @@ struct ArqSendStats;
 //
 // Threads: main or the pacer's timer calls SendPacket (both, with pacing); the listen thread calls
 // ProcessPing and ProcessRequest; the control thread adds, deletes, lists, reads and resets statistics;
-// the keep-alive thread calls VisitPosition and the status thread SampleBitrates. m_mutex guards changes
+// the keep-alive thread calls VisitPosition and the status thread SampleBitrates. The table's lock guards changes
 // of the stream table and the streams' liveness; the packet path and requests take no lock at all.
 class ArqSendReplicator {
 public:
@@ -59,34 +59,33 @@ public:
 
     // Sends one input packet to every stream and stores it in every engine. The packet stays with the
     // engines until as many newer ones have come as they keep. Always returns 1.
-    int SendPacket(PacketBuffer* packet) UNLOCKED_BY_DESIGN; // media never waits for management
+    int SendPacket(PacketBuffer* packet);
 
     // The same for a raw payload, which gets its RTP header here. Always returns 1.
-    int SendRaw(uint8_t* data, int32_t length) UNLOCKED_BY_DESIGN; // as SendPacket
+    int SendRaw(uint8_t* data, int32_t length);
 
     // A datagram from a receiver, with the stream ID of its tag (0: none). Address and port in network
     // order. Always return 1.
     int ProcessPing(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId)
-        EXCLUDES(m_mutex);
-    int ProcessRequest(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet,
-        uint32_t streamId) UNLOCKED_BY_DESIGN; // resending shares the packet path's freedom; see ReadSection
+        EXCLUDES(m_table.m_mutex);
+    int ProcessRequest(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId);
 
     // Adds a configured stream to an address or host name, spread over `nInterfaces` interfaces if that is
     // not 0. Returns 1 when the stream exists afterwards, 0 for an unknown host or when it could not be
     // made. Resolving, which may block, happens outside the lock.
-    int AddStream(const char* text, int32_t nInterfaces) EXCLUDES(m_mutex);
+    int AddStream(const char* text, int32_t nInterfaces) EXCLUDES(m_table.m_mutex);
 
     // Tells the receiver to stop and removes its configured stream; takes 100 ms. Returns 1 when there was
     // one.
-    int DeleteStream(const char* text) EXCLUDES(m_mutex);
+    int DeleteStream(const char* text) EXCLUDES(m_table.m_mutex);
 
     // Writes the streams' addresses, separated by ",", as a C text of at most `room` bytes: as many whole
     // addresses as fit. Writes nothing at all without streams. Always returns 1.
-    int ListStreams(char* buffer, size_t room) EXCLUDES(m_mutex);
+    int ListStreams(char* buffer, size_t room) EXCLUDES(m_table.m_mutex);
 
     // Statistics of stream `index`. Returns 1 when there is such a stream, else 0.
-    int GetStreamStats(ArqSendStats* out, int32_t index) EXCLUDES(m_mutex);
-    void ClearStreamStats(int32_t index) EXCLUDES(m_mutex);
+    int GetStreamStats(ArqSendStats* out, int32_t index) EXCLUDES(m_table.m_mutex);
+    void ClearStreamStats(int32_t index) EXCLUDES(m_table.m_mutex);
 
     void ResetRxStats() { m_rx.Reset(); }
     void ResetTxStats() { m_tx.Reset(); }
@@ -97,7 +96,7 @@ public:
     void DebugDump() const;
 
     // One step of the keep-alive thread: resumes, suspends or leaves alone the stream at that position.
-    void VisitPosition(int32_t position) EXCLUDES(m_mutex);
+    void VisitPosition(int32_t position) EXCLUDES(m_table.m_mutex);
 
     // One step of the status thread: turns the byte counts since `thenUs` into bit rates. Both times are the
     // low 32 bits of a microsecond clock.
@@ -122,33 +121,36 @@ private:
     void UseMulticast(const char* text, uint16_t unicastUdpPort);
     void CreateListeners(bool& ok, int32_t nStreams);
     void CreateOwnListeners(bool& ok);
-    void ShareStreamSockets(bool& ok, int32_t nStreams);
+    void ShareStreamSockets(bool& ok, const MyArqSendCB& stream, int32_t nStreams);
     int32_t CountStreams() const;
     bool SharesPorts() const { return m_usDestPort == m_usArqRequestPort; }
 
     bool DecideDrop();
-    void SendToAll(PacketBuffer* packet);
-    void StoreInAll(PacketBuffer* packet);
-    void SendRawMulticast(uint8_t* data, int32_t length, uint16_t seq, bool isDropped);
-    void SendRawUnicast(uint8_t* data, int32_t length, uint16_t seq, bool isDropped);
+    void SendToAll(const StreamTable::View& view, PacketBuffer* packet);
+    void SendRawMulticast(
+        const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped);
 
-    std::unique_ptr<MyArqSendCB> CreateStream(in_addr_t addressNet, uint32_t streamId) REQUIRES(m_mutex);
-    void AddLearntStream(in_addr_t addressNet, uint16_t portNet, uint32_t streamId) REQUIRES(m_mutex);
-    void RemoveStream(MyArqSendCB* stream) REQUIRES(m_mutex);
-    void DiscardStream(const MyArqSendCB& stream) REQUIRES(m_mutex);
+    std::unique_ptr<MyArqSendCB> CreateStream(in_addr_t addressNet, uint32_t streamId)
+        REQUIRES(m_table.m_mutex);
+    std::unique_ptr<MyArqSendCB> CreateConfigured(in_addr_t addressNet, int32_t nInterfaces)
+        REQUIRES(m_table.m_mutex);
+    void AddLearntStream(in_addr_t addressNet, uint16_t portNet, uint32_t streamId) REQUIRES(m_table.m_mutex);
+    void RemoveStream(MyArqSendCB* stream) REQUIRES(m_table.m_mutex);
+    void DiscardStream(const MyArqSendCB& stream) REQUIRES(m_table.m_mutex);
     bool CreateEngine(MyArqSendCB& stream);
-    void ServePing(MyArqSendCB& stream, uint16_t portNet) REQUIRES(m_mutex);
-    void StartMedia(MyArqSendCB& stream, uint16_t portNet) REQUIRES(m_mutex);
-    void SendStopMessages(MyArqSendCB& stream) REQUIRES(m_mutex);
+    void ServePing(MyArqSendCB& stream, uint16_t portNet) REQUIRES(m_table.m_mutex);
+    void StartMedia(MyArqSendCB& stream, uint16_t portNet) REQUIRES(m_table.m_mutex);
+    void SendStopMessages(MyArqSendCB& stream) REQUIRES(m_table.m_mutex);
+
+    bool HasRoom(uint32_t streamId) const REQUIRES(m_table.m_mutex);
 
     static void KeepAlive(void* replicator);
     static void Status(void* replicator);
 
     ReceiveStats m_rx;
     TransmitStats m_tx;
-    Mutex m_mutex;
     std::unique_ptr<CNetSyncVid> m_pNetSyncVid; // shared by all engines
-    StreamTable m_table; // changed under m_mutex, read by the packet path without it
+    StreamTable m_table;
     uint32_t m_nStream1Percent;
     std::unique_ptr<PacketBufferPool> m_pPacketPool;
     uint16_t m_usArqRequestPort; // host order, as the next

@@ -4,6 +4,27 @@
 #include "arq/wire.h"
 #include "replicator/arq_send_replicator.h"
 
+namespace {
+
+// After all sendings: all engines share this packet, and the first resend changes its payload type.
+// A withheld packet is stored too, so that receivers can recover it.
+void StoreInAll(const StreamTable::View& view, PacketBuffer* packet)
+{
+    view.ForEach([packet](MyArqSendCB& stream) { stream.m_pEngine->StoreSent(packet); });
+}
+
+void SendRawUnicast(
+    const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
+{
+    view.ForEach([=](MyArqSendCB& stream) {
+        PacketBuffer* record = stream.m_pEngine->BuildAndStore(data, length, seq);
+        if (!isDropped)
+            (void)stream.SendData(record);
+    });
+}
+
+} // namespace
+
 int ArqSendReplicator::SendPacket(PacketBuffer* packet)
 {
     if (!m_bRunning)
@@ -21,11 +42,11 @@ int ArqSendReplicator::SendPacket(PacketBuffer* packet)
         m_rx.CountSequence(header->seq.Get());
     }
     const bool isDropped = DecideDrop();
-    const ReadSection section(m_table.Readers());
+    const StreamTable::View view(m_table);
     if (!isDropped)
-        SendToAll(packet);
+        SendToAll(view, packet);
     if (isRtp)
-        StoreInAll(packet);
+        StoreInAll(view, packet);
     return 1;
 }
 
@@ -35,11 +56,11 @@ int ArqSendReplicator::SendRaw(uint8_t* data, int32_t length)
         return 1;
     const auto seq = static_cast<uint16_t>(m_usSeqNum.fetch_add(1, std::memory_order_relaxed) + 1);
     const bool isDropped = DecideDrop();
-    const ReadSection section(m_table.Readers());
+    const StreamTable::View view(m_table);
     if (m_pMulticastStream)
-        SendRawMulticast(data, length, seq, isDropped);
+        SendRawMulticast(view, data, length, seq, isDropped);
     else
-        SendRawUnicast(data, length, seq, isDropped);
+        SendRawUnicast(view, data, length, seq, isDropped);
     return 1;
 }
 
@@ -52,35 +73,20 @@ bool ArqSendReplicator::DecideDrop()
 }
 
 // With a multicast destination only the group gets first sendings.
-void ArqSendReplicator::SendToAll(PacketBuffer* packet)
+void ArqSendReplicator::SendToAll(const StreamTable::View& view, PacketBuffer* packet)
 {
     if (m_pMulticastStream) {
         (void)m_pMulticastStream->SendData(packet);
         return;
     }
-    m_table.ForEach([packet](MyArqSendCB& stream) { (void)stream.SendData(packet); });
+    view.ForEach([packet](MyArqSendCB& stream) { (void)stream.SendData(packet); });
 }
 
-// After all sendings: all engines share this packet, and the first resend changes its payload type.
-// A withheld packet is stored too, so that receivers can recover it.
-void ArqSendReplicator::StoreInAll(PacketBuffer* packet)
+void ArqSendReplicator::SendRawMulticast(
+    const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
 {
-    m_table.ForEach([packet](MyArqSendCB& stream) { stream.m_pEngine->StoreSent(packet); });
-}
-
-void ArqSendReplicator::SendRawMulticast(uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
-{
-    m_table.ForEach([=](MyArqSendCB& stream) { (void)stream.m_pEngine->BuildAndStore(data, length, seq); });
+    view.ForEach([=](MyArqSendCB& stream) { (void)stream.m_pEngine->BuildAndStore(data, length, seq); });
     PacketBuffer* record = m_pMulticastStream->m_pEngine->BuildAndStore(data, length, seq);
     if (!isDropped)
         (void)m_pMulticastStream->SendData(record);
-}
-
-void ArqSendReplicator::SendRawUnicast(uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
-{
-    m_table.ForEach([=](MyArqSendCB& stream) {
-        PacketBuffer* record = stream.m_pEngine->BuildAndStore(data, length, seq);
-        if (!isDropped)
-            (void)stream.SendData(record);
-    });
 }

@@ -35,8 +35,8 @@ void StripTag(PacketBuffer* packet)
 int ArqSendReplicator::ProcessRequest(
     PacketBuffer* packet, in_addr_t addressNet, uint16_t /*portNet*/, uint32_t streamId)
 {
-    const ReadSection section(m_table.Readers());
-    const MyArqSendCB* stream = m_table.Find(addressNet, streamId);
+    const StreamTable::View view(m_table);
+    const MyArqSendCB* stream = view.Find(addressNet, streamId);
     if (stream == nullptr)
         return 1;
     if (streamId != 0)
@@ -49,8 +49,8 @@ int ArqSendReplicator::ProcessPing(
     PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId)
 {
     const bool isStop = ReadStreamTag(packet->Data(), packet->Length()).isLeave;
-    const MutexLock lock(m_mutex);
-    MyArqSendCB* stream = m_table.Find(addressNet, streamId);
+    const StreamTable::Lock lock(m_table);
+    MyArqSendCB* stream = m_table.Current().Find(addressNet, streamId);
     if (isStop) {
         RemoveStream(stream);
         return 1;
@@ -102,9 +102,8 @@ void ArqSendReplicator::StartMedia(MyArqSendCB& stream, uint16_t portNet)
             stream.StreamId());
     }
     if (m_pPingListener) {
-        const SharedSocket borrowed = stream.AdoptSocket(m_pPingListener->Socket());
-        if (borrowed.IsValid())
-            m_table.Readers().WaitForReaders(); // a sender may still use it; dropping it may close it
+        (void)stream.AdoptSocket(
+            m_pPingListener->Socket()); // nobody sent on what it may have borrowed before
     }
     stream.SetDestinationPortNet(portNet);
     stream.m_bMediaStarted = true;
@@ -119,12 +118,21 @@ int ArqSendReplicator::AddStream(const char* text, int32_t nInterfaces)
         (void)fprintf(stderr, "unknown host '%s'\n", text != nullptr ? text : "");
         return 0;
     }
-    const MutexLock lock(m_mutex);
-    if (m_table.Find(addressNet, 0) != nullptr)
+    const StreamTable::Lock lock(m_table);
+    if (m_table.Current().Find(addressNet, 0) != nullptr)
         return 1;
-    std::unique_ptr<MyArqSendCB> stream = CreateStream(addressNet, 0);
+    std::unique_ptr<MyArqSendCB> stream = CreateConfigured(addressNet, nInterfaces);
     if (!stream)
         return 0;
+    m_table.Append(std::move(stream));
+    return 1;
+}
+
+std::unique_ptr<MyArqSendCB> ArqSendReplicator::CreateConfigured(in_addr_t addressNet, int32_t nInterfaces)
+{
+    std::unique_ptr<MyArqSendCB> stream = CreateStream(addressNet, 0);
+    if (!stream)
+        return nullptr;
     stream->m_bMediaStarted = true;
     stream->m_bStatic = true;
     if (nInterfaces != 0)
@@ -134,8 +142,7 @@ int ArqSendReplicator::AddStream(const char* text, int32_t nInterfaces)
         const StampedLine line;
         (void)fprintf(stderr, "AddStream: Added %s stream ID:0x%08x\n", stream->HostText(), 0U);
     }
-    m_table.Append(std::move(stream));
-    return 1;
+    return stream;
 }
 
 int ArqSendReplicator::DeleteStream(const char* text)
@@ -145,8 +152,8 @@ int ArqSendReplicator::DeleteStream(const char* text)
         (void)fprintf(stderr, "unknown host '%s'\n", text != nullptr ? text : "");
         return 0;
     }
-    const MutexLock lock(m_mutex);
-    MyArqSendCB* stream = m_table.Find(addressNet, 0);
+    const StreamTable::Lock lock(m_table);
+    MyArqSendCB* stream = m_table.Current().Find(addressNet, 0);
     if (stream == nullptr)
         return 0;
     SendStopMessages(*stream);
@@ -164,9 +171,9 @@ void ArqSendReplicator::SendStopMessages(MyArqSendCB& stream)
 
 int ArqSendReplicator::ListStreams(char* buffer, size_t room)
 {
-    const MutexLock lock(m_mutex);
+    const StreamTable::Lock lock(m_table);
     size_t used = 0;
-    m_table.ForEach([&](const MyArqSendCB& stream) {
+    m_table.Current().ForEach([&](const MyArqSendCB& stream) {
         const char* comma = used == 0 ? "" : ",";
         const size_t wanted = std::strlen(comma) + std::strlen(stream.HostText());
         if (used + wanted < room)
@@ -178,35 +185,32 @@ int ArqSendReplicator::ListStreams(char* buffer, size_t room)
 
 int ArqSendReplicator::GetStreamStats(ArqSendStats* out, int32_t index)
 {
-    const MutexLock lock(m_mutex);
-    if (index < 0 || index >= m_table.Count())
+    const StreamTable::Lock lock(m_table);
+    if (index < 0 || index >= m_table.Current().Count())
         return 0;
-    m_table.At(index)->m_pEngine->GetStats(out);
+    m_table.Current().At(index).m_pEngine->GetStats(out);
     return 1;
 }
 
 void ArqSendReplicator::ClearStreamStats(int32_t index)
 {
-    const MutexLock lock(m_mutex);
-    if (index >= 0 && index < m_table.Count())
-        m_table.At(index)->m_pEngine->ClearStats();
+    const StreamTable::Lock lock(m_table);
+    if (index >= 0 && index < m_table.Current().Count())
+        m_table.Current().At(index).m_pEngine->ClearStats();
 }
 
 // The caller finishes the stream and appends it to the table: the packet path meets only finished ones.
 std::unique_ptr<MyArqSendCB> ArqSendReplicator::CreateStream(in_addr_t addressNet, uint32_t streamId)
 {
-    if (m_table.Count() >= StreamTable::MAX_STREAMS) {
-        const StampedLine line;
-        (void)fprintf(stderr, "Stream not added, no more available streams, ID:0x%08x\n", streamId);
+    if (!HasRoom(streamId))
         return nullptr;
-    }
     std::unique_ptr<MyArqSendCB> stream(
         new (std::nothrow) MyArqSendCB(m_tx, addressNet, m_usDestPort, streamId));
     if (!stream)
         return nullptr;
-    if (SharesPorts() && m_table.Count() > 0) {
-        const SharedSocket socket = m_table.At(0)->ShareSocket(0);
-        (void)fprintf(stderr, "Dupping socket %d for stream %d\n", socket.Get(), m_table.Count());
+    if (SharesPorts() && m_table.Current().Count() > 0) {
+        const SharedSocket socket = m_table.Current().At(0).ShareSocket(0);
+        (void)fprintf(stderr, "Dupping socket %d for stream %d\n", socket.Get(), m_table.Current().Count());
         stream->BorrowSocket(socket);
     } else {
         stream->OpenSocket();
@@ -214,6 +218,19 @@ std::unique_ptr<MyArqSendCB> ArqSendReplicator::CreateStream(in_addr_t addressNe
     if (!CreateEngine(*stream))
         return nullptr;
     return stream;
+}
+
+bool ArqSendReplicator::HasRoom(uint32_t streamId) const
+{
+    if (!m_table.HasPlace()) {
+        LogStamped("Stream not added, no more available streams, ID:0x%08x\n", streamId);
+        return false;
+    }
+    if (!m_table.HasFreeState()) { // receivers that take nothing hold up what has left
+        LogStamped("Stream not added, too many streams wait to be destroyed, ID:0x%08x\n", streamId);
+        return false;
+    }
+    return true;
 }
 
 // The engine puts itself into the stream, which owns it from then on: the analyzer cannot see that.
@@ -247,6 +264,6 @@ void ArqSendReplicator::RemoveStream(MyArqSendCB* stream)
 void ArqSendReplicator::DiscardStream(const MyArqSendCB& stream)
 {
     int32_t index = 0;
-    if (m_table.IndexOf(&stream, &index))
-        (void)m_table.Take(index);
+    if (m_table.Current().FindIndex(&stream, &index))
+        m_table.Remove(index);
 }

@@ -13,7 +13,8 @@ constexpr uint32_t STOP_GRACE_MS = 200;
 constexpr uint32_t VISIT_MS
     = 100; // one table position; 50 of them make the 5 s in which a receiver must ping
 constexpr uint32_t SAMPLE_MS = 1000;
-constexpr uint32_t SAMPLE_SLICE_MS = 100; // so that the status thread notices the end within the grace
+// So that the status thread notices the end within the grace; also how often it looks after removed streams.
+constexpr uint32_t SAMPLE_SLICE_MS = 100;
 
 // The low 32 bits are all that the rates need.
 uint32_t TimeUs()
@@ -72,10 +73,11 @@ void ArqSendReplicator::KeepAlive(void* replicator)
 
 void ArqSendReplicator::VisitPosition(int32_t position)
 {
-    const MutexLock lock(m_mutex);
-    if (position >= m_table.Count())
+    const StreamTable::Lock lock(m_table);
+    const StreamEntries entries = m_table.Current();
+    if (position >= entries.Count())
         return;
-    MyArqSendCB* stream = m_table.At(position);
+    MyArqSendCB* stream = &entries.At(position);
     if (stream->m_bStatic)
         return;
     if (stream->m_nPingCount != 0) {
@@ -95,6 +97,7 @@ void ArqSendReplicator::VisitPosition(int32_t position)
     }
 }
 
+// Also destroys what was removed: this thread holds no lock, and nobody waits for it.
 void ArqSendReplicator::Status(void* replicator)
 {
     auto* self = static_cast<ArqSendReplicator*>(replicator);
@@ -102,8 +105,10 @@ void ArqSendReplicator::Status(void* replicator)
     self->m_tx.m_nTxBytes = 0;
     self->m_rx.m_nRxBytes = 0;
     while (self->m_bRunning) {
-        for (uint32_t slept = 0; slept < SAMPLE_MS && self->m_bRunning; slept += SAMPLE_SLICE_MS)
+        for (uint32_t slept = 0; slept < SAMPLE_MS && self->m_bRunning; slept += SAMPLE_SLICE_MS) {
             (void)SleepMs(SAMPLE_SLICE_MS);
+            self->m_table.DestroyRemoved();
+        }
         const uint32_t nowUs = TimeUs();
         self->SampleBitrates(nowUs, thenUs);
         thenUs = nowUs;
@@ -120,8 +125,8 @@ void ArqSendReplicator::SampleBitrates(uint32_t nowUs, uint32_t thenUs)
 
 int32_t ArqSendReplicator::CountStreams() const
 {
-    const ReadSection section(m_table.Readers());
-    return m_table.Count();
+    const StreamTable::View view(m_table);
+    return view.Count();
 }
 
 void ArqSendReplicator::DebugDump() const

@@ -1,19 +1,13 @@
 #include "replicator/read_section.h"
 
-#include <sched.h>
-
-// Both sides in turn: a reader may have picked a side just before the last writer changed it and entered
-// only afterwards, so that one change of side alone could miss it.
-void ReadSections::WaitForReaders()
+bool ReadSections::IsPeriodOver()
 {
-    WaitForOneSide();
-    WaitForOneSide();
-}
-
-void ReadSections::WaitForOneSide()
-{
-    const unsigned side = m_nSide.load();
-    m_nSide.store(1 - side);
-    while (m_readers[side].load() != 0)
-        (void)sched_yield();
+    for (; m_nSidesToSee > 0; --m_nSidesToSee) {
+        const unsigned closedSide = 1 - m_nOpenSide.load();
+        if (m_readers[closedSide].load() != 0)
+            return false;
+        m_nOpenSide.store(
+            closedSide); // newcomers go to the empty side; the other one runs empty from here on
+    }
+    return true;
 }

@@ -1,43 +1,52 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
-// Lets readers walk the stream table without a lock while one writer takes entries out. A writer unlinks
-// an entry, waits here until every reader that could have seen it has left, and only then destroys it.
+#include "base/mutex.h"
+
+// Tells when everyone who may still be reading what was unlinked has left, without making anybody wait.
+// Readers walk the stream table inside a section and take no lock; a writer unlinks and goes on; one
+// destroyer looks now and then whether a whole period has passed since, and destroys only then.
 //
-// Threads: any number of readers (media sending threads, listen thread); writers one at a time, under the
-// replicator lock. A reader never takes that lock inside its section, so a writer's wait ends.
-class ReadSections {
+// Why that is safe. A reader first counts itself in (one atomic addition), then loads the published state.
+// A writer first publishes the new state, then what it unlinked reaches the destroyer, which loads the
+// counts. These four are sequentially consistent, so there is one order of all of them, and in it
+//  - either the reader's load comes before the publishing: then its count does too, and the destroyer's
+//    later look at that count sees it until the reader has left;
+//  - or it comes after: then the reader, however late it is, finds the new state and cannot reach what was
+//    unlinked.
+// With acquire and release alone both sides could miss each other: the reader's count may still be on its
+// way when the destroyer looks, while the reader has loaded the old state already.
+//
+// Why there are two counts. Media never pause: with one count a new reader may always be inside before the
+// last one has left, and it would never be seen at 0. So newcomers are sent to the other side, and the side
+// that they have left runs empty. A reader may pick a side just before that changes and count itself in
+// afterwards; it then delays the look at that side by one section. That is also why a period needs both
+// sides seen empty once: a reader of the old state may stand on either. Which side is open orders nothing.
+//
+// Threads: any number of readers; one destroyer, which alone calls BeginPeriod and IsPeriodOver.
+class CAPABILITY("read section") ReadSections {
 public:
-    // Enters a section; costs one atomic addition. The result goes to Leave.
-    unsigned Enter()
+    static constexpr unsigned SIDES = 2;
+
+    // Enters a section; never waits. The result goes to Leave.
+    unsigned Enter() ACQUIRE_SHARED()
     {
-        const unsigned side = m_nSide.load();
+        const unsigned side = m_nOpenSide.load();
         m_readers[side].fetch_add(1);
         return side;
     }
-    void Leave(unsigned side) { m_readers[side].fetch_sub(1); }
+    void Leave(unsigned side) RELEASE_SHARED() { m_readers[side].fetch_sub(1); }
 
-    // Returns once every reader that entered before the call has left. Readers that enter meanwhile prolong
-    // the wait by one section at most: they are counted on the other side.
-    void WaitForReaders();
+    // Begins a period for everything that was unlinked before this call.
+    void BeginPeriod() { m_nSidesToSee = SIDES; }
 
-private:
-    void WaitForOneSide();
-
-    std::atomic<unsigned> m_nSide { 0 };
-    std::atomic<int> m_readers[2] {};
-};
-
-// Holds a read section for the length of a block.
-class ReadSection {
-public:
-    explicit ReadSection(ReadSections& sections) : m_sections(sections), m_nSide(sections.Enter()) {}
-    ReadSection(const ReadSection&) = delete;
-    ReadSection& operator=(const ReadSection&) = delete;
-    ~ReadSection() { m_sections.Leave(m_nSide); }
+    // One look, which never waits: true once every reader that entered before BeginPeriod has left.
+    bool IsPeriodOver();
 
 private:
-    ReadSections& m_sections;
-    unsigned m_nSide;
+    std::atomic<unsigned> m_nOpenSide { 0 }; // where newcomers count themselves in
+    std::atomic<int32_t> m_readers[SIDES] {};
+    unsigned m_nSidesToSee = 0; // sides that were not yet seen empty in this period; the destroyer's own
 };

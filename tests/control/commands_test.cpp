@@ -57,7 +57,7 @@ TEST_F(CommandsTest, AddAndDeleteAnswerOkWhateverBecameOfThem)
 {
     EXPECT_EQ(Reply("Add 10.0.0.1:5000"), "OK: Adding: 10.0.0.1:5000");
     EXPECT_EQ(Reply("Delete 10.0.0.9"), "OK: Deleting: 10.0.0.9");
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
 }
 
 TEST_F(CommandsTest, AMissingArgumentIsAnEmptyText)
@@ -65,14 +65,14 @@ TEST_F(CommandsTest, AMissingArgumentIsAnEmptyText)
     EXPECT_EQ(Reply("Add"), "OK: Adding: ");
     EXPECT_EQ(Reply("Delete"), "OK: Deleting: ");
     EXPECT_EQ(Reply("Add "), "OK: Adding: ");
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
 }
 
 TEST_F(CommandsTest, DeleteRemovesTheStream)
 {
     (void)Reply("Add 127.0.0.2");
     EXPECT_EQ(Reply("Delete 127.0.0.2"), "OK: Deleting: 127.0.0.2");
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
 }
 
 TEST_F(CommandsTest, PercentSignsOfAnArgumentAreOnlyText)

@@ -346,7 +346,7 @@ protected:
         for (int i = 2; i < 52; ++i)
             text += "127.0.0." + std::to_string(i) + ",";
         Start(text.c_str(), udpInputMode);
-        ASSERT_EQ(m_replicator->Streams().Count(), 50);
+        ASSERT_EQ(CountOfStreams(*m_replicator), 50);
     }
 
     // Allocations of this thread for a few packets and a request that is answered.

@@ -25,7 +25,7 @@ protected:
         (void)BuildStopped();
     }
 
-    int32_t Count() const { return m_replicator->Streams().Count(); }
+    int32_t Count() const { return CountOfStreams(*m_replicator); }
     void Add(const char* address)
     {
         const CapturedOutput output;

@@ -34,7 +34,7 @@ TEST_F(ArqSendReplicatorTest, WithoutDestinationsItStartsWithoutStreams)
     BuildQuietly();
     EXPECT_EQ(m_out, "Number of ARQ Buffers = 64\n");
     EXPECT_EQ(m_err.find("Maximum output streams = 50\n"), 0U);
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
     EXPECT_EQ(m_replicator->MulticastStream(), nullptr);
     EXPECT_EQ(m_replicator->PacketPool().Count(), 64U + 1024U);
     EXPECT_EQ(m_replicator->m_nDropPacket, 0);
@@ -96,7 +96,7 @@ TEST_F(ArqSendReplicatorTest, WithAUnicastPortTheFirstMulticastAddressIsTheOnlyD
         "Multicasting to 239.1.1.1:"
             + std::to_string(m_pingLease.Port()) + ", Unicasting to " + std::to_string(unicastLease.Port())
             + "\n");
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
     ASSERT_NE(m_replicator->MulticastStream(), nullptr);
     EXPECT_STREQ(m_replicator->MulticastStream()->HostText(), "239.1.1.1");
     EXPECT_EQ(m_replicator->MulticastStream()->DestinationPortNet(), htons(m_pingLease.Port()));
@@ -112,7 +112,7 @@ TEST_F(ArqSendReplicatorTest, WithAUnicastPortButNoMulticastAddressItRunsOnWitho
     m_settings.destAddress = "10.0.0.1";
     BuildQuietly();
     EXPECT_TRUE(Printed("Error: Skipping 10.0.0.1, not a multicast address\nError: No multicast address\n"));
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
     EXPECT_EQ(m_replicator->MulticastStream(), nullptr);
     EXPECT_EQ(m_replicator->DestPort(), m_pingLease.Port());
 }
@@ -130,7 +130,7 @@ TEST_F(ArqSendReplicatorTest, AnEmptyDestinationTextIsNoDestination)
 {
     m_settings.destAddress = "";
     BuildQuietly();
-    EXPECT_EQ(m_replicator->Streams().Count(), 0);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 0);
 }
 
 TEST_F(ArqSendReplicatorTest, ADestinationTextOfAnyLengthIsReadAndTheFiftyFirstStreamRefused)
@@ -142,7 +142,7 @@ TEST_F(ArqSendReplicatorTest, ADestinationTextOfAnyLengthIsReadAndTheFiftyFirstS
         text += "127.0.0." + std::to_string(i) + ",";
     m_settings.destAddress = text.c_str();
     BuildQuietly();
-    EXPECT_EQ(m_replicator->Streams().Count(), 50);
+    EXPECT_EQ(CountOfStreams(*m_replicator), 50);
     EXPECT_STREQ(Stream(49).HostText(), "127.0.0.51");
     EXPECT_TRUE(Complained("<time> Stream not added, no more available streams, ID:0x00000000\n"));
     EXPECT_FALSE(Complained("127.0.0.52"));
@@ -234,7 +234,7 @@ TEST_F(SharedPortsTest, AMediaStartOnABorrowedSocketLeavesTheOwnersSocketAlone)
     EXPECT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
     Receiver receiver("127.0.0.3");
     Ping("127.0.0.3", htons(receiver.Port()));
-    ASSERT_EQ(m_replicator->Streams().Count(), 2);
+    ASSERT_EQ(CountOfStreams(*m_replicator), 2);
     EXPECT_NE(Stream(1).SocketNumber(0), Stream(0).SocketNumber(0));
     OwnedPacket packet(RtpPacket(7));
     EXPECT_EQ(Stream(1).SendData(packet.Get()), 1);

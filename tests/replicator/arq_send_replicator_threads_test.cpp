@@ -32,7 +32,7 @@ protected:
         const CapturedOutput output;
         Ping(address, PORT_NET, streamId);
     }
-    int32_t Count() const { return m_replicator->Streams().Count(); }
+    int32_t Count() const { return CountOfStreams(*m_replicator); }
 };
 
 TEST_F(ThreadStepsTest, AReceiverThatPingedSinceTheLastVisitStays)

@@ -61,6 +61,19 @@ inline RecordingEngine& ReplaceEngine(MyArqSendCB& stream)
     return result;
 }
 
+inline int32_t CountOfStreams(const ArqSendReplicator& replicator)
+{
+    const StreamTable::View view(replicator.Streams());
+    return view.Count();
+}
+
+// Entry `index`. It outlives the view: nothing that was removed is destroyed while the test itself looks.
+inline MyArqSendCB& StreamOf(const ArqSendReplicator& replicator, int32_t index)
+{
+    const StreamTable::View view(replicator.Streams());
+    return view.At(index);
+}
+
 // A replicator on ports of its own, with small rings.
 class ReplicatorTest : public testing::Test {
 protected:
@@ -91,7 +104,7 @@ protected:
         return replicator;
     }
 
-    MyArqSendCB& Stream(int32_t index) { return *m_replicator->Streams().At(index); }
+    MyArqSendCB& Stream(int32_t index) { return StreamOf(*m_replicator, index); }
 
     std::string List()
     {
