@@ -127,7 +127,7 @@ void SendPacketToReceivers(benchmark::State& state)
     settings.udpInputMode = state.range(1) != 0;
     bool ok = false;
     ArqSendReplicator replicator(ok, settings);
-    if (!ok || replicator.Streams().Count() != state.range(0)) {
+    if (!ok || StreamTable::View(replicator.Streams()).Count() != state.range(0)) {
         state.SkipWithError("no replicator");
         return;
     }

@@ -14,6 +14,13 @@ uint32_t GetTimeMs()
     return TimeMs(now);
 }
 
+uint32_t GetSteadyMs()
+{
+    timespec now {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec) * 1000U + static_cast<uint32_t>(now.tv_nsec / 1000000);
+}
+
 int64_t GetTimeUs()
 {
     timeval now {};

@@ -8,6 +8,9 @@
 uint32_t TimeMs(const timeval& now);
 uint32_t GetTimeMs();
 
+// Milliseconds modulo 2^32 on a clock that nobody sets, for how long something has lasted. Compared likewise.
+uint32_t GetSteadyMs();
+
 // Wall-clock microseconds since the epoch.
 int64_t GetTimeUs();
 

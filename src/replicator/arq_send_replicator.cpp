@@ -1,46 +1,31 @@
-// Construction and destruction: the parts, the destinations of the command line, the listeners.
+// The parts, the order in which they are built and destroyed, and who is called for what.
 #include "replicator/arq_send_replicator.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <string>
-#include <utility>
 
 #include "arq/arq_settings.h"
 #include "arq/c_arq_send.h"
-#include "input/address.h"
+#include "arq/datagram_kind.h"
 #include "pacing/ms_clock.h"
+#include "replicator/destinations.h"
+#include "replicator/request_router.h"
 
 namespace {
 
 constexpr uint32_t POOL_MARGIN = 1024; // buffers beyond what the rings refer to
 constexpr uint32_t CLOCK_WINDOW = 32;
 constexpr uint32_t LISTENER_POOL_SIZE = 1024; // buffers
-constexpr int32_t SECOND_SOCKET_STREAMS
-    = 2; // from this many interfaces on, pings have a socket to themselves
-
-// Cuts the next destination off `*rest` that the resolver knows; null when there is none left.
-const char* NextResolved(char** rest, in_addr_t* addressNet)
-{
-    while (const char* text = strtok_r(*rest, ",", rest)) {
-        *addressNet = resolveHost(text);
-        if (*addressNet != 0)
-            return text;
-    }
-    return nullptr;
-}
+// From this many interfaces on, pings have a socket to themselves.
+constexpr int32_t SECOND_SOCKET_STREAMS = 2;
 
 } // namespace
 
 ArqSendReplicator::ArqSendReplicator(bool& ok, const Settings& settings)
-    : m_nStream1Percent(settings.stream1Percent),
-      m_usArqRequestPort(settings.arqRequestPort),
-      m_usDestPort(settings.destPort),
-      m_nGrossMediaBitrate(settings.grossMediaBitrate),
-      m_nInstance(settings.instance),
-      m_bUdpInputMode(settings.udpInputMode)
+    : m_usArqRequestPort(settings.arqRequestPort),
+      m_nInstance(settings.instance)
 {
     ok = true;
     InitImpairment(m_impair);
@@ -56,16 +41,19 @@ ArqSendReplicator::ArqSendReplicator(bool& ok, const Settings& settings)
         ok = false;
         return;
     }
-    m_pSocketGroup.reset(new (std::nothrow) SocketGroup);
+    CreateParts(settings);
     AddDestinations(settings);
     CreateListeners(ok, settings.nStreams);
     (void)Start();
 }
 
+// The streams go before the clock, which their engines use, and before the pool, which holds their packets.
 ArqSendReplicator::~ArqSendReplicator()
 {
     Stop();
+    m_fanOut.reset();
     m_pMulticastStream.reset();
+    m_keeper.reset();
     m_pNetSyncVid.reset();
     m_pSocketGroup.reset();
     m_pPingListener.reset();
@@ -99,58 +87,57 @@ bool ArqSendReplicator::CreateClock()
     return m_pNetSyncVid != nullptr;
 }
 
+void ArqSendReplicator::CreateParts(const Settings& settings)
+{
+    const StreamKeeper::Settings streams {
+        .arqRequestPort = settings.arqRequestPort,
+        .destPort = settings.destPort,
+        .stream1Percent = settings.stream1Percent,
+        .grossMediaBitrate = settings.grossMediaBitrate,
+        .udpInputMode = settings.udpInputMode,
+    };
+    m_keeper.emplace(m_tx, *m_pNetSyncVid, streams);
+    m_fanOut.emplace(FanOut::Parts {
+        .table = m_keeper->Table(),
+        .clock = *m_pNetSyncVid,
+        .rx = m_rx,
+        .impair = m_impair,
+        .nDropPacket = m_nDropPacket,
+        .bRunning = m_bRunning,
+        .udpInputMode = settings.udpInputMode,
+    });
+    m_pSocketGroup.reset(new (std::nothrow) SocketGroup);
+}
+
 void ArqSendReplicator::AddDestinations(const Settings& settings)
 {
-    if (settings.destAddress == nullptr || *settings.destAddress == '\0')
+    const char* list = settings.destAddress;
+    if (list == nullptr || *list == '\0')
         return;
-    std::string texts(settings.destAddress); // strtok_r cuts its text
     if (settings.unicastUdpPort == 0)
-        AddUnicastDestinations(texts.data(), settings.nStreams);
+        ForEachUnicast(list, [&](const char* text) { (void)AddStream(text, settings.nStreams); });
     else
-        AddMulticastDestination(texts.data(), settings.unicastUdpPort);
+        UseMulticast(list, settings.unicastUdpPort);
 }
 
-void ArqSendReplicator::AddUnicastDestinations(char* texts, int32_t nStreams)
+// The multicast stream alone gets first sendings, while the table is for the receivers that ping the unicast
+// port.
+void ArqSendReplicator::UseMulticast(const char* list, uint16_t unicastUdpPort)
 {
-    in_addr_t addressNet = 0;
-    while (const char* text = NextResolved(&texts, &addressNet)) {
-        if (IsMulticast(addressNet))
-            (void)printf("Error: Skipping %s, not an unicast address\n", text);
-        else
-            (void)AddStream(text, nStreams);
-    }
-}
-
-void ArqSendReplicator::AddMulticastDestination(char* texts, uint16_t unicastUdpPort)
-{
-    in_addr_t addressNet = 0;
-    while (const char* text = NextResolved(&texts, &addressNet)) {
-        if (IsMulticast(addressNet)) {
-            UseMulticast(text, unicastUdpPort);
-            return;
-        }
-        (void)printf("Error: Skipping %s, not a multicast address\n", text);
-    }
-    (void)puts("Error: No multicast address");
-}
-
-// The multicast stream is not in the table: it alone gets first sendings, while the table is for the receivers
-// that ping the unicast port.
-void ArqSendReplicator::UseMulticast(const char* text, uint16_t unicastUdpPort)
-{
-    {
-        const StreamTable::Lock lock(m_table);
-        m_pMulticastStream = CreateConfigured(resolveHost(text), 0);
-    }
-    (void)printf("Multicasting to %s:%d, ", text, m_usDestPort);
-    m_usDestPort = unicastUdpPort;
-    (void)printf("Unicasting to %d\n", m_usDestPort);
+    const std::string text = FirstMulticast(list);
+    if (text.empty())
+        return;
+    m_pMulticastStream = m_keeper->CreateMulticastStream(text.c_str());
+    m_fanOut->UseMulticast(m_pMulticastStream.get());
+    (void)printf("Multicasting to %s:%d, ", text.c_str(), DestPort());
+    m_keeper->SetDestPort(unicastUdpPort);
+    (void)printf("Unicasting to %d\n", DestPort());
 }
 
 void ArqSendReplicator::CreateListeners(bool& ok, int32_t nStreams)
 {
-    const StreamTable::View view(m_table);
-    if (!SharesPorts() || view.Count() == 0)
+    const StreamTable::View view(Streams());
+    if (!m_keeper->SharesPorts() || view.Count() == 0)
         CreateOwnListeners(ok);
     else
         ShareStreamSockets(ok, view.At(0), nStreams);
@@ -162,7 +149,7 @@ void ArqSendReplicator::CreateOwnListeners(bool& ok)
 {
     using Mode = MySocketListener::Mode;
     m_pPingListener.reset(new (std::nothrow)
-            MySocketListener(*this, Mode::Pings, SharedSocket(), m_usDestPort, ok, LISTENER_POOL_SIZE));
+            MySocketListener(*this, Mode::Pings, SharedSocket(), DestPort(), ok, LISTENER_POOL_SIZE));
     if (!m_pPingListener)
         ok = false;
     m_pRequestListener.reset(new (std::nothrow) MySocketListener(
@@ -176,11 +163,48 @@ void ArqSendReplicator::ShareStreamSockets(bool& ok, const MyArqSendCB& stream, 
     if (nStreams >= SECOND_SOCKET_STREAMS) {
         (void)fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(1));
         m_pPingListener.reset(new (std::nothrow) MySocketListener(
-            *this, Mode::Requests, stream.ShareSocket(1), m_usDestPort, ok, LISTENER_POOL_SIZE));
+            *this, Mode::Requests, stream.ShareSocket(1), DestPort(), ok, LISTENER_POOL_SIZE));
         if (!m_pPingListener)
             ok = false;
     }
     (void)fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(0));
     m_pRequestListener.reset(new (std::nothrow) MySocketListener(
         *this, Mode::Requests, stream.ShareSocket(0), m_usArqRequestPort, ok, LISTENER_POOL_SIZE));
+}
+
+int ArqSendReplicator::ProcessPing(
+    PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId)
+{
+    const bool isStop = ReadStreamTag(packet->Data(), packet->Length()).isLeave;
+    const int pingSocket = m_pPingListener ? m_pPingListener->Socket() : -1;
+    m_keeper->ServePing({ addressNet, portNet, streamId, isStop }, pingSocket, GetSteadyMs());
+    return 1;
+}
+
+int ArqSendReplicator::ProcessRequest(
+    PacketBuffer* packet, in_addr_t addressNet, uint16_t /*portNet*/, uint32_t streamId)
+{
+    RouteRequest(Streams(), packet, addressNet, streamId);
+    return 1;
+}
+
+void ArqSendReplicator::SampleBitrates(uint32_t nowUs, uint32_t thenUs)
+{
+    m_tx.m_nTxBitrate = BitRate(m_tx.m_nTxBytes, nowUs, thenUs);
+    m_rx.m_nRxBitrate = BitRate(m_rx.m_nRxBytes, nowUs, thenUs);
+    m_tx.m_nTxBytes = 0;
+    m_rx.m_nRxBytes = 0;
+}
+
+void ArqSendReplicator::DebugDump() const
+{
+    const StreamTable::View view(Streams());
+    (void)fprintf(stderr, "\n");
+    (void)fprintf(stderr, "m_bRunning %d\n", m_bRunning.Load());
+    (void)fprintf(stderr, "m_usSeqNum %d\n", m_fanOut->SeqNum());
+    (void)fprintf(stderr, "m_nNumStreams %d\n", view.Count());
+    (void)fprintf(stderr, "m_impair.m_mode %d\n", m_impair.m_mode.Load());
+    (void)fprintf(stderr, "m_impair.m_dist.m_value %d\n", m_impair.m_dist.m_value.Load());
+    (void)fprintf(stderr, "m_impair.m_burst.m_value %d\n", m_impair.m_burst.m_value.Load());
+    (void)fprintf(stderr, "m_nDropPacket %d\n", m_nDropPacket.Load());
 }

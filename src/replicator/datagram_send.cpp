@@ -26,10 +26,10 @@ ssize_t SendTwoPieces(int fd, const PacketBuffer& packet, const sockaddr_in& des
 
 } // namespace
 
-int SendDatagram(int fd, const uint8_t* data, size_t length, const sockaddr_in& destination)
+int SendDatagram(int fd, const uint8_t* data, size_t length, const sockaddr_in& destination, int flags)
 {
-    return static_cast<int>(
-        sendto(fd, data, length, 0, reinterpret_cast<const sockaddr*>(&destination), sizeof(destination)));
+    return static_cast<int>(sendto(
+        fd, data, length, flags, reinterpret_cast<const sockaddr*>(&destination), sizeof(destination)));
 }
 
 int SendDatagram(int fd, const PacketBuffer& packet, const sockaddr_in& destination)

@@ -10,16 +10,3 @@ void LogTimestamp(FILE* stream);
 //
 // Threads: any; also one that holds a lock, as it waits for nothing but standard error itself.
 void LogStamped(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-// Begins a stamped line on standard error and keeps other threads' lines out of it until the block ends.
-class StampedLine {
-public:
-    StampedLine()
-    {
-        flockfile(stderr);
-        LogTimestamp(stderr);
-    }
-    StampedLine(const StampedLine&) = delete;
-    StampedLine& operator=(const StampedLine&) = delete;
-    ~StampedLine() { funlockfile(stderr); }
-};

@@ -24,8 +24,7 @@ UniqueFd OpenStreamSocket()
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM, 0));
     const int on = 1;
     if (socket.IsValid() && setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
-        const StampedLine line;
-        (void)fprintf(stderr, "Error: setsockopt(SO_REUSEADDR) failed\n");
+        LogStamped("Error: setsockopt(SO_REUSEADDR) failed\n");
         socket.Reset();
     }
     return socket;
@@ -52,9 +51,8 @@ MyArqSendCB::MyArqSendCB(TransmitStats& owner, in_addr_t addressNet, uint16_t po
 {
     (void)inet_ntop(AF_INET, &m_nAddressNet, m_hostText, sizeof(m_hostText));
     if (addressNet == htonl(INADDR_LOOPBACK)) {
-        m_bMediaStarted = true;
-        m_bIsAlive = 1;
-        m_bStatic = true;
+        m_life.MakeStatic();
+        m_bIsAlive = true;
     }
 }
 
@@ -87,23 +85,23 @@ void MyArqSendCB::BindInterfaces(int32_t nInterfaces, uint32_t percent)
     m_chooser.UseInterfaces(count, percent);
 }
 
-SharedSocket MyArqSendCB::AdoptSocket(int pingSocket)
+bool MyArqSendCB::AdoptSocket(int pingSocket)
 {
     const int32_t current = m_chooser.Current();
     if (m_bOwnsSockets && m_holders[current].IsValid()) {
-        if (dup2(pingSocket, m_sockets[current]) < 0)
-            perror("dup2 failed"); // media goes on from the old port
-        return {};
+        if (dup2(pingSocket, m_sockets[current]) >= 0)
+            return true;
+        perror("dup2 failed");
+        return false;
     }
     SharedSocket duplicate(dup(pingSocket));
     if (!duplicate.IsValid()) {
         perror("dup failed");
-        return {};
+        return false;
     }
-    SharedSocket borrowed = m_holders[current];
     SetSocket(current, std::move(duplicate));
     m_bOwnsSockets = true;
-    return borrowed;
+    return true;
 }
 
 int MyArqSendCB::SendData(PacketBuffer* packet)
@@ -126,7 +124,8 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
 
 void MyArqSendCB::SendStop()
 {
-    (void)SendDatagram(m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), Destination());
+    (void)SendDatagram(
+        m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), Destination(), MSG_DONTWAIT);
     m_chooser.Advance();
 }
 

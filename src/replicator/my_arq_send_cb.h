@@ -8,6 +8,7 @@
 #include "base/plain_word.h"
 #include "replicator/shared_socket.h"
 #include "replicator/socket_chooser.h"
+#include "replicator/stream_life.h"
 #include "replicator/traffic_stats.h"
 
 // One output stream: an entry of the replicator's table and the callback through which the stream's own
@@ -38,14 +39,16 @@ public:
     int32_t SocketNumber(int32_t index) const { return m_sockets[index]; }
 
     // Lets media leave from `pingSocket`'s port from now on: puts a duplicate of it in the place of the
-    // current socket. An own socket is replaced in one step, so that a thread that sends meanwhile never
-    // meets a closed or foreign descriptor. A borrowed one stays with its owner; the share in it is
-    // returned, for the caller to drop once no sender can still be using it.
-    SharedSocket AdoptSocket(int pingSocket);
+    // current socket. False, with a message, when no duplicate could be made: nothing has changed then.
+    // An own socket is replaced in one step, so that a thread that sends meanwhile never meets a closed or
+    // foreign descriptor. A borrowed one stays with its owner; only a stream that was never alive borrows
+    // and adopts, so nobody sends on what is given up.
+    bool AdoptSocket(int pingSocket);
 
     int SendData(PacketBuffer* packet) override;
 
-    // Sends the stop message once, whether the stream is alive or not.
+    // Sends the stop message once, whether the stream is alive or not. Never waits: the receiver that takes
+    // nothing more is the very one that is being deleted.
     void SendStop();
 
     in_addr_t AddressNet() const { return m_nAddressNet; }
@@ -56,12 +59,9 @@ public:
     const char* HostText() const { return m_hostText; }
     bool OwnsSockets() const { return m_bOwnsSockets; }
 
-    // Liveness, changed under the replicator lock.
-    uint16_t m_usMediaPortNet = 0; // the receiver's port as its ping came, network order; 0 until then
-    uint32_t m_nPingCount = 0; // pings since the keep-alive thread last looked
-    bool m_bMediaStarted = false; // the receiver's port is known, or needs not be
-    bool m_bStatic = false; // configured by address or on loopback: never suspended
-    PlainWord<uint8_t> m_bIsAlive { 0 }; // datagrams are sent only while set; read without the lock
+    StreamLife m_life; // used under the replicator lock
+    // Datagrams are sent only while set. Changed under the replicator lock, read without it.
+    PlainWord<bool> m_bIsAlive { false };
 
 private:
     void SetSocket(int32_t index, SharedSocket socket);

@@ -47,11 +47,11 @@ TEST_F(StreamsTest, AFirstPingMakesAStreamAndStartsItsMediaOnTheSourcePort)
         "<time> Media started on port 13330 for 127.0.0.2 ID:0x00000000\n");
     ASSERT_EQ(Count(), 1);
     EXPECT_TRUE(Stream(0).m_bIsAlive);
-    EXPECT_TRUE(Stream(0).m_bMediaStarted);
-    EXPECT_FALSE(Stream(0).m_bStatic);
-    EXPECT_EQ(Stream(0).m_nPingCount, 1U);
+    EXPECT_TRUE(Stream(0).m_life.HasStarted());
+    EXPECT_FALSE(Stream(0).m_life.IsStatic());
+    EXPECT_EQ(Stream(0).m_life.PingCount(), 1U);
     EXPECT_EQ(Stream(0).DestinationPortNet(), PORT_A);
-    EXPECT_EQ(Stream(0).m_usMediaPortNet, PORT_A);
+    EXPECT_EQ(Stream(0).m_life.MediaPortNet(), PORT_A);
     EXPECT_EQ(Stream(0).ConfiguredPort(), m_pingLease.Port());
 }
 
@@ -71,7 +71,7 @@ TEST_F(StreamsTest, AnotherPingFromTheSamePortOnlyCounts)
     CapturedOutput output;
     Ping("127.0.0.2", PORT_A);
     EXPECT_EQ(output.Err(), "");
-    EXPECT_EQ(Stream(0).m_nPingCount, 2U);
+    EXPECT_EQ(Stream(0).m_life.PingCount(), 2U);
     EXPECT_EQ(Count(), 1);
 }
 
@@ -85,7 +85,7 @@ TEST_F(StreamsTest, APingFromAnotherPortLogsTheChangeAndRestartsMediaThere)
         "<time> Media started on port 30806 for 127.0.0.2 ID:0x000000ab\n");
     EXPECT_EQ(Stream(0).DestinationPortNet(), PORT_B);
     EXPECT_TRUE(Stream(0).m_bIsAlive);
-    EXPECT_EQ(Stream(0).m_nPingCount, 2U);
+    EXPECT_EQ(Stream(0).m_life.PingCount(), 2U);
 }
 
 TEST_F(StreamsTest, PingsOfStaticStreamsAreOnlyCounted)
@@ -94,7 +94,7 @@ TEST_F(StreamsTest, PingsOfStaticStreamsAreOnlyCounted)
     CapturedOutput output;
     Ping("127.0.0.2", PORT_A);
     EXPECT_EQ(output.Err(), "");
-    EXPECT_EQ(Stream(0).m_nPingCount, 1U);
+    EXPECT_EQ(Stream(0).m_life.PingCount(), 1U);
     EXPECT_EQ(Stream(0).DestinationPortNet(), htons(m_pingLease.Port()));
 }
 
@@ -103,9 +103,9 @@ TEST_F(StreamsTest, APingFromLoopbackMakesAStaticStreamWithoutAMediaStart)
     CapturedOutput output;
     Ping("127.0.0.1", PORT_A);
     EXPECT_EQ(output.StampedErr(), "<time> Process Ping: Added 127.0.0.1 stream ID:0x00000000\n");
-    EXPECT_TRUE(Stream(0).m_bStatic);
+    EXPECT_TRUE(Stream(0).m_life.IsStatic());
     EXPECT_TRUE(Stream(0).m_bIsAlive);
-    EXPECT_EQ(Stream(0).m_nPingCount, 1U);
+    EXPECT_EQ(Stream(0).m_life.PingCount(), 1U);
     EXPECT_EQ(Stream(0).DestinationPortNet(), htons(m_pingLease.Port()));
 }
 
@@ -123,7 +123,7 @@ TEST_F(StreamsTest, APingWithAnUnknownIDMatchesAConfiguredAddressFirst)
     Add("127.0.0.2");
     PingQuietly("127.0.0.2", PORT_A, 7);
     ASSERT_EQ(Count(), 1);
-    EXPECT_EQ(Stream(0).m_nPingCount, 1U);
+    EXPECT_EQ(Stream(0).m_life.PingCount(), 1U);
     PingQuietly("127.0.0.3", PORT_A, 7);
     ASSERT_EQ(Count(), 2);
     EXPECT_EQ(Stream(1).StreamId(), 7U);
@@ -299,8 +299,8 @@ TEST_F(StreamsTest, AddStreamMakesALivingStaticStreamAndSaysSo)
     EXPECT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
     EXPECT_EQ(output.StampedErr(), "<time> AddStream: Added 127.0.0.2 stream ID:0x00000000\n");
     EXPECT_TRUE(Stream(0).m_bIsAlive);
-    EXPECT_TRUE(Stream(0).m_bStatic);
-    EXPECT_TRUE(Stream(0).m_bMediaStarted);
+    EXPECT_TRUE(Stream(0).m_life.IsStatic());
+    EXPECT_TRUE(Stream(0).m_life.HasStarted());
     ArqSendStats stats {};
     EXPECT_EQ(m_replicator->GetStreamStats(&stats, 0), 1);
     EXPECT_EQ(stats.arqRetries, 2U);

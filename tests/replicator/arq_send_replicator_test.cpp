@@ -70,8 +70,8 @@ TEST_F(ArqSendReplicatorTest, TwoAddressesAreTwoStreamsInTheirOrder)
                            "<time> AddStream: Added 10.0.0.2 stream ID:0x00000000\n"));
     for (int32_t i = 0; i < 2; ++i) {
         EXPECT_TRUE(Stream(i).m_bIsAlive);
-        EXPECT_TRUE(Stream(i).m_bStatic);
-        EXPECT_TRUE(Stream(i).m_bMediaStarted);
+        EXPECT_TRUE(Stream(i).m_life.IsStatic());
+        EXPECT_TRUE(Stream(i).m_life.HasStarted());
         EXPECT_EQ(Stream(i).ConfiguredPort(), m_pingLease.Port());
     }
 }

@@ -9,8 +9,6 @@ namespace {
 
 using namespace test_support;
 
-constexpr uint16_t PORT_NET = 0x3412;
-
 // One step of each thread at a time: the replicator's own threads are stopped.
 class ThreadStepsTest : public ReplicatorTest {
 protected:
@@ -19,94 +17,7 @@ protected:
         const CapturedOutput output;
         (void)BuildStopped();
     }
-
-    // Visits the position and gives back what was logged.
-    std::string Visit(int32_t position)
-    {
-        CapturedOutput output;
-        m_replicator->VisitPosition(position);
-        return output.StampedErr();
-    }
-    void Learn(const char* address, uint32_t streamId = 0)
-    {
-        const CapturedOutput output;
-        Ping(address, PORT_NET, streamId);
-    }
-    int32_t Count() const { return CountOfStreams(*m_replicator); }
 };
-
-TEST_F(ThreadStepsTest, AReceiverThatPingedSinceTheLastVisitStays)
-{
-    Learn("127.0.0.2");
-    EXPECT_EQ(Visit(0), "");
-    EXPECT_EQ(Stream(0).m_nPingCount, 0U);
-    Learn("127.0.0.2");
-    EXPECT_EQ(Visit(0), "");
-    EXPECT_EQ(Count(), 1);
-    EXPECT_TRUE(Stream(0).m_bIsAlive);
-}
-
-TEST_F(ThreadStepsTest, AReceiverThatStoppedPingingIsSuspendedAndRemoved)
-{
-    Learn("127.0.0.2", 7);
-    (void)Visit(0);
-    EXPECT_EQ(Visit(0), "<time> Stream suspended for 127.0.0.2\n");
-    EXPECT_EQ(Count(), 0);
-    EXPECT_EQ(Visit(0), "");
-}
-
-TEST_F(ThreadStepsTest, OnlyTheVisitedPositionIsLookedAt)
-{
-    Learn("127.0.0.2");
-    Learn("127.0.0.3");
-    Stream(0).m_nPingCount = 0;
-    Stream(1).m_nPingCount = 0;
-    EXPECT_EQ(Visit(1), "<time> Stream suspended for 127.0.0.3\n");
-    EXPECT_EQ(Visit(1), "");
-    EXPECT_EQ(List(), "127.0.0.2");
-}
-
-TEST_F(ThreadStepsTest, APingedStreamThatIsNotAliveIsResumed)
-{
-    Learn("127.0.0.2", 0xAB);
-    Stream(0).m_bIsAlive = 0;
-    EXPECT_EQ(Visit(0), "<time> Stream resumed for 127.0.0.2 ID:0x000000ab\n");
-    EXPECT_TRUE(Stream(0).m_bIsAlive);
-    EXPECT_EQ(Stream(0).m_nPingCount, 0U);
-}
-
-TEST_F(ThreadStepsTest, ASilentStreamThatIsNotAliveIsLeftAlone)
-{
-    Learn("127.0.0.2");
-    Stream(0).m_bIsAlive = 0;
-    Stream(0).m_nPingCount = 0;
-    EXPECT_EQ(Visit(0), "");
-    EXPECT_EQ(Count(), 1);
-    EXPECT_FALSE(Stream(0).m_bIsAlive);
-}
-
-TEST_F(ThreadStepsTest, ConfiguredStreamsAreNeverSuspended)
-{
-    {
-        const CapturedOutput output;
-        EXPECT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
-        Ping("127.0.0.2", PORT_NET);
-    }
-    EXPECT_EQ(Visit(0), "");
-    EXPECT_EQ(Visit(0), "");
-    EXPECT_EQ(Count(), 1);
-    EXPECT_TRUE(Stream(0).m_bIsAlive);
-    EXPECT_EQ(Stream(0).m_nPingCount, 1U);
-}
-
-TEST_F(ThreadStepsTest, PositionsWithoutAStreamAreSkipped)
-{
-    Learn("127.0.0.2");
-    Stream(0).m_nPingCount = 0;
-    for (const int32_t position : { 1, 49 })
-        EXPECT_EQ(Visit(position), "");
-    EXPECT_EQ(Count(), 1);
-}
 
 TEST_F(ThreadStepsTest, ASampleTurnsTheByteCountsIntoBitRatesAndZeroesThem)
 {

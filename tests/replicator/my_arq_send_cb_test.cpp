@@ -51,18 +51,18 @@ TEST_F(MyArqSendCBTest, AStreamToLoopbackIsAliveAndStaticAtOnce)
 {
     const MyArqSendCB stream(m_stats, Net("127.0.0.1"), 5000, 0);
     EXPECT_TRUE(stream.m_bIsAlive);
-    EXPECT_TRUE(stream.m_bMediaStarted);
-    EXPECT_TRUE(stream.m_bStatic);
+    EXPECT_TRUE(stream.m_life.HasStarted());
+    EXPECT_TRUE(stream.m_life.IsStatic());
 }
 
 TEST_F(MyArqSendCBTest, AStreamToAnyOtherAddressIsNotAliveYet)
 {
     const MyArqSendCB stream(m_stats, Net("127.0.0.2"), 5000, 7);
     EXPECT_FALSE(stream.m_bIsAlive);
-    EXPECT_FALSE(stream.m_bMediaStarted);
-    EXPECT_FALSE(stream.m_bStatic);
-    EXPECT_EQ(stream.m_nPingCount, 0U);
-    EXPECT_EQ(stream.m_usMediaPortNet, 0);
+    EXPECT_FALSE(stream.m_life.HasStarted());
+    EXPECT_FALSE(stream.m_life.IsStatic());
+    EXPECT_EQ(stream.m_life.PingCount(), 0U);
+    EXPECT_EQ(stream.m_life.MediaPortNet(), 0);
     EXPECT_EQ(stream.StreamId(), 7U);
     EXPECT_STREQ(stream.HostText(), "127.0.0.2");
     EXPECT_EQ(stream.AddressNet(), Net("127.0.0.2"));
@@ -177,7 +177,7 @@ TEST_F(MyArqSendCBTest, AdoptingReplacesTheOwnSocketInOneStepAndKeepsItsNumber)
     const auto stream = MakeStream();
     const Receiver pingSocket("127.0.0.1");
     const int fd = stream->SocketNumber(0);
-    EXPECT_FALSE(stream->AdoptSocket(pingSocket.Fd()).IsValid());
+    EXPECT_TRUE(stream->AdoptSocket(pingSocket.Fd()));
     EXPECT_EQ(stream->SocketNumber(0), fd);
     OwnedPacket packet(Bytes { 1 });
     EXPECT_EQ(stream->SendData(packet.Get()), 1);
@@ -190,7 +190,7 @@ TEST_F(MyArqSendCBTest, AnAdoptedSocketOutlivesThePingSocket)
     const auto stream = MakeStream();
     {
         const Receiver pingSocket("127.0.0.1");
-        (void)stream->AdoptSocket(pingSocket.Fd());
+        EXPECT_TRUE(stream->AdoptSocket(pingSocket.Fd()));
     }
     OwnedPacket packet(Bytes { 1 });
     EXPECT_EQ(stream->SendData(packet.Get()), 1);
@@ -203,8 +203,7 @@ TEST_F(MyArqSendCBTest, AdoptingOnABorrowedSocketLeavesTheOwnersSocketAlone)
     auto borrower = MakeStreamWithoutSocket();
     borrower->BorrowSocket(owner->ShareSocket(0));
     const Receiver pingSocket("127.0.0.1");
-    const SharedSocket returned = borrower->AdoptSocket(pingSocket.Fd());
-    EXPECT_EQ(returned.Get(), owner->SocketNumber(0));
+    EXPECT_TRUE(borrower->AdoptSocket(pingSocket.Fd()));
     EXPECT_NE(borrower->SocketNumber(0), owner->SocketNumber(0));
     EXPECT_TRUE(borrower->OwnsSockets());
     OwnedPacket packet(Bytes { 1 });
@@ -220,7 +219,7 @@ TEST_F(MyArqSendCBTest, AdoptingPutsASocketWhereNoneCouldBeMade)
 {
     const auto stream = MakeStreamWithoutSocket();
     const Receiver pingSocket("127.0.0.1");
-    EXPECT_FALSE(stream->AdoptSocket(pingSocket.Fd()).IsValid());
+    EXPECT_TRUE(stream->AdoptSocket(pingSocket.Fd()));
     OwnedPacket packet(Bytes { 1 });
     EXPECT_EQ(stream->SendData(packet.Get()), 1);
     EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
@@ -232,8 +231,8 @@ TEST_F(MyArqSendCBTest, MediaGoOnFromTheOldSocketWhenAdoptingFails)
     auto borrower = MakeStreamWithoutSocket();
     borrower->BorrowSocket(stream->ShareSocket(0));
     CapturedOutput output;
-    (void)stream->AdoptSocket(-1);
-    EXPECT_FALSE(borrower->AdoptSocket(-1).IsValid());
+    EXPECT_FALSE(stream->AdoptSocket(-1));
+    EXPECT_FALSE(borrower->AdoptSocket(-1));
     EXPECT_EQ(output.Err(), "dup2 failed: Bad file descriptor\ndup failed: Bad file descriptor\n");
     OwnedPacket packet(Bytes { 1 });
     EXPECT_EQ(stream->SendData(packet.Get()), 1);

@@ -1,8 +1,10 @@
-// The packet path: one input packet to every stream. No lock and no allocation here; a read section keeps
-// the streams alive while others add and remove.
+#include "replicator/fan_out.h"
+
 #include "arq/arq_send.h"
-#include "arq/wire.h"
-#include "replicator/arq_send_replicator.h"
+#include "arq/media_header.h"
+#include "arq/net_sync_vid.h"
+#include "input/packet_buffer.h"
+#include "replicator/my_arq_send_cb.h"
 
 namespace {
 
@@ -25,64 +27,64 @@ void SendRawUnicast(
 
 } // namespace
 
-int ArqSendReplicator::SendPacket(PacketBuffer* packet)
+int FanOut::SendPacket(PacketBuffer* packet)
 {
-    if (!m_bRunning)
+    if (!m_parts.bRunning)
         return 1;
-    m_rx.m_nRxPackets.Add(1);
-    m_rx.m_nRxBytes.Add(static_cast<uint32_t>(packet->Length()));
-    if (m_bUdpInputMode)
+    m_parts.rx.m_nRxPackets.Add(1);
+    m_parts.rx.m_nRxBytes.Add(static_cast<uint32_t>(packet->Length()));
+    if (m_parts.udpInputMode)
         return SendRaw(packet->Data(), packet->Length());
 
-    // Anything shorter has no RTP header: it goes out as it came and cannot be asked for again.
-    const bool isRtp = packet->Length() >= MEDIA_HEADER_BYTES;
-    if (isRtp) {
-        auto* header = reinterpret_cast<MediaHeader*>(packet->Data());
-        header->timestamp.Set(m_pNetSyncVid->LocalNow());
-        m_rx.CountSequence(header->seq.Get());
-    }
+    StampAndCount(*packet);
     const bool isDropped = DecideDrop();
-    const StreamTable::View view(m_table);
+    const StreamTable::View view(m_parts.table);
     if (!isDropped)
         SendToAll(view, packet);
-    if (isRtp)
-        StoreInAll(view, packet);
+    StoreInAll(view, packet);
     return 1;
 }
 
-int ArqSendReplicator::SendRaw(uint8_t* data, int32_t length)
+int FanOut::SendRaw(uint8_t* data, int32_t length)
 {
-    if (!m_bRunning || !m_bUdpInputMode) // without that mode the engines build no headers
+    if (!m_parts.bRunning || !m_parts.udpInputMode) // without that mode the engines build no headers
         return 1;
     const auto seq = static_cast<uint16_t>(m_usSeqNum.fetch_add(1, std::memory_order_relaxed) + 1);
     const bool isDropped = DecideDrop();
-    const StreamTable::View view(m_table);
-    if (m_pMulticastStream)
+    const StreamTable::View view(m_parts.table);
+    if (m_pMulticastStream != nullptr)
         SendRawMulticast(view, data, length, seq, isDropped);
     else
         SendRawUnicast(view, data, length, seq, isDropped);
     return 1;
 }
 
-bool ArqSendReplicator::DecideDrop()
+// The header's bytes lie in the packet's slice however short the datagram is; it leaves with its own length.
+void FanOut::StampAndCount(const PacketBuffer& packet)
 {
-    if (!StepImpairment(m_impair))
+    MediaHeader& header = HeaderOf(packet);
+    header.timestamp.Set(m_parts.clock.LocalNow());
+    m_parts.rx.CountSequence(header.seq.Get());
+}
+
+bool FanOut::DecideDrop()
+{
+    if (!StepImpairment(m_parts.impair))
         return false;
-    m_nDropPacket.Add(1);
+    m_parts.nDropPacket.Add(1);
     return true;
 }
 
 // With a multicast destination only the group gets first sendings.
-void ArqSendReplicator::SendToAll(const StreamTable::View& view, PacketBuffer* packet)
+void FanOut::SendToAll(const StreamTable::View& view, PacketBuffer* packet)
 {
-    if (m_pMulticastStream) {
+    if (m_pMulticastStream != nullptr)
         (void)m_pMulticastStream->SendData(packet);
-        return;
-    }
-    view.ForEach([packet](MyArqSendCB& stream) { (void)stream.SendData(packet); });
+    else
+        view.ForEach([packet](MyArqSendCB& stream) { (void)stream.SendData(packet); });
 }
 
-void ArqSendReplicator::SendRawMulticast(
+void FanOut::SendRawMulticast(
     const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
 {
     view.ForEach([=](MyArqSendCB& stream) { (void)stream.m_pEngine->BuildAndStore(data, length, seq); });
