@@ -46,6 +46,7 @@ uint32_t SleepBeforeVisit(uint32_t* dueMs, uint32_t nowMs)
     const int32_t leftMs = TicksSince(*dueMs, nowMs);
     if (leftMs >= 0)
         return static_cast<uint32_t>(leftMs);
-    *dueMs = nowMs;
+    if (leftMs < -static_cast<int32_t>(StreamLife::VISIT_MS))
+        *dueMs = nowMs;
     return 0;
 }
