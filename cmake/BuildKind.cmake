@@ -1,9 +1,6 @@
-# TX_PROXY_BUILD_KIND: release, debug, asan, tsan or fuzz. The system tests adapt their expectations
+# TX_PROXY_BUILD_KIND: release, debug, asan or tsan. The system tests adapt their expectations
 # (memory, linked libraries) to it. TX_PROXY_TIME_SCALE stretches their time limits.
-if(TX_PROXY_SANITIZE MATCHES "fuzzer")
-    set(TX_PROXY_BUILD_KIND fuzz)
-    set(TX_PROXY_TIME_SCALE 3)
-elseif(TX_PROXY_SANITIZE MATCHES "address")
+if(TX_PROXY_SANITIZE MATCHES "address")
     set(TX_PROXY_BUILD_KIND asan)
     set(TX_PROXY_TIME_SCALE 3)
 elseif(TX_PROXY_SANITIZE MATCHES "thread")
