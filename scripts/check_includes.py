@@ -15,8 +15,7 @@ SOURCE_ROOT = Path(__file__).resolve().parent.parent / "src"
 # folders need; they include nothing above base.
 LAYERS = [
     (0, "base", ["base/"]),
-    (1, "shared", ["pacing/ms_clock.", "control/impairment.", "main/encryption_plugin.", "main/proxy_context.",
-                   "replicator/default_settings."]),
+    (1, "shared", ["pacing/ms_clock.", "control/impairment."]),
     (2, "input", ["input/"]),
     (3, "arq", ["arq/"]),
     (3, "pacing", ["pacing/"]),

@@ -15,11 +15,11 @@
 
 #include "base/unique_fd.h"
 #include "control/commands.h"
+#include "control/control_context.h"
 #include "control/paths.h"
 #include "control/status_poll.h"
 #include "control/unix_address.h"
 #include "control/wait_readable.h"
-#include "main/proxy_context.h"
 #include "pacing/ms_clock.h"
 
 namespace {
@@ -69,7 +69,7 @@ void BoundWrites(int client)
     (void)setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
 }
 
-void Answer(const ProxyContext& context, int client, const Request& request)
+void Answer(const ControlContext& context, int client, const Request& request)
 {
     char reply[REPLY_BYTES];
     CarryOutCommand(*context.replicator, request.text, reply);
@@ -80,7 +80,7 @@ void Answer(const ProxyContext& context, int client, const Request& request)
 
 // Reads one request and answers it; returns the result of the read. A failed read leaves the old request
 // in place, which is then carried out once more.
-ssize_t ServeRequest(const ProxyContext& context, int client, Request& request)
+ssize_t ServeRequest(const ControlContext& context, int client, Request& request)
 {
     const ssize_t count = read(client, request.text, REQUEST_BYTES);
     if (count == 0)
@@ -91,7 +91,7 @@ ssize_t ServeRequest(const ProxyContext& context, int client, Request& request)
     return count;
 }
 
-void ServeClient(ProxyContext& context, int client)
+void ServeClient(ControlContext& context, int client)
 {
     BoundWrites(client);
     Request request;
@@ -116,7 +116,7 @@ UniqueFd AcceptClient(int listener)
     return client;
 }
 
-void Serve(ProxyContext& context, int listener)
+void Serve(ControlContext& context, int listener)
 {
     while (context.running) {
         PollImpairment(context);
@@ -130,7 +130,7 @@ void Serve(ProxyContext& context, int listener)
 
 } // namespace
 
-bool process_request_thread(ProxyContext& context)
+bool process_request_thread(ControlContext& context)
 {
     OpenStatusSocket(context);
     const std::string path = ControlSocketPath(context.instance);

@@ -10,10 +10,10 @@
 #include "arq/arq_send.h"
 #include "base/byte_order.h"
 #include "control/config_file.h"
+#include "control/control_context.h"
 #include "control/impairment.h"
 #include "control/paths.h"
 #include "control/unix_address.h"
-#include "main/proxy_context.h"
 #include "pacing/ms_clock.h"
 #include "replicator/arq_send_replicator.h"
 
@@ -51,7 +51,7 @@ ImpairmentSettings ReadSettings(int32_t instance)
     return settings;
 }
 
-void ToggleImpairment(ProxyContext& context)
+void ToggleImpairment(ControlContext& context)
 {
     Impairment& impair = context.replicator->m_impair;
     if (impair.m_mode != IMPAIRMENT_OFF) {
@@ -64,12 +64,12 @@ void ToggleImpairment(ProxyContext& context)
 }
 
 // Instance N reports and clears its N-th output stream.
-int32_t StatusStream(const ProxyContext& context)
+int32_t StatusStream(const ControlContext& context)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(context.instance) - 1U);
 }
 
-void AnswerClearRequest(ProxyContext& context)
+void AnswerClearRequest(ControlContext& context)
 {
     const std::string path = ClearRequestPath(context.instance);
     if (!Exists(path))
@@ -78,7 +78,7 @@ void AnswerClearRequest(ProxyContext& context)
     (void)unlink(path.c_str());
 }
 
-void SendStatusRecord(ProxyContext& context)
+void SendStatusRecord(ControlContext& context)
 {
     ArqSendStats record {};
     if (context.replicator->GetStreamStats(&record, StatusStream(context)) == 0)
@@ -90,7 +90,7 @@ void SendStatusRecord(ProxyContext& context)
 
 } // namespace
 
-void PollImpairment(ProxyContext& context)
+void PollImpairment(ControlContext& context)
 {
     const uint32_t now = GetTimeMs();
     if (TicksSince(now, context.nextPollMs) < 0)
@@ -107,7 +107,7 @@ void PollImpairment(ProxyContext& context)
     SendStatusRecord(context);
 }
 
-void OpenStatusSocket(ProxyContext& context)
+void OpenStatusSocket(ControlContext& context)
 {
     if (context.statusFlag == 0)
         return;

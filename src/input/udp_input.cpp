@@ -13,7 +13,6 @@
 #include "input/data_callback_region.h"
 #include "input/packet_buffer.h"
 #include "input/packet_queue.h"
-#include "main/proxy_context.h"
 
 namespace {
 
@@ -21,16 +20,16 @@ constexpr uint32_t LOWER_HEADER_BYTES = 42; // Ethernet, IPv4 and UDP
 constexpr suseconds_t RUN_FLAG_POLL_US = 250000;
 
 // Binds to the group itself, so that other groups on the same port stay out, or to all addresses.
-bool BindInput(int socket, const ProxyContext& context)
+bool BindInput(int socket, const UdpInput& input)
 {
     sockaddr_in local {};
     local.sin_family = AF_INET;
-    local.sin_port = htons(context.listenPort);
-    local.sin_addr.s_addr = IsMulticast(context.multicastGroup) ? context.multicastGroup : htonl(INADDR_ANY);
+    local.sin_port = htons(input.listenPort);
+    local.sin_addr.s_addr = IsMulticast(input.multicastGroup) ? input.multicastGroup : htonl(INADDR_ANY);
     return bind(socket, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0;
 }
 
-UniqueFd OpenInputSocket(const ProxyContext& context)
+UniqueFd OpenInputSocket(const UdpInput& input)
 {
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM, 0));
     if (!socket.IsValid()) {
@@ -39,9 +38,9 @@ UniqueFd OpenInputSocket(const ProxyContext& context)
     }
     const int on = 1;
     (void)setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    if (!BindInput(socket.Get(), context)) {
+    if (!BindInput(socket.Get(), input)) {
         socket.Reset();
-        (void)fprintf(stderr, "cannot bind port number %d \n", context.listenPort);
+        (void)fprintf(stderr, "cannot bind port number %d \n", input.listenPort);
     }
     return socket;
 }
@@ -100,23 +99,23 @@ void LimitReceiveWait(int socket)
 }
 
 // Only the first sender is recorded.
-void RecordSource(ProxyContext& context, const sockaddr_in& source)
+void RecordSource(const UdpInput& input, const sockaddr_in& source)
 {
-    if (context.sourceAddress[0] == '\0')
-        (void)inet_ntop(AF_INET, &source.sin_addr, context.sourceAddress, sizeof(context.sourceAddress));
+    if (input.sourceAddress[0] == '\0')
+        (void)inet_ntop(AF_INET, &source.sin_addr, input.sourceAddress, sizeof(input.sourceAddress));
 }
 
-void Transform(const EncryptionPlugin& plugin, const PacketBuffer& packet, int32_t received)
+void Transform(const InputTransform& transform, const PacketBuffer& packet, int32_t received)
 {
-    if (plugin.session == nullptr)
+    if (transform.session == nullptr)
         return;
     const DataRegion region = CallbackRegion(received, packet.Length());
     if (region.length > 0)
-        (void)plugin.dataCallback(plugin.session, packet.Data() + region.offset, region.length);
+        (void)transform.callback(transform.session, packet.Data() + region.offset, region.length);
 }
 
 // Receives one datagram into the packet. False when there was none.
-bool ReceivePacket(int socket, ProxyContext& context, PacketBuffer& packet)
+bool ReceivePacket(int socket, const UdpInput& input, PacketBuffer& packet)
 {
     sockaddr_in source {};
     socklen_t sourceBytes = sizeof(source);
@@ -124,36 +123,36 @@ bool ReceivePacket(int socket, ProxyContext& context, PacketBuffer& packet)
         0, reinterpret_cast<sockaddr*>(&source), &sourceBytes));
     if (received <= 0)
         return false;
-    context.inputBytes.Add(static_cast<uint32_t>(received) + LOWER_HEADER_BYTES);
-    RecordSource(context, source);
-    Transform(context.plugin, packet, received);
+    input.inputBytes.Add(static_cast<uint32_t>(received) + LOWER_HEADER_BYTES);
+    RecordSource(input, source);
+    Transform(input.transform, packet, received);
     packet.SetLength(received);
     return true;
 }
 
 } // namespace
 
-void RunUdpInput(ProxyContext& context, PacketBufferPool& pool)
+void RunUdpInput(const UdpInput& input)
 {
-    const UniqueFd socket = OpenInputSocket(context);
+    const UniqueFd socket = OpenInputSocket(input);
     if (!socket.IsValid())
         return;
-    (void)printf("Listening on port %d for incoming stream\n", context.listenPort);
-    const bool isGroup = IsMulticast(context.multicastGroup);
+    (void)printf("Listening on port %d for incoming stream\n", input.listenPort);
+    const bool isGroup = IsMulticast(input.multicastGroup);
     if (isGroup)
-        JoinGroup(socket.Get(), context.multicastGroup);
+        JoinGroup(socket.Get(), input.multicastGroup);
     EnlargeReceiveBuffer(socket.Get());
     LimitReceiveWait(socket.Get());
-    PacketBuffer* packet = pool.get();
-    while (context.running) {
-        if (!ReceivePacket(socket.Get(), context, *packet))
+    PacketBuffer* packet = input.pool.get();
+    while (input.running) {
+        if (!ReceivePacket(socket.Get(), input, *packet))
             continue;
-        (void)context.queue->push(packet, PacketQueue::NO_LIMIT);
-        packet = pool.get();
+        (void)input.queue.push(packet, PacketQueue::NO_LIMIT);
+        packet = input.pool.get();
     }
-    (void)context.queue->push(nullptr, PacketQueue::NO_LIMIT); // wakes main, which skips it and sees the flag
+    (void)input.queue.push(nullptr, PacketQueue::NO_LIMIT); // wakes main, which skips it and sees the flag
     if (isGroup)
-        LeaveGroup(socket.Get(), context.multicastGroup);
+        LeaveGroup(socket.Get(), input.multicastGroup);
 }
 
 int32_t WantedReceiveBuffer(int32_t currentBytes)

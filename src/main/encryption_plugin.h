@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "input/udp_input.h"
+
 // The loadable stream-encryption library. All null when nothing is loaded; the session is null when the
 // library is loaded but gave none, and then no data pass through it.
 //
@@ -10,8 +12,7 @@
 // the data callback in between.
 struct EncryptionPlugin {
     using OpenCallback = void* (*)(int32_t mode, const char* password, int32_t length);
-    using DataCallback
-        = int (*)(void* session, uint8_t* data, int32_t length); // in place; the result is not used
+    using DataCallback = InputTransform::Callback;
     using CloseCallback = void (*)(void* session);
     using PrintInfo = void (*)(void* session, int32_t zero, FILE* stream);
 
@@ -36,6 +37,9 @@ struct EncryptionPlugin {
 
     // Unloads the library, if there is one.
     void Unload();
+
+    // What the input is to do with its data.
+    InputTransform Transform() const { return { session, dataCallback }; }
 };
 
 // Puts the library's two fixed places below another folder; null or "" for "/". For tests.

@@ -105,6 +105,8 @@ void Proxy::LoadLibrary()
 void Proxy::StartThreads()
 {
     m_context.running = 1;
+    m_context.control.instance = m_context.instance;
+    m_context.control.replicator = m_context.replicator;
     if (m_context.udpInputMode != 0)
         m_context.startTime = static_cast<int32_t>(time(nullptr));
     if (!m_crew.Start(ReceiveInput, &m_context))
@@ -117,12 +119,21 @@ void Proxy::StartThreads()
 void Proxy::ReceiveInput(void* context)
 {
     auto& run = *static_cast<ProxyContext*>(context);
-    RunUdpInput(run, run.replicator->PacketPool());
+    RunUdpInput({
+        .running = run.running,
+        .listenPort = run.listenPort,
+        .multicastGroup = run.multicastGroup,
+        .pool = run.replicator->PacketPool(),
+        .queue = *run.queue,
+        .transform = run.plugin.Transform(),
+        .inputBytes = run.inputBytes,
+        .sourceAddress = run.sourceAddress,
+    });
 }
 
 void Proxy::ServeControl(void* context)
 {
-    (void)process_request_thread(*static_cast<ProxyContext*>(context));
+    (void)process_request_thread(static_cast<ProxyContext*>(context)->control);
 }
 
 void Proxy::CreatePacer()

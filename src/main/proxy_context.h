@@ -1,12 +1,12 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/un.h>
 
 #include <cstdint>
 #include <string>
 
 #include "base/plain_word.h"
+#include "control/control_context.h"
 #include "main/encryption_plugin.h"
 #include "replicator/default_settings.h"
 
@@ -19,6 +19,10 @@ class PacketQueue;
 // Threads: main fills it before the input thread and the control thread start; afterwards each word below
 // has the writers that its comment names.
 struct ProxyContext {
+    ProxyContext() = default;
+    ProxyContext(const ProxyContext&) = delete; // the control thread's part refers to the run flag beside it
+    ProxyContext& operator=(const ProxyContext&) = delete;
+
     // Main sets it; the main loop, the input thread and the control thread run while it is not 0.
     PlainWord<int32_t> running { 0 };
     uint16_t listenPort = 0; // UDP port of the input stream
@@ -34,11 +38,7 @@ struct ProxyContext {
     PacketQueue* queue = nullptr; // owned by main's run
     int32_t instance = 1;
     int32_t instanceCopy = 0; // as it was when the replicator was built
-    // The control thread's own, from here to the next poll time.
-    int32_t statusFlag = 0; // whether status records are sent; nothing sets it
-    int statusSocket = 0; // a descriptor only while the status flag is set
-    sockaddr_un statusAddress {};
-    uint32_t nextPollMs = 0; // next impairment poll, on the millisecond clock
+    ControlContext control { running }; // the control thread's part
     // Sender of the first input datagram, as a dotted quad; the input thread writes it once.
     char sourceAddress[INET_ADDRSTRLEN] = "";
     PlainWord<uint32_t> inputBytes { 0 }; // with Ethernet, IPv4 and UDP headers; the input thread adds

@@ -5,10 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include "control/control_context.h"
 #include "control/control_thread.h"
 #include "control/status_poll.h"
 #include "control/temp_root.h"
-#include "main/proxy_context.h"
 #include "replicator/captured_output.h"
 #include "support/no_free_descriptor.h"
 
@@ -21,7 +21,8 @@ const std::string NO_DESCRIPTOR = std::string(": ") + strerror(EMFILE) + "\n";
 TEST(ControlDescriptors, WithoutAStatusSocketTheFlagIsClearedAndTheReasonPrinted)
 {
     const TempRoot root;
-    ProxyContext context;
+    const PlainWord<int32_t> running { 1 };
+    ControlContext context { running };
     context.statusFlag = 1;
     CapturedOutput output;
     {
@@ -35,8 +36,8 @@ TEST(ControlDescriptors, WithoutAStatusSocketTheFlagIsClearedAndTheReasonPrinted
 TEST(ControlDescriptors, WithoutAControlSocketTheThreadEndsAtOnceWithItsMessages)
 {
     const TempRoot root;
-    ProxyContext context;
-    context.running = 1;
+    const PlainWord<int32_t> running { 1 };
+    ControlContext context { running };
     CapturedOutput output;
     bool isUp = true;
     {

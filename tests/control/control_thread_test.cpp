@@ -11,9 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include "control/control_context.h"
 #include "control/temp_root.h"
 #include "control/unix_address.h"
-#include "main/proxy_context.h"
 #include "replicator/replicator_fixture.h"
 
 namespace {
@@ -89,7 +89,6 @@ protected:
     {
         m_context.replicator = &BuildStopped();
         m_context.instance = INSTANCE;
-        m_context.running = 1;
     }
     ~ControlThreadTest() override { End(); }
 
@@ -100,7 +99,7 @@ protected:
     // Clears the run flag and waits for the thread.
     void End()
     {
-        m_context.running = 0;
+        m_running = 0;
         if (m_thread.joinable())
             m_thread.join();
     }
@@ -116,7 +115,8 @@ protected:
 
     CapturedOutput m_output;
     TempRoot m_root;
-    ProxyContext m_context;
+    PlainWord<int32_t> m_running { 1 };
+    ControlContext m_context { m_running };
     std::thread m_thread;
     bool m_bResult = false;
 };

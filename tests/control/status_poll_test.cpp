@@ -9,9 +9,9 @@
 #include <gtest/gtest.h>
 
 #include "base/byte_order.h"
+#include "control/control_context.h"
 #include "control/temp_root.h"
 #include "control/unix_address.h"
-#include "main/proxy_context.h"
 #include "pacing/ms_clock.h"
 #include "replicator/replicator_fixture.h"
 
@@ -55,7 +55,8 @@ protected:
     Impairment& Impair() { return m_replicator->m_impair; }
 
     TempRoot m_root;
-    ProxyContext m_context;
+    const PlainWord<int32_t> m_running { 1 };
+    ControlContext m_context { m_running };
 };
 
 TEST_F(StatusPollTest, TheToggleFileSwitchesImpairmentOnAndOffAndIsRemoved)

@@ -18,7 +18,6 @@
 #include "input/packet_buffer.h"
 #include "input/packet_queue.h"
 #include "input/udp_input.h"
-#include "main/proxy_context.h"
 #include "replicator/captured_output.h"
 #include "replicator/loopback.h"
 #include "support/no_free_descriptor.h"
@@ -29,15 +28,32 @@ using namespace test_support;
 
 constexpr char GROUP[] = "239.1.2.3";
 
+// An input with a pool, a queue and counters of its own.
+struct OwnInput {
+    explicit OwnInput(in_addr_t multicastGroup = 0) : group(multicastGroup) {}
+    void Run()
+    {
+        RunUdpInput({ running, PORT, group, *pool, queue, InputTransform(), inputBytes, sourceAddress });
+    }
+
+    static constexpr uint16_t PORT = 5000;
+
+    const in_addr_t group;
+    const std::unique_ptr<PacketBufferPool> pool = PacketBufferPool::createDefault(4);
+    bool ok = true;
+    PacketQueue queue { ok, 2, nullptr, nullptr };
+    PlainWord<int32_t> running { 1 };
+    PlainWord<uint32_t> inputBytes { 0 };
+    char sourceAddress[INET_ADDRSTRLEN] = "";
+};
+
 TEST(UdpInputSocket, WithoutASocketTheInputEndsWithItsMessage)
 {
-    ProxyContext context;
-    context.running = 1;
-    const auto pool = PacketBufferPool::createDefault(1);
+    OwnInput input;
     CapturedOutput output;
     {
         const NoFreeDescriptor limit;
-        RunUdpInput(context, *pool);
+        input.Run();
     }
     EXPECT_EQ(output.Err(), "cannot open socket\n");
     EXPECT_EQ(output.Out(), "");
@@ -94,29 +110,21 @@ void RunInputFromGroup()
     EnterNamespaceWithMulticastOnLoopback();
     if (testing::Test::HasFatalFailure())
         return;
-    constexpr uint16_t PORT = 5000;
-    ProxyContext context;
-    context.listenPort = PORT;
-    context.multicastGroup = Net(GROUP);
-    context.running = 1;
-    const auto pool = PacketBufferPool::createDefault(4);
-    bool ok = true;
-    PacketQueue queue(ok, 2, nullptr, nullptr);
-    context.queue = &queue;
+    OwnInput input(Net(GROUP));
     EXPECT_FALSE(IsMember(GROUP));
-    std::thread input([&] { RunUdpInput(context, *pool); });
+    std::thread thread([&] { input.Run(); });
     EXPECT_TRUE(WaitFor([] { return IsMember(GROUP); }));
     Receiver encoder("127.0.0.1");
-    encoder.SendTo(GROUP, PORT, Payload(10));
-    EXPECT_NE(queue.pop(nullptr, LONGEST_WAIT_MS), nullptr); // all options are set
-    const UniqueFd socket = Duplicate(GROUP, PORT);
+    encoder.SendTo(GROUP, OwnInput::PORT, Payload(10));
+    EXPECT_NE(input.queue.pop(nullptr, LONGEST_WAIT_MS), nullptr); // all options are set
+    const UniqueFd socket = Duplicate(GROUP, OwnInput::PORT);
     uint8_t loops = 1;
     socklen_t size = sizeof(loops);
     EXPECT_EQ(getsockopt(socket.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, &loops, &size), 0);
     EXPECT_EQ(loops, 0);
-    context.running = 0;
-    input.join();
-    EXPECT_EQ(LocalPort(socket.Get()), PORT) << "still open";
+    input.running = 0;
+    thread.join();
+    EXPECT_EQ(LocalPort(socket.Get()), OwnInput::PORT) << "still open";
     EXPECT_FALSE(IsMember(GROUP));
 }
 

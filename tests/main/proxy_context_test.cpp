@@ -32,15 +32,16 @@ TEST(ProxyContext, StartsWithTheControlThreadsFieldsAtZero)
 {
     const ProxyContext context;
     const sockaddr_un noAddress {};
-    EXPECT_EQ(context.statusFlag, 0);
-    EXPECT_EQ(context.statusSocket, 0);
-    EXPECT_EQ(context.nextPollMs, 0U);
-    EXPECT_EQ(std::memcmp(&context.statusAddress, &noAddress, sizeof(noAddress)), 0);
+    EXPECT_EQ(context.control.statusFlag, 0);
+    EXPECT_EQ(context.control.statusSocket, 0);
+    EXPECT_EQ(context.control.nextPollMs, 0U);
+    EXPECT_EQ(std::memcmp(&context.control.statusAddress, &noAddress, sizeof(noAddress)), 0);
 }
 
 TEST(ProxyContext, StartsWithNoLibrary)
 {
-    const EncryptionPlugin plugin = ProxyContext().plugin;
+    const ProxyContext context;
+    const EncryptionPlugin& plugin = context.plugin;
     EXPECT_EQ(plugin.library, nullptr);
     EXPECT_EQ(plugin.session, nullptr);
     EXPECT_EQ(plugin.openCallback, nullptr);

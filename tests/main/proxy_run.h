@@ -10,6 +10,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,11 +67,11 @@ class ProxyRunTest : public testing::Test {
 protected:
     ~ProxyRunTest() override { g_nArqBufferCount = m_nSavedBufferCount; }
 
-    // A proxy with these options besides its own ports and instance, in a context that is as new.
+    // A proxy with these options besides its own ports and instance, in a new context.
     void Prepare(const std::vector<std::string>& options)
     {
         m_proxy.reset();
-        m_context = ProxyContext {};
+        m_context.emplace();
         while (m_receiver.HasDatagram()) // the last one of the run before
             (void)m_receiver.Next();
         m_arguments = { "tx_proxy", "-I", std::to_string(m_instance), "-p", Text(m_pingLease), "-r",
@@ -81,7 +82,7 @@ protected:
         for (std::string& argument : m_arguments)
             m_argv.push_back(argument.data());
         m_argv.push_back(nullptr);
-        m_proxy = std::make_unique<Proxy>(m_context, static_cast<int>(m_arguments.size()), m_argv.data());
+        m_proxy = std::make_unique<Proxy>(*m_context, static_cast<int>(m_arguments.size()), m_argv.data());
     }
     static std::string Text(const PortLease& lease) { return std::to_string(lease.Port()); }
 
@@ -100,7 +101,7 @@ protected:
 
     bool IsUp() const
     {
-        return m_context.running && IsBoundOnAllAddresses(m_inputLease.Port())
+        return m_context->running && IsBoundOnAllAddresses(m_inputLease.Port())
             && IsBoundOnAllAddresses(m_requestLease.Port()) && FileExists(ControlSocketPath(m_instance));
     }
     bool IsLockFree() const { return InstanceLease::IsLockFree(m_instance); }
@@ -117,7 +118,7 @@ protected:
     // Clears the run flag and sees the run end well; no further datagram is needed.
     void End(std::future<int>& run)
     {
-        m_context.running = 0;
+        m_context->running = 0;
         ASSERT_EQ(run.wait_for(std::chrono::milliseconds(LONGEST_WAIT_MS)), std::future_status::ready);
         EXPECT_EQ(run.get(), 0);
     }
@@ -132,7 +133,7 @@ protected:
     Receiver m_encoder { "127.0.0.3" };
     Receiver m_receiver { "127.0.0.2", m_pingLease.Port() };
     CapturedOutput m_output;
-    ProxyContext m_context;
+    std::optional<ProxyContext> m_context;
     std::vector<std::string> m_arguments;
     std::vector<char*> m_argv;
     std::unique_ptr<Proxy> m_proxy;

@@ -25,16 +25,16 @@ TEST_F(ProxyRunTest, InputBytesCountEachDatagramWithItsLowerHeadersAndOnlyTheFir
 {
     Receiver second("127.0.0.4");
     std::future<int> run = Start(std::vector<std::string> {});
-    EXPECT_EQ(m_context.inputBytes, 0U);
+    EXPECT_EQ(m_context->inputBytes, 0U);
     uint32_t expected = 0;
     for (const uint32_t length : { 1316U, 12U, 1U }) {
         SendInput(Payload(length));
         second.SendTo("127.0.0.1", m_inputLease.Port(), Payload(length + 1));
         expected += length + LOWER_HEADER_BYTES + length + 1 + LOWER_HEADER_BYTES;
-        EXPECT_TRUE(WaitFor([&] { return m_context.inputBytes == expected; })) << m_context.inputBytes;
+        EXPECT_TRUE(WaitFor([&] { return m_context->inputBytes == expected; })) << m_context->inputBytes;
     }
     End(run);
-    EXPECT_STREQ(m_context.sourceAddress, "127.0.0.3");
+    EXPECT_STREQ(m_context->sourceAddress, "127.0.0.3");
 }
 
 TEST_F(ProxyRunTest, TheStartTimeInMicrosecondsIsKeptInEveryModeAndInSecondsWithUdpInputOnly)
@@ -45,13 +45,13 @@ TEST_F(ProxyRunTest, TheStartTimeInMicrosecondsIsKeptInEveryModeAndInSecondsWith
         std::future<int> run
             = Start(isUdpInput ? std::vector<std::string> { "-u" } : std::vector<std::string> {});
         End(run);
-        EXPECT_GE(m_context.startTimeUs, beforeUs);
-        EXPECT_LE(m_context.startTimeUs, GetTimeUs());
+        EXPECT_GE(m_context->startTimeUs, beforeUs);
+        EXPECT_LE(m_context->startTimeUs, GetTimeUs());
         if (isUdpInput) {
-            EXPECT_GE(m_context.startTime, before);
-            EXPECT_LE(m_context.startTime, time(nullptr));
+            EXPECT_GE(m_context->startTime, before);
+            EXPECT_LE(m_context->startTime, time(nullptr));
         } else {
-            EXPECT_EQ(m_context.startTime, 0);
+            EXPECT_EQ(m_context->startTime, 0);
         }
     }
 }
@@ -91,10 +91,10 @@ TEST_F(ProxyRunTest, TheEndClosesTheSessionOnceWhileItsLibraryIsLoadedAndUnloads
     ASSERT_FALSE(IsLibraryLoaded());
     int session = 0;
     Prepare({});
-    m_context.plugin.library = dlopen(LIBRARY, RTLD_LAZY);
-    m_context.plugin.session = &session;
-    m_context.plugin.dataCallback = LeaveData;
-    m_context.plugin.closeCallback = RecordClose;
+    m_context->plugin.library = dlopen(LIBRARY, RTLD_LAZY);
+    m_context->plugin.session = &session;
+    m_context->plugin.dataCallback = LeaveData;
+    m_context->plugin.closeCallback = RecordClose;
     ASSERT_TRUE(IsLibraryLoaded());
     std::future<int> run = Start();
     Deliver(1);
@@ -104,7 +104,7 @@ TEST_F(ProxyRunTest, TheEndClosesTheSessionOnceWhileItsLibraryIsLoadedAndUnloads
     EXPECT_EQ(s_closings[0].session, &session);
     EXPECT_TRUE(s_closings[0].wasLoaded);
     EXPECT_FALSE(IsLibraryLoaded());
-    EXPECT_EQ(m_context.plugin.library, nullptr);
+    EXPECT_EQ(m_context->plugin.library, nullptr);
 }
 
 // ---- Without memory for the pacer

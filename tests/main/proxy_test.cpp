@@ -37,8 +37,8 @@ TEST_F(ProxyTest, AClearedRunFlagEndsADirectRunWithStatus0AndNothingIsLeft)
 {
     DeliverAndEnd({});
     EXPECT_EQ(m_output.Err().find("Pacing bit rate"), std::string::npos);
-    EXPECT_EQ(m_context.startTime, 0);
-    EXPECT_EQ(m_context.instanceCopy, m_instance);
+    EXPECT_EQ(m_context->startTime, 0);
+    EXPECT_EQ(m_context->instanceCopy, m_instance);
 }
 
 TEST_F(ProxyTest, AClearedRunFlagEndsAPacedRunWithStatus0AndNothingIsLeft)
