@@ -7,9 +7,9 @@
 // IPv4 addresses as texts. All results are in network byte order; 0 always counts as "no address".
 // Threads: free functions without state, safe from any thread.
 
-// Reads a dotted quad into *address. Returns false unless the text has four fields, at most 15
-// characters, and inet_aton accepts it. Each field is read as a decimal number of which the low 8 bits
-// count. 0.0.0.0 is read like any other.
+// Reads a dotted quad into *address. Returns false unless the text has at most 15 characters, inet_aton
+// accepts it and it has four fields, the last of which is all that follows the third dot. Each field is read
+// as a decimal number of which the low 8 bits count. 0.0.0.0 is read like any other.
 bool ReadDottedQuad(const char* text, in_addr_t* address);
 
 // The address of a dotted quad, or 0.

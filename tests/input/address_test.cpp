@@ -42,7 +42,7 @@ TEST(ParseDottedQuad, FieldsAreDecimalAndKeepTheirLowEightBits)
 TEST(ParseDottedQuad, WhatInetAtonRejectsIsNoAddress)
 {
     for (const char* text : { "", "a.b.c.d", "1.2.3.256", "1.2.3.4.5", "1..2.3", "1.2.3.4x", "host",
-             "1,2,3,4", " 1.2.3.4", "-1.2.3.4" })
+             "1,2,3,4", " 1.2.3.4", "-1.2.3.4", "1.2.3. 4", "1.2. 3.4" })
         EXPECT_EQ(parseDottedQuad(text), 0U) << text;
 }
 
@@ -55,10 +55,38 @@ TEST(ParseDottedQuad, ShortFormsAreNoAddresses)
     }
 }
 
-TEST(ParseDottedQuad, DotsBehindABlankAreNoFields)
+// inet_aton stops at a blank; the fields are those of the whole text.
+TEST(ParseDottedQuad, ABlankInsideDoesNotEndTheFields)
+{
+    EXPECT_EQ(parseDottedQuad("127.0.0 .1"), Quad(127, 0, 0, 1));
+    EXPECT_EQ(parseDottedQuad("127.0 .0.1"), Quad(127, 0, 0, 1));
+    EXPECT_EQ(parseDottedQuad("10 .20.30.40"), Quad(10, 20, 30, 40));
+    EXPECT_EQ(parseDottedQuad("10\t.20.30. 40"), Quad(10, 20, 30, 40));
+    EXPECT_EQ(parseDottedQuad("10 x.2y.3z.4"), Quad(10, 2, 3, 4));
+    EXPECT_EQ(parseDottedQuad("1.2.300 .4"), Quad(1, 2, 300 - 256, 4));
+    EXPECT_EQ(parseDottedQuad("10 ..."), Quad(10, 0, 0, 0));
+}
+
+TEST(ParseDottedQuad, WhatFollowsTheThirdDotIsTheFourthField)
 {
     EXPECT_EQ(parseDottedQuad("1.2.3.4 x.y"), Quad(1, 2, 3, 4));
-    EXPECT_EQ(parseDottedQuad("1.2.3 .4"), 0U);
+    EXPECT_EQ(parseDottedQuad("1.2.3.4 .5.6"), Quad(1, 2, 3, 4));
+    EXPECT_EQ(parseDottedQuad("1.2.3.4 "), Quad(1, 2, 3, 4));
+}
+
+TEST(ParseDottedQuad, AShortFormWithABlankIsNoAddress)
+{
+    for (const char* text : { "127.0.0 1", "127.0 .1", "10 1.2.3", "10 ..", "127 " }) {
+        in_addr parsed {};
+        ASSERT_NE(inet_aton(text, &parsed), 0) << text;
+        EXPECT_EQ(parseDottedQuad(text), 0U) << text;
+    }
+}
+
+TEST(ParseDottedQuad, ABlankCountsAsACharacterOfTheFifteen)
+{
+    EXPECT_EQ(parseDottedQuad("192.168.10 .101"), Quad(192, 168, 10, 101));
+    EXPECT_EQ(parseDottedQuad("192.168.100 .101"), 0U);
 }
 
 TEST(ParseDottedQuad, AllZeroesIsNoAddress)
