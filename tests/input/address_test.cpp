@@ -3,11 +3,16 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "support/allocation_hooks.h"
+#include "support/system_hooks.h"
 
 namespace {
+
+using test_support::FailCalls;
+using test_support::SystemCall;
 
 // The address whose first byte on the wire is a.
 in_addr_t Quad(uint8_t a, uint8_t b, uint8_t c, uint8_t d)
@@ -129,6 +134,29 @@ TEST(ResolveHost, ShortFormsGoToTheResolver)
 {
     EXPECT_EQ(resolveHost("127.1"), Quad(127, 0, 0, 1));
     EXPECT_EQ(resolveHost("10.1.2"), Quad(10, 1, 0, 2));
+}
+
+TEST(ResolveHost, ALookupThatNeedsMoreRoomIsTriedAgain)
+{
+    for (int tooSmall = 1; tooSmall <= 4; ++tooSmall) { // 1, 4, 16 and 64 KiB
+        const FailCalls lookups(SystemCall::LookUpHost, ERANGE, 1, tooSmall);
+        EXPECT_EQ(resolveHost("localhost"), Quad(127, 0, 0, 1)) << tooSmall;
+        EXPECT_EQ(lookups.Calls(), tooSmall + 1);
+    }
+}
+
+TEST(ResolveHost, ALookupThatNeedsMoreThan256KiBIsGivenUp)
+{
+    const FailCalls lookups(SystemCall::LookUpHost, ERANGE, 1, 100);
+    EXPECT_EQ(resolveHost("localhost"), 0U);
+    EXPECT_EQ(lookups.Calls(), 5);
+}
+
+TEST(ResolveHost, AnyOtherErrorEndsTheLookup)
+{
+    const FailCalls lookups(SystemCall::LookUpHost, EAGAIN);
+    EXPECT_EQ(resolveHost("localhost"), 0U);
+    EXPECT_EQ(lookups.Calls(), 1);
 }
 
 TEST(ResolveHost, WithoutMemoryForTheLookupTheNameIsUnknown)

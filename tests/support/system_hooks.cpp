@@ -1,0 +1,208 @@
+#include "support/system_hooks.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <mutex>
+#include <thread>
+
+// The linker sends these functions of every object linked into the test program to __wrap_*, and __real_* to
+// the C library or to the sanitizer.
+extern "C" {
+int __real_pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument);
+int __real_socket(int domain, int type, int protocol);
+int __real_dup(int fd);
+int __real_gethostbyname_r(
+    const char* name, hostent* host, char* buffer, size_t size, hostent** result, int* error);
+int __real_nanosleep(const timespec* time, timespec* left);
+int __real_poll(pollfd* wanted, nfds_t count, int timeoutMs);
+int __wrap_pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument);
+int __wrap_socket(int domain, int type, int protocol);
+int __wrap_dup(int fd);
+int __wrap_gethostbyname_r(
+    const char* name, hostent* host, char* buffer, size_t size, hostent** result, int* error);
+int __wrap_nanosleep(const timespec* time, timespec* left);
+int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs);
+}
+
+namespace {
+
+using test_support::SystemCall;
+
+struct Failing {
+    int error = 0;
+    int first = 0;
+    int last = 0; // 0: none is to fail
+    int calls = 0;
+    int failures = 0;
+};
+
+thread_local Failing failing[4];
+
+Failing& Of(SystemCall call)
+{
+    return failing[static_cast<int>(call)];
+}
+
+// Counts a call; the error number with which it must fail, or 0.
+int CountAndFail(SystemCall call)
+{
+    Failing& plan = Of(call);
+    ++plan.calls;
+    if (plan.calls < plan.first || plan.calls > plan.last)
+        return 0;
+    ++plan.failures;
+    return plan.error;
+}
+
+// -1 with errno set when this call must fail.
+int FailWithErrno(SystemCall call)
+{
+    const int error = CountAndFail(call);
+    if (error == 0)
+        return 0;
+    errno = error;
+    return -1;
+}
+
+struct Sleep {
+    std::thread::id thread;
+    uint32_t ms;
+};
+
+std::atomic<bool> isCutting { false };
+std::mutex notesMutex; // guards the next three
+std::thread::id owner;
+std::vector<Sleep> sleeps;
+std::set<int> polls;
+
+bool IsOwner()
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    return owner == std::this_thread::get_id();
+}
+
+} // namespace
+
+int __wrap_pthread_create(
+    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument)
+{
+    const int error = CountAndFail(SystemCall::CreateThread);
+    return error != 0 ? error : __real_pthread_create(thread, attributes, entry, argument);
+}
+
+int __wrap_socket(int domain, int type, int protocol)
+{
+    return FailWithErrno(SystemCall::OpenSocket) != 0 ? -1 : __real_socket(domain, type, protocol);
+}
+
+int __wrap_dup(int fd)
+{
+    return FailWithErrno(SystemCall::Duplicate) != 0 ? -1 : __real_dup(fd);
+}
+
+int __wrap_gethostbyname_r(
+    const char* name, hostent* host, char* buffer, size_t size, hostent** result, int* error)
+{
+    const int status = CountAndFail(SystemCall::LookUpHost);
+    return status != 0 ? status : __real_gethostbyname_r(name, host, buffer, size, result, error);
+}
+
+int __wrap_nanosleep(const timespec* time, timespec* left)
+{
+    if (!isCutting)
+        return __real_nanosleep(time, left);
+    {
+        const std::lock_guard<std::mutex> lock(notesMutex);
+        sleeps.push_back({ std::this_thread::get_id(),
+            static_cast<uint32_t>(time->tv_sec * 1000 + time->tv_nsec / 1000000) });
+    }
+    const timespec cut { 0, time->tv_sec > 0 ? 1000000 : std::min(time->tv_nsec, 1000000L) };
+    return __real_nanosleep(&cut, left);
+}
+
+int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs)
+{
+    if (!isCutting || count == 0)
+        return __real_poll(wanted, count, timeoutMs);
+    {
+        const std::lock_guard<std::mutex> lock(notesMutex);
+        polls.insert(timeoutMs);
+    }
+    return __real_poll(wanted, count, IsOwner() ? timeoutMs : std::min(timeoutMs, 1));
+}
+
+namespace test_support {
+
+FailCalls::FailCalls(SystemCall call, int error, int first, int last) : m_call(call)
+{
+    Of(call) = { .error = error, .first = first, .last = last };
+}
+
+FailCalls::~FailCalls()
+{
+    Of(m_call) = {};
+}
+
+int FailCalls::Count() const
+{
+    return Of(m_call).failures;
+}
+
+int FailCalls::Calls() const
+{
+    return Of(m_call).calls;
+}
+
+ShortWaits::ShortWaits()
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    owner = std::this_thread::get_id();
+    sleeps.clear();
+    polls.clear();
+    isCutting = true;
+}
+
+ShortWaits::~ShortWaits()
+{
+    isCutting = false;
+}
+
+std::vector<uint32_t> ShortWaits::SleepsMs(uint32_t shortestMs) const
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    std::vector<uint32_t> own;
+    for (const Sleep& sleep : sleeps) {
+        if (sleep.thread == std::this_thread::get_id() && sleep.ms >= shortestMs)
+            own.push_back(sleep.ms);
+    }
+    return own;
+}
+
+std::set<uint32_t> ShortWaits::AnySleepsMs(uint32_t shortestMs) const
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    std::set<uint32_t> all;
+    for (const Sleep& sleep : sleeps) {
+        if (sleep.ms >= shortestMs)
+            all.insert(sleep.ms);
+    }
+    return all;
+}
+
+std::set<int> ShortWaits::PollsMs() const
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    return polls;
+}
+
+} // namespace test_support

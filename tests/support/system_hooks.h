@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <vector>
+
+namespace test_support {
+
+// What FailCalls can make fail; each stands for one function of the C library.
+enum class SystemCall { CreateThread, OpenSocket, Duplicate, LookUpHost };
+
+// Makes calls of one kind by the calling thread fail with an error number, from the first-th to the last-th
+// after the object was made. One at a time a kind and thread.
+//
+// Threads: made, asked and destroyed by one thread; the calls of others are left alone.
+class FailCalls {
+public:
+    FailCalls(SystemCall call, int error, int first = 1, int last = 1);
+    FailCalls(const FailCalls&) = delete;
+    FailCalls& operator=(const FailCalls&) = delete;
+    ~FailCalls();
+
+    // How many have failed so far.
+    int Count() const;
+    // How many there were, with those that did not fail.
+    int Calls() const;
+
+private:
+    SystemCall m_call;
+};
+
+// Cuts the waits of the code under test to a millisecond and notes how long they were to be: the sleeps
+// (nanosleep) of every thread, and the polls of every thread but the one that made the object, which may
+// itself wait for datagrams.
+//
+// Threads: made and destroyed by the test's thread, one at a time; any may ask.
+class ShortWaits {
+public:
+    ShortWaits();
+    ShortWaits(const ShortWaits&) = delete;
+    ShortWaits& operator=(const ShortWaits&) = delete;
+    ~ShortWaits();
+
+    // The sleeps of the calling thread so far, in milliseconds and in order; those that are shorter are left
+    // out.
+    std::vector<uint32_t> SleepsMs(uint32_t shortestMs = 2) const;
+    // Lengths that any thread's sleeps were to have.
+    std::set<uint32_t> AnySleepsMs(uint32_t shortestMs = 2) const;
+    // Time-outs that polls of any thread were to have, those without descriptors left out.
+    std::set<int> PollsMs() const;
+};
+
+} // namespace test_support
