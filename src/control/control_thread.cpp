@@ -1,6 +1,5 @@
 #include "control/control_thread.h"
 
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -103,16 +102,14 @@ void ServeClient(ControlContext& context, int client)
     }
 }
 
-// Takes the next client. One that went away meanwhile is nothing; without a free descriptor, or with one
-// that select has no room for, the client is not served and the thread waits instead of spinning.
+// Takes the next client. One that went away meanwhile is nothing; without a free descriptor the client is not
+// served and the thread waits instead of spinning.
 UniqueFd AcceptClient(int listener)
 {
     UniqueFd client(accept(listener, nullptr, nullptr));
-    const bool isGone = !client.IsValid() && (errno == EAGAIN || errno == ECONNABORTED);
-    if (!isGone && (client.Get() < 0 || client.Get() >= FD_SETSIZE)) {
-        client.Reset();
+    const bool isGone = errno == EAGAIN || errno == ECONNABORTED; // where there is no client
+    if (!client.IsValid() && !isGone)
         (void)SleepMs(WAIT_MS);
-    }
     return client;
 }
 

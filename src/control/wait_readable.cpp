@@ -1,19 +1,18 @@
 #include "control/wait_readable.h"
 
-#include <sys/select.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <climits>
 
 #include "pacing/ms_clock.h"
 
 bool WaitReadable(int fd, uint32_t timeoutMs)
 {
-    if (fd < 0 || fd >= FD_SETSIZE) {
-        (void)SleepMs(timeoutMs); // whoever loops around this wait must not spin
-        return false;
-    }
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    timeval timeout { static_cast<time_t>(timeoutMs / 1000),
-        static_cast<suseconds_t>(timeoutMs % 1000) * 1000 };
-    return select(fd + 1, &readable, nullptr, nullptr, &timeout) > 0 && FD_ISSET(fd, &readable);
+    pollfd wanted { fd, POLLIN, 0 };
+    const int count = poll(&wanted, 1, static_cast<int>(std::min<uint32_t>(timeoutMs, INT_MAX)));
+    if (count >= 0 && (wanted.revents & POLLNVAL) == 0)
+        return count > 0;
+    (void)SleepMs(timeoutMs); // whoever loops around this wait must not spin
+    return false;
 }

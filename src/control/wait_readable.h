@@ -2,6 +2,6 @@
 
 #include <cstdint>
 
-// Waits until fd is readable, timeoutMs at most (0: only looks). True only when it is readable; false on
-// time-out, on error and, after the whole time, for a descriptor that select has no room for.
+// Waits until fd is readable, or its other end closed, timeoutMs at most (0: only looks). False on time-out
+// and, after the whole time, for what cannot be waited for, such as a closed descriptor.
 bool WaitReadable(int fd, uint32_t timeoutMs);

@@ -1,8 +1,8 @@
 #include "replicator/socket_group.h"
 
-#include <sys/select.h>
+#include <poll.h>
 
-#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 
 #include "pacing/ms_clock.h"
@@ -12,94 +12,104 @@ namespace {
 
 constexpr uint32_t STOP_WAIT_MS = 600; // longer than one wait for datagrams
 constexpr uint32_t SETTLE_MS = 50; // between making the sockets usable and the first wait
-constexpr suseconds_t SELECT_US = 250000;
+constexpr int WAIT_MS = 250;
 
-// A descriptor that select can wait for; its sets have no room for higher numbers.
-bool IsSelectable(const SocketListener* listener)
+// What is wanted from each position; descriptor -1 for nothing.
+using Wanted = std::array<pollfd, SocketGroup::POSITIONS>;
+
+// Takes out what is not open: it would end every wait at once. False when all are.
+bool TakeOutClosed(Wanted& wanted)
 {
-    return listener != nullptr && listener->Socket() >= 0 && listener->Socket() < FD_SETSIZE;
+    bool hasTaken = false;
+    for (pollfd& one : wanted) {
+        if ((one.revents & POLLNVAL) == 0)
+            continue;
+        one.fd = -1;
+        hasTaken = true;
+    }
+    return hasTaken;
+}
+
+// True when something has come, false after the whole time without.
+bool WaitForDatagrams(Wanted& wanted)
+{
+    int count = 0;
+    do {
+        count = poll(wanted.data(), wanted.size(), WAIT_MS);
+    } while (count > 0 && TakeOutClosed(wanted));
+    if (count < 0)
+        (void)SleepMs(WAIT_MS); // whoever loops around this wait must not spin
+    return count > 0;
 }
 
 } // namespace
 
-SocketGroup::~SocketGroup()
-{
-    (void)Stop();
-    m_crew.WaitUntilGone();
-}
-
 void SocketGroup::SetListener(SocketListener* listener, int position)
 {
     if (position >= 0 && position < POSITIONS)
-        m_listeners[position] = listener;
+        m_listeners[static_cast<size_t>(position)] = listener;
 }
 
 bool SocketGroup::Start()
 {
     if (m_bRunning)
         return false;
-    m_bRunning = 1;
+    m_bRunning = true;
     if (m_crew.Start(Listen, this))
         return true;
-    m_bRunning = 0;
+    m_bRunning = false;
     return false;
 }
 
 bool SocketGroup::Stop()
 {
-    if (!m_bRunning) {
-        m_crew.WaitUntilGone(); // a thread that found no listener ends by itself
-        return false;
-    }
-    m_bRunning = 0;
-    (void)SleepMs(STOP_WAIT_MS);
-    m_crew.WaitUntilGone();
-    return true;
+    const bool wasRunning = m_bRunning;
+    m_bRunning = false;
+    if (wasRunning)
+        (void)SleepMs(STOP_WAIT_MS);
+    m_crew.WaitUntilGone(); // also for a thread that found no listener and is ending by itself
+    return wasRunning;
 }
 
 void SocketGroup::Listen(void* group)
 {
     auto* self = static_cast<SocketGroup*>(group);
-    if (!self->InitListeners())
+    if (!InitListeners(self->m_listeners))
         return; // m_bRunning stays: Stop still waits for this thread
     (void)SleepMs(SETTLE_MS);
-    if (self->m_listeners[0] == nullptr && self->m_listeners[1] == nullptr)
-        self->m_bRunning = 0;
+    if (self->m_listeners == Listeners {})
+        self->m_bRunning = false;
     while (self->m_bRunning)
-        self->ServeOnce();
+        ServeListeners(self->m_listeners);
 }
 
-bool SocketGroup::InitListeners()
+bool InitListeners(const SocketGroup::Listeners& listeners)
 {
-    for (int position = 0; position < POSITIONS; ++position) {
-        if (m_listeners[position] == nullptr)
+    for (size_t position = 0; position < listeners.size(); ++position) {
+        if (listeners[position] == nullptr)
             continue;
         bool ok = true;
-        m_listeners[position]->Init(ok);
+        listeners[position]->Init(ok);
         if (!ok) {
-            (void)fprintf(stderr, "SocketGroupListenThread::Listen: Init(%d) failed\n", position);
+            (void)fprintf(
+                stderr, "SocketGroupListenThread::Listen: Init(%d) failed\n", static_cast<int>(position));
             return false;
         }
     }
     return true;
 }
 
-void SocketGroup::ServeOnce()
+void ServeListeners(const SocketGroup::Listeners& listeners)
 {
-    fd_set readable;
-    FD_ZERO(&readable);
-    int highest = -1;
-    for (const SocketListener* listener : m_listeners) {
-        if (!IsSelectable(listener))
-            continue;
-        FD_SET(listener->Socket(), &readable);
-        highest = std::max(highest, listener->Socket());
+    Wanted wanted {};
+    for (size_t position = 0; position < listeners.size(); ++position) {
+        const SocketListener* listener = listeners[position];
+        wanted[position] = { listener != nullptr ? listener->Socket() : -1, POLLIN, 0 };
     }
-    timeval timeout { 0, SELECT_US };
-    if (select(highest + 1, &readable, nullptr, nullptr, &timeout) <= 0)
+    if (!WaitForDatagrams(wanted))
         return;
-    for (SocketListener* listener : m_listeners) {
-        if (IsSelectable(listener) && FD_ISSET(listener->Socket(), &readable))
-            listener->Receive();
+    for (size_t position = 0; position < listeners.size(); ++position) {
+        if (wanted[position].revents != 0)
+            listeners[position]->Receive();
     }
 }

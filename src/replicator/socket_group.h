@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "base/plain_word.h"
 #include "replicator/thread_crew.h"
 
@@ -12,11 +14,12 @@ class SocketListener;
 class SocketGroup {
 public:
     static constexpr int POSITIONS = 2;
+    using Listeners = std::array<SocketListener*, POSITIONS>; // null: none
 
     SocketGroup() = default;
     SocketGroup(const SocketGroup&) = delete;
     SocketGroup& operator=(const SocketGroup&) = delete;
-    ~SocketGroup();
+    ~SocketGroup() { (void)Stop(); }
 
     // Puts a listener (not owned; null for none) into position 0 or 1; other positions are ignored.
     void SetListener(SocketListener* listener, int position);
@@ -32,10 +35,14 @@ private:
     // The listen thread: initialises the listeners, then serves them until the group is stopped. Ends
     // alone when a listener cannot be made usable.
     static void Listen(void* group);
-    bool InitListeners();
-    void ServeOnce();
 
-    PlainWord<uint8_t> m_bRunning { 0 }; // the owner sets and clears it, the listen thread polls it
+    PlainWord<bool> m_bRunning { false }; // the owner sets and clears it, the listen thread polls it
     ThreadCrew m_crew;
-    SocketListener* m_listeners[POSITIONS] {};
+    Listeners m_listeners {};
 };
+
+// Makes the listeners usable, in order. False, with a message, at the first that cannot be.
+bool InitListeners(const SocketGroup::Listeners& listeners);
+
+// Waits for datagrams, 250 ms at most, and lets each listener that has one take it.
+void ServeListeners(const SocketGroup::Listeners& listeners);

@@ -93,7 +93,7 @@ void SocketListener::Receive()
     const ssize_t received = recvfrom(Socket(), packet->Data(), PacketBufferPool::SLICE_BYTES, MSG_DONTWAIT,
         reinterpret_cast<sockaddr*>(&source), &sourceBytes);
     if (received < 0)
-        return; // select may report a datagram that a bad checksum then takes away
+        return; // poll may report a datagram that a bad checksum then takes away
     packet->SetLength(static_cast<int32_t>(received));
     (void)OnPacket(packet, source.sin_addr.s_addr, source.sin_port);
 }

@@ -1,19 +1,20 @@
 #include "control/wait_readable.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/select.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <set>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "base/unique_fd.h"
+#include "support/high_descriptor.h"
+#include "support/system_hooks.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using test_support::DuplicateHigh;
+using test_support::ShortWaits;
 
 class WaitReadableTest : public testing::Test {
 protected:
@@ -43,34 +44,38 @@ TEST_F(WaitReadableTest, AClosedOtherEndMakesADescriptorReadable)
     EXPECT_TRUE(WaitReadable(m_read.Get(), 20000));
 }
 
-TEST_F(WaitReadableTest, ItWaitsTheWholeTimeAlsoBeyondASecond)
+TEST_F(WaitReadableTest, ItWaitsAsLongAsItIsToldToAlsoBeyondASecond)
 {
-    for (const int ms : { 30, 1020 }) {
-        const auto before = Clock::now();
-        EXPECT_FALSE(WaitReadable(m_read.Get(), static_cast<uint32_t>(ms)));
-        EXPECT_GE(Clock::now() - before, std::chrono::milliseconds(ms));
-    }
+    const ShortWaits waits(ShortWaits::OwnPolls::Cut);
+    EXPECT_FALSE(WaitReadable(m_read.Get(), 30));
+    EXPECT_EQ(waits.PollsMs(), (std::set<int> { 30 }));
+    EXPECT_FALSE(WaitReadable(m_read.Get(), 1020));
+    EXPECT_EQ(waits.PollsMs(), (std::set<int> { 30, 1020 }));
+    EXPECT_TRUE(waits.SleepsMs().empty());
 }
 
-TEST_F(WaitReadableTest, AnErrorIsNotReadable)
+TEST_F(WaitReadableTest, ADescriptorFrom1024OnIsWaitedForLikeAnyOther)
+{
+    const UniqueFd high = DuplicateHigh(m_read.Get());
+    EXPECT_FALSE(WaitReadable(high.Get(), 0));
+    ASSERT_EQ(write(m_write.Get(), "x", 1), 1);
+    EXPECT_TRUE(WaitReadable(high.Get(), 20000));
+}
+
+TEST_F(WaitReadableTest, AClosedDescriptorIsNotReadableAndTakesTheWholeTime)
 {
     const int closed = m_read.Get();
     m_read.Reset();
-    EXPECT_FALSE(WaitReadable(closed, 0));
-    EXPECT_FALSE(WaitReadable(-1, 0));
+    const ShortWaits waits;
+    EXPECT_FALSE(WaitReadable(closed, 500));
+    EXPECT_EQ(waits.SleepsMs(), (std::vector<uint32_t> { 500 }));
 }
 
-TEST_F(WaitReadableTest, ADescriptorThatSelectHasNoRoomForIsNotReadable)
+TEST_F(WaitReadableTest, NoDescriptorIsNotReadableAndTakesTheWholeTime)
 {
-    rlimit limit {};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = limit.rlim_max;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    ASSERT_EQ(write(m_write.Get(), "x", 1), 1);
-    const UniqueFd high(fcntl(m_read.Get(), F_DUPFD, FD_SETSIZE));
-    ASSERT_GE(high.Get(), FD_SETSIZE);
-    EXPECT_FALSE(WaitReadable(high.Get(), 0));
-    EXPECT_TRUE(WaitReadable(m_read.Get(), 0));
+    const ShortWaits waits(ShortWaits::OwnPolls::Cut);
+    EXPECT_FALSE(WaitReadable(-1, 30));
+    EXPECT_EQ(waits.PollsMs(), (std::set<int> { 30 })) << "the system waits for nothing";
 }
 
 } // namespace

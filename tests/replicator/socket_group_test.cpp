@@ -1,8 +1,14 @@
 #include "replicator/socket_group.h"
 
+#include <fcntl.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <memory>
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,20 +16,20 @@
 #include "replicator/loopback.h"
 #include "replicator/socket_listener.h"
 #include "support/allocation_hooks.h"
+#include "support/high_descriptor.h"
+#include "support/system_hooks.h"
 
 namespace {
 
-using test_support::CapturedOutput;
-using test_support::PortLease;
-using test_support::Receiver;
-using test_support::WaitFor;
-using Clock = std::chrono::steady_clock;
-
-constexpr auto STOP_WAIT = std::chrono::milliseconds(600);
+using namespace test_support;
+using Times = std::vector<uint32_t>;
 
 class CountingListener : public SocketListener {
 public:
-    CountingListener(uint16_t port, bool& ok) : SocketListener(SharedSocket(), port, ok, 4) {}
+    CountingListener(uint16_t port, bool& ok, SharedSocket socket = SharedSocket())
+        : SocketListener(std::move(socket), port, ok, 4)
+    {
+    }
 
     void Init(bool& ok) override
     {
@@ -33,32 +39,221 @@ public:
     int OnPacket(PacketBuffer* /*packet*/, in_addr_t /*addressNet*/, uint16_t /*portNet*/) override
     {
         ++m_packets;
+        if (m_onPacket)
+            m_onPacket();
         return 1;
+    }
+    bool HasUnread() const
+    {
+        pollfd wanted { Socket(), POLLIN, 0 };
+        return poll(&wanted, 1, 0) == 1;
     }
 
     std::atomic<int> m_inits { 0 };
     std::atomic<int> m_packets { 0 };
+    std::function<void()> m_onPacket;
 };
 
 class SocketGroupTest : public testing::Test {
 protected:
+    void Send(const PortLease& to) { m_sender.SendTo("127.0.0.1", to.Port(), { 1 }); }
+    // A socket that keeps the port from being bound on all addresses.
+    static UniqueFd Occupy(PortLease& lease)
+    {
+        lease.Release();
+        UniqueFd other(socket(AF_INET, SOCK_DGRAM, 0));
+        EXPECT_TRUE(Bind(other.Get(), "127.0.0.2", lease.Port()));
+        return other;
+    }
+
+    ShortWaits m_waits { ShortWaits::OwnPolls::Cut };
     bool m_ok = true;
     PortLease m_lease0;
     PortLease m_lease1;
     CountingListener m_listener0 { m_lease0.Port(), m_ok };
     CountingListener m_listener1 { m_lease1.Port(), m_ok };
     CapturedOutput m_output;
+    Receiver m_sender { "127.0.0.2" };
 };
+
+// ---- Making the listeners usable
+
+class InitListenersTest : public SocketGroupTest {};
+
+TEST_F(InitListenersTest, BothAreMadeUsable)
+{
+    EXPECT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
+    EXPECT_TRUE(IsBoundOnAllAddresses(m_lease0.Port()));
+    EXPECT_TRUE(IsBoundOnAllAddresses(m_lease1.Port()));
+}
+
+TEST_F(InitListenersTest, APositionMayBeEmpty)
+{
+    EXPECT_TRUE(InitListeners({ nullptr, &m_listener1 }));
+    EXPECT_TRUE(InitListeners({ &m_listener0, nullptr }));
+    EXPECT_TRUE(InitListeners({}));
+}
+
+TEST_F(InitListenersTest, OneThatCannotBeMadeUsableIsNamedAndTheNextLeftAlone)
+{
+    const UniqueFd other = Occupy(m_lease0);
+    EXPECT_FALSE(InitListeners({ &m_listener0, &m_listener1 }));
+    EXPECT_EQ(m_output.Err(),
+        "SocketListener: bind failed on port " + std::to_string(m_lease0.Port())
+            + "\nSocketGroupListenThread::Listen: Init(0) failed\n");
+    EXPECT_EQ(m_listener1.m_inits, 0);
+}
+
+TEST_F(InitListenersTest, TheMessageNamesThePositionThatFailed)
+{
+    const UniqueFd other = Occupy(m_lease1);
+    EXPECT_FALSE(InitListeners({ &m_listener0, &m_listener1 }));
+    EXPECT_NE(m_output.Err().find("SocketGroupListenThread::Listen: Init(1) failed\n"), std::string::npos);
+}
+
+TEST_F(InitListenersTest, WithoutASocketTheListenerFails)
+{
+    const FailCalls sockets(SystemCall::OpenSocket, EMFILE);
+    EXPECT_FALSE(InitListeners({ &m_listener0, &m_listener1 }));
+    EXPECT_EQ(m_output.Err(), "SocketGroupListenThread::Listen: Init(0) failed\n");
+    EXPECT_EQ(m_listener0.Socket(), -1);
+}
+
+// ---- Serving them
+
+class ServeListenersTest : public SocketGroupTest {};
+
+TEST_F(ServeListenersTest, EachThatHasADatagramTakesOne)
+{
+    ASSERT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
+    Send(m_lease0);
+    Send(m_lease1);
+    Send(m_lease1);
+    ServeListeners({ &m_listener0, &m_listener1 });
+    EXPECT_EQ(m_listener0.m_packets, 1);
+    EXPECT_EQ(m_listener1.m_packets, 1);
+    ServeListeners({ &m_listener0, &m_listener1 });
+    EXPECT_EQ(m_listener0.m_packets, 1);
+    EXPECT_EQ(m_listener1.m_packets, 2);
+}
+
+TEST_F(ServeListenersTest, APositionMayBeEmpty)
+{
+    ASSERT_TRUE(InitListeners({ nullptr, &m_listener1 }));
+    Send(m_lease1);
+    ServeListeners({ nullptr, &m_listener1 });
+    EXPECT_EQ(m_listener1.m_packets, 1);
+}
+
+TEST_F(ServeListenersTest, WithoutADatagramItWaits250Ms)
+{
+    ASSERT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
+    ServeListeners({ &m_listener0, &m_listener1 });
+    EXPECT_EQ(m_waits.PollsMs(), (std::set<int> { 250 }));
+    EXPECT_EQ(m_listener0.m_packets + m_listener1.m_packets, 0);
+}
+
+TEST_F(ServeListenersTest, ADescriptorFrom1024OnIsServedLikeAnyOther)
+{
+    const UniqueFd low(socket(AF_INET, SOCK_DGRAM, 0));
+    CountingListener high(m_lease0.Port(), m_ok, SharedSocket(DuplicateHigh(low.Get()).Release()));
+    ASSERT_TRUE(InitListeners({ &high, &m_listener1 }));
+    Send(m_lease0);
+    Send(m_lease1);
+    ServeListeners({ &high, &m_listener1 });
+    EXPECT_EQ(high.m_packets, 1);
+    EXPECT_EQ(m_listener1.m_packets, 1);
+}
+
+TEST_F(ServeListenersTest, AClosedDescriptorNeitherEndsTheWaitNorKeepsTheOtherFromBeingServed)
+{
+    constexpr int UNUSED = FIRST_HIGH_DESCRIPTOR / 2; // nobody opens so many that it is taken meanwhile
+    CountingListener closed(m_lease0.Port(), m_ok, SharedSocket(fcntl(m_sender.Fd(), F_DUPFD, UNUSED)));
+    ASSERT_EQ(close(closed.Socket()), 0);
+    ASSERT_TRUE(InitListeners({ nullptr, &m_listener1 }));
+    const SocketGroup::Listeners both { &closed, &m_listener1 };
+    Send(m_lease1);
+    ServeListeners(both);
+    EXPECT_EQ(m_listener1.m_packets, 1);
+    EXPECT_EQ(closed.m_packets, 0);
+    constexpr int WAITS = 20; // each cut to a millisecond
+    const auto before = std::chrono::steady_clock::now();
+    for (int i = 0; i < WAITS; ++i)
+        ServeListeners(both);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(WAITS));
+}
+
+// ---- The listen thread
+
+TEST_F(SocketGroupTest, BothListenersAreServedUntilStop)
+{
+    SocketGroup group;
+    group.SetListener(&m_listener0, 0);
+    group.SetListener(&m_listener1, 1);
+    ASSERT_TRUE(group.Start());
+    ASSERT_TRUE(WaitFor([&] { return IsBoundOnAllAddresses(m_lease1.Port()); }));
+    Send(m_lease0);
+    Send(m_lease1);
+    Send(m_lease1);
+    EXPECT_TRUE(WaitFor([&] { return m_listener0.m_packets == 1 && m_listener1.m_packets == 2; }));
+    EXPECT_TRUE(group.Stop());
+    Send(m_lease0);
+    EXPECT_TRUE(WaitFor([&] { return m_listener0.HasUnread(); })) << "nobody reads the socket any more";
+    EXPECT_EQ(m_listener0.m_packets, 1);
+}
+
+TEST_F(SocketGroupTest, DestroyingARunningGroupStopsItsThread)
+{
+    {
+        SocketGroup group;
+        group.SetListener(&m_listener0, 0);
+        ASSERT_TRUE(group.Start());
+        ASSERT_TRUE(WaitFor([&] { return IsBoundOnAllAddresses(m_lease0.Port()); }));
+    }
+    Send(m_lease0);
+    EXPECT_TRUE(WaitFor([&] { return m_listener0.HasUnread(); })) << "nobody reads the socket any more";
+    EXPECT_EQ(m_listener0.m_packets, 0);
+}
+
+TEST_F(SocketGroupTest, ItsThreadSettlesFor50MsAndStopTakes600)
+{
+    SocketGroup group;
+    group.SetListener(&m_listener0, 0);
+    ASSERT_TRUE(group.Start());
+    EXPECT_TRUE(WaitFor([&] { return m_waits.PollsMs() == std::set<int> { 250 }; }));
+    EXPECT_EQ(m_waits.AnySleepsMs(), (std::set<uint32_t> { 50 }));
+    EXPECT_TRUE(group.Stop());
+    EXPECT_EQ(m_waits.SleepsMs(), (Times { 600 }));
+}
+
+// However long a listener takes with its datagram, longer than Stop sleeps too.
+TEST_F(SocketGroupTest, StopReturnsOnlyWhenItsThreadHasLeftTheListener)
+{
+    std::atomic<bool> hasLeft { false };
+    m_listener0.m_onPacket = [&] {
+        EXPECT_TRUE(WaitFor([&] { return m_waits.AnySleepsMs().count(600) == 1; }));
+        for (int i = 0; i < 30; ++i)
+            (void)poll(nullptr, 0, 1);
+        hasLeft = true;
+    };
+    SocketGroup group;
+    group.SetListener(&m_listener0, 0);
+    ASSERT_TRUE(group.Start());
+    ASSERT_TRUE(WaitFor([&] { return IsBoundOnAllAddresses(m_lease0.Port()); }));
+    Send(m_lease0);
+    ASSERT_TRUE(WaitFor([&] { return m_listener0.m_packets == 1; }));
+    EXPECT_TRUE(group.Stop());
+    EXPECT_TRUE(hasLeft);
+}
 
 TEST_F(SocketGroupTest, StopOfAGroupThatNeverStartedReturnsFalseAtOnce)
 {
     SocketGroup group;
-    const auto before = Clock::now();
     EXPECT_FALSE(group.Stop());
-    EXPECT_LT(Clock::now() - before, STOP_WAIT);
+    EXPECT_TRUE(m_waits.SleepsMs(0).empty());
 }
 
-TEST_F(SocketGroupTest, StartReturnsFalseTheSecondTime)
+TEST_F(SocketGroupTest, StartReturnsFalseTheSecondTimeAndStopToo)
 {
     SocketGroup group;
     group.SetListener(&m_listener0, 0);
@@ -67,36 +262,6 @@ TEST_F(SocketGroupTest, StartReturnsFalseTheSecondTime)
     EXPECT_TRUE(group.Stop());
     EXPECT_FALSE(group.Stop());
     EXPECT_EQ(m_listener0.m_inits, 1);
-}
-
-TEST_F(SocketGroupTest, BothListenersAreServedUntilStop)
-{
-    SocketGroup group;
-    group.SetListener(&m_listener0, 0);
-    group.SetListener(&m_listener1, 1);
-    ASSERT_TRUE(group.Start());
-    ASSERT_TRUE(WaitFor([&] { return test_support::IsBoundOnAllAddresses(m_lease1.Port()); }));
-    Receiver sender("127.0.0.2");
-    sender.SendTo("127.0.0.1", m_lease0.Port(), { 1 });
-    sender.SendTo("127.0.0.1", m_lease1.Port(), { 1 });
-    sender.SendTo("127.0.0.1", m_lease1.Port(), { 1 });
-    EXPECT_TRUE(WaitFor([&] { return m_listener0.m_packets == 1 && m_listener1.m_packets == 2; }));
-    const auto before = Clock::now();
-    EXPECT_TRUE(group.Stop());
-    EXPECT_GE(Clock::now() - before, STOP_WAIT);
-    sender.SendTo("127.0.0.1", m_lease0.Port(), { 1 });
-    EXPECT_EQ(m_listener0.m_packets, 1);
-}
-
-TEST_F(SocketGroupTest, APositionMayBeEmpty)
-{
-    SocketGroup group;
-    group.SetListener(&m_listener1, 1);
-    ASSERT_TRUE(group.Start());
-    ASSERT_TRUE(WaitFor([&] { return test_support::IsBoundOnAllAddresses(m_lease1.Port()); }));
-    Receiver("127.0.0.2").SendTo("127.0.0.1", m_lease1.Port(), { 1 });
-    EXPECT_TRUE(WaitFor([&] { return m_listener1.m_packets == 1; }));
-    EXPECT_TRUE(group.Stop());
 }
 
 TEST_F(SocketGroupTest, OtherPositionsAreIgnored)
@@ -111,71 +276,39 @@ TEST_F(SocketGroupTest, OtherPositionsAreIgnored)
     EXPECT_EQ(m_listener1.m_inits, 0);
 }
 
-TEST_F(SocketGroupTest, WithoutListenersTheThreadEndsByItself)
+TEST_F(SocketGroupTest, AListenerThatCannotBeMadeUsableEndsTheThreadButTheGroupCountsAsRunning)
 {
-    SocketGroup group;
-    ASSERT_TRUE(group.Start());
-    EXPECT_TRUE(WaitFor([&] { return group.Start(); }));
-    (void)group.Stop();
-}
-
-TEST_F(SocketGroupTest, AListenerThatCannotBeMadeUsableEndsTheThreadWithoutServingTheOther)
-{
-    m_lease0.Release();
-    const UniqueFd other(socket(AF_INET, SOCK_DGRAM, 0));
-    ASSERT_TRUE(test_support::Bind(other.Get(), "127.0.0.2", m_lease0.Port()));
+    const UniqueFd other = Occupy(m_lease0);
     SocketGroup group;
     group.SetListener(&m_listener0, 0);
-    group.SetListener(&m_listener1, 1);
     ASSERT_TRUE(group.Start());
     ASSERT_TRUE(WaitFor([&] { return m_listener0.m_inits == 1; }));
-    EXPECT_FALSE(group.Start()) << "it counts as running until it is stopped";
+    EXPECT_FALSE(group.Start());
     EXPECT_TRUE(group.Stop());
-    EXPECT_EQ(m_output.Err(),
-        "SocketListener: bind failed on port " + std::to_string(m_lease0.Port())
-            + "\nSocketGroupListenThread::Listen: Init(0) failed\n");
-    EXPECT_EQ(m_listener1.m_inits, 0);
-    EXPECT_FALSE(test_support::IsBoundOnAllAddresses(m_lease1.Port()));
+    EXPECT_TRUE(m_waits.PollsMs().empty()) << "nothing was served";
 }
 
-TEST_F(SocketGroupTest, TheMessageNamesThePositionThatFailed)
-{
-    m_lease1.Release();
-    const UniqueFd other(socket(AF_INET, SOCK_DGRAM, 0));
-    ASSERT_TRUE(test_support::Bind(other.Get(), "127.0.0.2", m_lease1.Port()));
-    SocketGroup group;
-    group.SetListener(&m_listener0, 0);
-    group.SetListener(&m_listener1, 1);
-    ASSERT_TRUE(group.Start());
-    EXPECT_TRUE(group.Stop());
-    EXPECT_NE(m_output.Err().find("SocketGroupListenThread::Listen: Init(1) failed\n"), std::string::npos);
-}
-
-TEST_F(SocketGroupTest, StartReturnsFalseWithoutAThreadAndTheGroupDoesNotRun)
+TEST_F(SocketGroupTest, WithoutAThreadItDoesNotRun)
 {
     SocketGroup group;
     {
-        const test_support::FailNthAllocation failing(1);
+        const FailCalls threads(SystemCall::CreateThread, EAGAIN);
+        EXPECT_FALSE(group.Start());
+        EXPECT_EQ(threads.Count(), 1);
+    }
+    EXPECT_FALSE(group.Stop());
+    EXPECT_TRUE(m_waits.SleepsMs(0).empty());
+}
+
+TEST_F(SocketGroupTest, WithoutMemoryForAThreadItDoesNotRun)
+{
+    SocketGroup group;
+    {
+        const FailNthAllocation failing(1);
         EXPECT_FALSE(group.Start());
         EXPECT_TRUE(failing.Fired());
     }
     EXPECT_FALSE(group.Stop());
-}
-
-TEST_F(SocketGroupTest, DestroyingARunningGroupStopsItsThread)
-{
-    {
-        SocketGroup group;
-        group.SetListener(&m_listener0, 0);
-        ASSERT_TRUE(group.Start());
-        ASSERT_TRUE(WaitFor([&] { return test_support::IsBoundOnAllAddresses(m_lease0.Port()); }));
-    }
-    Receiver("127.0.0.2").SendTo("127.0.0.1", m_lease0.Port(), { 1 });
-    EXPECT_TRUE(test_support::WaitFor([&] {
-        pollfd wanted { m_listener0.Socket(), POLLIN, 0 };
-        return poll(&wanted, 1, 0) == 1;
-    })) << "nobody reads the socket any more";
-    EXPECT_EQ(m_listener0.m_packets, 0);
 }
 
 } // namespace

@@ -81,14 +81,18 @@ struct Sleep {
 
 std::atomic<bool> isCutting { false };
 std::mutex notesMutex; // guards the next three
-std::thread::id owner;
+std::thread::id exempt; // whose polls are not cut
 std::vector<Sleep> sleeps;
 std::set<int> polls;
 
-bool IsOwner()
+// True when the poll is to be cut.
+bool NotePoll(int timeoutMs)
 {
     const std::lock_guard<std::mutex> lock(notesMutex);
-    return owner == std::this_thread::get_id();
+    if (exempt == std::this_thread::get_id())
+        return false;
+    polls.insert(timeoutMs);
+    return true;
 }
 
 } // namespace
@@ -134,11 +138,7 @@ int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs)
 {
     if (!isCutting || count == 0)
         return __real_poll(wanted, count, timeoutMs);
-    {
-        const std::lock_guard<std::mutex> lock(notesMutex);
-        polls.insert(timeoutMs);
-    }
-    return __real_poll(wanted, count, IsOwner() ? timeoutMs : std::min(timeoutMs, 1));
+    return __real_poll(wanted, count, NotePoll(timeoutMs) ? std::min(timeoutMs, 1) : timeoutMs);
 }
 
 namespace test_support {
@@ -163,10 +163,10 @@ int FailCalls::Calls() const
     return Of(m_call).calls;
 }
 
-ShortWaits::ShortWaits()
+ShortWaits::ShortWaits(OwnPolls ownPolls)
 {
     const std::lock_guard<std::mutex> lock(notesMutex);
-    owner = std::this_thread::get_id();
+    exempt = ownPolls == OwnPolls::Whole ? std::this_thread::get_id() : std::thread::id();
     sleeps.clear();
     polls.clear();
     isCutting = true;

@@ -30,13 +30,15 @@ private:
 };
 
 // Cuts the waits of the code under test to a millisecond and notes how long they were to be: the sleeps
-// (nanosleep) of every thread, and the polls of every thread but the one that made the object, which may
-// itself wait for datagrams.
+// (nanosleep) of every thread, and every thread's polls. The thread that makes the object keeps its polls whole
+// unless it asks for the cut: it may itself wait for datagrams.
 //
 // Threads: made and destroyed by the test's thread, one at a time; any may ask.
 class ShortWaits {
 public:
-    ShortWaits();
+    enum class OwnPolls { Whole, Cut };
+
+    explicit ShortWaits(OwnPolls ownPolls = OwnPolls::Whole);
     ShortWaits(const ShortWaits&) = delete;
     ShortWaits& operator=(const ShortWaits&) = delete;
     ~ShortWaits();
@@ -46,7 +48,7 @@ public:
     std::vector<uint32_t> SleepsMs(uint32_t shortestMs = 2) const;
     // Lengths that any thread's sleeps were to have.
     std::set<uint32_t> AnySleepsMs(uint32_t shortestMs = 2) const;
-    // Time-outs that polls of any thread were to have, those without descriptors left out.
+    // Time-outs that the polls which were cut were to have, those without descriptors left out.
     std::set<int> PollsMs() const;
 };
 
