@@ -152,7 +152,10 @@ TEST(Impairment, SettingsAtTheLimitsWrap)
     impair.m_dist.m_value = LEAST;
     EXPECT_EQ(Pattern(impair, 2), "..");
     Configured(impair, { .minDrop = LEAST, .minDist = LEAST, .maxDrop = MOST, .maxDist = MOST, .mode = 2 });
-    EXPECT_EQ(Pattern(impair, 10).size(), 10U);
+    EXPECT_EQ(impair.m_burst.m_value, LEAST); // both ranges are 0: nothing is drawn
+    EXPECT_EQ(impair.m_dist.m_value, LEAST);
+    EXPECT_EQ(Pattern(impair, 10), Passed(10));
+    EXPECT_EQ(impair.m_dist.m_value, MOST - 9);
 }
 
 TEST(DrawBurst, IsAlmostAlwaysMinDropBecauseTheProductWraps)
