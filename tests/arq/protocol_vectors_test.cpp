@@ -11,18 +11,15 @@
 #include <sstream>
 #include <string>
 
-#include "arq/c_arq_send.h"
 #include "arq/datagram_kind.h"
 #include "arq/request_list.h"
 #include "arq/wire.h"
-#include "support/fixed_clock.h"
-#include "support/recording_callback.h"
+#include "support/engine_fixture.h"
 #include "support/test_packets.h"
 
 using test_support::Bytes;
 using test_support::BytesOf;
-using test_support::FixedClock;
-using test_support::RecordingCallback;
+using test_support::EngineTest;
 using test_support::Request;
 using test_support::TestPacket;
 
@@ -64,12 +61,11 @@ std::map<std::string, Bytes> ReadVectors()
 }
 
 // An engine that has sent `media-first` at tick 1,000,000.
-class ProtocolVectors : public testing::Test {
+class ProtocolVectors : public EngineTest {
 protected:
     ProtocolVectors()
     {
-        bool ok = true;
-        m_pEngine = new CArqSend(ok, &m_clock, &m_callback, 2, 200, 4096, 8000000, true);
+        MakeEngine({ .ringSize = 4096, .headerBuilding = true });
         m_pEngine->StoreSent(m_first.Get());
     }
 
@@ -79,29 +75,13 @@ protected:
         return m_vectors[name];
     }
 
-    uint32_t Process(const Bytes& bytes)
-    {
-        TestPacket packet(bytes);
-        return m_pEngine->ProcessBuffer(packet.Get());
-    }
-
-    ArqSendStats Stats()
-    {
-        ArqSendStats stats {};
-        m_pEngine->GetStats(&stats);
-        return stats;
-    }
-
     static StreamTagInfo TagOf(const Bytes& bytes)
     {
         return ReadStreamTag(bytes.data(), static_cast<int32_t>(bytes.size()));
     }
 
     std::map<std::string, Bytes> m_vectors = ReadVectors();
-    FixedClock m_clock { 1000000 };
     TestPacket m_first { Vector("media-first") };
-    RecordingCallback m_callback; // owns the engine
-    CArqSend* m_pEngine = nullptr;
 };
 
 TEST_F(ProtocolVectors, ThePageHoldsTheseAndNoOthers)
