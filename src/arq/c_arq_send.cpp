@@ -7,6 +7,28 @@
 #include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 
+namespace {
+
+void FillRecord(PacketBuffer& record, MediaHeader& header, uint8_t* payload, int32_t length)
+{
+    record.partCount = 2;
+    record.parts[0] = reinterpret_cast<uint8_t*>(&header);
+    record.partLengths[0] = MEDIA_HEADER_BYTES;
+    record.parts[1] = payload;
+    record.partLengths[1] = length;
+}
+
+void FillHeader(MediaHeader& header, uint16_t seq, uint32_t timestampTicks, uint32_t ssrc)
+{
+    header.flags.Set(RTP_VERSION_FLAGS);
+    header.payloadType.Set(MEDIA_PAYLOAD_TYPE);
+    header.seq.Set(seq);
+    header.timestamp.Set(timestampTicks);
+    header.ssrc.Set(ssrc);
+}
+
+} // namespace
+
 void DestroyEngine(ArqSend* engine)
 {
     if (engine == nullptr || engine->Magic() != ENGINE_MAGIC)
@@ -49,17 +71,9 @@ PacketBuffer* CArqSend::BuildAndStore(uint8_t* payload, int32_t length, uint16_t
         return nullptr;
     const uint32_t index = m_ring.Index(seq);
     MediaHeader& header = m_builtHeaders[index];
-    header.flags.Set(RTP_VERSION_FLAGS);
-    header.payloadType.Set(MEDIA_PAYLOAD_TYPE);
-    header.seq.Set(seq);
-    header.timestamp.Set(m_pClock->LocalNow());
-    header.ssrc.Set(m_nSsrc);
     PacketBuffer* record = &m_builtRecords[index];
-    record->partCount = 2;
-    record->parts[0] = reinterpret_cast<uint8_t*>(&header);
-    record->partLengths[0] = MEDIA_HEADER_BYTES;
-    record->parts[1] = payload;
-    record->partLengths[1] = length;
+    FillRecord(*record, header, payload, length);
+    FillHeader(header, seq, m_pClock->LocalNow(), m_nSsrc);
     StoreSent(record);
     return record;
 }

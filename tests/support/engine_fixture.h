@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "arq/c_arq_send.h"
-#include "support/fixed_clock.h"
+#include "support/acting_clock.h"
 #include "support/recording_callback.h"
 #include "support/test_packets.h"
 
@@ -85,7 +85,7 @@ protected:
         return seqs;
     }
 
-    FixedClock m_clock { NOW };
+    ActingClock m_clock { NOW };
     std::vector<std::unique_ptr<TestPacket>> m_packets;
     RecordingCallback m_callback;
     CArqSend* m_pEngine = nullptr; // owned by its callback
