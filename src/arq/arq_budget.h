@@ -26,3 +26,16 @@ uint32_t WindowDelayMs(const ArqWindow& window);
 // Bytes that one request may send again at `bitRate` bit/s. The product wraps modulo 2^32 before the
 // division: 400 ms at 50 Mbit/s give 352,516 bytes.
 uint32_t BudgetBytes(const ArqWindow& window, uint32_t bitRate);
+
+// What is left of one request's bytes.
+struct ByteBudget {
+    uint32_t limitBytes;
+    uint32_t spentBytes = 0;
+
+    // Charges the bytes; whether they were still covered. Wraps like the limit.
+    bool Spend(int32_t bytes)
+    {
+        spentBytes += static_cast<uint32_t>(bytes);
+        return spentBytes <= limitBytes;
+    }
+};

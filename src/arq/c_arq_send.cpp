@@ -7,28 +7,6 @@
 #include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 
-namespace {
-
-void FillRecord(PacketBuffer& record, MediaHeader& header, uint8_t* payload, int32_t length)
-{
-    record.partCount = 2;
-    record.parts[0] = reinterpret_cast<uint8_t*>(&header);
-    record.partLengths[0] = MEDIA_HEADER_BYTES;
-    record.parts[1] = payload;
-    record.partLengths[1] = length;
-}
-
-void FillHeader(MediaHeader& header, uint16_t seq, uint32_t timestampTicks, uint32_t ssrc)
-{
-    header.flags.Set(RTP_VERSION_FLAGS);
-    header.payloadType.Set(MEDIA_PAYLOAD_TYPE);
-    header.seq.Set(seq);
-    header.timestamp.Set(timestampTicks);
-    header.ssrc.Set(ssrc);
-}
-
-} // namespace
-
 void DestroyEngine(ArqSend* engine)
 {
     if (engine == nullptr || engine->Magic() != ENGINE_MAGIC)
@@ -53,9 +31,8 @@ CArqSend::CArqSend(bool& ok, NetSyncVid* clock, CArqSendCB* callback, uint32_t r
         callback->m_pEngine.reset(this);
     if (!headerBuilding)
         return;
-    m_builtRecords.reset(new (std::nothrow) PacketBuffer[ringSize]());
-    m_builtHeaders.reset(new (std::nothrow) MediaHeader[ringSize]());
-    if (!m_builtRecords || !m_builtHeaders)
+    m_builtPackets.reset(new (std::nothrow) BuiltPacket[ringSize]());
+    if (!m_builtPackets)
         ok = false;
 }
 
@@ -69,13 +46,13 @@ PacketBuffer* CArqSend::BuildAndStore(uint8_t* payload, int32_t length, uint16_t
 {
     if (!m_bHeaderBuilding)
         return nullptr;
-    const uint32_t index = m_ring.Index(seq);
-    MediaHeader& header = m_builtHeaders[index];
-    PacketBuffer* record = &m_builtRecords[index];
-    FillRecord(*record, header, payload, length);
-    FillHeader(header, seq, m_pClock->LocalNow(), m_nSsrc);
-    StoreSent(record);
-    return record;
+    BuiltPacket& built = m_builtPackets[m_ring.Index(seq)];
+    built.mark.Begin();
+    built.FillRecord(payload, length);
+    built.FillHeader(seq, m_pClock->LocalNow(), m_nSsrc);
+    StoreSent(&built.record);
+    built.mark.End();
+    return &built.record;
 }
 
 void CArqSend::GetStats(ArqSendStats* out)

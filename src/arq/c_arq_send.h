@@ -6,7 +6,7 @@
 #include "arq/arq_budget.h"
 #include "arq/arq_ring.h"
 #include "arq/arq_send.h"
-#include "arq/wire.h"
+#include "arq/built_packet.h"
 #include "base/plain_word.h"
 #include "input/packet_buffer.h"
 
@@ -18,8 +18,9 @@ class RequestList;
 // receiver asks for, within a time window and a byte budget that its requests set. It never copies,
 // owns or frees a packet and never sends by itself: everything goes through the stream's callback.
 //
-// Threads: as ArqSend. No lock anywhere: a slot may be overwritten while a request reads it, and the
-// comparison of sequence numbers catches a slot that was reused.
+// Threads: as ArqSend. No lock anywhere: a slot may be overwritten while a request reads it. The comparison
+// of sequence numbers catches a slot that was reused. A packet that the engine built is rebuilt in place:
+// requests send a copy of its header, and the mark of the built packet catches a rebuild in between.
 class CArqSend : public ArqSend {
 public:
     // Neither clock nor callback is owned; both may be null in an engine that handles no packet. With a
@@ -55,16 +56,17 @@ private:
     void TakeOverWindow(const RequestList& request);
     void AnswerList(const RequestList& request);
     void CountRun(uint16_t seq, uint32_t& run);
-    Verdict AnswerNumber(uint16_t seq, uint32_t budget, uint32_t& spent);
+    Verdict AnswerNumber(uint16_t seq, ByteBudget& budget);
     bool IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t now) const;
     bool IsExpired(const ArqSlot& slot, uint32_t now) const;
-    void Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet);
+    BuiltPacket* BuiltAt(uint16_t seq, const PacketBuffer* packet) const;
+    void Expire(ArqSlot& slot, PacketBuffer* packet, const RebuildWatch& watch);
+    Verdict Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet, ByteBudget& budget);
     ArqWindow Window() const { return { m_nRetries, m_nIntervalMs, m_nExtraMs }; }
 
     CArqSendCB* m_pCallback;
     ArqRing m_ring;
-    std::unique_ptr<PacketBuffer[]> m_builtRecords; // one a slot; only with header building
-    std::unique_ptr<MediaHeader[]> m_builtHeaders; // as above
+    std::unique_ptr<BuiltPacket[]> m_builtPackets; // one a slot; only with header building
     PlainWord<uint32_t> m_nRetries; // the window: the listen thread writes, others read for statistics
     PlainWord<uint32_t> m_nIntervalMs;
     PlainWord<uint32_t> m_nExtraMs { 0 };

@@ -68,14 +68,13 @@ void CArqSend::TakeOverWindow(const RequestList& request)
 
 void CArqSend::AnswerList(const RequestList& request)
 {
-    const uint32_t budget = BudgetBytes(Window(), m_nBitRate);
+    ByteBudget budget { BudgetBytes(Window(), m_nBitRate) };
     const uint32_t count = request.Count();
     uint32_t run = 0;
-    uint32_t spent = 0;
     for (uint32_t i = 0; i < count; ++i) {
         const uint16_t seq = request[i];
         CountRun(seq, run);
-        if (AnswerNumber(seq, budget, spent) == Verdict::OverBudget) {
+        if (AnswerNumber(seq, budget) == Verdict::OverBudget) {
             m_nOverBudget.Add(count - i); // this number and all that follow are given up
             return;
         }
@@ -92,7 +91,7 @@ void CArqSend::CountRun(uint16_t seq, uint32_t& run)
 
 // The pointer is read from the slot first, then the header behind it: a slot that was reused meanwhile
 // shows another sequence number.
-CArqSend::Verdict CArqSend::AnswerNumber(uint16_t seq, uint32_t budget, uint32_t& spent)
+CArqSend::Verdict CArqSend::AnswerNumber(uint16_t seq, ByteBudget& budget)
 {
     ArqSlot& slot = m_ring.Slot(seq);
     PacketBuffer* packet = slot.packet.Load();
@@ -100,20 +99,30 @@ CArqSend::Verdict CArqSend::AnswerNumber(uint16_t seq, uint32_t budget, uint32_t
         m_nNotInBuffer.Add(1);
         return Verdict::GoOn;
     }
+    const RebuildWatch watch(BuiltAt(seq, packet));
     const uint16_t stored = HeaderOf(*packet).seq.Get();
-    const uint32_t now = m_pClock->LocalNow();
-    if (stored != seq || IsHeldOff(seq, slot, now))
+    const uint32_t nowTicks = m_pClock->LocalNow();
+    if (stored != seq || IsHeldOff(seq, slot, nowTicks))
         return Verdict::GoOn;
-    if (IsExpired(slot, now)) {
-        slot.packet.ClearIf(packet); // not a newer packet that was stored meanwhile
-        m_nExpired.Add(1);
+    if (IsExpired(slot, nowTicks)) {
+        Expire(slot, packet, watch);
         return Verdict::GoOn;
     }
-    spent += static_cast<uint32_t>(packet->TotalLength());
-    if (spent > budget)
-        return Verdict::OverBudget;
-    Resend(seq, slot, packet);
-    return Verdict::GoOn;
+    if (watch.Built() == nullptr)
+        return Resend(seq, slot, packet, budget);
+    ResendCopy copy(*watch.Built());
+    if (watch.WasRebuilt()) // the slot is another number's by now
+        return Verdict::GoOn;
+    return Resend(seq, slot, &copy.record, budget);
+}
+
+// The built packet of the slot, if that is what the slot holds.
+BuiltPacket* CArqSend::BuiltAt(uint16_t seq, const PacketBuffer* packet) const
+{
+    if (!m_builtPackets)
+        return nullptr;
+    BuiltPacket& built = m_builtPackets[m_ring.Index(seq)];
+    return packet == &built.record ? &built : nullptr;
 }
 
 bool CArqSend::IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t now) const
@@ -126,13 +135,28 @@ bool CArqSend::IsExpired(const ArqSlot& slot, uint32_t now) const
     return TicksSince(now - m_nMaxAge, slot.timestamp) >= 0;
 }
 
-// The header is changed in place: the packet keeps the retransmission payload type from here on.
-void CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet)
+// Empties the slot, but never of a newer packet. That one usually has another record; a slot's built record
+// is always the same, so it is put back after a rebuild. Only the listen thread looks, so nobody misses it.
+void CArqSend::Expire(ArqSlot& slot, PacketBuffer* packet, const RebuildWatch& watch)
 {
+    slot.packet.ClearIf(packet);
+    if (watch.WasRebuilt())
+        slot.packet.Store(packet);
+    else
+        m_nExpired.Add(1);
+}
+
+// The header is changed in place: a packet that came with its header keeps the retransmission payload type
+// from here on.
+CArqSend::Verdict CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet, ByteBudget& budget)
+{
+    if (!budget.Spend(packet->TotalLength()))
+        return Verdict::OverBudget;
     WireByte& payloadType = HeaderOf(*packet).payloadType;
     payloadType.Set(static_cast<uint8_t>((payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
     (void)m_pCallback->SendData(packet);
     slot.resendNotBefore = m_pClock->LocalNow() + m_nHoldOff;
     m_ring.SetRetransmitted(seq);
     m_nRetransmitted.Add(1);
+    return Verdict::GoOn;
 }

@@ -66,4 +66,13 @@ TEST(BudgetBytes, ANegativeBitRateCountsAsItsUnsignedWord)
     EXPECT_EQ(BudgetBytes({ 1, 1, 0 }, static_cast<uint32_t>(-1)), 0xFFFFFFFFU / 8000U);
 }
 
+TEST(ByteBudget, CoversAllUpToItsLimit)
+{
+    ByteBudget budget { 300 };
+    EXPECT_TRUE(budget.Spend(100));
+    EXPECT_TRUE(budget.Spend(200));
+    EXPECT_TRUE(budget.Spend(0));
+    EXPECT_FALSE(budget.Spend(1));
+}
+
 } // namespace

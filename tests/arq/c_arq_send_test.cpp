@@ -233,7 +233,7 @@ TEST(CArqSend, TheHoldOffIsHalfTheIntervalOfConstruction)
 
 TEST(CArqSend, AnyFailedAllocationClearsTheFlagAndLeaksNothing)
 {
-    constexpr int ALLOCATIONS = 4; // slots, flags, built records, built headers
+    constexpr int ALLOCATIONS = 3; // slots, flags, built packets
     for (int n = 1; n <= ALLOCATIONS; ++n) {
         bool ok = true;
         const FailNthAllocation failure(n);
