@@ -1,4 +1,7 @@
-"""Fixtures of the system tests. They need root (namespaces, /dev) and TX_PROXY_BIN, the binary under test.
+"""Fixtures of the system tests. They need root and TX_PROXY_BIN, the binary under test.
+
+Every process that runs tests has a /dev, a /run and a network of its own (txproxy/sandbox.py). `can_run` beside
+this file says beforehand whether the machine lets it make them.
 
 TX_PROXY_TIME_SCALE   factor for all time-outs (default 1; about 10 for sanitizer builds)
 TX_PROXY_BUILD_KIND   "release" when the binary is an optimised build without sanitizers
@@ -9,7 +12,7 @@ import types
 
 import pytest
 
-from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver
+from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver, sandbox
 
 
 def pytest_collection_modifyitems(config, items):
@@ -23,6 +26,11 @@ def pytest_collection_modifyitems(config, items):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "release_only: holds for the release build only")
+    # Also in the process that only hands out the tests: it meets a refusal first and says so once.
+    try:
+        sandbox.enter()
+    except sandbox.NoSandbox as reason:
+        pytest.exit(f"{sandbox.NEEDS} ({reason})", returncode=1)
 
 
 @pytest.fixture

@@ -1,7 +1,8 @@
 """Harness of the system tests: runs the real binary and looks at it from outside.
 
 waiting         bounded waits, scaled for slow (sanitizer) builds
-ports           instance numbers and UDP ports that no other test process uses
+sandbox         a /dev, a /run and a network of the test process's own
+ports           instance numbers and UDP ports in it
 proxy           one running tx_proxy with its output captured line by line
 instances       further proxies beside the one of the fixtures
 refusal         system calls of the proxy that are made to fail

@@ -4,20 +4,16 @@ The proxy's paths are the machine's, so a test that puts a library there starts 
 of its own: what it mounts over /usr/local/bin and /disk is seen by that process alone.
 """
 
-import contextlib
-import fcntl
 import os
 import pathlib
 import shlex
 import shutil
 import subprocess
-import tempfile
 
 from .proxy import binary
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent / "plugins" / "xor_cipher.c"
 INSTALLED_FOLDER = pathlib.Path("/usr/local/bin")
-DISK_FOLDER = pathlib.Path("/disk")
 INSTALLED_NAME = "libsorvanex.so.1.0"
 DISK_NAME = "sorvanex/libsorvanex.so.1.0"
 BARE_NAME = "libsorvanex.so"
@@ -39,18 +35,18 @@ def build(path, *switches, name="xor"):
     return path
 
 
-@contextlib.contextmanager
-def _disk_mount_point():
-    """/disk for as long as the block lasts; one test process at a time makes and removes it."""
-    with open(pathlib.Path(tempfile.gettempdir()) / "tx_proxy_test_disk.lock", "w", encoding="ascii") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        made = not DISK_FOLDER.exists()
-        DISK_FOLDER.mkdir(exist_ok=True)
-        try:
-            yield
-        finally:
-            if made:
-                DISK_FOLDER.rmdir()
+# Few machines have a /disk to mount on, and none is made here: a root of links to the machine's folders has one.
+ROOT_WITH_DISK = """
+mount -t tmpfs tmpfs {root}
+for entry in /*; do
+    if [ -L "$entry" ]; then cp -P "$entry" {root}
+    elif [ -d "$entry" ]; then mkdir {root}"$entry" && mount --rbind "$entry" {root}"$entry"
+    fi
+done
+mkdir -p {root}/disk
+mount --bind {disk} {root}/disk
+exec chroot {root} /proc/self/fd/9 "$@"
+"""
 
 
 class PrivateFolders:
@@ -60,29 +56,29 @@ class PrivateFolders:
         self.installed = directory / "installed"
         self.disk = directory / "disk"
         self.record = directory / "record"
-        for folder in (self.installed, self.disk):
+        self._root = directory / "root"
+        for folder in (self.installed, self.disk, self._root):
             folder.mkdir()
         self._script = directory / "tx_proxy_in_private_folders"
         self._monkeypatch = monkeypatch
 
     def start(self, start_proxy, *options, environment=None, **keywords):
         """start_proxy(*options) in the private view; the libraries write their record to self.record."""
-        uses_disk = any(self.disk.iterdir())
-        with _disk_mount_point() if uses_disk else contextlib.nullcontext():
-            self._write_script(uses_disk)
-            with self._monkeypatch.context() as patch:
-                patch.setenv("TX_PROXY_BIN", str(self._script))
-                env = {"SORVANEX_RECORD": str(self.record), **(environment or {})}
-                return start_proxy(*options, env=env, **keywords)
+        self._write_script(uses_disk=any(self.disk.iterdir()))
+        with self._monkeypatch.context() as patch:
+            patch.setenv("TX_PROXY_BIN", str(self._script))
+            env = {"SORVANEX_RECORD": str(self.record), **(environment or {})}
+            return start_proxy(*options, env=env, **keywords)
 
     def _write_script(self, uses_disk):
-        mounts = [(self.installed, INSTALLED_FOLDER)] + ([(self.disk, DISK_FOLDER)] if uses_disk else [])
+        commands = f"mount --bind {shlex.quote(str(self.installed))} {INSTALLED_FOLDER}"
+        if uses_disk:
+            commands += ROOT_WITH_DISK.format(root=shlex.quote(str(self._root)), disk=shlex.quote(str(self.disk)))
+        else:
+            commands += ' && exec /proc/self/fd/9 "$@"'
         # The binary is opened first: it may lie in a folder that is covered.
-        commands = " && ".join(f"mount --bind {shlex.quote(str(new))} {old}" for new, old in mounts)
         self._script.write_text(
-            "#!/bin/sh\n"
-            f"exec 9<{shlex.quote(binary())}\n"
-            f"exec unshare -m sh -c '{commands} && exec /proc/self/fd/9 \"$@\"' sh \"$@\"\n",
+            f"#!/bin/sh\nexec 9<{shlex.quote(binary())}\nexec unshare -m sh -ec {shlex.quote(commands)} sh \"$@\"\n",
             encoding="ascii",
         )
         self._script.chmod(0o755)
