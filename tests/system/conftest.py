@@ -4,10 +4,10 @@ Every process that runs tests has a /dev, a /run and a network of its own (txpro
 this file says beforehand whether the machine lets it make them.
 
 TX_PROXY_TIME_SCALE   factor for all time-outs (default 1; about 10 for sanitizer builds)
-TX_PROXY_BUILD_KIND   "release" when the binary is an optimised build without sanitizers
+TX_PROXY_BUILD_KIND   "release" when the binary is an optimised build without sanitizers, "asan" with the
+                      address sanitizer
 """
 
-import os
 import types
 
 import pytest
@@ -15,17 +15,23 @@ import pytest
 from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver, sandbox
 
 
+MARKERS = {
+    "release": "release_only: limits of memory, time and libraries are promises of the release build",
+    "asan": "asan_only: needs the address sanitizer",
+}
+
+
 def pytest_collection_modifyitems(config, items):
-    """Limits of memory and time are promises of the release build; other builds do not collect their tests."""
-    if os.environ.get("TX_PROXY_BUILD_KIND") == "release":
-        return
-    dropped = [item for item in items if item.get_closest_marker("release_only")]
+    """Tests of one kind of build are not collected for the others."""
+    foreign = [f"{kind}_only" for kind in MARKERS if kind != proxy.build_kind()]
+    dropped = [item for item in items if any(map(item.get_closest_marker, foreign))]
     items[:] = [item for item in items if item not in dropped]
     config.hook.pytest_deselected(items=dropped)
 
 
 def pytest_configure(config):
-    config.addinivalue_line("markers", "release_only: holds for the release build only")
+    for marker in MARKERS.values():
+        config.addinivalue_line("markers", marker)
     # Also in the process that only hands out the tests: it meets a refusal first and says so once.
     try:
         sandbox.enter()
