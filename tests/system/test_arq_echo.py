@@ -9,8 +9,7 @@ from txproxy.model_receiver import (
     STOP_MAGIC,
     PingingReceiver,
     echo_ping,
-    raw_port,
-    stamped,
+    start_media,
     tag,
     wait_bound,
 )
@@ -35,11 +34,7 @@ def receiver(proxy, closing, net):
 def learnt(proxy, closing, lease, net):
     """A learnt receiver with an ID whose media has started."""
     receiver = closing(PingingReceiver("127.0.0.6", lease.port(), net, stream_id=0xA1B2C3D4))
-    receiver.ping()
-    proxy.wait_stderr(
-        stamped(f"Media started on port {raw_port(receiver.port)} for 127.0.0.6 ID:0x{receiver.stream_id:08x}")
-    )
-    return receiver
+    return start_media(proxy, receiver)
 
 
 def assert_nothing_reported(receiver, proxy):

@@ -54,6 +54,10 @@ def arrived(receiver, net, others=0):
     return [rtp.seq(data) for data in receiver.wait_count(wanted)]
 
 
+def dumped_mode(proxy, net):
+    return reports.debug_dump(proxy, net.instance)["m_impair.m_mode"]
+
+
 def withheld(numbers, got):
     assert sorted(set(got)) == got, "in order and once each"
     return sorted(set(numbers) - set(got))
@@ -201,7 +205,8 @@ def test_switching_off_lets_all_pass_and_keeps_the_counters(start_proxy, net, se
     send_all(sender, net, range(10))
     during = reports.debug_dump(proxy, net.instance)
     impairment.toggle(net.instance)
-    proxy.wait_stderr(OFF)
+    # The line comes first.
+    wait_until(lambda: OFF in proxy.stderr.lines and dumped_mode(proxy, net) == 0, "the impairment to be off")
     send_all(sender, net, range(10, 30))
     assert arrived(receiver, net) == list(range(10, 30))
     assert reports.debug_dump(proxy, net.instance) == {**during, "m_impair.m_mode": 0}
@@ -332,7 +337,7 @@ def test_an_unknown_mode_withholds_nothing_and_counts_as_on(start_proxy, net, se
     proxy = switched_on(start_proxy, net, "-a", RECEIVER, mode=3, min_dist=1, min_drop=1)
     receiver = receive(RECEIVER)
     pump(sender, [receiver], [media(i) for i in range(20)])
-    assert reports.debug_dump(proxy, net.instance)["m_impair.m_mode"] == 3
+    assert dumped_mode(proxy, net) == 3
     impairment.toggle(net.instance)
     proxy.wait_stderr(OFF)
 

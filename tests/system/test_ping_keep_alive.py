@@ -6,7 +6,14 @@ import types
 import pytest
 
 from txproxy import control, ports, rtp
-from txproxy.model_receiver import PingingReceiver, stamped, start_media, wait_bound
+from txproxy.model_receiver import (
+    PingingReceiver,
+    media_started,
+    settled_by_list,
+    stamped,
+    start_media,
+    wait_bound,
+)
 from txproxy.receiver import Sender, pump
 from txproxy.waiting import scaled, wait_until
 
@@ -51,7 +58,9 @@ def test_a_receiver_that_pings_every_2_s_stays_and_a_silent_one_is_suspended_and
     other_net = types.SimpleNamespace(input=other.port(), destination=port, request=port)
     unwatching = launch("-I", other.instance, "-p", port, "-r", port, other_net.input).wait_ready()
     unwatching.wait_stderr(f"SocketListener: sock bound to port {port}", count=2)
-    unwatched = start_media(unwatching, make_receiver("127.0.0.8", other_net, 5))
+    unwatched = start_media(
+        unwatching, make_receiver("127.0.0.8", other_net, 5), lambda: settled_by_list(other.instance)
+    )
 
     start_media(proxy, silent)
     last_ping = time.monotonic()
@@ -79,12 +88,13 @@ def test_a_receiver_that_pings_every_2_s_stays_and_a_silent_one_is_suspended_and
     assert len([line for line in proxy.stderr.lines if "Stream suspended" in line]) == 1
     assert "Stream stopped" not in proxy.stderr.text
     assert control.request(net.instance, "List").split(",") == ["127.0.0.2", "127.0.0.5", "127.0.0.6", "127.0.0.1"]
-    pump(sender, [configured, loopback, pinging, start_media(proxy, moving)], media(5))
+    proxy.wait_stderr(media_started(moving))
+    moving.settle()
+    pump(sender, [configured, loopback, pinging, moving], media(5))
     assert silent.count() == 0
     pump(closing(Sender("127.0.0.1", other_net.input)), [unwatched], media(5))
     assert "Stream suspended" not in unwatching.stderr.text
 
     # Whoever was removed may come back.
-    silent.ping()
-    proxy.wait_stderr(stamped("Process Ping: Added 127.0.0.7 stream ID:0x00000003"), count=2)
-    pump(sender, [silent], media(3, first=100))
+    pump(sender, [start_media(proxy, silent)], media(3, first=100))
+    assert len(proxy.stderr.find(stamped("Process Ping: Added 127.0.0.7 stream ID:0x00000003"))) == 2

@@ -10,14 +10,17 @@ from txproxy.model_receiver import (
     STOP_MAGIC,
     PingingReceiver,
     echo_ping,
+    media_started,
     raw_port,
     request,
     retransmission_of,
     stamped,
+    start_media,
     tag,
     wait_bound,
 )
 from txproxy.receiver import pump, udp_socket
+from txproxy.waiting import wait_until
 
 ADDED = re.compile(r"Process Ping: Added (\S+) stream ID:0x([0-9a-f]{8})")
 FENCE_ID = 0xFE0CE000
@@ -44,12 +47,6 @@ def ping_fence(proxy, learn):
     return wait
 
 
-def media_started(receiver, stream_id=0, address=None):
-    return stamped(
-        f"Media started on port {raw_port(receiver.port)} for {address or receiver.address[0]} ID:0x{stream_id:08x}"
-    )
-
-
 def added(proxy):
     """The (address, ID) of every stream that a ping has made, the fence's left out."""
     found = [(address, int(number, 16)) for address, number in ADDED.findall(proxy.stderr.text)]
@@ -62,12 +59,6 @@ def log(proxy):
     return [line for line in lines if f"{FENCE_ID:08x}" not in line]
 
 
-def start_media(proxy, receiver):
-    receiver.ping()
-    proxy.wait_stderr(media_started(receiver, receiver.stream_id or 0))
-    return receiver
-
-
 def media(count, first=100):
     return [rtp.packet(first + i, b"payload %d" % i) for i in range(count)]
 
@@ -77,9 +68,7 @@ def same(received, sent):
 
 
 def test_first_ping_makes_a_stream_and_starts_its_media_on_the_port_it_came_from(proxy, learn, sender):
-    receiver = learn()
-    receiver.ping()
-    proxy.wait_stderr(media_started(receiver))
+    receiver = start_media(proxy, learn())
     assert log(proxy) == [
         "Process Ping: Added 127.0.0.5 stream ID:0x00000000",
         f"Media started on port {raw_port(receiver.port)} for 127.0.0.5 ID:0x00000000",
@@ -141,7 +130,7 @@ def test_a_tag_in_either_byte_order_gives_the_id_as_the_host_reads_it(proxy, lea
 def test_bytes_behind_the_tag_of_a_ping_do_not_matter(proxy, learn):
     receiver = learn(stream_id=0xCAFE)
     receiver.ping(b"more than a tag")
-    proxy.wait_stderr(media_started(receiver, 0xCAFE))
+    proxy.wait_stderr(media_started(receiver))
     assert added(proxy) == [("127.0.0.5", 0xCAFE)]
 
 
@@ -149,7 +138,7 @@ def test_bytes_behind_the_tag_of_a_ping_do_not_matter(proxy, learn):
 def test_a_tag_cut_short_of_8_bytes_carries_no_id(proxy, learn, length):
     receiver = learn()
     receiver.send(tag(0x01020304)[:length], receiver.ping_address)
-    proxy.wait_stderr(media_started(receiver, 0))
+    proxy.wait_stderr(media_started(receiver))
     assert added(proxy) == [("127.0.0.5", 0)]
 
 
@@ -194,8 +183,7 @@ def test_a_ping_from_another_port_moves_the_media_in_the_same_call(proxy, learn,
 def test_media_moves_back_when_the_old_port_pings_again(proxy, learn, sender):
     one, other = start_media(proxy, learn(stream_id=9)), learn(stream_id=9)
     start_media(proxy, other)
-    one.ping()
-    proxy.wait_stderr(media_started(one, 9), count=2)
+    start_media(proxy, one)
     pump(sender, [one], media(2))
     assert other.count() == 0
 
@@ -212,12 +200,13 @@ def test_a_known_id_acts_from_any_address_but_only_the_port_follows(proxy, learn
     here = start_media(proxy, learn("127.0.0.5", stream_id=3))
     port = lease.port()
     elsewhere = learn("127.0.0.6", port=port, stream_id=3)
-    same_port = closing(PingingReceiver("127.0.0.5", port, net))
+    same_port = closing(PingingReceiver("127.0.0.5", port, net, stream_id=3))
     elsewhere.ping()
     proxy.wait_stderr(
         stamped(f"Media port changed from {raw_port(here.port)} to {raw_port(port)} for 127.0.0.5 ID:0x00000003")
     )
-    proxy.wait_stderr(media_started(same_port, 3))
+    proxy.wait_stderr(media_started(same_port))
+    same_port.settle()
     pump(sender, [same_port], media(2))
     assert added(proxy) == [("127.0.0.5", 3)]
     assert elsewhere.count() == here.count() == 0
@@ -280,7 +269,7 @@ def test_a_stop_message_ends_the_stream_at_once(proxy, learn, net, swapped, stre
     # Without ID, bytes 4 to 7 of a longer message would be one; it is unknown, so the address decides.
     receiver.stop(trailer)
     proxy.wait_stderr(stamped(f"Stream stopped for 127.0.0.5 ID:0x{stream_id or 0:08x}"))
-    assert control.request(net.instance, "AllStats").endswith("CLIENTS=")
+    wait_until(lambda: control.request(net.instance, "AllStats").endswith("CLIENTS="), "no stream")
 
 
 def test_a_stopped_receiver_gets_no_more_media(proxy, learn, sender):
@@ -288,6 +277,7 @@ def test_a_stopped_receiver_gets_no_more_media(proxy, learn, sender):
     pump(sender, [leaving, staying], media(2))
     leaving.stop()
     proxy.wait_stderr(stamped("Stream stopped for 127.0.0.5 ID:0x00000000"))
+    staying.settle()
     pump(sender, [staying], media(5, first=200))
     assert leaving.count() == 2
 
@@ -324,15 +314,14 @@ def test_a_stop_message_removes_a_configured_stream_too(start_proxy, receive, le
     proxy = wait_bound(start_proxy("-a", "127.0.0.5,127.0.0.6"), net.destination, net.request)
     learn("127.0.0.5").stop()
     proxy.wait_stderr(stamped("Stream stopped for 127.0.0.5 ID:0x00000000"))
-    assert control.request(net.instance, "List") == "127.0.0.6"
+    wait_until(lambda: control.request(net.instance, "List") == "127.0.0.6", "the other stream alone")
 
 
 def test_a_stopped_receiver_may_come_back(proxy, learn, sender):
     receiver = start_media(proxy, learn())
     receiver.stop()
     proxy.wait_stderr(stamped("Stream stopped for 127.0.0.5 ID:0x00000000"))
-    receiver.ping()
-    proxy.wait_stderr(media_started(receiver), count=2)
+    start_media(proxy, receiver)
     pump(sender, [receiver], media(2))
     assert added(proxy) == [("127.0.0.5", 0)] * 2
 
@@ -341,8 +330,7 @@ def test_a_stream_that_comes_back_has_forgotten_its_packets(proxy, learn, sender
     receiver, other = start_media(proxy, learn()), start_media(proxy, learn("127.0.0.6"))
     pump(sender, [receiver, other], media(3))
     receiver.stop()
-    receiver.ping()
-    proxy.wait_stderr(media_started(receiver), count=2)
+    start_media(proxy, receiver)
     receiver.ask([100, 101, 102])
     assert receiver.answers() == []
     other.ask([100])

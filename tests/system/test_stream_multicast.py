@@ -11,12 +11,13 @@ from txproxy.model_receiver import (
     PingingReceiver,
     feed,
     is_retransmission,
-    raw_port,
     retransmission_of,
     stamped,
+    start_media,
     wait_bound,
 )
 from txproxy.receiver import Receiver, Sender, pump, udp_socket
+from txproxy.waiting import wait_until
 
 GROUP = "239.77.1.1"
 OTHER_ADDRESS = "10.77.0.3"
@@ -48,14 +49,7 @@ def setup(lan, lease, start_proxy, closing, net):
                     address, lease.port(), ports, proxy_address=netns.proxy_address(0), namespace=lan.peer, **keywords
                 )
             )
-            receiver.ping()
-            proxy.wait_stderr(
-                stamped(
-                    f"Media started on port {raw_port(receiver.port)} for {address} "
-                    f"ID:0x{receiver.stream_id or 0:08x}"
-                )
-            )
-            return receiver
+            return start_media(proxy, receiver)
 
         return types.SimpleNamespace(
             proxy=proxy,
@@ -146,4 +140,4 @@ def test_a_stopped_learnt_receiver_leaves_the_group_running(setup, net):
     learnt.stop()
     parts.proxy.wait_stderr(stamped(f"Stream stopped for {netns.peer_address(0)} ID:0x00000005"))
     pump(parts.sender, [parts.group], media(3))
-    assert control.request(net.instance, "AllStats").endswith("CLIENTS=")
+    wait_until(lambda: control.request(net.instance, "AllStats").endswith("CLIENTS="), "the end of the stream")

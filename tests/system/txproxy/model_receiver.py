@@ -11,7 +11,7 @@ import select
 import struct
 import time
 
-from . import rtp
+from . import control, rtp
 from .receiver import Receiver, pump
 from .waiting import DEFAULT_TIMEOUT, scaled
 
@@ -91,16 +91,32 @@ def wait_bound(proxy, *ports):
     return proxy
 
 
-def start_media(proxy, receiver):
-    """Pings and waits until the stream sends to where the ping came from; returns the receiver."""
-    receiver.ping()
-    proxy.wait_stderr(
-        stamped(
-            f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} "
-            f"ID:0x{receiver.stream_id or 0:08x}"
-        )
+def media_started(receiver):
+    """The line with which the proxy says that it is about to send to where this receiver pings from."""
+    return stamped(
+        f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} "
+        f"ID:0x{receiver.stream_id or 0:08x}"
     )
+
+
+def start_media(proxy, receiver, settle=None):
+    """Pings and waits until the stream sends to where the ping came from; returns the receiver.
+
+    `settle` is how to wait for the effect where nobody answers requests.
+    """
+    line = media_started(receiver)
+    before = len(proxy.stderr.find(line))
+    receiver.ping()
+    # The line comes before the stream stands in the table. Pings and echoes are handled by one thread in turn,
+    # so an echo that is asked for after the line comes when the ping has had its whole effect.
+    proxy.wait_stderr(line, count=before + 1)
+    (settle or receiver.settle)()
     return receiver
+
+
+def settled_by_list(instance):
+    """Waits until a ping that the log shows has had its effect: it and the report of streams take one lock."""
+    control.request(instance, "AllStats")
 
 
 def feed(sender, receivers, datagrams, last=rtp.packet(LAST_SEQ, b"last")):
@@ -147,11 +163,19 @@ class PingingReceiver(Receiver):
     def ask_raw(self, data):
         self.send(self.tagged(data), self.request_address)
 
-    def fence(self):
-        """Everything that arrived before the echo of a ping sent now: the answers to all earlier requests."""
+    def _wait_echo(self):
         mark = echo_ping(struct.pack("<I", next(self._serials)))
         self.ask_raw(mark)
         self.wait_for(lambda datagram: datagram.data == mark)
+        return mark
+
+    def settle(self):
+        """Waits until the proxy has handled all that it took from its ports before; the echo leaves no trace here."""
+        self.forget(self._wait_echo())
+
+    def fence(self):
+        """Everything that arrived before the echo of a ping sent now: the answers to all earlier requests."""
+        mark = self._wait_echo()
         payloads = self.payloads
         return payloads[: payloads.index(mark)]
 

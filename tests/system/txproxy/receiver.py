@@ -105,6 +105,10 @@ class Receiver:
     def clear(self):
         self._received = []
 
+    def forget(self, data):
+        """Takes the first datagram with this content out of the record."""
+        self._received.remove(next(datagram for datagram in self._received if datagram.data == data))
+
     def send(self, data, address):
         """Sends from the receiver's own port, as a receiver's pings and requests are sent."""
         self.sock.sendto(data, address)
