@@ -4,11 +4,14 @@ import socket
 import struct
 import time
 
+import pytest
+
 from txproxy import control
 from txproxy.model_receiver import STOP_MESSAGE
 from txproxy.receiver import udp_socket
 from txproxy.waiting import DEFAULT_TIMEOUT, scaled, wait_until
 
+RECEIVER = "127.0.0.5"
 SO_TIMESTAMPNS = 35  # the kernel's own time of arrival comes with each datagram
 STOP_MESSAGES = 5
 GAP_SECONDS = 0.020
@@ -33,15 +36,33 @@ def wait_for_stamps(sock):
     wait_until(is_stamped_on_arrival, "stamps of arrival")
 
 
-def test_the_5_stop_messages_of_a_delete_are_20_ms_apart_each(start_proxy, net):
-    start_proxy("-a", "127.0.0.5")
-    with udp_socket("127.0.0.5", net.destination) as sock:
+@pytest.fixture
+def stop_gaps(start_proxy, net):
+    """stop_gaps() deletes the receiver, takes its stop messages and adds it again; the gaps of their arrival."""
+    start_proxy("-a", RECEIVER)
+    with udp_socket(RECEIVER, net.destination) as sock:
         sock.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
         sock.settimeout(scaled(DEFAULT_TIMEOUT))
         wait_for_stamps(sock)
-        control.request(net.instance, "Delete 127.0.0.5")
-        messages = [arrival(sock) for _ in range(STOP_MESSAGES)]
-    assert [data for data, _ in messages] == [STOP_MESSAGE] * STOP_MESSAGES
-    times = [arrived for _, arrived in messages]
-    gaps = [later - earlier for earlier, later in zip(times, times[1:])]
+
+        def once():
+            control.request(net.instance, f"Delete {RECEIVER}")
+            messages = [arrival(sock) for _ in range(STOP_MESSAGES)]
+            assert [data for data, _ in messages] == [STOP_MESSAGE] * STOP_MESSAGES
+            control.request(net.instance, f"Add {RECEIVER}")
+            times = [arrived for _, arrived in messages]
+            return [later - earlier for earlier, later in zip(times, times[1:])]
+
+        yield once
+
+
+def test_the_5_stop_messages_of_a_delete_are_20_ms_apart_each_and_no_more(stop_gaps):
+    gaps = []
+
+    def has_a_gap_of_20_ms():
+        gaps.extend(stop_gaps())
+        # A busy machine makes gaps longer, but not every one of them, and none shorter.
+        return min(gaps) < 1.5 * GAP_SECONDS
+
+    wait_until(has_a_gap_of_20_ms, lambda: f"a gap of {GAP_SECONDS} s; all gaps: {gaps}")
     assert min(gaps) >= GAP_SECONDS - CLOCK_STEP_SECONDS, gaps
