@@ -1,0 +1,104 @@
+"""Receivers that come when the proxy has no free descriptor."""
+
+import resource
+
+import pytest
+
+from txproxy import control, rtp
+from txproxy.model_receiver import PingingReceiver, raw_port, stamped, start_media, wait_bound
+from txproxy.process import descriptors
+from txproxy.receiver import pump
+from txproxy.waiting import wait_until
+
+CONFIGURED = "127.0.0.2"
+BAD_DESCRIPTOR = "SendData failed: Bad file descriptor"
+
+
+class NoFreeDescriptor:
+    """While entered, the process can open nothing: its lowest free number is not allowed."""
+
+    def __init__(self, proxy):
+        self._pid = proxy.pid
+        self._before = None
+
+    def __enter__(self):
+        self._before = resource.prlimit(self._pid, resource.RLIMIT_NOFILE)
+        used = descriptors(self._pid)
+        lowest_free = next(number for number in range(len(used) + 1) if number not in used)
+        resource.prlimit(self._pid, resource.RLIMIT_NOFILE, (lowest_free, self._before[1]))
+
+    def __exit__(self, *_):
+        resource.prlimit(self._pid, resource.RLIMIT_NOFILE, self._before)
+
+
+@pytest.fixture
+def proxy(start_proxy, net):
+    proxy = wait_bound(start_proxy("-a", CONFIGURED), net.destination, net.request)
+    # An answered client shows that every socket is open.
+    assert control.request(net.instance, "TxStatClear") == "OK: Tx Stat Reset"
+    return proxy
+
+
+@pytest.fixture
+def configured(proxy, closing, net):
+    assert proxy
+    return closing(PingingReceiver(CONFIGURED, net.destination, net))
+
+
+def media(count, first=100):
+    return [rtp.packet(first + i, b"payload %d" % i) for i in range(count)]
+
+
+def wait_for_pings(configured):
+    """Waits until all pings sent before are handled.
+
+    The listen thread serves both ports in turn, so the second echo comes from a turn after theirs.
+    """
+    configured.fence()
+    configured.fence()
+    configured.clear()
+
+
+def is_served(sender, receiver):
+    """Sends media and says whether the receiver has ever got some."""
+    sender.send(media(1)[0])
+    return receiver.count() > 0
+
+
+@pytest.mark.parametrize("stream_id", [None, 7])
+def test_a_receiver_that_joined_without_a_free_descriptor_gets_media_after_its_next_ping(
+    proxy, configured, learn, sender, net, stream_id
+):
+    receiver = learn(stream_id=stream_id)
+    with NoFreeDescriptor(proxy):
+        for _ in range(3):
+            receiver.ping()
+            wait_for_pings(configured)
+            pump(sender, [configured], media(5))
+    assert receiver.count() == 0
+    receiver.ping()
+    wait_until(lambda: is_served(sender, receiver), "media after the ping")
+    proxy.wait_stderr(
+        stamped(
+            f"Media started on port {raw_port(receiver.port)} for {receiver.address[0]} ID:0x{stream_id or 0:08x}"
+        )
+    )
+    assert control.request(net.instance, "List") == f"{CONFIGURED},{receiver.address[0]}"
+    # From the ping port, as to any other receiver, and without a loss.
+    sent = media(20, first=200)
+    for data in sent:
+        sender.send(data)
+    receiver.wait_for(lambda datagram: rtp.seq(datagram.data) == rtp.seq(sent[-1]))
+    assert [rtp.seq(data) for data in receiver.payloads[-len(sent) :]] == [rtp.seq(data) for data in sent]
+    assert {datagram.source[1] for datagram in receiver.datagrams} == {net.destination}
+    assert proxy.stderr.find(BAD_DESCRIPTOR) == []
+
+
+def test_the_others_are_served_in_peace_while_a_receiver_waits_for_a_descriptor(proxy, configured, learn, sender):
+    early, late = start_media(proxy, learn("127.0.0.5")), learn("127.0.0.6")
+    with NoFreeDescriptor(proxy):
+        late.ping()
+        wait_for_pings(configured)
+        pump(sender, [configured, early], media(50))
+    assert late.count() == 0
+    assert proxy.stderr.find(BAD_DESCRIPTOR) == []
