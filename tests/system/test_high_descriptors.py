@@ -21,9 +21,8 @@ SCRIPT = """#!{python}
 import os, resource, sys
 soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
 resource.setrlimit(resource.RLIMIT_NOFILE, ({limit}, max(hard, {limit})))
-null = os.open("/dev/null", os.O_RDONLY)
 for _ in range({inherited}):
-    os.set_inheritable(os.dup(null), True)
+    os.set_inheritable(os.open("/dev/null", os.O_RDONLY), True)
 os.execv({binary!r}, sys.argv)
 """
 

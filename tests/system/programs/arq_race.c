@@ -242,7 +242,7 @@ int main(int argc, char** argv)
     pthread_join(sender, NULL);
     sender_ended = 1;
     pthread_join(receiver, NULL);
-    printf("SENT=%u\nARRIVED=%u\nAGAIN=%lu\nNEVER_UNMARKED=%lu\nFAULTS=%lu\n", (unsigned)sent, (unsigned)newest, again,
-        count_marked(), faults);
+    printf("SENT=%u\nARRIVED=%u\nAGAIN=%lu\nNEVER_UNMARKED=%lu\nFAULTS=%lu\n", (unsigned)sent,
+        (unsigned)newest, again, count_marked(), faults);
     return 0;
 }
