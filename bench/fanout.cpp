@@ -21,7 +21,7 @@
 #include "input/packet_buffer.h"
 #include "input/packet_queue.h"
 #include "replicator/arq_send_replicator.h"
-#include "replicator/read_section.h"
+#include "replicator/stream_table.h"
 #include "support/child.h"
 #include "support/media.h"
 #include "support/request_datagram.h"
@@ -113,6 +113,12 @@ std::string DestinationList(int64_t count)
     return list;
 }
 
+int32_t CountOfStreams(const ArqSendReplicator& replicator)
+{
+    const StreamTable::View view(replicator.Streams());
+    return view.Count();
+}
+
 // The whole fan-out, with real sockets to bound receivers that nobody empties: once a receiver's buffer is
 // full the kernel drops behind the same calls.
 void SendPacketToReceivers(benchmark::State& state)
@@ -127,7 +133,7 @@ void SendPacketToReceivers(benchmark::State& state)
     settings.udpInputMode = state.range(1) != 0;
     bool ok = false;
     ArqSendReplicator replicator(ok, settings);
-    if (!ok || StreamTable::View(replicator.Streams()).Count() != state.range(0)) {
+    if (!ok || CountOfStreams(replicator) != state.range(0)) {
         state.SkipWithError("no replicator");
         return;
     }
@@ -332,15 +338,15 @@ BENCHMARK(ImpairmentGate)->ArgName("mode")->DenseRange(0, 2);
 // With a second thread in and out all the time when that is 1.
 void EnterAndLeaveReadSection(benchmark::State& state)
 {
-    ReadSections sections;
+    const StreamTable table;
     std::atomic<bool> goOn { state.range(0) != 0 };
     std::thread other([&] {
         while (goOn.load(std::memory_order_relaxed))
-            const ReadSection section(sections);
+            const StreamTable::View view(table);
     });
     for (auto unused : state) {
         (void)unused;
-        const ReadSection section(sections);
+        const StreamTable::View view(table);
         benchmark::ClobberMemory();
     }
     goOn = false;
