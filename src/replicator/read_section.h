@@ -26,7 +26,7 @@
 // sides seen empty once: a reader of the old state may stand on either. Which side is open orders nothing.
 //
 // Threads: any number of readers; one destroyer, which alone calls BeginPeriod and IsPeriodOver.
-class CAPABILITY("read section") ReadSections {
+class CAPABILITY("read_section") ReadSections {
 public:
     static constexpr unsigned SIDES = 2;
 
