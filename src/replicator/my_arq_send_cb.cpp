@@ -89,10 +89,10 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
 {
     const int32_t current = m_chooser.Current();
     if (m_bOwnsSockets && m_holders[current].IsValid()) {
-        if (dup2(pingSocket, m_sockets[current]) >= 0)
-            return true;
-        perror("dup2 failed");
-        return false;
+        m_bAdopted = dup2(pingSocket, m_sockets[current]) >= 0;
+        if (!m_bAdopted)
+            perror("dup2 failed");
+        return m_bAdopted;
     }
     SharedSocket duplicate(dup(pingSocket));
     if (!duplicate.IsValid()) {
@@ -101,6 +101,7 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
     }
     SetSocket(current, std::move(duplicate));
     m_bOwnsSockets = true;
+    m_bAdopted = true;
     return true;
 }
 
@@ -115,11 +116,11 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
     if (sent >= 0)
         m_owner.m_nTxBytes.Add(static_cast<uint32_t>(sent));
     m_chooser.Advance();
-    if (sent < 0) {
+    if (sent >= 0)
+        return 1;
+    if (!m_bCutOff)
         perror("SendData failed");
-        return 0;
-    }
-    return 1;
+    return 0;
 }
 
 void MyArqSendCB::SendStop()
@@ -127,6 +128,19 @@ void MyArqSendCB::SendStop()
     (void)SendDatagram(
         m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), Destination(), MSG_DONTWAIT);
     m_chooser.Advance();
+}
+
+// A full send buffer is waited for in the kernel until half of it is empty, on a slow link for half a minute.
+// Shutting the socket down ends that wait.
+void MyArqSendCB::CutOff()
+{
+    m_bCutOff = true;
+    if (!m_bOwnsSockets || m_bAdopted)
+        return;
+    for (const SharedSocket& socket : m_holders) {
+        if (socket.IsValid() && !socket.IsShared())
+            (void)shutdown(socket.Get(), SHUT_WR); // says "not connected", and does it all the same
+    }
 }
 
 void MyArqSendCB::SetSocket(int32_t index, SharedSocket socket)

@@ -51,6 +51,11 @@ public:
     // nothing more is the very one that is being deleted.
     void SendStop();
 
+    // The stream is being deleted: a thread that stands in a send to it is let go at once, and what it still
+    // tries to send fails in silence. A socket that others send from too, such as a duplicate of the ping
+    // socket, is left as it is.
+    void CutOff();
+
     in_addr_t AddressNet() const { return m_nAddressNet; }
     uint16_t ConfiguredPort() const { return m_usConfiguredPort; }
     uint16_t DestinationPortNet() const { return m_usPortNet; }
@@ -76,5 +81,7 @@ private:
     SharedSocket m_holders[SocketChooser::MAX_SOCKETS];
     SocketChooser m_chooser;
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
+    bool m_bAdopted = false; // the socket is a duplicate of the ping socket: one send buffer with that
+    PlainWord<bool> m_bCutOff { false }; // set under the replicator lock, read by the sending threads
     char m_hostText[32] = ""; // the destination address in dotted form
 };

@@ -40,3 +40,8 @@ int SharedSocket::Get() const
 {
     return m_pCounted ? m_pCounted->fd.Get() : -1;
 }
+
+bool SharedSocket::IsShared() const
+{
+    return m_pCounted && m_pCounted->holders.load() > 1;
+}

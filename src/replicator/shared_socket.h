@@ -22,6 +22,7 @@ public:
     // The descriptor, or -1.
     int Get() const;
     bool IsValid() const { return Get() >= 0; }
+    bool IsShared() const; // there is another holder
 
 private:
     struct Counted {

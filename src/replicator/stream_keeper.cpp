@@ -134,6 +134,7 @@ int StreamKeeper::DeleteStream(const char* text)
     if (stream == nullptr)
         return 0;
     SendStopMessages(*stream);
+    stream->CutOff();
     StopStream(*stream);
     return 1;
 }

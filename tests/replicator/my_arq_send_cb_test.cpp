@@ -241,6 +241,34 @@ TEST_F(MyArqSendCBTest, MediaGoOnFromTheOldSocketWhenAdoptingFails)
     EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
 }
 
+TEST_F(MyArqSendCBTest, WhatIsStillSentAfterTheCutOffFailsInSilence)
+{
+    const auto stream = MakeStream();
+    stream->CutOff();
+    OwnedPacket packet(Bytes { 1 });
+    CapturedOutput output;
+    EXPECT_EQ(stream->SendData(packet.Get()), 0);
+    EXPECT_EQ(output.Err(), "");
+    EXPECT_FALSE(m_receiver.HasDatagram());
+}
+
+TEST_F(MyArqSendCBTest, TheCutOffLeavesASocketThatOthersSendFromAsItIs)
+{
+    const auto owner = MakeStream();
+    auto borrower = MakeStreamWithoutSocket();
+    borrower->BorrowSocket(owner->ShareSocket(0));
+    const auto adopter = MakeStream();
+    const Receiver pingSocket("127.0.0.1");
+    EXPECT_TRUE(adopter->AdoptSocket(pingSocket.Fd()));
+    for (MyArqSendCB* stream : { owner.get(), borrower.get(), adopter.get() })
+        stream->CutOff();
+    OwnedPacket packet(Bytes { 1 });
+    for (MyArqSendCB* stream : { owner.get(), borrower.get(), adopter.get() }) {
+        EXPECT_EQ(stream->SendData(packet.Get()), 1);
+        EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
+    }
+}
+
 // Takes the sockets off whatever interfaces there are, so that they reach loopback.
 void Unbind(const MyArqSendCB& stream, int32_t count)
 {
