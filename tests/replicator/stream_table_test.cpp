@@ -339,9 +339,12 @@ TEST_F(StreamTableTest, AReaderMeetsEveryStreamThatStaysExactlyOnceWhileOthersAr
     const auto read = [&] {
         while (!isOver) {
             int met[STAYING] {};
-            for (const MyArqSendCB* stream : All()) {
-                if (stream->StreamId() >= STAYS)
-                    ++met[stream->StreamId() - STAYS];
+            {
+                const StreamTable::View view(m_table);
+                view.ForEach([&](const MyArqSendCB& stream) {
+                    if (stream.StreamId() >= STAYS)
+                        ++met[stream.StreamId() - STAYS];
+                });
             }
             for (const int count : met) {
                 missed += count == 0 ? 1 : 0;
