@@ -1,0 +1,78 @@
+#!/usr/bin/python3
+"""Runs clang-tidy over every source below src/. Exits with 1 if there is any finding.
+
+Most of a run is spent on the standard headers, so the sources of a folder are read as one file, kept in
+build/tidy/; findings name the real file and line. Where names of two sources meet, so that the joined file does
+not compile, the sources of that folder are read one by one.
+"""
+import os
+import re
+import subprocess
+import sys
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+SOURCES = ROOT / "src"
+JOINED = ROOT / "build" / "tidy"
+
+COMMAND = ["clang-tidy-14", "--quiet"]
+FLAGS = ["-std=c++20", "-fno-exceptions", f"-I{SOURCES}",
+         "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Wthread-safety"]
+
+# The check for repeated includes starts afresh behind a macro: an include of the file before is none.
+SEPARATOR = "#define TX_PROXY_NEXT_FILE\n#undef TX_PROXY_NEXT_FILE\n"
+
+
+def join(folder, files):
+    """Writes the joined file; returns its path and, for each of its lines, the place that it came from."""
+    places, text = [], []
+    for file in files:
+        text.append(SEPARATOR)
+        places += ["separator:0"] * SEPARATOR.count("\n")
+        content = file.read_text(encoding="utf-8")
+        if not content.endswith("\n"):
+            content += "\n"
+        text.append(content)
+        places += [f"{file}:{i}" for i in range(1, content.count("\n") + 1)]
+    path = JOINED / (folder.name + ".cpp")
+    path.write_text("".join(text), encoding="utf-8")
+    return path, places
+
+
+def run(path):
+    result = subprocess.run([*COMMAND, str(path), "--", *FLAGS], stdin=subprocess.DEVNULL, check=False,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    warnings = [line for line in result.stderr.splitlines() if not re.search(r"\d+ warnings? generated", line)]
+    return result.returncode == 0, "\n".join([result.stdout, *warnings]).strip()
+
+
+def look_at(folder, files):
+    """(true if nothing was found, what was found)"""
+    path, places = join(folder, files)
+    good, output = run(path)
+    if "[clang-diagnostic-error]" in output:
+        outcomes = [run(file) for file in files]
+        return all(good for good, _ in outcomes), "\n".join(output for _, output in outcomes if output)
+    pattern = re.escape(str(path)) + r":(\d+)"
+    return good, re.sub(pattern, lambda match: places[int(match.group(1)) - 1], output)
+
+
+def main():
+    folders = {}
+    for file in sorted(SOURCES.rglob("*.cpp")):
+        folders.setdefault(file.parent, []).append(file)
+    if not folders:
+        print("no sources below src/")
+        return 1
+    JOINED.mkdir(parents=True, exist_ok=True)
+    largest_first = sorted(folders.items(), key=lambda item: -sum(file.stat().st_size for file in item[1]))
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        outcomes = list(pool.map(lambda item: look_at(*item), largest_first))
+    for good, output in outcomes:
+        if not good:
+            print(output or "clang-tidy failed without a finding")
+    return 0 if all(good for good, _ in outcomes) else 1
+
+
+sys.exit(main())
