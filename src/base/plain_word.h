@@ -23,8 +23,8 @@ public:
     T Load() const noexcept { return m_value.load(std::memory_order_relaxed); }
     void Store(T value) noexcept { m_value.store(value, std::memory_order_relaxed); }
 
-    // Adds without a lock prefix. Wraps, signed numbers too.
-    void Add(T amount) noexcept
+    // Adds without a lock prefix. Wraps, signed numbers too. Not for flags and pointers.
+    void Add(T amount) noexcept requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
     {
         using Unsigned = std::make_unsigned_t<T>;
         Store(static_cast<T>(static_cast<Unsigned>(Load()) + static_cast<Unsigned>(amount)));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <thread>
 
 namespace {
 
@@ -40,8 +41,34 @@ TEST(PlainWord, AddWrapsUnsignedTypesAtTheirWidth)
     EXPECT_EQ(count, 0x100000000U);
 }
 
+TEST(PlainWord, HoldsAFlag)
+{
+    PlainWord<bool> flag;
+    EXPECT_FALSE(flag);
+    flag = true;
+    EXPECT_TRUE(flag);
+    EXPECT_TRUE(PlainWord<bool>(true).Load());
+    flag.Store(false);
+    EXPECT_FALSE(flag.Load());
+}
+
+template <typename T>
+constexpr bool HAS_ADD = requires(PlainWord<T> word, T amount)
+{
+    word.Add(amount);
+};
+
+TEST(PlainWord, OffersAddForNumbersButNotForFlags)
+{
+    EXPECT_TRUE(HAS_ADD<uint8_t>);
+    EXPECT_TRUE(HAS_ADD<int64_t>);
+    EXPECT_FALSE(HAS_ADD<bool>);
+    EXPECT_FALSE(HAS_ADD<uint8_t*>);
+}
+
 TEST(PlainWord, TakesNoMoreRoomThanItsValue)
 {
+    EXPECT_EQ(sizeof(PlainWord<bool>), 1U);
     EXPECT_EQ(sizeof(PlainWord<uint8_t>), 1U);
     EXPECT_EQ(sizeof(PlainWord<uint32_t>), 4U);
     EXPECT_EQ(sizeof(PlainWord<uint64_t>), 8U);
@@ -57,6 +84,21 @@ TEST(PublishedWord, KeepsWhatWasStored)
     EXPECT_EQ(PublishedWord<int32_t>().Load(), 0);
 }
 
+// The value is plain: without the order of the store or of the load the thread sanitizer reports a race.
+TEST(PublishedWord, HandsOverWhatWasWrittenBeforeItAsTheThreadSanitizerSees)
+{
+    int value = 0;
+    PublishedWord<int32_t> isWritten { 0 };
+    std::thread writer([&] {
+        value = 7;
+        isWritten.Store(1);
+    });
+    while (isWritten.Load() == 0)
+        std::this_thread::yield();
+    EXPECT_EQ(value, 7);
+    writer.join();
+}
+
 TEST(PublishedPtr, IsNullUntilStored)
 {
     PublishedPtr<int> pointer;
@@ -64,6 +106,22 @@ TEST(PublishedPtr, IsNullUntilStored)
     int value = 0;
     pointer.Store(&value);
     EXPECT_EQ(pointer.Load(), &value);
+}
+
+// As for PublishedWord.
+TEST(PublishedPtr, HandsOverWhatWasWrittenBeforeItAsTheThreadSanitizerSees)
+{
+    int value = 0;
+    PublishedPtr<int> pointer;
+    std::thread writer([&] {
+        value = 7;
+        pointer.Store(&value);
+    });
+    const int* seen = nullptr;
+    while ((seen = pointer.Load()) == nullptr)
+        std::this_thread::yield();
+    EXPECT_EQ(*seen, 7);
+    writer.join();
 }
 
 TEST(PublishedPtr, ClearIfLeavesAnotherPointerAlone)

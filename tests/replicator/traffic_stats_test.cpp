@@ -1,10 +1,15 @@
 #include "replicator/traffic_stats.h"
 
 #include <initializer_list>
+#include <type_traits>
 
 #include <gtest/gtest.h>
 
 namespace {
+
+// Packets are counted past 2^32.
+static_assert(std::is_same_v<decltype(ReceiveStats::m_nRxPackets), PlainWord<uint64_t>>);
+static_assert(std::is_same_v<decltype(TransmitStats::m_nTxPackets), PlainWord<uint64_t>>);
 
 int32_t LossAfter(std::initializer_list<uint16_t> numbers)
 {
@@ -78,18 +83,6 @@ TEST(TransmitStats, ResetZeroesPacketsAndBitRateOnly)
     EXPECT_EQ(stats.m_nTxPackets, 0U);
     EXPECT_EQ(stats.m_nTxBitrate, 0U);
     EXPECT_EQ(stats.m_nTxBytes, 7U);
-}
-
-TEST(TrafficStats, PacketCountersPassTwoToThe32)
-{
-    ReceiveStats rx;
-    rx.m_nRxPackets = 0xFFFFFFFFU;
-    rx.m_nRxPackets.Add(1);
-    EXPECT_EQ(rx.m_nRxPackets, 0x100000000U);
-    TransmitStats tx;
-    tx.m_nTxPackets = 0xFFFFFFFFU;
-    tx.m_nTxPackets.Add(1);
-    EXPECT_EQ(tx.m_nTxPackets, 0x100000000U);
 }
 
 TEST(BitRate, IsBytesTimesEightPerSecond)
