@@ -12,15 +12,10 @@ ArqRing::ArqRing(bool& ok, uint32_t size)
         ok = false;
 }
 
-// The pointer goes last: a reader that sees the new packet also sees its time and a cleared flag.
 void ArqRing::Store(uint16_t seq, PacketBuffer* packet, uint32_t timestamp)
 {
     const uint32_t index = Index(seq);
-    ArqSlot& slot = m_slots[index];
-    slot.resendNotBefore = 0;
-    slot.timestamp = timestamp;
-    m_retransmitted[index] = 0;
-    slot.packet.Store(packet);
+    FillSlot(m_slots[index], m_retransmitted[index], packet, timestamp);
 }
 
 void ArqRing::Clear()

@@ -15,6 +15,17 @@ struct ArqSlot {
 };
 static_assert(sizeof(ArqSlot) == 16);
 
+// Puts a packet into a slot. The pointer goes last: a reader that sees the new packet also sees its time and a
+// cleared flag. A template so that a test can watch the order.
+template <typename Slot, typename Flag>
+void FillSlot(Slot& slot, Flag& isRetransmitted, PacketBuffer* packet, uint32_t timestamp)
+{
+    slot.resendNotBefore = 0;
+    slot.timestamp = timestamp;
+    isRetransmitted = 0;
+    slot.packet.Store(packet);
+}
+
 // The retransmission ring of one engine: N slots, a power of two, indexed by sequence number AND (N - 1).
 //
 // Threads: sending threads store, the listen thread looks up and marks, without a lock. A slot may be

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <string>
+
 #include "support/allocation_hooks.h"
 
 using test_support::AllocationCount;
@@ -88,6 +91,30 @@ TEST_F(ArqRingTest, ClearEmptiesEverySlot)
         EXPECT_EQ(m_ring.Slot(seq).timestamp, 0U);
         EXPECT_FALSE(m_ring.IsRetransmitted(seq));
     }
+}
+
+// A member that logs its name when it is written, by assignment or by Store.
+struct LoggedMember {
+    void operator=(uint32_t /*value*/) { log += name; }
+    void Store(PacketBuffer* /*packet*/) { log += name; }
+    std::string& log;
+    const char* name;
+};
+
+struct LoggedSlot {
+    LoggedMember packet;
+    LoggedMember resendNotBefore;
+    LoggedMember timestamp;
+};
+
+// A reader that sees the new packet must see nothing of the one before it.
+TEST(FillSlot, PublishesThePointerLast)
+{
+    std::string log;
+    LoggedSlot slot { { log, " packet" }, { log, " notBefore" }, { log, " timestamp" } };
+    LoggedMember flag { log, " flag" };
+    FillSlot(slot, flag, nullptr, 7);
+    EXPECT_EQ(log, " notBefore timestamp flag packet");
 }
 
 TEST(ArqRing, AnyFailedAllocationClearsTheFlag)
