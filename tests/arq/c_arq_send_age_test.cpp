@@ -46,6 +46,20 @@ TEST_F(ArqAgeTest, APacketExpiresAtExactlyTheMaximumAge)
     }
 }
 
+// The clock is read between the look at the slot and the verdict on its age.
+TEST_F(ArqAgeTest, ExpiryDoesNotForgetANewerPacketThatWasStoredMeanwhile)
+{
+    constexpr uint16_t NEWER = 5 + RING_SIZE;
+    Store(5);
+    m_clock.Advance(MAX_AGE_TICKS);
+    m_clock.AtNextReading([this] { Store(NEWER, NOW); });
+    EXPECT_EQ(Ask({ 5 }), 1U);
+    EXPECT_EQ(Stats().expired, 1U);
+    EXPECT_EQ(Ask({ NEWER }), 1U);
+    EXPECT_EQ(Stats().notInBuffer, 0U);
+    EXPECT_EQ(Stats().expired, 2U);
+}
+
 TEST_F(ArqAgeTest, ATimestampAheadOfTheClockIsNotExpired)
 {
     Store(5, NOW + 1000);
