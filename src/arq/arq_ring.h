@@ -10,19 +10,19 @@
 // so the flag of each slot stands in an array of its own beside them.
 struct ArqSlot {
     PublishedPtr<PacketBuffer> packet; // null when empty; not owned
-    PlainWord<uint32_t> resendNotBefore; // ticks; earliest time of the next resend
-    PlainWord<uint32_t> timestamp; // ticks; when the packet was sent first
+    PlainWord<uint32_t> resendNotBeforeTicks; // earliest time of the next resend
+    PlainWord<uint32_t> timestampTicks; // when the packet was sent first
 };
 static_assert(sizeof(ArqSlot) == 16);
 
 // Puts a packet into a slot. The pointer goes last: a reader that sees the new packet also sees its time and a
 // cleared flag. A template so that a test can watch the order.
 template <typename Slot, typename Flag>
-void FillSlot(Slot& slot, Flag& isRetransmitted, PacketBuffer* packet, uint32_t timestamp)
+void FillSlot(Slot& slot, Flag& isRetransmitted, PacketBuffer* packet, uint32_t timestampTicks)
 {
-    slot.resendNotBefore = 0;
-    slot.timestamp = timestamp;
-    isRetransmitted = 0;
+    slot.resendNotBeforeTicks = 0;
+    slot.timestampTicks = timestampTicks;
+    isRetransmitted = false;
     slot.packet.Store(packet);
 }
 
@@ -36,14 +36,14 @@ public:
     // Clears ok when memory is short.
     ArqRing(bool& ok, uint32_t size);
 
-    // Puts the packet into its slot, whatever that held. `timestamp` is in ticks.
-    void Store(uint16_t seq, PacketBuffer* packet, uint32_t timestamp);
+    // Puts the packet into its slot, whatever that held.
+    void Store(uint16_t seq, PacketBuffer* packet, uint32_t timestampTicks);
 
     ArqSlot& Slot(uint16_t seq) { return m_slots[Index(seq)]; }
 
     // Whether the packet has been sent again since it was stored.
-    bool IsRetransmitted(uint16_t seq) const { return m_retransmitted[Index(seq)] != 0; }
-    void SetRetransmitted(uint16_t seq) { m_retransmitted[Index(seq)] = 1; }
+    bool IsRetransmitted(uint16_t seq) const { return m_retransmitted[Index(seq)]; }
+    void SetRetransmitted(uint16_t seq) { m_retransmitted[Index(seq)] = true; }
 
     // Empties every slot.
     void Clear();
@@ -55,5 +55,5 @@ private:
     uint32_t m_nSize;
     uint32_t m_nMask;
     std::unique_ptr<ArqSlot[]> m_slots;
-    std::unique_ptr<PlainWord<uint8_t>[]> m_retransmitted; // one flag a slot
+    std::unique_ptr<PlainWord<bool>[]> m_retransmitted; // one flag a slot
 };

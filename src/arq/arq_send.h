@@ -30,6 +30,7 @@ public:
 
     // Remembers a packet that is being sent, by the sequence number of its RTP header. The engine keeps
     // the pointer only: record, header and payload must stay as they are until the slot is overwritten.
+    // A packet may be shorter than the header; its memory may not.
     virtual void StoreSent(PacketBuffer* packet) = 0;
 
     // Puts an RTP header before `length` bytes of payload, remembers the pair and returns the record to

@@ -42,8 +42,8 @@ public:
     // The window values now in force, and the delay in milliseconds that they add up to.
     void GetWindow(uint32_t* retries, uint32_t* intervalMs, uint32_t* delayMs) const;
 
-    uint32_t MaxAge() const { return m_nMaxAge; } // ticks
-    uint32_t HoldOff() const { return m_nHoldOff; } // ticks
+    uint32_t MaxAgeTicks() const { return m_nMaxAgeTicks; }
+    uint32_t HoldOffTicks() const { return m_nHoldOffTicks; }
     uint32_t NextExpectedRequest() const { return m_nNextExpected; }
     uint32_t Ssrc() const { return m_nSsrc; }
 
@@ -57,8 +57,8 @@ private:
     void AnswerList(const RequestList& request);
     void CountRun(uint16_t seq, uint32_t& run);
     Verdict AnswerNumber(uint16_t seq, ByteBudget& budget);
-    bool IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t now) const;
-    bool IsExpired(const ArqSlot& slot, uint32_t now) const;
+    bool IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t nowTicks) const;
+    bool IsExpired(const ArqSlot& slot, uint32_t nowTicks) const;
     BuiltPacket* BuiltAt(uint16_t seq, const PacketBuffer* packet) const;
     void Expire(ArqSlot& slot, PacketBuffer* packet, const RebuildWatch& watch);
     Verdict Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet, ByteBudget& budget);
@@ -67,17 +67,19 @@ private:
     CArqSendCB* m_pCallback;
     ArqRing m_ring;
     std::unique_ptr<BuiltPacket[]> m_builtPackets; // one a slot; only with header building
-    PlainWord<uint32_t> m_nRetries; // the window: the listen thread writes, others read for statistics
+    // The window: the listen thread writes, others read for statistics.
+    PlainWord<uint32_t> m_nRetries;
     PlainWord<uint32_t> m_nIntervalMs;
     PlainWord<uint32_t> m_nExtraMs { 0 };
-    const uint32_t m_nHoldOff; // ticks; stays at what construction gave, whatever window receivers send
-    PlainWord<uint32_t> m_nMaxAge; // ticks; follows the window
+    const uint32_t m_nHoldOffTicks; // stays at what construction gave, whatever window receivers send
+    PlainWord<uint32_t> m_nMaxAgeTicks; // follows the window
     const uint32_t m_nBitRate; // bit/s
     const uint32_t m_nSsrc; // seconds since the epoch at construction
     const bool m_bHeaderBuilding;
     NetSyncVid* m_pClock;
-    PlainWord<uint32_t> m_nRetransmitted { 0 }; // this and the other counters: the listen thread adds, the
-    PlainWord<uint32_t> m_nNotInBuffer { 0 }; // control thread reads and clears
+    // Counters: the listen thread adds, the control thread reads and clears.
+    PlainWord<uint32_t> m_nRetransmitted { 0 };
+    PlainWord<uint32_t> m_nNotInBuffer { 0 };
     PlainWord<uint32_t> m_nLongestRun { 0 };
     PlainWord<uint32_t> m_nNextExpected { 0 }; // last requested number + 1; across requests
     PlainWord<uint32_t> m_nOverBudget { 0 };

@@ -10,8 +10,8 @@
 
 namespace {
 
-// Bytes that lie in one run from the start of part 0; a second part counts when it lies right behind it.
-int32_t RunLength(const PacketBuffer& packet)
+// Bytes that lie in one piece from the start of part 0; a second part counts when it lies right behind it.
+int32_t ContiguousBytes(const PacketBuffer& packet)
 {
     const int32_t first = packet.Length();
     const bool adjoins = packet.partCount > 1 && packet.parts[1] == packet.Data() + first;
@@ -22,7 +22,7 @@ int32_t RunLength(const PacketBuffer& packet)
 
 uint32_t CArqSend::ProcessBuffer(PacketBuffer* packet)
 {
-    const int32_t length = RunLength(*packet);
+    const int32_t length = ContiguousBytes(*packet);
     if (length < ARQ_REQUEST_BYTES && packet->partCount != 1)
         return 1;
     switch (ClassifyRequest(packet->Data(), length)) {
@@ -63,7 +63,7 @@ void CArqSend::TakeOverWindow(const RequestList& request)
     m_nRetries = window.retries;
     m_nIntervalMs = window.intervalMs;
     m_nExtraMs = window.extraMs;
-    m_nMaxAge = MaxAgeTicks(window);
+    m_nMaxAgeTicks = ::MaxAgeTicks(window);
 }
 
 void CArqSend::AnswerList(const RequestList& request)
@@ -125,14 +125,14 @@ BuiltPacket* CArqSend::BuiltAt(uint16_t seq, const PacketBuffer* packet) const
     return packet == &built.record ? &built : nullptr;
 }
 
-bool CArqSend::IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t now) const
+bool CArqSend::IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t nowTicks) const
 {
-    return m_ring.IsRetransmitted(seq) && TicksSince(now, slot.resendNotBefore) < 0;
+    return m_ring.IsRetransmitted(seq) && TicksSince(nowTicks, slot.resendNotBeforeTicks) < 0;
 }
 
-bool CArqSend::IsExpired(const ArqSlot& slot, uint32_t now) const
+bool CArqSend::IsExpired(const ArqSlot& slot, uint32_t nowTicks) const
 {
-    return TicksSince(now - m_nMaxAge, slot.timestamp) >= 0;
+    return TicksSince(nowTicks - m_nMaxAgeTicks, slot.timestampTicks) >= 0;
 }
 
 // Empties the slot, but never of a newer packet. That one usually has another record; a slot's built record
@@ -155,7 +155,7 @@ CArqSend::Verdict CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* pa
     WireByte& payloadType = HeaderOf(*packet).payloadType;
     payloadType.Set(static_cast<uint8_t>((payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
     (void)m_pCallback->SendData(packet);
-    slot.resendNotBefore = m_pClock->LocalNow() + m_nHoldOff;
+    slot.resendNotBeforeTicks = m_pClock->LocalNow() + m_nHoldOffTicks;
     m_ring.SetRetransmitted(seq);
     m_nRetransmitted.Add(1);
     return Verdict::GoOn;

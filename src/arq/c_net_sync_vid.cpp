@@ -27,24 +27,24 @@ uint32_t CNetSyncVid::LocalNow()
 
 uint32_t CNetSyncVid::ToSync(uint32_t ticks)
 {
-    return ticks + static_cast<uint32_t>(m_nOffset);
+    return ticks + static_cast<uint32_t>(m_nOffsetTicks);
 }
 
 uint32_t CNetSyncVid::ToLocal(uint32_t ticks)
 {
-    return ticks - static_cast<uint32_t>(m_nOffset);
+    return ticks - static_cast<uint32_t>(m_nOffsetTicks);
 }
 
 int32_t CNetSyncVid::AddSample(int32_t sample)
 {
     if (!m_pFilter)
         return 0;
-    const int32_t old = m_nOffset;
+    const int32_t old = m_nOffsetTicks;
     m_pFilter->Add(sample);
     m_pFilter->Recompute();
-    m_nOffset = m_pFilter->Maximum();
+    m_nOffsetTicks = m_pFilter->Maximum();
     // The smallest i32 may be the new offset: the difference wraps like the tick counts it belongs to.
-    return static_cast<int32_t>(static_cast<uint32_t>(old) - static_cast<uint32_t>(m_nOffset));
+    return static_cast<int32_t>(static_cast<uint32_t>(old) - static_cast<uint32_t>(m_nOffsetTicks));
 }
 
 // The window is refilled with 0, not with the smallest value as at construction: after a reset the offset
@@ -53,7 +53,7 @@ void CNetSyncVid::ResetSync()
 {
     if (m_pFilter)
         m_pFilter->Reset(0);
-    m_nOffset = 0;
+    m_nOffsetTicks = 0;
 }
 
 bool CNetSyncVid::IsWindowFull()

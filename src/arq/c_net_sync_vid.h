@@ -14,8 +14,8 @@ class CNetSyncVid : public NetSyncVid {
 public:
     static constexpr int32_t STATUS_FAILED = static_cast<int32_t>(0x80000001);
 
-    // A clock with offset 0 and a window of `windowSize` samples, at least 1. Sets status to STATUS_FAILED when memory
-    // is short or when status was not 0 to begin with; leaves it alone otherwise.
+    // A clock with offset 0 and a window of `windowSize` samples, at least 1. Sets status to STATUS_FAILED
+    // when memory is short or when status was not 0 to begin with; leaves it alone otherwise.
     CNetSyncVid(int32_t& status, uint32_t windowSize);
 
     uint32_t SyncNow() override;
@@ -23,7 +23,7 @@ public:
     uint32_t ToSync(uint32_t ticks) override;
     uint32_t ToLocal(uint32_t ticks) override;
     int32_t AddSample(int32_t sample) override;
-    int32_t GetOffset() override { return m_nOffset; }
+    int32_t GetOffset() override { return m_nOffsetTicks; }
     void ResetSync() override;
     bool IsWindowFull() override;
 
@@ -32,5 +32,5 @@ public:
 private:
     uint32_t m_nWindowSize;
     std::unique_ptr<SlidingExtremum> m_pFilter; // null after a failed construction
-    int32_t m_nOffset = 0; // ticks
+    int32_t m_nOffsetTicks = 0;
 };

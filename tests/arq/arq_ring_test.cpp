@@ -25,8 +25,8 @@ TEST_F(ArqRingTest, IsEmptyAtFirst)
     EXPECT_EQ(m_ring.Size(), 4U);
     for (uint16_t seq = 0; seq < 4; ++seq) {
         EXPECT_EQ(m_ring.Slot(seq).packet.Load(), nullptr);
-        EXPECT_EQ(m_ring.Slot(seq).resendNotBefore, 0U);
-        EXPECT_EQ(m_ring.Slot(seq).timestamp, 0U);
+        EXPECT_EQ(m_ring.Slot(seq).resendNotBeforeTicks, 0U);
+        EXPECT_EQ(m_ring.Slot(seq).timestampTicks, 0U);
         EXPECT_FALSE(m_ring.IsRetransmitted(seq));
     }
 }
@@ -46,12 +46,12 @@ TEST_F(ArqRingTest, TheIndexIsTheSequenceNumberAndTheMask)
 TEST_F(ArqRingTest, StoringClearsHoldOffAndFlagOfWhatWasThere)
 {
     m_ring.Store(1, &m_packets[1], 100);
-    m_ring.Slot(1).resendNotBefore = 9100;
+    m_ring.Slot(1).resendNotBeforeTicks = 9100;
     m_ring.SetRetransmitted(1);
     m_ring.Store(5, &m_packets[5], 0xFFFFFFFF);
     EXPECT_EQ(m_ring.Slot(5).packet.Load(), &m_packets[5]);
-    EXPECT_EQ(m_ring.Slot(5).resendNotBefore, 0U);
-    EXPECT_EQ(m_ring.Slot(5).timestamp, 0xFFFFFFFFU);
+    EXPECT_EQ(m_ring.Slot(5).resendNotBeforeTicks, 0U);
+    EXPECT_EQ(m_ring.Slot(5).timestampTicks, 0xFFFFFFFFU);
     EXPECT_FALSE(m_ring.IsRetransmitted(5));
     EXPECT_EQ(&m_ring.Slot(1), &m_ring.Slot(5));
 }
@@ -81,14 +81,14 @@ TEST_F(ArqRingTest, ClearEmptiesEverySlot)
 {
     for (uint16_t seq = 0; seq < 4; ++seq) {
         m_ring.Store(seq, &m_packets[seq], 7);
-        m_ring.Slot(seq).resendNotBefore = 8;
+        m_ring.Slot(seq).resendNotBeforeTicks = 8;
         m_ring.SetRetransmitted(seq);
     }
     m_ring.Clear();
     for (uint16_t seq = 0; seq < 4; ++seq) {
         EXPECT_EQ(m_ring.Slot(seq).packet.Load(), nullptr);
-        EXPECT_EQ(m_ring.Slot(seq).resendNotBefore, 0U);
-        EXPECT_EQ(m_ring.Slot(seq).timestamp, 0U);
+        EXPECT_EQ(m_ring.Slot(seq).resendNotBeforeTicks, 0U);
+        EXPECT_EQ(m_ring.Slot(seq).timestampTicks, 0U);
         EXPECT_FALSE(m_ring.IsRetransmitted(seq));
     }
 }
@@ -103,18 +103,18 @@ struct LoggedMember {
 
 struct LoggedSlot {
     LoggedMember packet;
-    LoggedMember resendNotBefore;
-    LoggedMember timestamp;
+    LoggedMember resendNotBeforeTicks;
+    LoggedMember timestampTicks;
 };
 
 // A reader that sees the new packet must see nothing of the one before it.
 TEST(FillSlot, PublishesThePointerLast)
 {
     std::string log;
-    LoggedSlot slot { { log, " packet" }, { log, " notBefore" }, { log, " timestamp" } };
+    LoggedSlot slot { { log, " packet" }, { log, " resendNotBefore" }, { log, " timestamp" } };
     LoggedMember flag { log, " flag" };
     FillSlot(slot, flag, nullptr, 7);
-    EXPECT_EQ(log, " notBefore timestamp flag packet");
+    EXPECT_EQ(log, " resendNotBefore timestamp flag packet");
 }
 
 TEST(ArqRing, AnyFailedAllocationClearsTheFlag)

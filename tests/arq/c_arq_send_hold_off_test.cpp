@@ -65,7 +65,7 @@ TEST_F(ArqHoldOffTest, TheHoldOffIsTheSameWhateverWindowTheReceiverSends)
         m_clock.Set(NOW);
         Store(5);
         EXPECT_EQ(Ask({ 5 }, window), 1U);
-        EXPECT_EQ(m_pEngine->HoldOff(), HOLD_OFF_TICKS);
+        EXPECT_EQ(m_pEngine->HoldOffTicks(), HOLD_OFF_TICKS);
         m_clock.Advance(HOLD_OFF_TICKS - 1);
         EXPECT_EQ(Ask({ 5 }, window), 1U);
         EXPECT_EQ(m_callback.Count(), 1U);

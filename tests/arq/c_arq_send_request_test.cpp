@@ -36,7 +36,7 @@ TEST_F(ArqRequestTest, TenBytesOfZeroCountAndChecksumOnlyUpdateWindowAndMaximumA
     EXPECT_EQ(stats.arqRetries, 3U);
     EXPECT_EQ(stats.arqIntervalMs, 250U);
     EXPECT_EQ(stats.arqExtraMs, 40U);
-    EXPECT_EQ(m_pEngine->MaxAge(), ((3U + 1) * 250 + 40) * 90);
+    EXPECT_EQ(m_pEngine->MaxAgeTicks(), ((3U + 1) * 250 + 40) * 90);
     EXPECT_EQ(m_callback.Count(), 0U);
     EXPECT_EQ(stats.notInBuffer, 0U);
     EXPECT_EQ(m_pEngine->NextExpectedRequest(), 0U);
@@ -54,7 +54,7 @@ TEST_F(ArqRequestTest, AWrongChecksumIsDroppedSilentlyAndTheWindowIsNotTakenOver
     EXPECT_EQ(stats.arqRetries, 2U);
     EXPECT_EQ(stats.arqIntervalMs, 200U);
     EXPECT_EQ(stats.arqExtraMs, 0U);
-    EXPECT_EQ(m_pEngine->MaxAge(), MAX_AGE_TICKS);
+    EXPECT_EQ(m_pEngine->MaxAgeTicks(), MAX_AGE_TICKS);
     EXPECT_EQ(m_pEngine->NextExpectedRequest(), 0U);
     EXPECT_EQ(m_callback.Count(), 0U);
 }
@@ -79,7 +79,7 @@ TEST_F(ArqRequestTest, EachWindowWordAloneIsTakenOver)
         EXPECT_EQ(stats.arqRetries, c.window.retries);
         EXPECT_EQ(stats.arqIntervalMs, c.window.intervalMs);
         EXPECT_EQ(stats.arqExtraMs, c.window.extraMs);
-        EXPECT_EQ(m_pEngine->MaxAge(), c.maxAge);
+        EXPECT_EQ(m_pEngine->MaxAgeTicks(), c.maxAge);
     }
 }
 

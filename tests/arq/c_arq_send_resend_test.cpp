@@ -7,6 +7,7 @@
 #include "support/engine_fixture.h"
 
 using test_support::Bytes;
+using test_support::BytesOf;
 using test_support::EngineTest;
 using test_support::RtpPacket;
 using test_support::Seqs;
@@ -33,6 +34,24 @@ TEST_F(ArqResendTest, ARetransmissionHasPayloadType122AndKeepsItsMarker)
         EXPECT_EQ(m_callback.Sent()[0], expected); // nothing else is changed
         EXPECT_EQ(packet.Data()[1], c.after); // the stored packet keeps it
         EXPECT_EQ(m_callback.Pointers()[0], packet.Get());
+    }
+}
+
+// Its header is what the slice holds behind it. The slice is the pool's last, so that nothing may be read past it.
+TEST_F(ArqResendTest, APacketShorterThanAHeaderIsSentAgainWithItsLength)
+{
+    for (int32_t length = 0; length < MEDIA_HEADER_BYTES; ++length) {
+        MakeEngine();
+        const auto pool = PacketBufferPool::createDefault(1);
+        PacketBuffer* packet = test_support::TakeFilled(*pool, RtpPacket(5, NOW));
+        packet->SetLength(length);
+        Bytes expected = BytesOf(*packet);
+        if (length > 1)
+            expected[1] = 0x7A;
+        m_pEngine->StoreSent(packet);
+        EXPECT_EQ(Ask({ 5 }), 1U);
+        ASSERT_EQ(m_callback.Count(), 1U) << length;
+        EXPECT_EQ(m_callback.Sent()[0], expected);
     }
 }
 

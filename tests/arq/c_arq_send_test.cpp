@@ -41,8 +41,8 @@ TEST_F(CArqSendTest, StartsWithTheGivenWindowAndAllCountersAtZero)
     const ArqSendStats stats = Stats();
     const ArqSendStats expected { 0, 0, 0, 0, 0, 0, 2, 200 };
     EXPECT_EQ(std::memcmp(&stats, &expected, sizeof(stats)), 0);
-    EXPECT_EQ(m_pEngine->MaxAge(), 54000U);
-    EXPECT_EQ(m_pEngine->HoldOff(), 9000U);
+    EXPECT_EQ(m_pEngine->MaxAgeTicks(), 54000U);
+    EXPECT_EQ(m_pEngine->HoldOffTicks(), 9000U);
     EXPECT_EQ(m_pEngine->NextExpectedRequest(), 0U);
 }
 
@@ -188,7 +188,7 @@ TEST_F(CArqSendTest, ClearRingLeavesTheWindow)
     EXPECT_EQ(Ask({}, { 4, 300, 5 }), 1U);
     m_pEngine->ClearRing();
     EXPECT_EQ(Stats().arqRetries, 4U);
-    EXPECT_EQ(m_pEngine->MaxAge(), 135450U);
+    EXPECT_EQ(m_pEngine->MaxAgeTicks(), 135450U);
 }
 
 TEST_F(CArqSendTest, TheDebugFlagChangesNothing)
@@ -218,8 +218,8 @@ TEST(CArqSend, OfTwoSlotsWithoutCallbackAndClockConstructsAndDestroys)
     bool ok = true;
     auto* engine = new CArqSend(ok, nullptr, nullptr, 0, 0, 2, 0, false);
     EXPECT_TRUE(ok);
-    EXPECT_EQ(engine->HoldOff(), 0U);
-    EXPECT_EQ(engine->MaxAge(), 0U);
+    EXPECT_EQ(engine->HoldOffTicks(), 0U);
+    EXPECT_EQ(engine->MaxAgeTicks(), 0U);
     DestroyEngine(engine);
 }
 
@@ -227,8 +227,8 @@ TEST(CArqSend, TheHoldOffIsHalfTheIntervalOfConstruction)
 {
     bool ok = true;
     const CArqSend engine(ok, nullptr, nullptr, 5, 60, 2, 0, false);
-    EXPECT_EQ(engine.HoldOff(), 2700U);
-    EXPECT_EQ(engine.MaxAge(), 32400U);
+    EXPECT_EQ(engine.HoldOffTicks(), 2700U);
+    EXPECT_EQ(engine.MaxAgeTicks(), 32400U);
 }
 
 TEST(CArqSend, AnyFailedAllocationClearsTheFlagAndLeaksNothing)

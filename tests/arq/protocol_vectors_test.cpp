@@ -166,7 +166,7 @@ TEST_F(ProtocolVectors, AWindowIsSetWithoutNumbers)
     EXPECT_EQ(stats.arqRetries, 3U);
     EXPECT_EQ(stats.arqIntervalMs, 250U);
     EXPECT_EQ(stats.arqExtraMs, 40U);
-    EXPECT_EQ(m_pEngine->MaxAge(), 93600U);
+    EXPECT_EQ(m_pEngine->MaxAgeTicks(), 93600U);
 }
 
 TEST_F(ProtocolVectors, AWrongChecksumIsDropped)
