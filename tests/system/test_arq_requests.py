@@ -4,7 +4,6 @@ import contextlib
 import socket
 import struct
 import threading
-import time
 
 import pytest
 
@@ -425,10 +424,8 @@ def test_a_packet_is_sent_again_after_100_ms_whatever_interval_the_receiver_name
         sock.sendto(tag(5), asking.ping_address)
         proxy.wait_stderr(stamped(f"Media started on port {raw_port(port)} for 127.0.0.5 ID:0x00000005"))
         wanted = tag(5) + request([100], window)
-        started = time.monotonic()
         times = arrivals(sock, 5, lambda: sock.sendto(wanted, asking.request_address))
-        elapsed = time.monotonic() - started
     gaps = [later - earlier for earlier, later in zip(times, times[1:])]
     assert min(gaps) >= HOLD_OFF_SECONDS - 0.002, gaps
-    # Half of the 5000 ms interval four times would take 10 s.
-    assert elapsed < 8
+    # A busy machine makes gaps longer, but not all four of them; half of the interval of 5000 ms would.
+    assert min(gaps) < 1, gaps

@@ -179,21 +179,6 @@ def test_the_threads_are_announced_in_the_order_in_which_they_start(start):
     assert proxy.stderr.find(re.compile(r"ArqSendReplicator::Start: .*")) == wanted
 
 
-def rates(net):
-    """The input and the output bit rate of one report."""
-    return [int(rate) for rate in re.findall(r"_BITRATE=(-?\d+)$", control.request(net.instance, "AllStats"), re.M)]
-
-
-def test_both_bit_rates_fall_back_to_0_after_a_second_without_input(start, receive, sender, net):
-    start("-a", "127.0.0.2,127.0.0.3")
-    receivers = [receive("127.0.0.2"), receive("127.0.0.3")]
-    pump(sender, receivers, [rtp.packet(seq, bytes(988)) for seq in range(200)])
-    # 200 packets of 1000 bytes came within one second or two, and each went out twice.
-    received, sent = wait_until(lambda: all(now := rates(net)) and now, "the bit rates")
-    assert 0 < received <= 1_600_000 and 0 < sent <= 3_200_000
-    wait_until(lambda: rates(net) == [0, 0], "the bit rates to fall to 0", timeout=5)
-
-
 def test_the_stop_message_of_the_proxy_stops_the_stream_of_a_receiver_that_sends_it_back(start, learn, net):
     proxy = start()
     receiver = start_media(proxy, learn("127.0.0.5"))

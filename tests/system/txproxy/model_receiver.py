@@ -234,6 +234,9 @@ class ModelReceiver:
         """No hope is left: whatever is not here now will not come."""
         return not self._missing
 
+    def times_asked(self, index):
+        return self._asked[index]
+
     def absent(self):
         return [index for index, here in enumerate(self._have) if not here]
 
@@ -291,7 +294,7 @@ class ModelReceiver:
                 self.given_up.add(index)
             elif now >= times[0] and len(due) < self.MOST_PER_REQUEST:
                 times[0] = now + self.ASK_INTERVAL_SECONDS
-                self._asked[index] = 1
+                self._asked[index] = min(self._asked[index] + 1, 255)
                 due.append(self._first_seq + index)
         if due:
             self.sock.sendto(self._tag + request(due, self._window), self._request_address)

@@ -5,7 +5,7 @@ import threading
 import time
 
 from . import rtp
-from .waiting import DEFAULT_TIMEOUT, POLL_SECONDS, wait_until
+from .waiting import DEFAULT_TIMEOUT, wait_until
 
 SEND_AT_ONCE = 40  # datagrams that the smallest socket buffer holds
 
@@ -28,31 +28,6 @@ def send_all(sender, port, datagrams):
         for data in datagrams[start : start + SEND_AT_ONCE]:
             sender.send(data)
         wait_until_read(port)
-
-
-class KeptFull:
-    """Keeps some datagrams queued in a pacing proxy: sends one whenever one has come out."""
-
-    def __init__(self, sender, receiver, make, queued):
-        self._sender = sender
-        self._receiver = receiver
-        self._make = make
-        self._queued = queued
-        self._sent = 0
-
-    def top_up(self):
-        missing = self._queued - (self._sent - self._receiver.count())
-        for _ in range(min(missing, SEND_AT_ONCE)):
-            self._sender.send(self._make(self._sent))
-            self._sent += 1
-
-
-def keep_full_for(sources, seconds):
-    deadline = time.monotonic() + seconds
-    while time.monotonic() < deadline:
-        for source in sources:
-            source.top_up()
-        time.sleep(POLL_SECONDS)
 
 
 class Steady(threading.Thread):

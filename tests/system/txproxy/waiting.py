@@ -1,6 +1,7 @@
 """Bounded waits. Every time-out is multiplied by TX_PROXY_TIME_SCALE (sanitizer builds are slow)."""
 
 import os
+import threading
 import time
 
 DEFAULT_TIMEOUT = 15.0
@@ -24,3 +25,24 @@ def wait_until(condition, what, timeout=DEFAULT_TIMEOUT):
         if time.monotonic() > deadline:
             raise AssertionError(f"gave up waiting for {what() if callable(what) else what}")
         time.sleep(POLL_SECONDS)
+
+
+class Lateness:
+    """How late the machine lets sleepers come, added up since the beginning: a thread sleeps in turns and looks."""
+
+    def __init__(self, turn_seconds):
+        self.seconds = 0.0
+        self._turn_seconds = turn_seconds
+        self._running = True
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while self._running:
+            begin = time.monotonic()
+            time.sleep(self._turn_seconds)
+            self.seconds += time.monotonic() - begin - self._turn_seconds
+
+    def close(self):
+        self._running = False
+        self._thread.join()
