@@ -8,6 +8,7 @@ TX_PROXY_BUILD_KIND   "release" when the binary is an optimised build without sa
                       address sanitizer
 """
 
+import collections
 import types
 
 import pytest
@@ -22,11 +23,22 @@ MARKERS = {
 
 
 def pytest_collection_modifyitems(config, items):
-    """Tests of one kind of build are not collected for the others."""
+    """Tests of one kind of build are not collected for the others.
+
+    Side by side the first test of every file comes first, then every second one: processes are given neighbours,
+    and those of one file are all long or all short.
+    """
     foreign = [f"{kind}_only" for kind in MARKERS if kind != proxy.build_kind()]
     dropped = [item for item in items if any(map(item.get_closest_marker, foreign))]
     items[:] = [item for item in items if item not in dropped]
     config.hook.pytest_deselected(items=dropped)
+    if hasattr(config, "workerinput"):
+        place = collections.Counter()
+        order = {}
+        for item in items:
+            order[item] = place[item.path]
+            place[item.path] += 1
+        items.sort(key=order.get)
 
 
 def pytest_configure(config):

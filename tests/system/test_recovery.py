@@ -14,7 +14,7 @@ from txproxy.model_receiver import DEFAULT_WINDOW, ModelReceiver, Window, drive,
 from txproxy.receiver import udp_socket
 
 RELEASE = os.environ.get("TX_PROXY_BUILD_KIND") == "release"
-STREAM_SECONDS = 20 if RELEASE else 5
+STREAM_SECONDS = 8 if RELEASE else 5
 STREAM_BITS_PER_SECOND = 8_000_000 if RELEASE else 2_000_000
 PAYLOAD_BYTES = 1316
 DATAGRAM_BITS = 8 * (rtp.HEADER_BYTES + PAYLOAD_BYTES)
