@@ -19,8 +19,10 @@ struct CrewStart {
 bool ThreadCrew::Start(Entry entry, void* argument)
 {
     std::unique_ptr<CrewStart> start(new (std::nothrow) CrewStart { entry, argument, &m_nRunning });
-    if (!start)
+    if (!start) {
+        errno = ENOMEM;
         return false;
+    }
     m_nRunning.fetch_add(1);
     pthread_t thread {};
     const int error = pthread_create(&thread, nullptr, Run, start.get());

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "replicator/captured_output.h"
 #include "replicator/loopback.h"
 #include "support/allocation_hooks.h"
+#include "support/system_hooks.h"
 
 namespace {
 
@@ -241,6 +243,35 @@ TEST_F(SocketListenerTest, DuplicateModeReportsAnUnsentDatagramAndGoesOn)
     EXPECT_EQ(output.Err(),
         "cannot send data\nNew socket " + std::to_string(listener.Socket()) + " from "
             + std::to_string(socket.Get()) + "\n");
+}
+
+TEST_F(SocketListenerTest, WithoutASocketOfItsOwnItIsNotUsableAndSilent)
+{
+    RecordingListener listener(SharedSocket(), m_lease.Port(), m_ok, 1);
+    const test_support::FailCalls sockets(test_support::SystemCall::OpenSocket, EMFILE);
+    CapturedOutput output;
+    bool ok = true;
+    listener.Init(ok);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(sockets.Count(), 1);
+    EXPECT_EQ(listener.Socket(), -1);
+    EXPECT_EQ(output.Err(), "");
+}
+
+TEST_F(SocketListenerTest, DuplicateModeWithoutADuplicateKeepsTheSocketAndIsNotUsable)
+{
+    const SharedSocket socket(::socket(AF_INET, SOCK_DGRAM, 0));
+    RecordingListener listener(socket, m_lease.Port(), m_ok, 1);
+    listener.SetDuplicateMode(true);
+    CapturedOutput output; // duplicates descriptors itself
+    const test_support::FailCalls duplicates(test_support::SystemCall::Duplicate, EMFILE);
+    bool ok = true;
+    listener.Init(ok);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(duplicates.Count(), 1);
+    EXPECT_EQ(listener.Socket(), socket.Get());
+    EXPECT_FALSE(listener.OwnsSocket());
+    EXPECT_EQ(output.Err(), "");
 }
 
 TEST_F(SocketListenerTest, DuplicateModeNeedsASocket)

@@ -1,11 +1,13 @@
 #include "replicator/thread_crew.h"
 
 #include <atomic>
+#include <cerrno>
 
 #include <gtest/gtest.h>
 
 #include "replicator/loopback.h"
 #include "support/allocation_hooks.h"
+#include "support/system_hooks.h"
 
 namespace {
 
@@ -58,12 +60,27 @@ TEST(ThreadCrew, TheCrewIsGoneOnlyWithItsLastThread)
     EXPECT_TRUE(second.isLeaving);
 }
 
-TEST(ThreadCrew, AThreadThatCannotBeMadeIsNotWaitedFor)
+TEST(ThreadCrew, AThreadThatCannotBeMadeIsNotWaitedForAndTheReasonIsInErrno)
+{
+    ThreadCrew crew;
+    Work work;
+    const test_support::FailCalls threads(test_support::SystemCall::CreateThread, EAGAIN);
+    errno = 0;
+    EXPECT_FALSE(crew.Start(WorkUntilTold, &work));
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(threads.Count(), 1);
+    EXPECT_TRUE(crew.IsGone());
+    crew.WaitUntilGone();
+}
+
+TEST(ThreadCrew, WithoutMemoryForAThreadThereIsNoneToWaitFor)
 {
     ThreadCrew crew;
     Work work;
     const test_support::FailNthAllocation failing(1);
+    errno = 0;
     EXPECT_FALSE(crew.Start(WorkUntilTold, &work));
+    EXPECT_EQ(errno, ENOMEM);
     EXPECT_TRUE(failing.Fired());
     EXPECT_TRUE(crew.IsGone());
 }

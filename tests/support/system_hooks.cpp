@@ -79,7 +79,7 @@ struct Sleep {
     uint32_t ms;
 };
 
-std::atomic<bool> isCutting { false };
+std::atomic<int> cutters { 0 }; // how many ShortWaits there are
 std::mutex notesMutex; // guards the next three
 std::thread::id exempt; // whose polls are not cut
 std::vector<Sleep> sleeps;
@@ -123,7 +123,7 @@ int __wrap_gethostbyname_r(
 
 int __wrap_nanosleep(const timespec* time, timespec* left)
 {
-    if (!isCutting)
+    if (cutters == 0)
         return __real_nanosleep(time, left);
     {
         const std::lock_guard<std::mutex> lock(notesMutex);
@@ -136,7 +136,7 @@ int __wrap_nanosleep(const timespec* time, timespec* left)
 
 int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs)
 {
-    if (!isCutting || count == 0)
+    if (cutters == 0 || count == 0)
         return __real_poll(wanted, count, timeoutMs);
     return __real_poll(wanted, count, NotePoll(timeoutMs) ? std::min(timeoutMs, 1) : timeoutMs);
 }
@@ -166,15 +166,16 @@ int FailCalls::Calls() const
 ShortWaits::ShortWaits(OwnPolls ownPolls)
 {
     const std::lock_guard<std::mutex> lock(notesMutex);
+    if (cutters++ != 0)
+        return;
     exempt = ownPolls == OwnPolls::Whole ? std::this_thread::get_id() : std::thread::id();
     sleeps.clear();
     polls.clear();
-    isCutting = true;
 }
 
 ShortWaits::~ShortWaits()
 {
-    isCutting = false;
+    --cutters;
 }
 
 std::vector<uint32_t> ShortWaits::SleepsMs(uint32_t shortestMs) const

@@ -33,7 +33,7 @@ private:
 // (nanosleep) of every thread, and every thread's polls. The thread that makes the object keeps its polls whole
 // unless it asks for the cut: it may itself wait for datagrams.
 //
-// Threads: made and destroyed by the test's thread, one at a time; any may ask.
+// Threads: made and destroyed by the test's thread; any may ask. One made while there is another adds nothing.
 class ShortWaits {
 public:
     enum class OwnPolls { Whole, Cut };
