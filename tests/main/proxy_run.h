@@ -24,6 +24,7 @@
 #include "main/proxy_context.h"
 #include "replicator/captured_output.h"
 #include "replicator/loopback.h"
+#include "support/system_hooks.h"
 
 namespace test_support {
 
@@ -86,10 +87,17 @@ protected:
     }
     static std::string Text(const PortLease& lease) { return std::to_string(lease.Port()); }
 
-    // Runs the prepared proxy on another thread, inside `around` if there is one, and waits until it is up.
-    std::future<int> Start(std::function<int(Proxy&)> around = &Proxy::Run)
+    using Around = std::function<int(Proxy&)>;
+
+    // Runs the prepared proxy on another thread, inside `around`.
+    std::future<int> RunOnThread(const Around& around)
     {
-        std::future<int> run = std::async(std::launch::async, [this, around] { return around(*m_proxy); });
+        return std::async(std::launch::async, [this, around] { return around(*m_proxy); });
+    }
+    // The same, and waits until it is up.
+    std::future<int> Start(const Around& around = &Proxy::Run)
+    {
+        std::future<int> run = RunOnThread(around);
         EXPECT_TRUE(WaitFor([this] { return IsUp(); }));
         return run;
     }
@@ -99,11 +107,9 @@ protected:
         return Start();
     }
 
-    bool IsUp() const
-    {
-        return m_context->running && IsBoundOnAllAddresses(m_inputLease.Port())
-            && IsBoundOnAllAddresses(m_requestLease.Port()) && FileExists(ControlSocketPath(m_instance));
-    }
+    bool IsUp() const { return IsInputUp() && IsControlUp() && IsBoundOnAllAddresses(m_requestLease.Port()); }
+    bool IsInputUp() const { return m_context->running && IsBoundOnAllAddresses(m_inputLease.Port()); }
+    bool IsControlUp() const { return m_context->running && FileExists(ControlSocketPath(m_instance)); }
     bool IsLockFree() const { return InstanceLease::IsLockFree(m_instance); }
 
     void SendInput(const Bytes& data) { m_encoder.SendTo("127.0.0.1", m_inputLease.Port(), data); }
@@ -132,6 +138,7 @@ protected:
     TempRoot m_root;
     Receiver m_encoder { "127.0.0.3" };
     Receiver m_receiver { "127.0.0.2", m_pingLease.Port() };
+    ShortWaits m_waits;
     CapturedOutput m_output;
     std::optional<ProxyContext> m_context;
     std::vector<std::string> m_arguments;

@@ -2,7 +2,10 @@
 
 #include <dlfcn.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <future>
 #include <string>
@@ -54,6 +57,124 @@ TEST_F(ProxyRunTest, TheStartTimeInMicrosecondsIsKeptInEveryModeAndInSecondsWith
             EXPECT_EQ(m_context->startTime, 0);
         }
     }
+}
+
+// ---- What cannot be started
+
+TEST_F(ProxyRunTest, WithoutASocketForTheInstanceLockTheRunEndsWithStatus1)
+{
+    Prepare({});
+    std::future<int> run = RunOnThread([](Proxy& proxy) {
+        const FailCalls sockets(SystemCall::OpenSocket, EMFILE);
+        return proxy.Run();
+    });
+    EXPECT_EQ(run.get(), 1);
+    EXPECT_EQ(
+        m_output.Err(), "creating socket: " + std::string(strerror(EMFILE)) + "\nProcess already running!\n");
+}
+
+// The input thread is the last but one that a run without pacing starts, the control thread the last.
+class ProxyThreadsTest : public ProxyRunTest {
+protected:
+    ProxyThreadsTest()
+    {
+        Prepare({});
+        std::future<int> run = Start([&](Proxy& proxy) {
+            const FailCalls none(SystemCall::CreateThread, 0, 0, 0);
+            const int status = proxy.Run();
+            m_threads = none.Calls();
+            return status;
+        });
+        End(run);
+        Prepare({});
+    }
+
+    // Runs the prepared proxy without the thread that is `beforeLast` before its last.
+    std::future<int> RunWithout(int beforeLast)
+    {
+        return RunOnThread([n = m_threads - beforeLast](Proxy& proxy) {
+            const FailCalls threads(SystemCall::CreateThread, EAGAIN, n, n);
+            return proxy.Run();
+        });
+    }
+
+    const std::string m_reason = ": " + std::string(strerror(EAGAIN)) + "\n";
+    int m_threads = 0;
+};
+
+TEST_F(ProxyThreadsTest, WithoutAnInputThreadTheRunSaysSoAndIsStillControlled)
+{
+    std::future<int> run = RunWithout(1);
+    EXPECT_TRUE(WaitFor([this] { return IsControlUp(); }));
+    EXPECT_FALSE(IsInputUp());
+    m_context->running = 0;
+    EXPECT_TRUE(WaitFor([this] { return !FileExists(ControlSocketPath(m_instance)); }));
+    (void)m_context->queue->push(nullptr, 0); // in the place of the input thread's last push
+    End(run);
+    EXPECT_EQ(CountOf(m_output.Err(), "cannot start the input thread" + m_reason), 1U);
+    EXPECT_EQ(m_output.Err().find("cannot start the control thread"), std::string::npos);
+}
+
+TEST_F(ProxyThreadsTest, WithoutAControlThreadTheRunSaysSoAndStillDelivers)
+{
+    std::future<int> run = RunWithout(0);
+    EXPECT_TRUE(WaitFor([this] { return IsInputUp(); }));
+    Deliver(1);
+    EXPECT_FALSE(IsControlUp());
+    End(run);
+    EXPECT_EQ(CountOf(m_output.Err(), "cannot start the control thread" + m_reason), 1U);
+    EXPECT_EQ(m_output.Err().find("cannot start the input thread"), std::string::npos);
+}
+
+// ---- The order of the end
+
+// The pacer's end sleeps two of its periods, the replicator's what its threads need: that the ticks end first is
+// seen in the order of the sleeps.
+TEST_F(ProxyRunTest, ThePacerEndsBeforeTheReplicatorThatItSendsTo)
+{
+    std::vector<uint32_t> sleeps;
+    Prepare({ "-X", "10000000" });
+    std::future<int> run = Start([&](Proxy& proxy) {
+        const int status = proxy.Run();
+        sleeps = m_waits.SleepsMs();
+        return status;
+    });
+    End(run);
+    EXPECT_EQ(sleeps, (std::vector<uint32_t> { 20, 600, 200 }));
+}
+
+// Ends the run from the input thread and leaves it in a push that waits for room: main, which has seen the
+// cleared flag after one packet, must take the rest out of its way.
+ProxyContext* s_fillingContext = nullptr;
+
+int ClearTheRunFlagAndFillTheQueue(void* /*session*/, uint8_t* /*data*/, int32_t /*length*/)
+{
+    constexpr int TWICE_THE_QUEUE = 1024;
+    s_fillingContext->running = 0;
+    for (int i = 0; i < TWICE_THE_QUEUE; ++i)
+        (void)s_fillingContext->queue->push(nullptr, PacketQueue::NO_LIMIT); // main skips what is null
+    return 0;
+}
+
+TEST_F(ProxyRunTest, AnInputThreadThatWaitsForRoomAtTheEndIsLetOut)
+{
+    int session = 0;
+    Prepare({ "-q", "1" }); // a pool that comes round soon: the transform is shown no first datagrams
+    s_fillingContext = &*m_context;
+    m_context->plugin.session = &session;
+    m_context->plugin.dataCallback = ClearTheRunFlagAndFillTheQueue;
+    m_context->plugin.closeCallback = [](void*) {};
+    std::future<int> run = Start();
+    while (m_context->running) {
+        SendInput(Payload(188));
+        (void)m_receiver.HasDatagram(1);
+    }
+    const bool hasEnded
+        = run.wait_for(std::chrono::milliseconds(LONGEST_WAIT_MS)) == std::future_status::ready;
+    EXPECT_TRUE(hasEnded);
+    while (run.wait_for(std::chrono::milliseconds(0)) != std::future_status::ready)
+        (void)m_context->queue->pop(nullptr, 10);
+    EXPECT_EQ(run.get(), 0);
 }
 
 // ---- The encryption library at the end

@@ -80,10 +80,19 @@ struct Sleep {
 };
 
 std::atomic<int> cutters { 0 }; // how many ShortWaits there are
+// Notes go into memory that was set aside before: allocations are counted, too, in the threads under test.
+constexpr size_t MOST_NOTES = 100000;
 std::mutex notesMutex; // guards the next three
 std::thread::id exempt; // whose polls are not cut
 std::vector<Sleep> sleeps;
-std::set<int> polls;
+std::vector<int> polls;
+
+void NoteSleep(uint32_t ms)
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    if (sleeps.size() < MOST_NOTES)
+        sleeps.push_back({ std::this_thread::get_id(), ms });
+}
 
 // True when the poll is to be cut.
 bool NotePoll(int timeoutMs)
@@ -91,7 +100,8 @@ bool NotePoll(int timeoutMs)
     const std::lock_guard<std::mutex> lock(notesMutex);
     if (exempt == std::this_thread::get_id())
         return false;
-    polls.insert(timeoutMs);
+    if (polls.size() < MOST_NOTES)
+        polls.push_back(timeoutMs);
     return true;
 }
 
@@ -125,11 +135,7 @@ int __wrap_nanosleep(const timespec* time, timespec* left)
 {
     if (cutters == 0)
         return __real_nanosleep(time, left);
-    {
-        const std::lock_guard<std::mutex> lock(notesMutex);
-        sleeps.push_back({ std::this_thread::get_id(),
-            static_cast<uint32_t>(time->tv_sec * 1000 + time->tv_nsec / 1000000) });
-    }
+    NoteSleep(static_cast<uint32_t>(time->tv_sec * 1000 + time->tv_nsec / 1000000));
     const timespec cut { 0, time->tv_sec > 0 ? 1000000 : std::min(time->tv_nsec, 1000000L) };
     return __real_nanosleep(&cut, left);
 }
@@ -170,7 +176,9 @@ ShortWaits::ShortWaits(OwnPolls ownPolls)
         return;
     exempt = ownPolls == OwnPolls::Whole ? std::this_thread::get_id() : std::thread::id();
     sleeps.clear();
+    sleeps.reserve(MOST_NOTES);
     polls.clear();
+    polls.reserve(MOST_NOTES);
 }
 
 ShortWaits::~ShortWaits()
@@ -203,7 +211,7 @@ std::set<uint32_t> ShortWaits::AnySleepsMs(uint32_t shortestMs) const
 std::set<int> ShortWaits::PollsMs() const
 {
     const std::lock_guard<std::mutex> lock(notesMutex);
-    return polls;
+    return { polls.begin(), polls.end() };
 }
 
 } // namespace test_support
