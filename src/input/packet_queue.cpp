@@ -1,17 +1,10 @@
 #include "input/packet_queue.h"
 
-#include <new>
-
 PacketQueue::PacketQueue(bool& okFlag, int32_t capacity, Callback onFull, Callback onEmpty)
-    : m_slots(new (std::nothrow) PacketBuffer*[static_cast<size_t>(capacity)]),
-      m_nCapacity(capacity),
+    : m_ring(okFlag, capacity),
       m_pOnFull(onFull),
       m_pOnEmpty(onEmpty)
 {
-    if (!m_slots) {
-        okFlag = false;
-        m_nCapacity = 0;
-    }
 }
 
 int PacketQueue::push(PacketBuffer* buffer, uint32_t timeoutMs)
@@ -69,35 +62,26 @@ bool PacketQueue::WaitOnce(Condition& condition, uint32_t timeoutMs)
 bool PacketQueue::IsFull()
 {
     const MutexLock lock(m_innerMutex);
-    return m_nCount == m_nCapacity;
+    return m_ring.IsFull();
 }
 
 bool PacketQueue::IsEmpty()
 {
     const MutexLock lock(m_innerMutex);
-    return m_nCount == 0;
+    return m_ring.IsEmpty();
 }
 
 // Drops the buffer when the ring is still full.
 void PacketQueue::RingPut(PacketBuffer* buffer)
 {
     const MutexLock lock(m_innerMutex);
-    if (m_nCount >= m_nCapacity)
-        return;
-    m_slots[static_cast<size_t>(m_nWrite)] = buffer;
-    m_nWrite = (m_nWrite + 1) % m_nCapacity;
-    ++m_nCount;
+    (void)m_ring.Put(buffer);
 }
 
 PacketBuffer* PacketQueue::RingGet()
 {
     const MutexLock lock(m_innerMutex);
-    if (m_nCount <= 0)
-        return nullptr;
-    PacketBuffer* buffer = m_slots[static_cast<size_t>(m_nRead)];
-    m_nRead = (m_nRead + 1) % m_nCapacity;
-    --m_nCount;
-    return buffer;
+    return m_ring.Get();
 }
 
 timespec QueueDeadline(const timeval& now, uint32_t timeoutMs)

@@ -4,9 +4,9 @@
 
 #include <cstdint>
 #include <ctime>
-#include <memory>
 
 #include "base/mutex.h"
+#include "input/packet_fifo.h"
 
 struct PacketBuffer;
 
@@ -46,12 +46,8 @@ private:
     void RingPut(PacketBuffer* buffer) EXCLUDES(m_innerMutex);
     PacketBuffer* RingGet() EXCLUDES(m_innerMutex);
 
-    Mutex m_innerMutex; // guards the ring
-    std::unique_ptr<PacketBuffer*[]> m_slots GUARDED_BY(m_innerMutex);
-    int32_t m_nCapacity GUARDED_BY(m_innerMutex);
-    int32_t m_nWrite GUARDED_BY(m_innerMutex) = 0;
-    int32_t m_nRead GUARDED_BY(m_innerMutex) = 0;
-    int32_t m_nCount GUARDED_BY(m_innerMutex) = 0;
+    Mutex m_innerMutex;
+    PacketFifo m_ring GUARDED_BY(m_innerMutex);
     const Callback m_pOnFull;
     const Callback m_pOnEmpty;
     Mutex m_outerMutex ACQUIRED_BEFORE(m_innerMutex); // one push or pop at a time

