@@ -10,8 +10,7 @@
 
 namespace {
 
-using Handler
-    = void (*)(ArqSendReplicator& replicator, const std::string& argument, char (&reply)[REPLY_BYTES]);
+using Handler = void (*)(ArqSendReplicator& replicator, const std::string& argument, Reply& reply);
 
 struct Command {
     std::string_view name;
@@ -23,64 +22,64 @@ unsigned long long Wide(uint64_t count)
     return count;
 }
 
-void Delete(ArqSendReplicator& replicator, const std::string& argument, char (&reply)[REPLY_BYTES])
+void Delete(ArqSendReplicator& replicator, const std::string& argument, Reply& reply)
 {
     (void)replicator.DeleteStream(argument.c_str());
-    (void)snprintf(reply, sizeof(reply), "OK: Deleting: %s", argument.c_str());
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Deleting: %s", argument.c_str());
 }
 
-void Add(ArqSendReplicator& replicator, const std::string& argument, char (&reply)[REPLY_BYTES])
+void Add(ArqSendReplicator& replicator, const std::string& argument, Reply& reply)
 {
     (void)replicator.AddStream(argument.c_str(), 0);
-    (void)snprintf(reply, sizeof(reply), "OK: Adding: %s", argument.c_str());
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Adding: %s", argument.c_str());
 }
 
-void Debug(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&/*reply*/)[REPLY_BYTES])
+void Debug(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& /*reply*/)
 {
     replicator.DebugDump();
 }
 
-void AllStats(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&reply)[REPLY_BYTES])
+void AllStats(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
 {
     const ReceiveStats& rx = replicator.RxStats();
     const TransmitStats& tx = replicator.TxStats();
-    (void)snprintf(reply, sizeof(reply),
+    (void)snprintf(reply.text, sizeof(reply.text),
         "RECV_PACKETS=%llu\nRECV_BITRATE=%d\nRECV_LOSS=%d\nSEND_PACKETS=%llu\nSEND_BITRATE=%d\nCLIENTS=",
         Wide(rx.m_nRxPackets), static_cast<int>(rx.m_nRxBitrate), rx.m_nRxLoss.Load(), Wide(tx.m_nTxPackets),
         static_cast<int>(tx.m_nTxBitrate));
-    const size_t used = std::strlen(reply);
-    (void)replicator.ListStreams(reply + used, sizeof(reply) - used);
+    const size_t used = std::strlen(reply.text);
+    (void)replicator.ListStreams(reply.text + used, sizeof(reply.text) - used);
 }
 
-void List(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&reply)[REPLY_BYTES])
+void List(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
 {
-    (void)replicator.ListStreams(reply, sizeof(reply));
+    (void)replicator.ListStreams(reply.text, sizeof(reply.text));
 }
 
-void RxStat(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&reply)[REPLY_BYTES])
+void RxStat(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
 {
     const ReceiveStats& rx = replicator.RxStats();
-    (void)snprintf(reply, sizeof(reply), "NET_TOTAL_PACKETS=%llu\nNET_LOSS=%d\n", Wide(rx.m_nRxPackets),
-        rx.m_nRxLoss.Load());
+    (void)snprintf(reply.text, sizeof(reply.text), "NET_TOTAL_PACKETS=%llu\nNET_LOSS=%d\n",
+        Wide(rx.m_nRxPackets), rx.m_nRxLoss.Load());
 }
 
-void StatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&reply)[REPLY_BYTES])
+void StatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
 {
     replicator.ResetRxStats();
     replicator.ResetTxStats();
-    (void)snprintf(reply, sizeof(reply), "OK: Stat Reset");
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Stat Reset");
 }
 
-void RxStatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&reply)[REPLY_BYTES])
+void RxStatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
 {
     replicator.ResetRxStats();
-    (void)snprintf(reply, sizeof(reply), "OK: Rx Stat Reset");
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Rx Stat Reset");
 }
 
-void TxStatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, char (&reply)[REPLY_BYTES])
+void TxStatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
 {
     replicator.ResetTxStats();
-    (void)snprintf(reply, sizeof(reply), "OK: Tx Stat Reset");
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Tx Stat Reset");
 }
 
 // Matched whole and with case: a line end sent behind a command makes it another word.
@@ -98,10 +97,9 @@ constexpr Command COMMANDS[] = {
 
 } // namespace
 
-void CarryOutCommand(ArqSendReplicator& replicator, const char* request, char (&reply)[REPLY_BYTES])
+void CarryOutCommand(ArqSendReplicator& replicator, const char* request, Reply& reply)
 {
-    std::memset(
-        reply, 0, sizeof(reply)); // "List" without streams leaves it as it is: no stale text may go out
+    reply.text[0] = '\0'; // "List" without streams leaves it as it is
     const RequestWords words(request);
     for (const Command& command : COMMANDS) {
         if (command.name == words.Command()) {
@@ -109,5 +107,5 @@ void CarryOutCommand(ArqSendReplicator& replicator, const char* request, char (&
             return;
         }
     }
-    (void)snprintf(reply, sizeof(reply), "command not implemented");
+    (void)snprintf(reply.text, sizeof(reply.text), "command not implemented");
 }

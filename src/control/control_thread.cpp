@@ -70,11 +70,11 @@ void BoundWrites(int client)
 
 void Answer(const ControlContext& context, int client, const Request& request)
 {
-    char reply[REPLY_BYTES];
+    Reply reply;
     CarryOutCommand(*context.replicator, request.text, reply);
-    const size_t length = std::strlen(reply);
+    const size_t length = std::strlen(reply.text);
     if (length != 0)
-        (void)send(client, reply, length, MSG_NOSIGNAL);
+        (void)send(client, reply.text, length, MSG_NOSIGNAL);
 }
 
 // Reads one request and answers it; returns the result of the read. A failed read leaves the old request

@@ -45,7 +45,7 @@ bool CPacer::Start()
 {
     if (!m_pTimer)
         return true;
-    m_bRunning = 1;
+    m_bRunning = true;
     if (m_pTimer->Start(m_nPeriodMs))
         return true;
     Stop();
@@ -54,7 +54,7 @@ bool CPacer::Start()
 
 void CPacer::Stop()
 {
-    m_bRunning = 0;
+    m_bRunning = false;
     if (m_pTimer)
         m_pTimer->Stop();
     if (m_pQueue)

@@ -61,7 +61,7 @@ public:
 
 private:
     uint32_t m_nOverflows = 0; // submissions that found the queue full
-    PlainWord<uint8_t> m_bRunning { 0 }; // the owner writes, the timer thread reads
+    PlainWord<bool> m_bRunning { false }; // the owner writes, the timer thread reads
     std::unique_ptr<PacketRing> m_pQueue;
     std::unique_ptr<PeriodicTimer> m_pTimer;
     CPacerSend* m_pSend;

@@ -13,7 +13,7 @@ bool PeriodicTimer::Start(int32_t periodMs)
     (void)printf("PeriodicTimer::Start %d\n", periodMs);
     if (m_bRunning)
         return true;
-    m_bRunning = 1;
+    m_bRunning = true;
     m_bHasThread = pthread_create(&m_thread, nullptr, Work, this) == 0;
     return true;
 }
@@ -22,7 +22,7 @@ void PeriodicTimer::Stop()
 {
     if (!m_bRunning)
         return;
-    m_bRunning = 0;
+    m_bRunning = false;
     (void)SleepMs(2 * static_cast<uint32_t>(m_nPeriodMs.Load()));
     if (m_bHasThread)
         (void)pthread_join(m_thread, nullptr); // a slow callback may outlast the sleep

@@ -43,7 +43,7 @@ private:
     pthread_t m_thread {};
     bool m_bHasThread = false; // there is a worker to wait for
     PeriodicTimerCallback* m_pCallback;
-    PlainWord<uint8_t> m_bRunning { 0 }; // the owner writes, the worker reads
+    PlainWord<bool> m_bRunning { false }; // the owner writes, the worker reads
 };
 
 // The sleep before the next tick, given how late the last one ended. Coarse on purpose: a tick a whole

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "replicator/replicator_fixture.h"
+#include "support/system_hooks.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ protected:
     CommandsTest()
     {
         ResolveNothing();
+        const ShortWaits waits;
         const CapturedOutput output;
         (void)BuildStopped();
     }
@@ -36,11 +38,11 @@ protected:
     std::string Reply(const std::string& request)
     {
         const CapturedOutput output;
-        char reply[REPLY_BYTES];
-        std::memset(reply, '#', sizeof(reply));
+        ::Reply reply;
+        std::memset(reply.text, '#', sizeof(reply.text));
         CarryOutCommand(*m_replicator, request.c_str(), reply);
-        EXPECT_LT(strnlen(reply, sizeof(reply)), sizeof(reply));
-        return reply;
+        EXPECT_LT(strnlen(reply.text, sizeof(reply.text)), sizeof(reply.text));
+        return reply.text;
     }
     ReceiveStats& Rx() { return const_cast<ReceiveStats&>(m_replicator->RxStats()); }
     TransmitStats& Tx() { return const_cast<TransmitStats&>(m_replicator->TxStats()); }
@@ -113,9 +115,9 @@ TEST_F(CommandsTest, LeadingBlanksAreSkipped)
 TEST_F(CommandsTest, DebugAnswersNothingAndDumpsToStandardError)
 {
     CapturedOutput output;
-    char reply[REPLY_BYTES] = "stale";
+    ::Reply reply { "stale" };
     CarryOutCommand(*m_replicator, "Debug", reply);
-    EXPECT_STREQ(reply, "");
+    EXPECT_STREQ(reply.text, "");
     EXPECT_EQ(output.Err(),
         "\nm_bRunning 0\nm_usSeqNum 0\nm_nNumStreams 0\nm_impair.m_mode 0\nm_impair.m_dist.m_value 99\n"
         "m_impair.m_burst.m_value 1\nm_nDropPacket 0\n");
