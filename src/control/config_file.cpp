@@ -92,8 +92,8 @@ int ConfigFile::Load(const char* path)
     const auto size = static_cast<size_t>(status.st_size);
     if (!Allocate(size))
         return 0;
-    UniqueFd file(
-        open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); // a FIFO put there must not stall the reader
+    // Non-blocking: a FIFO put there must not stall the reader.
+    UniqueFd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (!file.IsValid())
         return 0;
     m_text[ReadUpTo(file.Get(), m_text.get(), size)] = '\0';

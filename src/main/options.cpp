@@ -131,8 +131,8 @@ ParseResult ParseOptions(int argc, char** argv, ProxyContext& context, MainSetti
 {
     optind = 0; // from the start again, whatever another call left behind
     for (;;) {
-        const int option
-            = getopt(argc, argv, "1:a:b:G:hl:n:p:q:r:uI:N:X:zZ:"); // NOLINT(concurrency-mt-unsafe)
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): only main's thread is there
+        const int option = getopt(argc, argv, "1:a:b:G:hl:n:p:q:r:uI:N:X:zZ:");
         if (option == -1)
             return GO_ON;
         const ParseResult result = ApplyOption(option, argv[0], context, settings);

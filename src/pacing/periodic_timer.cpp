@@ -45,8 +45,8 @@ void PeriodicTimer::Run()
         if (!m_bRunning)
             break;
         (void)m_pCallback->OnTimer();
-        const int32_t periodMs
-            = m_nPeriodMs; // read afresh: a Start meanwhile changes it from the next tick on
+        // Read afresh: a Start meanwhile changes it from the next tick on.
+        const int32_t periodMs = m_nPeriodMs;
         sleepMs = NextSleepMs(periodMs, TicksSince(GetTimeMs(), deadline));
         deadline += static_cast<uint32_t>(periodMs);
     }
