@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include "replicator/replicator_fixture.h"
-#include "support/system_hooks.h"
 
 namespace {
 
@@ -30,7 +29,6 @@ protected:
     CommandsTest()
     {
         ResolveNothing();
-        const ShortWaits waits;
         const CapturedOutput output;
         (void)BuildStopped();
     }

@@ -89,10 +89,7 @@ class ControlThreadTest : public ReplicatorTest {
 protected:
     ControlThreadTest()
     {
-        {
-            const ShortWaits waits;
-            m_context.replicator = &BuildStopped();
-        }
+        m_context.replicator = &BuildStopped();
         m_waits.emplace();
         m_context.instance = INSTANCE;
     }

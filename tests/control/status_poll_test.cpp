@@ -14,7 +14,6 @@
 #include "control/unix_address.h"
 #include "pacing/ms_clock.h"
 #include "replicator/replicator_fixture.h"
-#include "support/system_hooks.h"
 
 namespace {
 
@@ -26,7 +25,6 @@ class StatusPollTest : public ReplicatorTest {
 protected:
     StatusPollTest()
     {
-        const ShortWaits waits;
         const CapturedOutput output;
         m_context.replicator = &BuildStopped();
         m_context.instance = INSTANCE;

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include "replicator/replicator_fixture.h"
-#include "support/system_hooks.h"
 
 namespace {
 
@@ -14,12 +13,6 @@ using namespace test_support;
 
 class PacerCBTest : public ReplicatorTest {
 protected:
-    ~PacerCBTest() override
-    {
-        const ShortWaits waits;
-        m_replicator.reset();
-    }
-
     // A pacer, not started, to which so many packets too many were submitted.
     std::unique_ptr<PacerCB> WithOverflows(int count)
     {
@@ -40,7 +33,6 @@ protected:
 TEST_F(PacerCBTest, ThreeOverflowsAreReportedWhenItIsDestroyed)
 {
     {
-        const ShortWaits waits;
         const CapturedOutput output;
         (void)BuildStopped();
     }

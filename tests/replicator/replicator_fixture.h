@@ -10,6 +10,7 @@
 #include "replicator/arq_send_replicator.h"
 #include "replicator/captured_output.h"
 #include "replicator/loopback.h"
+#include "support/system_hooks.h"
 
 namespace test_support {
 
@@ -83,7 +84,12 @@ protected:
         m_settings.destPort = m_pingLease.Port();
         m_settings.arqRequestPort = m_requestLease.Port();
     }
-    ~ReplicatorTest() override { g_nArqBufferCount = m_nSavedBufferCount; }
+    ~ReplicatorTest() override
+    {
+        const ShortWaits waits; // a replicator takes most of a second to end
+        m_replicator.reset();
+        g_nArqBufferCount = m_nSavedBufferCount;
+    }
 
     // Builds it and waits until both of its ports are open.
     ArqSendReplicator& Build()
@@ -99,6 +105,7 @@ protected:
     // Builds it and ends its threads: what they would call is the test's to call.
     ArqSendReplicator& BuildStopped()
     {
+        const ShortWaits waits;
         ArqSendReplicator& replicator = Build();
         replicator.Stop();
         return replicator;
