@@ -47,7 +47,7 @@ MyArqSendCB::MyArqSendCB(TransmitStats& owner, in_addr_t addressNet, uint16_t po
       m_usConfiguredPort(port),
       m_usPortNet(htons(port)),
       m_nStreamId(streamId),
-      m_sockets { NO_SOCKET, NO_SOCKET, NO_SOCKET, NO_SOCKET }
+      m_sockets { Socket(NO_SOCKET), Socket(NO_SOCKET), Socket(NO_SOCKET), Socket(NO_SOCKET) }
 {
     (void)inet_ntop(AF_INET, &m_nAddressNet, m_hostText, sizeof(m_hostText));
     if (addressNet == htonl(INADDR_LOOPBACK)) {
@@ -80,7 +80,7 @@ void MyArqSendCB::BindInterfaces(int32_t nInterfaces, uint32_t percent)
     for (int32_t i = 0; i < count; ++i) {
         if (i > 0)
             SetSocket(i, SharedSocket(OpenStreamSocket().Release()));
-        BindToInterface(m_sockets[i], i);
+        BindToInterface(m_sockets[i].Load(), i);
     }
     m_chooser.UseInterfaces(count, percent);
 }
@@ -89,7 +89,7 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
 {
     const int32_t current = m_chooser.Current();
     if (m_bOwnsSockets && m_holders[current].IsValid()) {
-        m_bAdopted = dup2(pingSocket, m_sockets[current]) >= 0;
+        m_bAdopted = dup2(pingSocket, m_sockets[current].Load()) >= 0;
         if (!m_bAdopted)
             perror("dup2 failed");
         return m_bAdopted;
@@ -112,7 +112,7 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
         return 1;
     }
     m_owner.m_nTxPackets.Add(1);
-    const int sent = SendDatagram(m_sockets[m_chooser.Current()], *packet, Destination());
+    const int sent = SendDatagram(m_sockets[m_chooser.Current()].Load(), *packet, Destination());
     if (sent >= 0)
         m_owner.m_nTxBytes.Add(static_cast<uint32_t>(sent));
     m_chooser.Advance();
@@ -125,8 +125,8 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
 
 void MyArqSendCB::SendStop()
 {
-    (void)SendDatagram(
-        m_sockets[m_chooser.Current()], STOP_MESSAGE, sizeof(STOP_MESSAGE), Destination(), MSG_DONTWAIT);
+    (void)SendDatagram(m_sockets[m_chooser.Current()].Load(), STOP_MESSAGE, sizeof(STOP_MESSAGE),
+        Destination(), MSG_DONTWAIT);
     m_chooser.Advance();
 }
 
@@ -145,7 +145,7 @@ void MyArqSendCB::CutOff()
 
 void MyArqSendCB::SetSocket(int32_t index, SharedSocket socket)
 {
-    m_sockets[index] = socket.Get();
+    m_sockets[index].Store(socket.Get());
     m_holders[index] = std::move(socket);
 }
 

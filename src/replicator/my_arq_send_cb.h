@@ -36,7 +36,7 @@ public:
 
     // A share of socket `index`, which keeps it open; empty when there is none.
     SharedSocket ShareSocket(int32_t index) const { return m_holders[index]; }
-    int32_t SocketNumber(int32_t index) const { return m_sockets[index]; }
+    int32_t SocketNumber(int32_t index) const { return m_sockets[index].Load(); }
 
     // Lets media leave from `pingSocket`'s port from now on: puts a duplicate of it in the place of the
     // current socket. False, with a message, when no duplicate could be made: nothing has changed then.
@@ -77,7 +77,10 @@ private:
     const uint16_t m_usConfiguredPort; // host order
     PlainWord<uint16_t> m_usPortNet; // destination port; follows the receiver's media port
     const uint32_t m_nStreamId; // 0 for streams configured by address
-    PlainWord<int> m_sockets[SocketChooser::MAX_SOCKETS]; // what senders use; the shares below keep them open
+    // What senders use, kept open by the shares below. Published, because a descriptor may be newer than the
+    // stream: a media start that found none free is tried again.
+    using Socket = PublishedWord<int>;
+    Socket m_sockets[SocketChooser::MAX_SOCKETS];
     SharedSocket m_holders[SocketChooser::MAX_SOCKETS];
     SocketChooser m_chooser;
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
