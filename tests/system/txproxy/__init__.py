@@ -4,6 +4,7 @@ waiting         bounded waits, scaled for slow (sanitizer) builds
 sandbox         a /dev, a /run and a network of the test process's own
 ports           instance numbers and UDP ports in it
 proxy           one running tx_proxy with its output captured line by line
+process         what the system says about a running process
 instances       further proxies beside the one of the fixtures
 refusal         system calls of the proxy that are made to fail
 receiver        UDP receivers, senders and the flow-controlled pump between them
@@ -11,6 +12,7 @@ rtp             building and reading RTP datagrams
 mpegts          a real MPEG transport stream to send
 traffic         sending to proxies whose output does not follow their input at once
 netns           network namespaces and interfaces of a test's own
+shaping         a cable of such a network that is too slow for what is sent
 model_receiver  the receiver's side of the protocol, and two models of receivers
 lossy_relay     a bad network between one receiver and the proxy
 control         client of the control socket
@@ -18,4 +20,5 @@ raw_control     plain connections to the control socket, for clients that behave
 reports         what a proxy says about itself
 impairment      deliberate loss: its files, and a model of the fixed pattern
 plugin_builder  encryption libraries for the tests
+programs        C programs and libraries of the tests
 """
