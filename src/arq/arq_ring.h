@@ -15,8 +15,8 @@ struct ArqSlot {
 };
 static_assert(sizeof(ArqSlot) == 16);
 
-// Puts a packet into a slot. The pointer goes last: a reader that sees the new packet also sees its time and a
-// cleared flag. A template so that a test can watch the order.
+// Puts a packet into a slot. The pointer goes last: a reader that sees the new packet also sees its time
+// and a cleared flag. A template so that a test can watch the order.
 template <typename Slot, typename Flag>
 void FillSlot(Slot& slot, Flag& isRetransmitted, PacketBuffer* packet, uint32_t timestampTicks)
 {

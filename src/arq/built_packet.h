@@ -9,8 +9,8 @@
 // What an engine with header building sends for one slot of its ring: the RTP header and a record of two
 // parts, the header and the payload. It is rebuilt in place when the slot's turn comes again.
 //
-// Threads: a sending thread rebuilds it between mark.Begin and mark.End and sends the record itself; the listen
-// thread never sends or changes it, only a ResendCopy.
+// Threads: a sending thread rebuilds it between mark.Begin and mark.End and sends the record itself; the
+// listen thread never sends or changes it, only a ResendCopy.
 struct BuiltPacket {
     void FillRecord(uint8_t* payload, int32_t length);
     void FillHeader(uint16_t seq, uint32_t timestampTicks, uint32_t ssrc);

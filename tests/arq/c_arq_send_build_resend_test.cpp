@@ -225,8 +225,8 @@ void AskForTheWholeRing(CArqSend& engine, const PlainWord<uint16_t>& newest, con
     }
 }
 
-// With a ring of 8 the number that is asked for first is the next to be rebuilt. Under the thread sanitizer this
-// also proves that no thread writes a header that another one sends.
+// With a ring of 8 the number that is asked for first is the next to be rebuilt. Under the thread sanitizer
+// this also proves that no thread writes a header that another one sends.
 class ArqBuildThreadsTest : public EngineTest {};
 
 TEST_F(ArqBuildThreadsTest, BuildingWhileTheOldestNumbersAreAskedForMarksNoFirstSendingAndMixesNoPayload)

@@ -37,7 +37,7 @@ TEST_F(ArqResendTest, ARetransmissionHasPayloadType122AndKeepsItsMarker)
     }
 }
 
-// Its header is what the slice holds behind it. The slice is the pool's last, so that nothing may be read past it.
+// Its header is what the slice holds behind it. The slice is the pool's last: nothing may be read past it.
 TEST_F(ArqResendTest, APacketShorterThanAHeaderIsSentAgainWithItsLength)
 {
     for (int32_t length = 0; length < MEDIA_HEADER_BYTES; ++length) {

@@ -1,5 +1,5 @@
-// The test vectors of docs/protocol.md, read from the page itself and held against the code. The bytes in host
-// order are those of a little-endian machine.
+// The test vectors of docs/protocol.md, read from the page itself and held against the code. The bytes in
+// host order are those of a little-endian machine.
 #include <gtest/gtest.h>
 
 #include <bit>

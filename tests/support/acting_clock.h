@@ -7,8 +7,8 @@
 
 namespace test_support {
 
-// A fixed clock that does something when it is asked for the time: whoever reads it is held at that point of its
-// work while another thread's work happens.
+// A fixed clock that does something when it is asked for the time: whoever reads it is held at that point of
+// its work while another thread's work happens.
 class ActingClock : public FixedClock {
 public:
     using FixedClock::FixedClock;

@@ -17,7 +17,8 @@ private:
 };
 
 // Makes the n-th next allocation of the calling thread fail, from 1 on, and only that one: malloc,
-// calloc, realloc and new (std::nothrow) return null, plain new throws std::bad_alloc. One at a time a thread.
+// calloc, realloc and new (std::nothrow) return null, plain new throws std::bad_alloc. One at a time a
+// thread.
 //
 // Threads: made, asked and destroyed by one thread; the allocations of others are left alone.
 struct FailNthAllocation {

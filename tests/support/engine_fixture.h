@@ -31,8 +31,8 @@ protected:
     static constexpr uint16_t RING_SIZE = 64;
     static constexpr uint32_t HOLD_OFF_TICKS = 9000;
     static constexpr uint32_t MAX_AGE_TICKS = 54000;
-    static constexpr uint32_t BYTES_PER_MS
-        = 8000; // the bit rate at which the budget in bytes is the delay in ms
+    // The bit rate at which the budget in bytes is the delay in ms.
+    static constexpr uint32_t BYTES_PER_MS = 8000;
 
     EngineTest() { MakeEngine(); }
 
