@@ -32,14 +32,16 @@ def switched_on(start_proxy, net, *options, **settings):
     impairment.toggle(net.instance)
     proxy = start_proxy(*options)
     proxy.wait_stderr(ON)
+    net.proxy = proxy
     return proxy
 
 
 def send_all(sender, net, numbers):
-    """Sends packets with these numbers and waits until each has been through the proxy."""
+    """Sends packets with these numbers and waits until each has been through the proxy of switched_on()."""
     before = reports.rx_stat(net.instance)[0]
     traffic.send_all(sender, net.input, [media(number) for number in numbers])
-    wait_until(lambda: reports.rx_stat(net.instance)[0] == before + len(numbers), "all packets to pass")
+    wait_until(lambda: reports.rx_stat(net.instance)[0] == before + len(numbers), "all packets to come in")
+    net.proxy.wait_asleep()  # the last one is counted before it is sent
 
 
 def arrived(receiver, net, others=0):

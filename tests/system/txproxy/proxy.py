@@ -145,15 +145,20 @@ class Proxy:
             self._finish_output()
             raise AssertionError(f"the process ended by itself, status {self.process.returncode}:\n{self.stderr.text}")
         if build_kind() == "asan":
-            self._wait_main_asleep()
+            # The leak check runs on the main thread, which must not be inside the allocator then.
+            self._wait_thread_asleep(self.pid)
         self.process.terminate()
         status = self.process.wait(scaled(DEFAULT_TIMEOUT))
         self._finish_output()
         assert status == -signal.SIGTERM, f"status {status} after SIGTERM:\n{self.stderr.text}"
 
-    def _wait_main_asleep(self):
-        """The leak check runs on the main thread, which must not be inside the allocator then."""
-        state = pathlib.Path(f"/proc/{self.pid}/task/{self.pid}/stat")
+    def wait_asleep(self):
+        """Waits until no thread is busy with anything: what a counter tells of has been done then."""
+        for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
+            self._wait_thread_asleep(thread.name)
+
+    def _wait_thread_asleep(self, thread):
+        state = pathlib.Path(f"/proc/{self.pid}/task/{thread}/stat")
         wait_until(lambda: state.read_text("ascii", "replace").rpartition(")")[2].split()[0] in "SZ", "an idle moment")
 
     def kill(self):
