@@ -89,10 +89,12 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
 {
     const int32_t current = m_chooser.Current();
     if (m_bOwnsSockets && m_holders[current].IsValid()) {
-        m_bAdopted = dup2(pingSocket, m_sockets[current].Load()) >= 0;
-        if (!m_bAdopted)
+        if (dup2(pingSocket, m_sockets[current].Load()) < 0) {
             perror("dup2 failed");
-        return m_bAdopted;
+            return false;
+        }
+        m_bAdopted = true;
+        return true;
     }
     SharedSocket duplicate(dup(pingSocket));
     if (!duplicate.IsValid()) {
