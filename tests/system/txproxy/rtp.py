@@ -38,8 +38,8 @@ def payload(data):
 
 
 def without_timestamp(data):
-    """The datagram with the only bytes that the proxy may change set to zero."""
-    return data[: TIMESTAMP.start] + bytes(4) + data[TIMESTAMP.stop :] if len(data) >= HEADER_BYTES else data
+    """The datagram, however short, with the only bytes that the proxy may change set to zero."""
+    return data[: TIMESTAMP.start] + bytes(len(data[TIMESTAMP])) + data[TIMESTAMP.stop :]
 
 
 def ticks(seconds):
