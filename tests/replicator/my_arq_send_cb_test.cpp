@@ -9,7 +9,7 @@
 
 #include "replicator/captured_output.h"
 #include "replicator/loopback.h"
-#include "replicator/replicator_fixture.h"
+#include "support/recording_engine.h"
 
 namespace {
 

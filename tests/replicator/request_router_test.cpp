@@ -1,0 +1,115 @@
+#include "replicator/request_router.h"
+
+#include <memory>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "replicator/captured_output.h"
+#include "replicator/loopback.h"
+#include "replicator/stream_table.h"
+#include "support/recording_engine.h"
+
+namespace {
+
+using namespace test_support;
+
+using Processed = std::vector<Bytes>;
+
+class RequestRouterTest : public testing::Test {
+protected:
+    // A stream with that ID (0: none), and what its engine is given.
+    RecordingEngine& Append(const char* address, uint32_t streamId)
+    {
+        auto stream = std::make_unique<MyArqSendCB>(m_stats, Net(address), uint16_t { 9 }, streamId);
+        RecordingEngine& engine = ReplaceEngine(*stream);
+        const StreamTable::Lock lock(m_table);
+        m_table.Append(std::move(stream));
+        return engine;
+    }
+
+    void RemoveFirst()
+    {
+        const StreamTable::Lock lock(m_table);
+        m_table.Remove(0);
+    }
+
+    void Route(const char* address, uint32_t streamId, const Bytes& data)
+    {
+        OwnedPacket packet(data);
+        RouteRequest(m_table, packet.Get(), Net(address), streamId);
+    }
+
+    TransmitStats m_stats;
+    StreamTable m_table;
+};
+
+TEST_F(RequestRouterTest, ARequestGoesToTheEngineOfTheStreamAtItsAddress)
+{
+    const RecordingEngine& first = Append("127.0.0.2", 0);
+    const RecordingEngine& second = Append("127.0.0.3", 0);
+    Route("127.0.0.3", 0, { 1, 2, 3 });
+    EXPECT_EQ(first.m_processed, Processed {});
+    EXPECT_EQ(second.m_processed, (Processed { { 1, 2, 3 } }));
+}
+
+TEST_F(RequestRouterTest, ATaggedRequestGoesToTheEngineOfTheStreamWithItsIDFromAnyAddress)
+{
+    const RecordingEngine& first = Append("127.0.0.2", 7);
+    const RecordingEngine& second = Append("127.0.0.2", 8);
+    Route("127.0.0.9", 8, Tagged(8, { 1, 2, 3 }));
+    EXPECT_EQ(first.m_processed, Processed {});
+    EXPECT_EQ(second.m_processed, (Processed { { 1, 2, 3 } }));
+}
+
+TEST_F(RequestRouterTest, TheTagIsStrippedWhenItsIDIsNotZero)
+{
+    const RecordingEngine& engine = Append("127.0.0.2", 7);
+    Route("127.0.0.9", 7, Tagged(7, { 1, 2, 3 }));
+    Route("127.0.0.9", 7, Tagged(7, {}));
+    EXPECT_EQ(engine.m_processed, (Processed { { 1, 2, 3 }, {} }));
+}
+
+TEST_F(RequestRouterTest, ATagWithIDZeroIsNotStripped)
+{
+    const RecordingEngine& engine = Append("127.0.0.2", 0);
+    Route("127.0.0.2", 0, Tagged(0, { 1, 2, 3 }));
+    EXPECT_EQ(engine.m_processed, (Processed { Tagged(0, { 1, 2, 3 }) }));
+}
+
+TEST_F(RequestRouterTest, ATaggedRequestWithAnUnknownIDMayMatchAConfiguredAddressAndIsStripped)
+{
+    const RecordingEngine& engine = Append("127.0.0.2", 0);
+    Route("127.0.0.2", 99, Tagged(99, { 1, 2, 3 }));
+    EXPECT_EQ(engine.m_processed, (Processed { { 1, 2, 3 } }));
+}
+
+TEST_F(RequestRouterTest, RequestsForUnknownStreamsAreIgnoredSilently)
+{
+    const RecordingEngine& engine = Append("127.0.0.2", 7);
+    CapturedOutput output;
+    Route("127.0.0.2", 0, { 1, 2, 3 });
+    Route("127.0.0.2", 8, Tagged(8, { 1, 2, 3 }));
+    EXPECT_EQ(output.Err(), "");
+    EXPECT_EQ(output.Out(), "");
+    EXPECT_EQ(engine.m_processed, Processed {});
+}
+
+TEST_F(RequestRouterTest, ARequestIsRoutedWhileAnotherReaderStandsInTheTable)
+{
+    const RecordingEngine& engine = Append("127.0.0.2", 0);
+    const StreamTable::View held(m_table);
+    Route("127.0.0.2", 0, { 1 });
+    EXPECT_EQ(engine.m_processed, (Processed { { 1 } }));
+}
+
+TEST_F(RequestRouterTest, ARequestOfAStreamThatHasLeftIsIgnoredWhileAReaderStillUsesIt)
+{
+    const RecordingEngine& engine = Append("127.0.0.2", 0);
+    const StreamTable::View held(m_table);
+    RemoveFirst();
+    Route("127.0.0.2", 0, { 1 });
+    EXPECT_EQ(engine.m_processed, Processed {});
+}
+
+} // namespace
