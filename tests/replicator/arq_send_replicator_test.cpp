@@ -228,23 +228,6 @@ TEST_F(SharedPortsTest, AfterStream0IsDeletedTheOthersSendAndRequestsAreAnswered
     replicator.Stop(); // the listen thread may still hold the packet
 }
 
-TEST_F(SharedPortsTest, AMediaStartOnABorrowedSocketLeavesTheOwnersSocketAlone)
-{
-    (void)BuildStopped(); // no stream yet: there is a ping listener
-    EXPECT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
-    Receiver receiver("127.0.0.3");
-    Ping("127.0.0.3", htons(receiver.Port()));
-    ASSERT_EQ(CountOfStreams(*m_replicator), 2);
-    EXPECT_NE(Stream(1).SocketNumber(0), Stream(0).SocketNumber(0));
-    OwnedPacket packet(RtpPacket(7));
-    EXPECT_EQ(Stream(1).SendData(packet.Get()), 1);
-    (void)receiver.Next();
-    EXPECT_EQ(receiver.SourcePort(), m_pingLease.Port());
-    Receiver other("127.0.0.2", m_pingLease.Port());
-    EXPECT_EQ(Stream(0).SendData(packet.Get()), 1);
-    EXPECT_EQ(RtpSeq(other.Next()), 7);
-}
-
 // Each allocation in turn fails until a replicator comes out usable; only the first ones are needed for that.
 TEST_F(ArqSendReplicatorTest, WithoutMemoryForProbePoolOrClockItIsNotUsable)
 {

@@ -73,23 +73,8 @@ protected:
 
     int Send(OwnedPacket& packet) { return m_replicator->SendPacket(packet.Get()); }
 
-    // A datagram on the ping port, as the listen thread hands it over.
-    void Ping(const char* address, uint16_t portNet, uint32_t streamId = 0, const Bytes& data = { 'p' })
-    {
-        OwnedPacket packet(data);
-        EXPECT_EQ(m_replicator->ProcessPing(packet.Get(), Net(address), portNet, streamId), 1);
-    }
-
-    // A datagram on the request port, as the listen thread hands it over.
-    void HandleRequest(const char* address, uint32_t streamId, const Bytes& data)
-    {
-        OwnedPacket packet(data);
-        EXPECT_EQ(m_replicator->ProcessRequest(packet.Get(), Net(address), htons(9), streamId), 1);
-    }
-
-    static constexpr int32_t RING = SmallRings::PACKETS;
-
     SmallRings m_rings;
+    ShortWaits m_waits; // the threads end at once
     PortLease m_pingLease;
     PortLease m_requestLease;
     ArqSendReplicator::Settings m_settings;
