@@ -1,3 +1,9 @@
+#include <fcntl.h>
+#include <poll.h>
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -76,6 +82,40 @@ TEST_F(ThreadStepsTest, TheDebugDumpHasOneLineForEachWord)
         "m_impair.m_burst.m_value 3\nm_nDropPacket 12\n");
 }
 
+// A socket group's thread is the first that Start makes.
+TEST_F(ThreadStepsTest, AStartWithoutKeepAliveOrStatusThreadSaysWhyAndRunsOn)
+{
+    constexpr int KEEP_ALIVE = 2;
+    constexpr int STATUS = 3;
+    CapturedOutput output;
+    {
+        const FailCalls failing(SystemCall::CreateThread, EAGAIN, KEEP_ALIVE, STATUS);
+        EXPECT_TRUE(m_replicator->Start());
+    }
+    OwnedPacket packet(RtpPacket(1));
+    EXPECT_EQ(Send(packet), 1);
+    EXPECT_EQ(m_replicator->RxStats().m_nRxPackets, 1U);
+    m_replicator->Stop();
+    const std::string err = output.Err();
+    EXPECT_NE(err.find("ArqSendReplicator::Start: Create KeepAlive Thread\n"
+                       "cannot start the keep-alive thread: Resource temporarily unavailable\n"),
+        std::string::npos);
+    EXPECT_NE(err.find("ArqSendReplicator::Start: Create Status Thread\n"
+                       "cannot start the status thread: Resource temporarily unavailable\n"),
+        std::string::npos);
+}
+
+TEST_F(ThreadStepsTest, AStartWhoseListenThreadTheSystemRefusesFailsAndMakesNoOther)
+{
+    CapturedOutput output;
+    {
+        const FailCalls failing(SystemCall::CreateThread, EAGAIN);
+        EXPECT_FALSE(m_replicator->Start());
+        EXPECT_EQ(failing.Calls(), 1);
+    }
+    EXPECT_EQ(output.Err(), "ArqSendReplicator::Start: SocketGroup::Start() failed");
+}
+
 // The running threads.
 
 using ReplicatorThreadsTest = ReplicatorTest;
@@ -117,6 +157,69 @@ TEST_F(ReplicatorThreadsTest, BitRatesFollowTheTrafficAndFallToZeroWithoutInput)
         return rates().first != 0 && rates().second != 0;
     }));
     EXPECT_TRUE(WaitFor([&] { return rates() == std::pair(0U, 0U); }));
+}
+
+// Waits in its destructor, which is where the status thread destroys what was removed.
+class LingeringEngine : public RecordingEngine {
+public:
+    struct Watch {
+        std::atomic<bool> isEntered { false };
+        std::atomic<bool> isStopOver { false };
+        std::atomic<bool> isOutlived { false }; // Stop was over while the destructor still ran
+    };
+
+    explicit LingeringEngine(Watch& watch) : m_watch(watch) {}
+    ~LingeringEngine() override
+    {
+        constexpr int LINGER_MS = 300; // a Stop that does not wait is over in far less
+        m_watch.isEntered = true;
+        for (int ms = 0; ms < LINGER_MS && !m_watch.isStopOver; ++ms)
+            (void)poll(nullptr, 0, 1);
+        m_watch.isOutlived = m_watch.isStopOver.load();
+    }
+
+private:
+    Watch& m_watch;
+};
+
+TEST_F(ReplicatorThreadsTest, StopReturnsOnlyWhenAThreadThatIsHeldUpHasGone)
+{
+    LingeringEngine::Watch watch;
+    const CapturedOutput output;
+    (void)Build();
+    ASSERT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+    Stream(0).m_pEngine = std::make_unique<LingeringEngine>(watch);
+    ASSERT_EQ(m_replicator->DeleteStream("127.0.0.2"), 1);
+    ASSERT_TRUE(WaitFor([&] { return watch.isEntered.load(); }));
+    m_replicator->Stop();
+    watch.isStopOver = true;
+    EXPECT_FALSE(watch.isOutlived);
+    m_replicator.reset();
+    EXPECT_FALSE(watch.isOutlived);
+}
+
+TEST_F(ReplicatorThreadsTest, TheStatusThreadDestroysWhatWasRemoved)
+{
+    const CapturedOutput output;
+    (void)Build();
+    ASSERT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+    const int socket = Stream(0).SocketNumber(0);
+    ASSERT_EQ(m_replicator->DeleteStream("127.0.0.2"), 1);
+    EXPECT_TRUE(WaitFor([&] { return fcntl(socket, F_GETFD) == -1; }));
+    EXPECT_TRUE(WaitFor([&] { return m_replicator->Streams().Waiting() == 0; }));
+}
+
+TEST_F(ReplicatorThreadsTest, WhatStillWaitsIsDestroyedWithTheReplicator)
+{
+    const CapturedOutput output;
+    (void)BuildStopped();
+    ASSERT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+    const int socket = Stream(0).SocketNumber(0);
+    ASSERT_EQ(m_replicator->DeleteStream("127.0.0.2"), 1);
+    ASSERT_EQ(m_replicator->Streams().Waiting(), 1);
+    EXPECT_NE(fcntl(socket, F_GETFD), -1);
+    m_replicator.reset();
+    EXPECT_EQ(fcntl(socket, F_GETFD), -1);
 }
 
 TEST_F(ReplicatorThreadsTest, ASilentReceiverIsSuspendedByTheKeepAliveThread)
