@@ -1,51 +1,19 @@
 #include "replicator/my_arq_send_cb.h"
 
-#include <fcntl.h>
-
 #include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
+#include "support/my_arq_send_cb_fixture.h"
+#include "support/no_free_descriptor.h"
 #include "support/recording_engine.h"
 
 namespace {
 
-using test_support::Bytes;
-using test_support::CapturedOutput;
-using test_support::Net;
-using test_support::OwnedPacket;
-using test_support::Receiver;
+using namespace test_support;
 
 const Bytes STOP { 0xDE, 0xAD, 0xBE, 0xEF, 0xBA, 0xBE, 0xFA, 0xCE };
-
-bool IsOpen(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
-
-class MyArqSendCBTest : public testing::Test {
-protected:
-    // A living stream to the receiver with a socket of its own.
-    std::unique_ptr<MyArqSendCB> MakeStream()
-    {
-        auto stream = MakeStreamWithoutSocket();
-        stream->OpenSocket();
-        return stream;
-    }
-    std::unique_ptr<MyArqSendCB> MakeStreamWithoutSocket()
-    {
-        auto stream
-            = std::make_unique<MyArqSendCB>(m_stats, Net("127.0.0.2"), m_receiver.Port(), uint32_t { 0 });
-        stream->m_bIsAlive = 1;
-        return stream;
-    }
-
-    TransmitStats m_stats;
-    Receiver m_receiver { "127.0.0.2" };
-};
 
 TEST_F(MyArqSendCBTest, AStreamToLoopbackIsAliveAndStaticAtOnce)
 {
@@ -138,137 +106,6 @@ TEST_F(MyArqSendCBTest, TheDestinationPortCanBeChanged)
     EXPECT_EQ(stream->ConfiguredPort(), m_receiver.Port());
 }
 
-TEST_F(MyArqSendCBTest, TheOwnSocketMayShareItsPortAndIsClosedWithTheStream)
-{
-    auto stream = MakeStream();
-    const int fd = stream->SocketNumber(0);
-    EXPECT_TRUE(stream->OwnsSockets());
-    int reuse = 0;
-    socklen_t size = sizeof(reuse);
-    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, &size), 0);
-    EXPECT_EQ(reuse, 1);
-    stream.reset();
-    EXPECT_FALSE(IsOpen(fd));
-}
-
-TEST_F(MyArqSendCBTest, ABorrowedSocketOutlivesOwnerOrBorrowerWhicheverGoesFirst)
-{
-    auto owner = MakeStream();
-    auto borrower = MakeStreamWithoutSocket();
-    borrower->BorrowSocket(owner->ShareSocket(0));
-    const int fd = owner->SocketNumber(0);
-    EXPECT_EQ(borrower->SocketNumber(0), fd);
-    EXPECT_FALSE(borrower->OwnsSockets());
-    borrower.reset();
-    EXPECT_TRUE(IsOpen(fd));
-
-    borrower = MakeStreamWithoutSocket();
-    borrower->BorrowSocket(owner->ShareSocket(0));
-    owner.reset();
-    OwnedPacket packet(Bytes { 9 });
-    EXPECT_EQ(borrower->SendData(packet.Get()), 1);
-    EXPECT_EQ(m_receiver.Next(), (Bytes { 9 }));
-    borrower.reset();
-    EXPECT_FALSE(IsOpen(fd));
-}
-
-TEST_F(MyArqSendCBTest, AdoptingReplacesTheOwnSocketInOneStepAndKeepsItsNumber)
-{
-    const auto stream = MakeStream();
-    const Receiver pingSocket("127.0.0.1");
-    const int fd = stream->SocketNumber(0);
-    EXPECT_TRUE(stream->AdoptSocket(pingSocket.Fd()));
-    EXPECT_EQ(stream->SocketNumber(0), fd);
-    OwnedPacket packet(Bytes { 1 });
-    EXPECT_EQ(stream->SendData(packet.Get()), 1);
-    (void)m_receiver.Next();
-    EXPECT_EQ(m_receiver.SourcePort(), pingSocket.Port());
-}
-
-TEST_F(MyArqSendCBTest, AnAdoptedSocketOutlivesThePingSocket)
-{
-    const auto stream = MakeStream();
-    {
-        const Receiver pingSocket("127.0.0.1");
-        EXPECT_TRUE(stream->AdoptSocket(pingSocket.Fd()));
-    }
-    OwnedPacket packet(Bytes { 1 });
-    EXPECT_EQ(stream->SendData(packet.Get()), 1);
-    EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
-}
-
-TEST_F(MyArqSendCBTest, AdoptingOnABorrowedSocketLeavesTheOwnersSocketAlone)
-{
-    const auto owner = MakeStream();
-    auto borrower = MakeStreamWithoutSocket();
-    borrower->BorrowSocket(owner->ShareSocket(0));
-    const Receiver pingSocket("127.0.0.1");
-    EXPECT_TRUE(borrower->AdoptSocket(pingSocket.Fd()));
-    EXPECT_NE(borrower->SocketNumber(0), owner->SocketNumber(0));
-    EXPECT_TRUE(borrower->OwnsSockets());
-    OwnedPacket packet(Bytes { 1 });
-    EXPECT_EQ(borrower->SendData(packet.Get()), 1);
-    (void)m_receiver.Next();
-    EXPECT_EQ(m_receiver.SourcePort(), pingSocket.Port());
-    EXPECT_EQ(owner->SendData(packet.Get()), 1);
-    (void)m_receiver.Next();
-    EXPECT_NE(m_receiver.SourcePort(), pingSocket.Port());
-}
-
-TEST_F(MyArqSendCBTest, AdoptingPutsASocketWhereNoneCouldBeMade)
-{
-    const auto stream = MakeStreamWithoutSocket();
-    const Receiver pingSocket("127.0.0.1");
-    EXPECT_TRUE(stream->AdoptSocket(pingSocket.Fd()));
-    OwnedPacket packet(Bytes { 1 });
-    EXPECT_EQ(stream->SendData(packet.Get()), 1);
-    EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
-}
-
-TEST_F(MyArqSendCBTest, MediaGoOnFromTheOldSocketWhenAdoptingFails)
-{
-    const auto stream = MakeStream();
-    auto borrower = MakeStreamWithoutSocket();
-    borrower->BorrowSocket(stream->ShareSocket(0));
-    CapturedOutput output;
-    EXPECT_FALSE(stream->AdoptSocket(-1));
-    EXPECT_FALSE(borrower->AdoptSocket(-1));
-    EXPECT_EQ(output.Err(), "dup2 failed: Bad file descriptor\ndup failed: Bad file descriptor\n");
-    OwnedPacket packet(Bytes { 1 });
-    EXPECT_EQ(stream->SendData(packet.Get()), 1);
-    EXPECT_EQ(borrower->SendData(packet.Get()), 1);
-    EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
-    EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
-}
-
-TEST_F(MyArqSendCBTest, WhatIsStillSentAfterTheCutOffFailsInSilence)
-{
-    const auto stream = MakeStream();
-    stream->CutOff();
-    OwnedPacket packet(Bytes { 1 });
-    CapturedOutput output;
-    EXPECT_EQ(stream->SendData(packet.Get()), 0);
-    EXPECT_EQ(output.Err(), "");
-    EXPECT_FALSE(m_receiver.HasDatagram());
-}
-
-TEST_F(MyArqSendCBTest, TheCutOffLeavesASocketThatOthersSendFromAsItIs)
-{
-    const auto owner = MakeStream();
-    auto borrower = MakeStreamWithoutSocket();
-    borrower->BorrowSocket(owner->ShareSocket(0));
-    const auto adopter = MakeStream();
-    const Receiver pingSocket("127.0.0.1");
-    EXPECT_TRUE(adopter->AdoptSocket(pingSocket.Fd()));
-    for (MyArqSendCB* stream : { owner.get(), borrower.get(), adopter.get() })
-        stream->CutOff();
-    OwnedPacket packet(Bytes { 1 });
-    for (MyArqSendCB* stream : { owner.get(), borrower.get(), adopter.get() }) {
-        EXPECT_EQ(stream->SendData(packet.Get()), 1);
-        EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
-    }
-}
-
 // Takes the sockets off whatever interfaces there are, so that they reach loopback.
 void Unbind(const MyArqSendCB& stream, int32_t count)
 {
@@ -293,8 +130,8 @@ TEST_F(MyArqSendCBTest, DatagramsAreSharedOutBetweenTheInterfacesByWeight)
         (void)m_receiver.Next();
         ports.push_back(m_receiver.SourcePort());
     }
-    const uint16_t port0 = test_support::LocalPort(stream->SocketNumber(0));
-    const uint16_t port1 = test_support::LocalPort(stream->SocketNumber(1));
+    const uint16_t port0 = LocalPort(stream->SocketNumber(0));
+    const uint16_t port1 = LocalPort(stream->SocketNumber(1));
     EXPECT_NE(port0, port1);
     EXPECT_EQ(ports, (std::vector<uint16_t> { port0, port0, port0, port1, port0 }));
 }
@@ -315,7 +152,7 @@ TEST_F(MyArqSendCBTest, AFailedSendMovesOnToTheNextSocketToo)
     OwnedPacket packet(Bytes { 1 });
     EXPECT_EQ(stream->SendData(packet.Get()), 1);
     (void)m_receiver.Next();
-    EXPECT_EQ(m_receiver.SourcePort(), test_support::LocalPort(stream->SocketNumber(1)));
+    EXPECT_EQ(m_receiver.SourcePort(), LocalPort(stream->SocketNumber(1)));
 }
 
 TEST_F(MyArqSendCBTest, NoMoreThanFourInterfacesAreUsed)
@@ -340,6 +177,19 @@ TEST_F(MyArqSendCBTest, ANegativeInterfaceNumberIsTakenAsOne)
     const auto stream = MakeStream();
     const CapturedOutput output;
     stream->BindInterfaces(-1, 0);
+    EXPECT_TRUE(IsOpen(stream->SocketNumber(0)));
+    EXPECT_EQ(stream->SocketNumber(1), -1);
+}
+
+TEST_F(MyArqSendCBTest, AnInterfaceWhoseSocketCannotBeMadeIsReportedAndTheOthersUsed)
+{
+    const auto stream = MakeStream();
+    CapturedOutput output;
+    {
+        const NoFreeDescriptor none;
+        stream->BindInterfaces(2, 50);
+    }
+    EXPECT_NE(output.Err().find("SO_BINDTODEVICE failed: Bad file descriptor\n"), std::string::npos);
     EXPECT_TRUE(IsOpen(stream->SocketNumber(0)));
     EXPECT_EQ(stream->SocketNumber(1), -1);
 }
@@ -384,7 +234,7 @@ TEST_F(MyArqSendCBTest, StopMessagesTakeTurnsOnTheSocketsAsMediaDo)
 
 TEST_F(MyArqSendCBTest, TheEngineIsDestroyedWhileItsStreamIsStillWhole)
 {
-    class LeavingEngine : public test_support::RecordingEngine {
+    class LeavingEngine : public RecordingEngine {
     public:
         LeavingEngine(const MyArqSendCB& stream, bool& wasOpen) : m_stream(stream), m_wasOpen(wasOpen) {}
         ~LeavingEngine() override { m_wasOpen = IsOpen(m_stream.SocketNumber(0)); }
