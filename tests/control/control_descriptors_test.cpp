@@ -9,7 +9,7 @@
 #include "control/control_thread.h"
 #include "control/status_poll.h"
 #include "control/temp_root.h"
-#include "replicator/captured_output.h"
+#include "support/captured_output.h"
 #include "support/no_free_descriptor.h"
 
 namespace {

@@ -16,8 +16,8 @@
 #include "control/control_context.h"
 #include "control/temp_root.h"
 #include "control/unix_address.h"
-#include "replicator/replicator_fixture.h"
 #include "support/high_descriptor.h"
+#include "support/replicator_fixture.h"
 #include "support/system_hooks.h"
 
 namespace {

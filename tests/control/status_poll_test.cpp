@@ -13,7 +13,7 @@
 #include "control/temp_root.h"
 #include "control/unix_address.h"
 #include "pacing/ms_clock.h"
-#include "replicator/replicator_fixture.h"
+#include "support/replicator_fixture.h"
 
 namespace {
 

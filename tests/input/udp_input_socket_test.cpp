@@ -18,8 +18,8 @@
 #include "input/packet_buffer.h"
 #include "input/packet_queue.h"
 #include "input/udp_input.h"
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 #include "support/no_free_descriptor.h"
 
 namespace {

@@ -22,8 +22,8 @@
 #include "main/instance_lock.h"
 #include "main/proxy.h"
 #include "main/proxy_context.h"
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 #include "support/system_hooks.h"
 
 namespace test_support {

@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "input/packet_buffer.h"
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
 #include "support/allocation_hooks.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/replicator_fixture.h"
+#include "support/replicator_fixture.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 #include "support/system_hooks.h"
 
 namespace {

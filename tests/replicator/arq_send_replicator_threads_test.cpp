@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/replicator_fixture.h"
 #include "support/allocation_hooks.h"
+#include "support/replicator_fixture.h"
 
 namespace {
 

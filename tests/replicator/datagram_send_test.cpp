@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/loopback.h"
+#include "support/loopback.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
+#include "support/captured_output.h"
 
 namespace {
 

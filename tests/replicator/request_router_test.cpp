@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
 #include "replicator/stream_table.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 #include "support/recording_engine.h"
 
 namespace {

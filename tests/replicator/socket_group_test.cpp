@@ -12,11 +12,11 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
 #include "replicator/socket_listener.h"
 #include "support/allocation_hooks.h"
+#include "support/captured_output.h"
 #include "support/high_descriptor.h"
+#include "support/loopback.h"
 #include "support/system_hooks.h"
 
 namespace {

@@ -11,9 +11,9 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
 #include "support/allocation_hooks.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 #include "support/system_hooks.h"
 
 namespace {

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/loopback.h"
 #include "replicator/my_arq_send_cb.h"
+#include "support/loopback.h"
 
 namespace {
 

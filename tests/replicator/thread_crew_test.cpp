@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/loopback.h"
 #include "support/allocation_hooks.h"
+#include "support/loopback.h"
 #include "support/system_hooks.h"
 
 namespace {

@@ -8,12 +8,12 @@
 
 #include "arq/c_arq_send.h"
 #include "control/impairment.h"
-#include "replicator/captured_output.h"
 #include "replicator/fan_out.h"
-#include "replicator/loopback.h"
 #include "replicator/my_arq_send_cb.h"
 #include "replicator/stream_table.h"
+#include "support/captured_output.h"
 #include "support/fixed_clock.h"
+#include "support/loopback.h"
 #include "support/recording_engine.h"
 #include "support/small_rings.h"
 

@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
 #include "replicator/my_arq_send_cb.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 
 namespace test_support {
 

@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
 #include "replicator/stream_keeper.h"
+#include "support/captured_output.h"
 #include "support/fixed_clock.h"
+#include "support/loopback.h"
 #include "support/small_rings.h"
 #include "support/system_hooks.h"
 

@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "replicator/arq_send_replicator.h"
-#include "replicator/captured_output.h"
-#include "replicator/loopback.h"
+#include "support/captured_output.h"
+#include "support/loopback.h"
 #include "support/recording_engine.h"
 #include "support/small_rings.h"
 #include "support/system_hooks.h"
