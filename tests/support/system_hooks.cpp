@@ -12,6 +12,7 @@
 #include <ctime>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 // The linker sends these functions of every object linked into the test program to __wrap_*, and __real_* to
 // the C library or to the sanitizer.
@@ -44,6 +45,7 @@ struct Failing {
     int last = 0; // 0: none is to fail
     int calls = 0;
     int failures = 0;
+    std::function<void()> onFailure {};
 };
 
 thread_local Failing failing[4];
@@ -61,6 +63,8 @@ int CountAndFail(SystemCall call)
     if (plan.calls < plan.first || plan.calls > plan.last)
         return 0;
     ++plan.failures;
+    if (plan.onFailure)
+        plan.onFailure();
     return plan.error;
 }
 
@@ -157,6 +161,11 @@ FailCalls::FailCalls(SystemCall call, int error, int first, int last) : m_call(c
 FailCalls::~FailCalls()
 {
     Of(m_call) = {};
+}
+
+void FailCalls::OnFailure(std::function<void()> action)
+{
+    Of(m_call).onFailure = std::move(action);
 }
 
 int FailCalls::Count() const

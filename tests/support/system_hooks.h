@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <vector>
 
@@ -19,6 +20,9 @@ public:
     FailCalls(const FailCalls&) = delete;
     FailCalls& operator=(const FailCalls&) = delete;
     ~FailCalls();
+
+    // What happens with each call that fails, in the middle of it.
+    void OnFailure(std::function<void()> action);
 
     // How many have failed so far.
     int Count() const;
