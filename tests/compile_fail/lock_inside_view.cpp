@@ -1,5 +1,5 @@
 // Whoever reads the table takes the lock.
-// expect: cannot call function 'Lock' while read section 'table.m_sections' is held
+// expect: cannot call function 'Lock' while read_section 'table.m_sections' is held
 
 #include "replicator/stream_table.h"
 

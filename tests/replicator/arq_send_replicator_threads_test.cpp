@@ -23,6 +23,8 @@ protected:
         const CapturedOutput output;
         (void)BuildStopped();
     }
+
+    ShortWaits m_waits;
 };
 
 TEST_F(ThreadStepsTest, ASampleTurnsTheByteCountsIntoBitRatesAndZeroesThem)
@@ -118,7 +120,11 @@ TEST_F(ThreadStepsTest, AStartWhoseListenThreadTheSystemRefusesFailsAndMakesNoOt
 
 // The running threads.
 
-using ReplicatorThreadsTest = ReplicatorTest;
+// Their sleeps are cut; what they wait for is still there.
+class ReplicatorThreadsTest : public ReplicatorTest {
+protected:
+    ShortWaits m_waits;
+};
 
 TEST_F(ReplicatorThreadsTest, PingsAndRequestsArriveThroughTheSockets)
 {

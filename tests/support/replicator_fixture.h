@@ -74,7 +74,6 @@ protected:
     int Send(OwnedPacket& packet) { return m_replicator->SendPacket(packet.Get()); }
 
     SmallRings m_rings;
-    ShortWaits m_waits; // the threads end at once
     PortLease m_pingLease;
     PortLease m_requestLease;
     ArqSendReplicator::Settings m_settings;
