@@ -212,7 +212,7 @@ void PrintAnswers(uint16_t nNumbers, const AnswerFigures& figures)
 {
     constexpr double NS_PER_US = 1000;
     constexpr double PERCENT = 100;
-    (void)printf("  %7d %12.0f %12.0f %9.2f us %9.2f us %6.2f  (%.2f to %.2f) %8.1f %%\n", nNumbers,
+    printf("  %7d %12.0f %12.0f %9.2f us %9.2f us %6.2f  (%.2f to %.2f) %8.1f %%\n", nNumbers,
         Median(figures.requestsPerS), Median(figures.resentPerS), Median(figures.cpuNs.baseline) / NS_PER_US,
         Median(figures.cpuNs.measured) / NS_PER_US, figures.cpuNs.MedianRatio(), figures.cpuNs.LowestRatio(),
         figures.cpuNs.HighestRatio(),
@@ -350,11 +350,10 @@ void PrintLatency(const char* name, const LatencyFigures& figures)
 {
     for (const auto& [what, paired] :
         { std::pair("median", &figures.median), std::pair("p99", &figures.p99) }) {
-        (void)printf("  %-24s %-7s %9.2f us %9.2f us %6.2f  (%.2f to %.2f)\n", name, what,
-            Median(paired->baseline), Median(paired->measured), paired->MedianRatio(), paired->LowestRatio(),
-            paired->HighestRatio());
+        printf("  %-24s %-7s %9.2f us %9.2f us %6.2f  (%.2f to %.2f)\n", name, what, Median(paired->baseline),
+            Median(paired->measured), paired->MedianRatio(), paired->LowestRatio(), paired->HighestRatio());
     }
-    (void)printf("  %-24s requests %lld, retransmissions %lld, media lost %lld\n", "",
+    printf("  %-24s requests %lld, retransmissions %lld, media lost %lld\n", "",
         static_cast<long long>(figures.asked), static_cast<long long>(figures.resent),
         static_cast<long long>(figures.lost));
 }
@@ -365,17 +364,16 @@ int main(int argc, char** argv)
 {
     return RunBenchmark([=] {
         const BenchSettings settings = ReadBenchSettings(argc, argv);
-        (void)printf("%d paired rounds, turns of %g s, datagrams of %zu bytes\n\n", settings.rounds,
+        printf("%d paired rounds, turns of %g s, datagrams of %zu bytes\n\n", settings.rounds,
             settings.seconds, sizeof(MediaDatagram));
-        (void)printf(
+        printf(
             "16 receivers ask as fast as they are answered; CPU per retransmitted datagram\n"
             "  numbers   requests/s     resent/s  bare sendto     tx_proxy  ratio                 answered\n");
         for (const int nNumbers : { 1, 10, 40 })
             PrintAnswers(
                 static_cast<uint16_t>(nNumbers), MeasureAnswers(static_cast<uint16_t>(nNumbers), settings));
-        (void)printf(
-            "\nMedia latency, %d datagrams/s to 50 receivers, each of which asks for 5 %% of the stream\n"
-            "                                    without         with  ratio\n",
+        printf("\nMedia latency, %d datagrams/s to 50 receivers, each of which asks for 5 %% of the stream\n"
+               "                                    without         with  ratio\n",
             settings.perSecond);
         LatencyFigures figures;
         LatencyFigures control;

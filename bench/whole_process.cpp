@@ -124,14 +124,14 @@ Comparison Compare(int32_t nReceivers, const BenchSettings& settings)
 
 void PrintRow(const char* name, const PairedFigures& figures, const char* unit)
 {
-    (void)printf("  %-34s %9.2f %9.2f %-3s %6.2f  (%.2f to %.2f)\n", name, Median(figures.baseline),
+    printf("  %-34s %9.2f %9.2f %-3s %6.2f  (%.2f to %.2f)\n", name, Median(figures.baseline),
         Median(figures.measured), unit, figures.MedianRatio(), figures.LowestRatio(), figures.HighestRatio());
 }
 
 void Print(int32_t nReceivers, const Comparison& comparison)
 {
     constexpr double KIB_PER_MIB = 1024;
-    (void)printf("\n%d receiver(s)                         bare loop  tx_proxy      ratio  (of the rounds)\n",
+    printf("\n%d receiver(s)                         bare loop  tx_proxy      ratio  (of the rounds)\n",
         nReceivers);
     PairedFigures cpuUs = comparison.cpuNs;
     for (auto* side : { &cpuUs.baseline, &cpuUs.measured }) {
@@ -143,9 +143,9 @@ void Print(int32_t nReceivers, const Comparison& comparison)
     PrintRow("latency, first receiver, p99", comparison.firstP99Us, "us");
     PrintRow("latency, last receiver, median", comparison.lastMedianUs, "us");
     PrintRow("latency, last receiver, p99", comparison.lastP99Us, "us");
-    (void)printf("  %-34s %9lld %9lld\n", "datagrams lost", static_cast<long long>(comparison.lostBaseline),
+    printf("  %-34s %9lld %9lld\n", "datagrams lost", static_cast<long long>(comparison.lostBaseline),
         static_cast<long long>(comparison.lostMeasured));
-    (void)printf("  %-34s %9s %9.2f MiB\n", "resident after the pool's round", "",
+    printf("  %-34s %9s %9.2f MiB\n", "resident after the pool's round", "",
         static_cast<double>(comparison.residentKib) / KIB_PER_MIB);
     (void)fflush(stdout);
 }
@@ -159,7 +159,7 @@ int main(int argc, char** argv)
             RunBareLoop(static_cast<uint16_t>(std::atoi(argv[2])), static_cast<uint16_t>(std::atoi(argv[3])),
                 std::atoi(argv[4]));
         const BenchSettings settings = ReadBenchSettings(argc, argv);
-        (void)printf("%d paired rounds, turns of %g s, %d datagrams/s of %zu bytes\n", settings.rounds,
+        printf("%d paired rounds, turns of %g s, %d datagrams/s of %zu bytes\n", settings.rounds,
             settings.seconds, settings.perSecond, sizeof(MediaDatagram));
         for (const int32_t nReceivers : { 1, 10, 50 }) {
             if (settings.receivers == 0 || settings.receivers == nReceivers)

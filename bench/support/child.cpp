@@ -32,7 +32,7 @@ int RunBenchmark(const std::function<void()>& body)
     try {
         body();
     } catch (const std::exception& failure) {
-        (void)fprintf(stderr, "%s\n", failure.what());
+        fprintf(stderr, "%s\n", failure.what());
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

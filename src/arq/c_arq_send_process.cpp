@@ -51,7 +51,7 @@ uint32_t CArqSend::EchoPing(PacketBuffer* packet)
 
 uint32_t CArqSend::RejectPing()
 {
-    (void)fprintf(stderr, "CArqSend: ProcessBuffer: BAD ARQ_PING_ID\n");
+    fprintf(stderr, "CArqSend: ProcessBuffer: BAD ARQ_PING_ID\n");
     return 0;
 }
 

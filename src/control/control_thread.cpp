@@ -139,6 +139,6 @@ bool process_request_thread(ControlContext& context)
         listener.Reset();
     }
     (void)unlink(path.c_str());
-    (void)fprintf(stderr, "process_request_thread: exiting\n");
+    fprintf(stderr, "process_request_thread: exiting\n");
     return isUp;
 }

@@ -32,7 +32,7 @@ void ReadSetting(ConfigFile& file, const char* key, int32_t* number)
     const char* value = file.Get(key);
     if (value != nullptr && *value != '\0')
         *number = static_cast<int32_t>(std::strtol(value, nullptr, 10));
-    (void)fprintf(stderr, "%s = %d\n", key, *number);
+    fprintf(stderr, "%s = %d\n", key, *number);
 }
 
 ImpairmentSettings ReadSettings(int32_t instance)
@@ -55,12 +55,12 @@ void ToggleImpairment(ControlContext& context)
 {
     Impairment& impair = context.replicator->m_impair;
     if (impair.m_mode != IMPAIRMENT_OFF) {
-        (void)fprintf(stderr, "Impairment OFF\n");
+        fprintf(stderr, "Impairment OFF\n");
         impair.m_mode = IMPAIRMENT_OFF;
         return;
     }
     ConfigureImpairment(impair, ReadSettings(context.instance));
-    (void)fprintf(stderr, "Impairment ON\n");
+    fprintf(stderr, "Impairment ON\n");
 }
 
 // Instance N reports and clears its N-th output stream.
@@ -118,5 +118,5 @@ void OpenStatusSocket(ControlContext& context)
         return;
     }
     context.statusAddress = UnixAddress(StatusSocketPath(context.instance));
-    (void)fprintf(stderr, "Created ARQ TX Status Socket\n");
+    fprintf(stderr, "Created ARQ TX Status Socket\n");
 }

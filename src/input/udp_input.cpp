@@ -33,14 +33,14 @@ UniqueFd OpenInputSocket(const UdpInput& input)
 {
     UniqueFd socket(::socket(AF_INET, SOCK_DGRAM, 0));
     if (!socket.IsValid()) {
-        (void)fprintf(stderr, "cannot open socket\n");
+        fprintf(stderr, "cannot open socket\n");
         return socket;
     }
     const int on = 1;
     (void)setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     if (!BindInput(socket.Get(), input)) {
         socket.Reset();
-        (void)fprintf(stderr, "cannot bind port number %d \n", input.listenPort);
+        fprintf(stderr, "cannot bind port number %d \n", input.listenPort);
     }
     return socket;
 }
@@ -83,12 +83,12 @@ void EnlargeReceiveBuffer(int socket)
     int32_t bytes = 0;
     if (!ReadReceiveBuffer(socket, &bytes))
         return;
-    (void)fprintf(stderr, "Rx bufferSize = %d\n", bytes);
+    fprintf(stderr, "Rx bufferSize = %d\n", bytes);
     const int32_t wanted = WantedReceiveBuffer(bytes);
     if (setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof(wanted)) != 0)
-        (void)fprintf(stderr, "setsockopt() SO_RCVBUF: error %d\n", errno);
+        fprintf(stderr, "setsockopt() SO_RCVBUF: error %d\n", errno);
     else if (ReadReceiveBuffer(socket, &bytes))
-        (void)fprintf(stderr, "New Rx bufferSize = %d\n", bytes);
+        fprintf(stderr, "New Rx bufferSize = %d\n", bytes);
 }
 
 // Lets the receive loop look at the run flag when no stream comes in.
@@ -137,7 +137,7 @@ void RunUdpInput(const UdpInput& input)
     const UniqueFd socket = OpenInputSocket(input);
     if (!socket.IsValid())
         return;
-    (void)printf("Listening on port %d for incoming stream\n", input.listenPort);
+    printf("Listening on port %d for incoming stream\n", input.listenPort);
     const bool isGroup = IsMulticast(input.multicastGroup);
     if (isGroup)
         JoinGroup(socket.Get(), input.multicastGroup);

@@ -27,7 +27,7 @@ bool ReportLoaderError()
     const char* text = dlerror(); // NOLINT(concurrency-mt-unsafe): glibc keeps it per thread
     if (text == nullptr)
         return false;
-    (void)fprintf(stderr, "%s\n", text);
+    fprintf(stderr, "%s\n", text);
     return true;
 }
 
@@ -57,9 +57,9 @@ void EncryptionPlugin::Load(const char* password, int32_t length)
     session = openCallback(OPEN_MODE, password, length);
     if (session == nullptr)
         return;
-    (void)fprintf(stderr, "Loaded ");
+    fprintf(stderr, "Loaded ");
     printInfo(session, 0, stderr);
-    (void)fprintf(stderr, "\n");
+    fprintf(stderr, "\n");
 }
 
 bool EncryptionPlugin::Open(const char* path)

@@ -19,20 +19,20 @@ constexpr ParseResult BAD_ARGUMENTS { false, EXIT_BAD_ARGUMENTS };
 // Eight options are left out on purpose: the text is for everyday use.
 void PrintUsage(const char* program)
 {
-    (void)fprintf(stderr, "Usage: %s [Net Tx Options] ListenUdpPort [ListenMulticastAddr]\n", program);
-    (void)fprintf(stderr, " Net Tx Options\n");
-    (void)fprintf(stderr, "  -a\t\tDestination IP Address or hostname\n");
-    (void)fprintf(stderr, "  -p\t\tDestination Udp port\n");
-    (void)fprintf(stderr, "  -r\t\tArq Request port\n");
-    (void)fprintf(stderr, "  -u\t\tUDP input mode\n");
-    (void)fprintf(stderr, "  -I\t\tInstance number\n");
-    (void)fprintf(stderr, "  -z\t\tLoad Encryption library\n");
-    (void)fprintf(stderr, "  -Z\t\tEncryption Password\n");
+    fprintf(stderr, "Usage: %s [Net Tx Options] ListenUdpPort [ListenMulticastAddr]\n", program);
+    fprintf(stderr, " Net Tx Options\n");
+    fprintf(stderr, "  -a\t\tDestination IP Address or hostname\n");
+    fprintf(stderr, "  -p\t\tDestination Udp port\n");
+    fprintf(stderr, "  -r\t\tArq Request port\n");
+    fprintf(stderr, "  -u\t\tUDP input mode\n");
+    fprintf(stderr, "  -I\t\tInstance number\n");
+    fprintf(stderr, "  -z\t\tLoad Encryption library\n");
+    fprintf(stderr, "  -Z\t\tEncryption Password\n");
 }
 
 ParseResult PointToUsage(const char* program)
 {
-    (void)fprintf(stderr, "Try '%s -h' for more information.\n", program);
+    fprintf(stderr, "Try '%s -h' for more information.\n", program);
     return BAD_ARGUMENTS;
 }
 
@@ -44,7 +44,7 @@ ParseResult Keep(const char* text, Number* target, const char* message, const ch
     long number = 0;
     if (!ReadNumber(text, &number)) {
         // NOLINTNEXTLINE(clang-diagnostic-format-nonliteral): ours, all alike
-        (void)fprintf(stderr, message, program, text);
+        fprintf(stderr, message, program, text);
         return BAD_ARGUMENTS;
     }
     *target = static_cast<Number>(number);
@@ -58,13 +58,13 @@ void SetArqBufferCount(const char* text, const char* program)
 {
     long number = 0;
     if (!ReadNumber(text, &number)) {
-        (void)fprintf(stderr, "Invalid ARQ buffer size: %s\n", text);
+        fprintf(stderr, "Invalid ARQ buffer size: %s\n", text);
         return;
     }
     const auto wanted = static_cast<int32_t>(number);
     g_nArqBufferCount = RoundUpToPowerOfTwo(wanted);
     if (g_nArqBufferCount != wanted)
-        (void)fprintf(stderr, "%s: %s buffer size changed to: %d\n", program, "ARQ", g_nArqBufferCount);
+        fprintf(stderr, "%s: %s buffer size changed to: %d\n", program, "ARQ", g_nArqBufferCount);
 }
 
 ParseResult ApplyOption(int option, const char* program, ProxyContext& context, MainSettings& settings)
@@ -122,7 +122,7 @@ void SetListenAddress(const char* text, ProxyContext& context)
     context.multicastGroup = addressNet;
     char canonical[INET_ADDRSTRLEN] = "";
     (void)inet_ntop(AF_INET, &addressNet, canonical, sizeof(canonical));
-    (void)printf("Listening on multicast address %s\n", canonical);
+    printf("Listening on multicast address %s\n", canonical);
 }
 
 } // namespace
@@ -146,11 +146,11 @@ ParseResult ParsePositionals(int argc, char** argv, ProxyContext& context)
     constexpr int MAX_POSITIONALS = 2;
     const int count = argc - optind;
     if (count < 1) {
-        (void)fprintf(stderr, "%s: missing arguments\n", argv[0]);
+        fprintf(stderr, "%s: missing arguments\n", argv[0]);
         return PointToUsage(argv[0]);
     }
     if (count > MAX_POSITIONALS) {
-        (void)fprintf(stderr, "%s: extra operand\n", argv[0]);
+        fprintf(stderr, "%s: extra operand\n", argv[0]);
         return PointToUsage(argv[0]);
     }
     context.listenPort = static_cast<uint16_t>(std::strtol(argv[optind], nullptr, 10));

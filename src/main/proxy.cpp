@@ -45,7 +45,7 @@ ParseResult Proxy::StartUp()
     if (!options.goOn)
         return options;
     if (!m_lock.emplace().Take(m_context.instance)) {
-        (void)fprintf(stderr, "Process already running!\n");
+        fprintf(stderr, "Process already running!\n");
         return { false, EXIT_FAILURE };
     }
     const ParseResult positionals = ParsePositionals(m_nArgs, m_pArgs, m_context);
@@ -53,7 +53,7 @@ ParseResult Proxy::StartUp()
         return positionals;
     PrintSettings();
     if (!CreateReplicator()) {
-        (void)fprintf(stderr, "%s: Cannot create arq_send\n", m_pArgs[0]);
+        fprintf(stderr, "%s: Cannot create arq_send\n", m_pArgs[0]);
         return { false, EXIT_FAILURE };
     }
     LoadLibrary();
@@ -66,9 +66,9 @@ ParseResult Proxy::StartUp()
 void Proxy::PrintSettings() const
 {
     if (m_context.grossMediaBitrate != DEFAULT_GROSS_MEDIA_BITRATE)
-        (void)printf("GrossMediaBitrate is %d\n", m_context.grossMediaBitrate);
+        printf("GrossMediaBitrate is %d\n", m_context.grossMediaBitrate);
     if (m_context.unicastUdpPort != 0)
-        (void)printf("UnicastUdpPort is %d\n", m_context.unicastUdpPort);
+        printf("UnicastUdpPort is %d\n", m_context.unicastUdpPort);
 }
 
 bool Proxy::CreateReplicator()
@@ -144,11 +144,11 @@ void Proxy::CreatePacer()
         m_pPacerCB->m_pPacer.reset(new (std::nothrow) CPacer(ok, m_pPacerCB.get(), PACER_PERIOD_MS));
     if (!ok || !m_pPacerCB || !m_pPacerCB->m_pPacer) {
         m_pPacerCB.reset();
-        (void)fprintf(stderr, "Error: Pacer not created\n"); // the run goes on unpaced
+        fprintf(stderr, "Error: Pacer not created\n"); // the run goes on unpaced
         return;
     }
     CPacer& pacer = *m_pPacerCB->m_pPacer;
-    (void)fprintf(stderr, "Pacing bit rate %d\n", m_settings.pacingBitrate);
+    fprintf(stderr, "Pacing bit rate %d\n", m_settings.pacingBitrate);
     pacer.SetPacingRate(static_cast<uint32_t>(m_settings.pacingBitrate));
     // Headers of RTP input are not charged against the rate.
     pacer.SetHeaderBytes(m_context.udpInputMode != 0 ? 0 : MEDIA_HEADER_BYTES);

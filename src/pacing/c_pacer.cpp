@@ -31,7 +31,7 @@ void CPacer::SetPacingRate(uint32_t bitsPerSecond)
     m_nCarry = 0;
     m_ulBitRate = bitsPerSecond;
     m_ulQuotaBytes = TickQuotaBytes(bitsPerSecond, m_nPeriodMs);
-    (void)printf("CPacer::SetPacingRate m_ulQuotaBytes %d\n", static_cast<int32_t>(m_ulQuotaBytes.Load()));
+    printf("CPacer::SetPacingRate m_ulQuotaBytes %d\n", static_cast<int32_t>(m_ulQuotaBytes.Load()));
 }
 
 void CPacer::SetHeaderBytes(int32_t bytes)

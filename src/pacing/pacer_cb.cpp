@@ -7,7 +7,7 @@
 PacerCB::~PacerCB()
 {
     if (m_pPacer && m_pPacer->Overflows() != 0)
-        (void)printf("Pacer OverFlows %d\n", static_cast<int32_t>(m_pPacer->Overflows()));
+        printf("Pacer OverFlows %d\n", static_cast<int32_t>(m_pPacer->Overflows()));
 }
 
 bool PacerCB::Send(PacketBuffer* packet)

@@ -10,7 +10,7 @@ bool PeriodicTimer::Start(int32_t periodMs)
     if (m_pCallback == nullptr)
         return false;
     m_nPeriodMs = periodMs;
-    (void)printf("PeriodicTimer::Start %d\n", periodMs);
+    printf("PeriodicTimer::Start %d\n", periodMs);
     if (m_bRunning)
         return true;
     m_bRunning = true;

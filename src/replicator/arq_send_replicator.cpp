@@ -29,7 +29,7 @@ ArqSendReplicator::ArqSendReplicator(bool& ok, const Settings& settings)
 {
     ok = true;
     InitImpairment(m_impair);
-    (void)fprintf(stderr, "Maximum output streams = %d\n", StreamTable::MAX_STREAMS);
+    fprintf(stderr, "Maximum output streams = %d\n", StreamTable::MAX_STREAMS);
     if (!ProbeEngine()) {
         ok = false;
         return;
@@ -74,9 +74,9 @@ bool ArqSendReplicator::ProbeEngine()
 bool ArqSendReplicator::CreatePool()
 {
     m_pPacketPool = PacketBufferPool::createDefault(static_cast<uint32_t>(g_nArqBufferCount) + POOL_MARGIN);
-    (void)printf("Number of ARQ Buffers = %d\n", g_nArqBufferCount);
+    printf("Number of ARQ Buffers = %d\n", g_nArqBufferCount);
     if (!m_pPacketPool)
-        (void)fprintf(stderr, "ArqSendReplicator: ERROR: PacketBufferInit failed!\n");
+        fprintf(stderr, "ArqSendReplicator: ERROR: PacketBufferInit failed!\n");
     return m_pPacketPool != nullptr;
 }
 
@@ -129,9 +129,9 @@ void ArqSendReplicator::UseMulticast(const char* list, uint16_t unicastUdpPort)
         return;
     m_pMulticastStream = m_keeper->CreateMulticastStream(text.c_str());
     m_fanOut->UseMulticast(m_pMulticastStream.get());
-    (void)printf("Multicasting to %s:%d, ", text.c_str(), DestPort());
+    printf("Multicasting to %s:%d, ", text.c_str(), DestPort());
     m_keeper->SetDestPort(unicastUdpPort);
-    (void)printf("Unicasting to %d\n", DestPort());
+    printf("Unicasting to %d\n", DestPort());
 }
 
 void ArqSendReplicator::CreateListeners(bool& ok, int32_t nStreams)
@@ -161,13 +161,13 @@ void ArqSendReplicator::ShareStreamSockets(bool& ok, const MyArqSendCB& stream, 
 {
     using Mode = MySocketListener::Mode;
     if (nStreams >= SECOND_SOCKET_STREAMS) {
-        (void)fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(1));
+        fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(1));
         m_pPingListener.reset(new (std::nothrow) MySocketListener(
             *this, Mode::Requests, stream.ShareSocket(1), DestPort(), ok, LISTENER_POOL_SIZE));
         if (!m_pPingListener)
             ok = false;
     }
-    (void)fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(0));
+    fprintf(stderr, "Dupping socket %d\n", stream.SocketNumber(0));
     m_pRequestListener.reset(new (std::nothrow) MySocketListener(
         *this, Mode::Requests, stream.ShareSocket(0), m_usArqRequestPort, ok, LISTENER_POOL_SIZE));
 }
@@ -199,12 +199,12 @@ void ArqSendReplicator::SampleBitrates(uint32_t nowUs, uint32_t thenUs)
 void ArqSendReplicator::DebugDump() const
 {
     const StreamTable::View view(Streams());
-    (void)fprintf(stderr, "\n");
-    (void)fprintf(stderr, "m_bRunning %d\n", m_bRunning.Load());
-    (void)fprintf(stderr, "m_usSeqNum %d\n", m_fanOut->SeqNum());
-    (void)fprintf(stderr, "m_nNumStreams %d\n", view.Count());
-    (void)fprintf(stderr, "m_impair.m_mode %d\n", m_impair.m_mode.Load());
-    (void)fprintf(stderr, "m_impair.m_dist.m_value %d\n", m_impair.m_dist.m_value.Load());
-    (void)fprintf(stderr, "m_impair.m_burst.m_value %d\n", m_impair.m_burst.m_value.Load());
-    (void)fprintf(stderr, "m_nDropPacket %d\n", m_nDropPacket.Load());
+    fprintf(stderr, "\n");
+    fprintf(stderr, "m_bRunning %d\n", m_bRunning.Load());
+    fprintf(stderr, "m_usSeqNum %d\n", m_fanOut->SeqNum());
+    fprintf(stderr, "m_nNumStreams %d\n", view.Count());
+    fprintf(stderr, "m_impair.m_mode %d\n", m_impair.m_mode.Load());
+    fprintf(stderr, "m_impair.m_dist.m_value %d\n", m_impair.m_dist.m_value.Load());
+    fprintf(stderr, "m_impair.m_burst.m_value %d\n", m_impair.m_burst.m_value.Load());
+    fprintf(stderr, "m_nDropPacket %d\n", m_nDropPacket.Load());
 }

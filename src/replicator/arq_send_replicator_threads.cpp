@@ -28,20 +28,20 @@ bool ArqSendReplicator::Start()
         m_pSocketGroup->SetListener(m_pPingListener.get(), PING_POSITION);
     }
     if (!m_pSocketGroup || !m_pSocketGroup->Start()) {
-        (void)fprintf(stderr, "ArqSendReplicator::Start: SocketGroup::Start() failed");
+        fprintf(stderr, "ArqSendReplicator::Start: SocketGroup::Start() failed");
         Stop();
         return false;
     }
     m_bRunning = true;
     if (!m_keeper->SharesPorts()) { // shared ports are for configured streams
-        (void)fprintf(stderr, "ArqSendReplicator::Start: Create KeepAlive Thread\n");
+        fprintf(stderr, "ArqSendReplicator::Start: Create KeepAlive Thread\n");
         if (!m_crew.Start(KeepAlive, this))
             perror("cannot start the keep-alive thread");
     }
-    (void)fprintf(stderr, "ArqSendReplicator::Start: Create Status Thread\n");
+    fprintf(stderr, "ArqSendReplicator::Start: Create Status Thread\n");
     if (!m_crew.Start(Status, this))
         perror("cannot start the status thread");
-    (void)fprintf(stderr, "ArqSendReplicator::Start: started listener thread\n");
+    fprintf(stderr, "ArqSendReplicator::Start: started listener thread\n");
     return true;
 }
 

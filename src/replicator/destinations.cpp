@@ -29,7 +29,7 @@ void ForEachUnicast(const char* list, const std::function<void(const char* text)
     in_addr_t addressNet = 0;
     while (const char* text = NextResolved(&rest, &addressNet)) {
         if (IsMulticast(addressNet))
-            (void)printf("Error: Skipping %s, not an unicast address\n", text);
+            printf("Error: Skipping %s, not an unicast address\n", text);
         else
             add(text);
     }
@@ -43,8 +43,8 @@ std::string FirstMulticast(const char* list)
     while (const char* text = NextResolved(&rest, &addressNet)) {
         if (IsMulticast(addressNet))
             return text;
-        (void)printf("Error: Skipping %s, not a multicast address\n", text);
+        printf("Error: Skipping %s, not a multicast address\n", text);
     }
-    (void)puts("Error: No multicast address");
+    puts("Error: No multicast address");
     return {};
 }

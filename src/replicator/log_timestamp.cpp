@@ -10,7 +10,7 @@ void LogTimestamp(FILE* stream)
     char text[32] = ""; // ctime_r writes 26 characters at most
     if (ctime_r(&now, text) == nullptr)
         return;
-    (void)fprintf(stream, "%.15s: ", text + WEEKDAY_CHARS);
+    fprintf(stream, "%.15s: ", text + WEEKDAY_CHARS);
 }
 
 void LogStamped(const char* format, ...)
@@ -19,7 +19,7 @@ void LogStamped(const char* format, ...)
     va_start(arguments, format);
     flockfile(stderr); // standard error is unbuffered: each of the two writes goes out alone
     LogTimestamp(stderr);
-    (void)vfprintf(stderr, format, arguments);
+    vfprintf(stderr, format, arguments);
     funlockfile(stderr);
     va_end(arguments);
 }

@@ -110,7 +110,7 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
 int MyArqSendCB::SendData(PacketBuffer* packet)
 {
     if (!m_bIsAlive) {
-        (void)fprintf(stderr, "SendData:: m_bIsAlive is false\n");
+        fprintf(stderr, "SendData:: m_bIsAlive is false\n");
         return 1;
     }
     m_owner.m_nTxPackets.Add(1);

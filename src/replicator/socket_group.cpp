@@ -91,8 +91,7 @@ bool InitListeners(const SocketGroup::Listeners& listeners)
         bool ok = true;
         listeners[position]->Init(ok);
         if (!ok) {
-            (void)fprintf(
-                stderr, "SocketGroupListenThread::Listen: Init(%d) failed\n", static_cast<int>(position));
+            fprintf(stderr, "SocketGroupListenThread::Listen: Init(%d) failed\n", static_cast<int>(position));
             return false;
         }
     }

@@ -33,7 +33,7 @@ SocketListener::SocketListener(SharedSocket socket, uint16_t port, bool& ok, uin
 {
     if (!m_pool) {
         ok = false;
-        (void)fprintf(stderr, "SocketListener: ERROR: PacketBufferInit failed!\n");
+        fprintf(stderr, "SocketListener: ERROR: PacketBufferInit failed!\n");
     }
 }
 
@@ -53,14 +53,14 @@ void SocketListener::Init(bool& ok)
     }
     const int on = 1;
     if (setsockopt(Socket(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0) {
-        (void)fprintf(stderr, "SocketListener: setsockopt(SO_REUSEADDR) failed on port %d\n", m_usPort);
+        fprintf(stderr, "SocketListener: setsockopt(SO_REUSEADDR) failed on port %d\n", m_usPort);
         ok = false;
     }
     const sockaddr_in local = Address(htonl(INADDR_ANY), m_usPort);
     if (bind(Socket(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0) {
-        (void)fprintf(stderr, "SocketListener: sock bound to port %d\n", m_usPort);
+        fprintf(stderr, "SocketListener: sock bound to port %d\n", m_usPort);
     } else {
-        (void)fprintf(stderr, "SocketListener: bind failed on port %d\n", m_usPort);
+        fprintf(stderr, "SocketListener: bind failed on port %d\n", m_usPort);
         ok = false;
     }
 }
@@ -73,14 +73,14 @@ void SocketListener::InitDuplicate(bool& ok)
     }
     const sockaddr_in self = Address(htonl(INADDR_LOOPBACK), m_usPort);
     if (sendto(Socket(), "", 0, 0, reinterpret_cast<const sockaddr*>(&self), sizeof(self)) < 0)
-        (void)fprintf(stderr, "cannot send data\n");
+        fprintf(stderr, "cannot send data\n");
     const int old = Socket();
     SharedSocket duplicate(dup(old));
     if (!duplicate.IsValid()) {
         ok = false;
         return;
     }
-    (void)fprintf(stderr, "New socket %d from %d\n", duplicate.Get(), old);
+    fprintf(stderr, "New socket %d from %d\n", duplicate.Get(), old);
     m_socket = std::move(duplicate);
     m_bOwnsSocket = true;
 }

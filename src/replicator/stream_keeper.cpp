@@ -25,7 +25,7 @@ in_addr_t Resolve(const char* text)
 {
     const in_addr_t addressNet = resolveHost(text);
     if (addressNet == 0)
-        (void)fprintf(stderr, "unknown host '%s'\n", text != nullptr ? text : "");
+        fprintf(stderr, "unknown host '%s'\n", text != nullptr ? text : "");
     return addressNet;
 }
 
@@ -232,7 +232,7 @@ void StreamKeeper::GiveSocket(MyArqSendCB& stream)
         return;
     }
     const SharedSocket socket = entries.At(0).ShareSocket(0);
-    (void)fprintf(stderr, "Dupping socket %d for stream %d\n", socket.Get(), entries.Count());
+    fprintf(stderr, "Dupping socket %d for stream %d\n", socket.Get(), entries.Count());
     stream.BorrowSocket(socket);
 }
 

@@ -22,7 +22,7 @@ public:
     {
         Stop();
         if (testing::Test::HasFailure())
-            (void)printf("captured output:\n%s\ncaptured errors:\n%s\n", m_out.c_str(), m_err.c_str());
+            printf("captured output:\n%s\ncaptured errors:\n%s\n", m_out.c_str(), m_err.c_str());
     }
 
     void Stop()
