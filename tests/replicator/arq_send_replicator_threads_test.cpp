@@ -171,7 +171,7 @@ public:
     struct Watch {
         std::atomic<bool> isEntered { false };
         std::atomic<bool> isStopOver { false };
-        std::atomic<bool> isOutlived { false }; // Stop was over while the destructor still ran
+        std::atomic<bool> isLeft { false };
     };
 
     explicit LingeringEngine(Watch& watch) : m_watch(watch) {}
@@ -181,7 +181,7 @@ public:
         m_watch.isEntered = true;
         for (int ms = 0; ms < LINGER_MS && !m_watch.isStopOver; ++ms)
             (void)poll(nullptr, 0, 1);
-        m_watch.isOutlived = m_watch.isStopOver.load();
+        m_watch.isLeft = true;
     }
 
 private:
@@ -198,10 +198,9 @@ TEST_F(ReplicatorThreadsTest, StopReturnsOnlyWhenAThreadThatIsHeldUpHasGone)
     ASSERT_EQ(m_replicator->DeleteStream("127.0.0.2"), 1);
     ASSERT_TRUE(WaitFor([&] { return watch.isEntered.load(); }));
     m_replicator->Stop();
+    EXPECT_TRUE(watch.isLeft);
     watch.isStopOver = true;
-    EXPECT_FALSE(watch.isOutlived);
-    m_replicator.reset();
-    EXPECT_FALSE(watch.isOutlived);
+    EXPECT_TRUE(WaitFor([&] { return watch.isLeft.load(); }));
 }
 
 TEST_F(ReplicatorThreadsTest, TheStatusThreadDestroysWhatWasRemoved)

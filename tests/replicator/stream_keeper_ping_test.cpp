@@ -1,6 +1,7 @@
 // Streams of receivers that ping: how they come, start, move and leave.
 #include "replicator/stream_keeper.h"
 
+#include <cerrno>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -179,7 +180,8 @@ TEST_F(StreamKeeperPingTest, AMediaStartWithoutAFreeDescriptorIsNotDoneAndTheNex
     const uint16_t portNet = htons(receiver.Port());
     CapturedOutput output;
     {
-        const NoFreeDescriptor none;
+        const FailCalls noSocket(SystemCall::OpenSocket, EMFILE);
+        const FailCalls noDuplicate(SystemCall::Duplicate, EMFILE);
         Ping("127.0.0.2", portNet, 7);
     }
     EXPECT_EQ(output.StampedErr(),
