@@ -6,8 +6,9 @@
 // Tells a reader that takes no lock whether what it copied was rebuilt meanwhile: a count that is even while
 // the record stands still and odd while it is rebuilt. It comes round after 2^31 rebuilds of one record.
 //
-// Threads: a sending thread, one at a time, calls Begin, rebuilds and calls End; the listen thread calls
-// Read, copies and asks IsStill. The words between are relaxed atomics, so that a copy may be a mixture,
+// Threads: a sending thread calls Begin, rebuilds and calls End; the listen thread calls Read, copies and asks
+// IsStill. Two sending threads meet at one record only when one of them falls a whole ring behind: what is
+// copied at that moment may be a mixture, but the count is even again when both have ended. The words between are relaxed atomics, so that a copy may be a mixture,
 // never undefined. Why no mixture passes:
 //   - Who reads an even count (acquire) sees the whole rebuild that End (release) closed, or newer words.
 //   - Begin and IsStill change the count in one step each, so one of them is first. When it is Begin, IsStill
@@ -16,10 +17,10 @@
 // A plain store in Begin would lose the second: the rebuild's words could be seen before the odd count.
 class RebuildMark {
 public:
-    void Begin() noexcept { (void)m_count.fetch_add(1, std::memory_order_acquire); }
+    void Begin() noexcept { (void)m_count.fetch_or(1, std::memory_order_acquire); }
     void End() noexcept
     {
-        m_count.store(m_count.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+        m_count.store((m_count.load(std::memory_order_relaxed) | 1) + 1, std::memory_order_release);
     }
 
     uint32_t Read() const noexcept { return m_count.load(std::memory_order_acquire); }

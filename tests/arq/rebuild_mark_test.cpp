@@ -71,4 +71,20 @@ TEST(RebuildMark, KeepsTheNextRebuildBehindACopyAsTheThreadSanitizerSees)
     EXPECT_TRUE(isStill);
 }
 
+// With an update lost between them the count would stay odd, and the record would never be sent again.
+TEST(RebuildMark, RebuildsOfTwoThreadsThatOverlapLeaveItStandingStill)
+{
+    RebuildMark mark;
+    const auto rebuild = [&] {
+        for (int i = 0; i < 200000; ++i) {
+            mark.Begin();
+            mark.End();
+        }
+    };
+    std::thread other(rebuild);
+    rebuild();
+    other.join();
+    EXPECT_TRUE(mark.IsStill(mark.Read()));
+}
+
 } // namespace
