@@ -57,6 +57,14 @@ public:
     T Load() const noexcept { return m_value.load(std::memory_order_seq_cst); }
     void Store(T value) noexcept { m_value.store(value, std::memory_order_seq_cst); }
 
+    // NOLINTNEXTLINE(google-explicit-constructor): reads like the plain word it is
+    operator T() const noexcept { return Load(); }
+    PublishedWord& operator=(T value) noexcept
+    {
+        Store(value);
+        return *this;
+    }
+
 private:
     std::atomic<T> m_value {};
     static_assert(std::atomic<T>::is_always_lock_free);

@@ -110,7 +110,8 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
 int MyArqSendCB::SendData(PacketBuffer* packet)
 {
     if (!m_bIsAlive) {
-        fprintf(stderr, "SendData:: m_bIsAlive is false\n");
+        if (!m_bHasLeft)
+            fprintf(stderr, "SendData:: m_bIsAlive is false\n");
         return 1;
     }
     m_owner.m_nTxPackets.Add(1);
@@ -120,7 +121,7 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
     m_chooser.Advance();
     if (sent >= 0)
         return 1;
-    if (!m_bCutOff)
+    if (!m_bHasLeft)
         perror("SendData failed");
     return 0;
 }
@@ -132,11 +133,17 @@ void MyArqSendCB::SendStop()
     m_chooser.Advance();
 }
 
+void MyArqSendCB::Leave()
+{
+    m_bHasLeft = true;
+    m_bIsAlive = false;
+    CutOff();
+}
+
 // A full send buffer is waited for in the kernel until half of it is empty, on a slow link for half a minute.
 // Shutting the socket down ends that wait.
 void MyArqSendCB::CutOff()
 {
-    m_bCutOff = true;
     if (!m_bOwnsSockets || m_bAdopted)
         return;
     for (const SharedSocket& socket : m_holders) {

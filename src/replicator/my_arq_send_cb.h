@@ -51,10 +51,10 @@ public:
     // nothing more is the very one that is being deleted.
     void SendStop();
 
-    // The stream is being deleted: a thread that stands in a send to it is let go at once, and what it still
-    // tries to send fails in silence. A socket that others send from too, such as a duplicate of the ping
-    // socket, is left as it is.
-    void CutOff();
+    // The stream is taken out of the table: it is no longer alive, which a fan-out that still walks over it
+    // takes in silence, and a thread that stands in a send to it is let go at once. A socket that others send
+    // from too, such as a duplicate of the ping socket, is left as it is.
+    void Leave();
 
     in_addr_t AddressNet() const { return m_nAddressNet; }
     uint16_t ConfiguredPort() const { return m_usConfiguredPort; }
@@ -65,10 +65,12 @@ public:
     bool OwnsSockets() const { return m_bOwnsSockets; }
 
     StreamLife m_life; // used under the replicator lock
-    // Datagrams are sent only while set. Changed under the replicator lock, read without it.
-    PlainWord<bool> m_bIsAlive { false };
+    // Datagrams are sent only while set. Changed under the replicator lock, read without it; set last, so that
+    // who sees it sees the socket and the port that it is for.
+    PublishedWord<bool> m_bIsAlive { false };
 
 private:
+    void CutOff();
     void SetSocket(int32_t index, SharedSocket socket);
     sockaddr_in Destination() const;
 
@@ -85,6 +87,6 @@ private:
     SocketChooser m_chooser;
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
     bool m_bAdopted = false; // the socket is a duplicate of the ping socket: one send buffer with that
-    PlainWord<bool> m_bCutOff { false }; // set under the replicator lock, read by the sending threads
+    PlainWord<bool> m_bHasLeft { false }; // set under the replicator lock, read by the sending threads
     char m_hostText[32] = ""; // the destination address in dotted form
 };

@@ -134,7 +134,6 @@ int StreamKeeper::DeleteStream(const char* text)
     if (stream == nullptr)
         return 0;
     SendStopMessages(*stream);
-    stream->CutOff();
     StopStream(*stream);
     return 1;
 }
@@ -265,9 +264,9 @@ void StreamKeeper::StopStream(MyArqSendCB& stream)
     RemoveStream(stream);
 }
 
-// Not marked dead before it is destroyed: a fan-out that still walks over it would report that for each packet.
-void StreamKeeper::RemoveStream(const MyArqSendCB& stream)
+void StreamKeeper::RemoveStream(MyArqSendCB& stream)
 {
+    stream.Leave();
     int32_t index = 0;
     if (m_table.Current().FindIndex(&stream, &index))
         m_table.Remove(index);

@@ -98,7 +98,7 @@ private:
     void AddLearnt(const Ping& ping, int pingSocket, uint32_t nowMs) REQUIRES(m_table.m_mutex);
     void VisitStream(MyArqSendCB& stream, uint32_t nowMs) REQUIRES(m_table.m_mutex);
     void StopStream(MyArqSendCB& stream) REQUIRES(m_table.m_mutex);
-    void RemoveStream(const MyArqSendCB& stream) REQUIRES(m_table.m_mutex);
+    void RemoveStream(MyArqSendCB& stream) REQUIRES(m_table.m_mutex);
 
     TransmitStats& m_owner;
     NetSyncVid& m_clock;

@@ -215,10 +215,24 @@ TEST_F(MyArqSendCBTest, AStreamWithoutSocketAndFreeDescriptorAdoptsWithTheNextPi
     EXPECT_EQ(LocalPort(stream->SocketNumber(0)), pingSocket.Port());
 }
 
-TEST_F(MyArqSendCBTest, WhatIsStillSentAfterTheCutOffFailsInSilence)
+TEST_F(MyArqSendCBTest, AStreamThatHasLeftSendsNothingAndSaysNothing)
 {
     const auto stream = MakeStream();
-    stream->CutOff();
+    stream->Leave();
+    OwnedPacket packet(Bytes { 1 });
+    CapturedOutput output;
+    EXPECT_EQ(stream->SendData(packet.Get()), 1);
+    EXPECT_EQ(output.Err(), "");
+    EXPECT_FALSE(m_receiver.HasDatagram());
+    EXPECT_EQ(m_stats.m_nTxPackets, 0U);
+}
+
+// As a thread finds it that stood in the send when the stream left.
+TEST_F(MyArqSendCBTest, ASendThatTheLeavingBreaksOffFailsInSilence)
+{
+    const auto stream = MakeStream();
+    stream->Leave();
+    stream->m_bIsAlive = true;
     OwnedPacket packet(Bytes { 1 });
     CapturedOutput output;
     EXPECT_EQ(stream->SendData(packet.Get()), 0);
@@ -226,7 +240,7 @@ TEST_F(MyArqSendCBTest, WhatIsStillSentAfterTheCutOffFailsInSilence)
     EXPECT_FALSE(m_receiver.HasDatagram());
 }
 
-TEST_F(MyArqSendCBTest, TheCutOffLeavesASocketThatOthersSendFromAsItIs)
+TEST_F(MyArqSendCBTest, LeavingSparesASocketThatOthersSendFrom)
 {
     const auto owner = MakeStream();
     auto borrower = MakeStreamWithoutSocket();
@@ -235,9 +249,10 @@ TEST_F(MyArqSendCBTest, TheCutOffLeavesASocketThatOthersSendFromAsItIs)
     const Receiver pingSocket("127.0.0.1");
     EXPECT_TRUE(adopter->AdoptSocket(pingSocket.Fd()));
     for (MyArqSendCB* stream : { owner.get(), borrower.get(), adopter.get() })
-        stream->CutOff();
+        stream->Leave();
     OwnedPacket packet(Bytes { 1 });
     for (MyArqSendCB* stream : { owner.get(), borrower.get(), adopter.get() }) {
+        stream->m_bIsAlive = true;
         EXPECT_EQ(stream->SendData(packet.Get()), 1);
         EXPECT_EQ(m_receiver.Next(), (Bytes { 1 }));
     }

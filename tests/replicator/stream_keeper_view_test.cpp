@@ -56,7 +56,7 @@ TEST_F(StreamKeeperViewTest, NothingThatComesOrGoesWaitsForAReader)
     EXPECT_EQ(Addresses(held), "127.0.0.2 127.0.0.3 127.0.0.4 127.0.0.5 ") << "its own state of the table";
 }
 
-TEST_F(StreamKeeperViewTest, WhatAReaderStillSendsToADeletedStreamFailsInSilence)
+TEST_F(StreamKeeperViewTest, AReaderThatStillMeetsADeletedStreamSendsItNothingAndSaysNothing)
 {
     const Receiver receiver("127.0.0.2", m_lease.Port());
     Add("127.0.0.2");
@@ -65,7 +65,7 @@ TEST_F(StreamKeeperViewTest, WhatAReaderStillSendsToADeletedStreamFailsInSilence
     CapturedOutput output;
     EXPECT_EQ(held.At(0).SendData(packet.Get()), 1);
     EXPECT_EQ(m_keeper.DeleteStream("127.0.0.2"), 1);
-    EXPECT_EQ(held.At(0).SendData(packet.Get()), 0);
+    EXPECT_EQ(held.At(0).SendData(packet.Get()), 1);
     EXPECT_EQ(output.StampedErr(), "<time> Stream stopped for 127.0.0.2 ID:0x00000000\n");
 }
 
