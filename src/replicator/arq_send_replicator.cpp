@@ -177,7 +177,7 @@ int ArqSendReplicator::ProcessPing(
 {
     const bool isStop = ReadStreamTag(packet->Data(), packet->Length()).isLeave;
     const int pingSocket = m_pPingListener ? m_pPingListener->Socket() : -1;
-    m_keeper->ServePing({ addressNet, portNet, streamId, isStop }, pingSocket, GetSteadyMs());
+    m_keeper->ServePing({ addressNet, portNet, streamId, isStop }, pingSocket, m_pSocketGroup->HeardMs());
     return 1;
 }
 

@@ -64,7 +64,7 @@ void ArqSendReplicator::KeepAlive(void* replicator)
     auto* self = static_cast<ArqSendReplicator*>(replicator);
     uint32_t dueMs = GetSteadyMs();
     for (int32_t place = 0; self->m_bRunning; place = (place + 1) % StreamLife::PLACES) {
-        self->m_keeper->VisitPlace(place, GetSteadyMs());
+        self->m_keeper->VisitPlace(place, self->m_pSocketGroup->HeardMs());
         (void)SleepMs(SleepBeforeVisit(&dueMs, GetSteadyMs()));
     }
 }

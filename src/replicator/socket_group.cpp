@@ -79,8 +79,15 @@ void SocketGroup::Listen(void* group)
     (void)SleepMs(SETTLE_MS);
     if (self->m_listeners == Listeners {})
         self->m_bRunning = false;
-    while (self->m_bRunning)
+    while (self->m_bRunning) {
+        self->m_heard.OnRound(GetSteadyMs());
         ServeListeners(self->m_listeners);
+    }
+}
+
+uint32_t SocketGroup::HeardMs() const
+{
+    return m_heard.Now(GetSteadyMs());
 }
 
 bool InitListeners(const SocketGroup::Listeners& listeners)

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 
 #include "base/plain_word.h"
+#include "replicator/heard_clock.h"
 #include "replicator/thread_crew.h"
 
 class SocketListener;
@@ -10,7 +12,7 @@ class SocketListener;
 // Serves up to two listeners from one listen thread.
 //
 // Threads: SetListener, Start and Stop are called by the owner, SetListener only while the thread does not
-// run; the listen thread alone uses the listeners in between.
+// run; the listen thread alone uses the listeners in between. Anyone calls HeardMs.
 class SocketGroup {
 public:
     static constexpr int POSITIONS = 2;
@@ -31,6 +33,9 @@ public:
     // not run.
     bool Stop();
 
+    // The time by which silence is measured; see HeardClock.
+    uint32_t HeardMs() const;
+
 private:
     // The listen thread: initialises the listeners, then serves them until the group is stopped. Ends
     // alone when a listener cannot be made usable.
@@ -39,6 +44,7 @@ private:
     PlainWord<bool> m_bRunning { false }; // the owner sets and clears it, the listen thread polls it
     ThreadCrew m_crew;
     Listeners m_listeners {};
+    HeardClock m_heard;
 };
 
 // Makes the listeners usable, in order. False, with a message, at the first that cannot be.

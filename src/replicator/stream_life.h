@@ -3,7 +3,7 @@
 #include <cstdint>
 
 // The rules of a receiver's stream: when its media start, move, resume, and when it has been silent for too
-// long. It only decides; whoever calls it carries the verdict out. Times are steady milliseconds modulo 2^32.
+// long. It only decides; whoever calls it carries the verdict out. Times are milliseconds of HeardClock.
 //
 // Threads: none of its own; used under the replicator lock.
 class StreamLife {
