@@ -28,7 +28,7 @@ private:
 
     PlainWord<int32_t> m_nCount { 1 };
     PlainWord<int32_t> m_nCurrent { 0 };
-    PlainWord<uint8_t> m_bSplit { 0 };
+    PlainWord<bool> m_bSplit { false };
     PlainWord<int32_t> m_nWeight0 { 0 };
     PlainWord<int32_t> m_nWeight1 { 0 };
     PlainWord<int32_t> m_nCredit0 { 0 };

@@ -6,19 +6,18 @@ void ReceiveStats::Reset()
 {
     m_nRxLoss = 0;
     m_nRxPackets = 0;
-    m_bFirstRxPacket = 1;
+    m_bFirstRxPacket = true;
 }
 
 void ReceiveStats::CountSequence(uint16_t seq)
 {
     if (m_bFirstRxPacket) {
         m_usExpectedSeq = seq;
-        m_bFirstRxPacket = 0;
+        m_bFirstRxPacket = false;
     }
     const int16_t gap = SeqDiff(seq, m_usExpectedSeq);
     if (gap > 0)
-        m_nRxLoss.Store(
-            static_cast<int32_t>(static_cast<uint32_t>(m_nRxLoss.Load()) + static_cast<uint32_t>(gap)));
+        m_nRxLoss.Add(gap);
     m_usExpectedSeq = static_cast<uint16_t>(seq + 1);
 }
 

@@ -11,7 +11,7 @@ struct ReceiveStats {
     PlainWord<uint32_t> m_nRxBytes; // payload bytes since the last sample
     PlainWord<uint32_t> m_nRxBitrate; // bit/s, at the last sample
     PlainWord<uint64_t> m_nRxPackets; // packets accepted while running
-    PlainWord<uint8_t> m_bFirstRxPacket; // the next RTP packet sets the base
+    PlainWord<bool> m_bFirstRxPacket; // the next RTP packet sets the base
     PlainWord<uint16_t> m_usExpectedSeq; // next RTP sequence number
 
     // Zeroes loss and packets and lets the next packet set the base: no gap is counted across a reset.

@@ -156,7 +156,7 @@ TEST_F(CommandsTest, EachResetClearsItsOwnCounters)
         Rx().m_nRxPackets = 1;
         Rx().m_nRxLoss = 2;
         Rx().m_nRxBitrate = 3;
-        Rx().m_bFirstRxPacket = 0;
+        Rx().m_bFirstRxPacket = false;
         Tx().m_nTxPackets = 4;
         Tx().m_nTxBitrate = 5;
     };
