@@ -1,12 +1,14 @@
 #include "arq/built_packet.h"
 
+#include "base/rtp.h"
+
 namespace {
 
 void PointTo(PacketBuffer& record, MediaHeader& header, uint8_t* payload, int32_t length)
 {
     record.partCount = 2;
     record.parts[0] = reinterpret_cast<uint8_t*>(&header);
-    record.partLengths[0] = MEDIA_HEADER_BYTES;
+    record.partLengths[0] = RTP_HEADER_BYTES;
     record.parts[1] = payload;
     record.partLengths[1] = length;
 }

@@ -5,7 +5,7 @@
 
 // The first bytes of a packet as the RTP header that stands there. The only place where packet data is
 // taken for a MediaHeader: alignment 1 and relaxed byte accesses make that right for any address, and
-// every piece of memory that a packet's part 0 points to holds at least MEDIA_HEADER_BYTES, however short
+// every piece of memory that a packet's part 0 points to holds at least RTP_HEADER_BYTES, however short
 // the datagram in it is.
 inline MediaHeader& HeaderOf(const PacketBuffer& packet)
 {

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "base/byte_order.h"
+#include "base/rtp.h"
 
 // Every record that travels between this proxy and its receivers, member by member in wire order.
 // Byte orders are mixed on purpose, receivers depend on it: the type of each member tells its own.
@@ -21,11 +22,9 @@ struct MediaHeader {
     Be32 timestamp; // 90 kHz ticks of the first sending
     Host32 ssrc; // not swapped: receivers compare it as we store it
 };
-static_assert(sizeof(MediaHeader) == 12 && alignof(MediaHeader) == 1);
+static_assert(sizeof(MediaHeader) == RTP_HEADER_BYTES && alignof(MediaHeader) == 1);
 static_assert(offsetof(MediaHeader, seq) == 2 && offsetof(MediaHeader, timestamp) == 4);
 static_assert(offsetof(MediaHeader, ssrc) == 8);
-
-constexpr int32_t MEDIA_HEADER_BYTES = sizeof(MediaHeader);
 
 // Prefixes that a receiver may put before what it sends; each is recognised in either byte order.
 constexpr uint32_t STREAM_TAG_MAGIC = 0xBABEFACE; // the next word is the receiver's stream ID

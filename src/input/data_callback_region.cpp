@@ -1,9 +1,10 @@
 #include "input/data_callback_region.h"
 
+#include "base/rtp.h"
+
 DataRegion CallbackRegion(int32_t received, int32_t previousLength)
 {
     constexpr int32_t TS_PACKET_BYTES = 188;
-    constexpr int32_t RTP_HEADER_BYTES = 12;
     if (received % TS_PACKET_BYTES == 0)
         return { 0, previousLength };
     if ((received - RTP_HEADER_BYTES) % TS_PACKET_BYTES == 0)

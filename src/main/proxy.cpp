@@ -6,7 +6,7 @@
 #include <ctime>
 #include <new>
 
-#include "arq/wire.h"
+#include "base/rtp.h"
 #include "control/control_thread.h"
 #include "input/udp_input.h"
 #include "main/proxy_context.h"
@@ -151,7 +151,7 @@ void Proxy::CreatePacer()
     fprintf(stderr, "Pacing bit rate %d\n", m_settings.pacingBitrate);
     pacer.SetPacingRate(static_cast<uint32_t>(m_settings.pacingBitrate));
     // Headers of RTP input are not charged against the rate.
-    pacer.SetHeaderBytes(m_context.udpInputMode != 0 ? 0 : MEDIA_HEADER_BYTES);
+    pacer.SetHeaderBytes(m_context.udpInputMode != 0 ? 0 : RTP_HEADER_BYTES);
     (void)pacer.Start();
 }
 

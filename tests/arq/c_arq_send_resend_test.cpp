@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <initializer_list>
 
+#include "base/rtp.h"
 #include "support/engine_fixture.h"
 
 using test_support::Bytes;
@@ -40,7 +41,7 @@ TEST_F(ArqResendTest, ARetransmissionHasPayloadType122AndKeepsItsMarker)
 // Its header is what the slice holds behind it. The slice is the pool's last: nothing may be read past it.
 TEST_F(ArqResendTest, APacketShorterThanAHeaderIsSentAgainWithItsLength)
 {
-    for (int32_t length = 0; length < MEDIA_HEADER_BYTES; ++length) {
+    for (int32_t length = 0; length < RTP_HEADER_BYTES; ++length) {
         MakeEngine();
         const auto pool = PacketBufferPool::createDefault(1);
         PacketBuffer* packet = test_support::TakeFilled(*pool, RtpPacket(5, NOW));

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "arq/c_arq_send.h"
+#include "base/rtp.h"
 #include "support/acting_clock.h"
 #include "support/recording_callback.h"
 #include "support/test_packets.h"
@@ -50,7 +51,7 @@ protected:
     // Sends a packet of `size` bytes in all for the first time, `timestamp` being its time of sending.
     TestPacket& Store(uint16_t seq, uint32_t timestamp = NOW, size_t size = 100)
     {
-        m_packets.push_back(MakePacket(RtpPacket(seq, timestamp, size - MEDIA_HEADER_BYTES)));
+        m_packets.push_back(MakePacket(RtpPacket(seq, timestamp, size - RTP_HEADER_BYTES)));
         m_pEngine->StoreSent(m_packets.back()->Get());
         return *m_packets.back();
     }
