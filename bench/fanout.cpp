@@ -52,8 +52,8 @@ struct Engine {
     explicit Engine(bool headerBuilding) : clock(status, CLOCK_WINDOW)
     {
         bool ok = true;
-        engine = new CArqSend(
-            ok, &clock, &callback, 2, 200, RING_SIZE, BIT_RATE, headerBuilding); // owned by the callback
+        // Owned by the callback.
+        engine = new CArqSend(ok, &clock, &callback, 2, 200, RING_SIZE, BIT_RATE, headerBuilding);
         if (!ok)
             GiveUp("memory is short");
     }

@@ -16,8 +16,8 @@ ssize_t SendTwoPieces(int fd, const PacketBuffer& packet, const sockaddr_in& des
 {
     iovec pieces[2] = { Piece(packet, 0), Piece(packet, 1) };
     msghdr message {};
-    message.msg_name
-        = const_cast<sockaddr_in*>(&destination); // the interface is not const, the call only reads
+    // The interface is not const, the call only reads.
+    message.msg_name = const_cast<sockaddr_in*>(&destination);
     message.msg_namelen = sizeof(destination);
     message.msg_iov = pieces;
     message.msg_iovlen = 2;

@@ -6,8 +6,8 @@ bool ReadSections::IsPeriodOver()
         const unsigned closedSide = 1 - m_nOpenSide.load();
         if (m_readers[closedSide].load() != 0)
             return false;
-        m_nOpenSide.store(
-            closedSide); // newcomers go to the empty side; the other one runs empty from here on
+        // Newcomers go to the empty side; the other one runs empty from here on.
+        m_nOpenSide.store(closedSide);
     }
     return true;
 }
