@@ -44,7 +44,7 @@ private:
 };
 
 // A word that hands over what was written before it: a reader that sees the new value sees all of that
-// too. Sequentially consistent, because the removal of a stream (ReadSection) relies on one order of
+// too. Sequentially consistent, because the removal of a stream (ReadSections) relies on one order of
 // "new state published" and "reader entered"; a load costs no more than a plain one on the target machines.
 template <typename T>
 class PublishedWord {
