@@ -39,9 +39,13 @@ bool ThreadCrew::Start(Entry entry, void* argument)
 // The count is the last thing a thread touches here.
 void* ThreadCrew::Run(void* start)
 {
-    const std::unique_ptr<CrewStart> owned(static_cast<CrewStart*>(start));
-    owned->entry(owned->argument);
-    owned->running->fetch_sub(1);
+    std::atomic<int>* running = nullptr;
+    {
+        const std::unique_ptr<CrewStart> owned(static_cast<CrewStart*>(start));
+        running = owned->running;
+        owned->entry(owned->argument);
+    }
+    running->fetch_sub(1);
     return nullptr;
 }
 
