@@ -11,9 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "base/unique_fd.h"
-#include "control/temp_root.h"
 #include "control/unix_address.h"
 #include "support/allocation_hooks.h"
+#include "support/temp_root.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include "control/control_context.h"
 #include "control/control_thread.h"
 #include "control/status_poll.h"
-#include "control/temp_root.h"
 #include "support/captured_output.h"
 #include "support/no_free_descriptor.h"
+#include "support/temp_root.h"
 
 namespace {
 

@@ -14,11 +14,11 @@
 #include <gtest/gtest.h>
 
 #include "control/control_context.h"
-#include "control/temp_root.h"
 #include "control/unix_address.h"
 #include "support/high_descriptor.h"
 #include "support/replicator_fixture.h"
 #include "support/system_hooks.h"
+#include "support/temp_root.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 
 #include "base/byte_order.h"
 #include "control/control_context.h"
-#include "control/temp_root.h"
 #include "control/unix_address.h"
 #include "pacing/ms_clock.h"
 #include "support/replicator_fixture.h"
+#include "support/temp_root.h"
 
 namespace {
 

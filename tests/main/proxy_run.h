@@ -18,13 +18,13 @@
 
 #include "arq/arq_settings.h"
 #include "base/unique_fd.h"
-#include "control/temp_root.h"
 #include "main/instance_lock.h"
 #include "main/proxy.h"
 #include "main/proxy_context.h"
 #include "support/captured_output.h"
 #include "support/loopback.h"
 #include "support/system_hooks.h"
+#include "support/temp_root.h"
 
 namespace test_support {
 
