@@ -21,6 +21,7 @@
 #include "input/packet_buffer.h"
 #include "input/packet_queue.h"
 #include "replicator/arq_send_replicator.h"
+#include "replicator/default_settings.h"
 #include "replicator/stream_table.h"
 #include "support/child.h"
 #include "support/media.h"
@@ -30,7 +31,6 @@
 namespace {
 
 constexpr uint32_t RING_SIZE = 4096;
-constexpr uint32_t BIT_RATE = 50000000;
 constexpr uint32_t CLOCK_WINDOW = 32;
 constexpr uint32_t POOL_SIZE = RING_SIZE + 1024;
 
@@ -53,7 +53,8 @@ struct Engine {
     {
         bool ok = true;
         // Owned by the callback.
-        engine = new CArqSend(ok, &clock, &callback, 2, 200, RING_SIZE, BIT_RATE, headerBuilding);
+        engine = new CArqSend(
+            ok, &clock, &callback, 2, 200, RING_SIZE, DEFAULT_GROSS_MEDIA_BITRATE, headerBuilding);
         if (!ok)
             GiveUp("memory is short");
     }

@@ -2,11 +2,13 @@
 
 #include <cstdint>
 
+#include "replicator/default_settings.h"
+
 struct ProxyContext;
 
 // What the command line gives besides the run context.
 struct MainSettings {
-    uint16_t stream1Percent = 50; // share of the first of two interfaces
+    uint16_t stream1Percent = DEFAULT_STREAM1_PERCENT; // share of the first of two interfaces
     uint16_t nStreams = 0; // interfaces per configured stream; 0: leave it to routing
     int32_t pacingBitrate = 0; // bit/s; pacing is on from 1
     bool loadLibrary = false; // without a password

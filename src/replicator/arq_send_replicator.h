@@ -35,7 +35,7 @@ public:
         const char* destAddress = nullptr; // destinations, separated by ","; may be null or empty
         bool udpInputMode = false; // the input has no RTP headers: build them
         int32_t nStreams = 0; // interfaces per configured stream; 0: leave it to routing
-        uint32_t stream1Percent = 50; // share of the first of two interfaces
+        uint32_t stream1Percent = DEFAULT_STREAM1_PERCENT; // share of the first of two interfaces
         int32_t grossMediaBitrate = DEFAULT_GROSS_MEDIA_BITRATE; // bit/s; bounds what one request sends again
         uint16_t unicastUdpPort = 0; // with a multicast destination: the port for unicast receivers
         int32_t instance = 1;

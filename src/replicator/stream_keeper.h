@@ -33,7 +33,7 @@ public:
     struct Settings {
         uint16_t arqRequestPort = DEFAULT_ARQ_REQUEST_PORT;
         uint16_t destPort = DEFAULT_DEST_PORT; // where media go and pings arrive
-        uint32_t stream1Percent = 50; // share of the first of two interfaces
+        uint32_t stream1Percent = DEFAULT_STREAM1_PERCENT; // share of the first of two interfaces
         int32_t grossMediaBitrate = DEFAULT_GROSS_MEDIA_BITRATE; // bit/s; bounds what one request sends again
         bool udpInputMode = false; // the engines build RTP headers
     };

@@ -8,6 +8,7 @@
 
 #include "arq/c_arq_send.h"
 #include "control/impairment.h"
+#include "replicator/default_settings.h"
 #include "replicator/fan_out.h"
 #include "replicator/my_arq_send_cb.h"
 #include "replicator/stream_table.h"
@@ -45,11 +46,10 @@ protected:
     }
     std::unique_ptr<MyArqSendCB> Finish(std::unique_ptr<MyArqSendCB> stream)
     {
-        constexpr uint32_t BIT_RATE = 50000000;
         bool ok = true;
-        // The engine puts itself into the stream, which owns it from then on.
-        (void)new CArqSend(ok, &m_clock, stream.get(), 2, 200, SmallRings::PACKETS, BIT_RATE, // NOLINT
-            m_input == Input::Udp);
+        // NOLINTNEXTLINE: the engine puts itself into the stream, which owns it from then on.
+        (void)new CArqSend(ok, &m_clock, stream.get(), 2, 200, SmallRings::PACKETS,
+            DEFAULT_GROSS_MEDIA_BITRATE, m_input == Input::Udp);
         EXPECT_TRUE(ok);
         stream->OpenSocket();
         stream->m_bIsAlive = true;
