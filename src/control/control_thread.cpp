@@ -107,8 +107,10 @@ void ServeClient(ControlContext& context, int client)
 UniqueFd AcceptClient(int listener)
 {
     UniqueFd client(accept(listener, nullptr, nullptr));
-    const bool isGone = errno == EAGAIN || errno == ECONNABORTED; // where there is no client
-    if (!client.IsValid() && !isGone)
+    if (client.IsValid())
+        return client;
+    const bool isGone = errno == EAGAIN || errno == ECONNABORTED;
+    if (!isGone)
         (void)SleepMs(WAIT_MS);
     return client;
 }
