@@ -73,7 +73,7 @@ def test_a_receiver_that_pings_every_2_s_stays_and_a_silent_one_is_suspended_and
 
     def limit():
         """What is too long. The proxy sleeps in turns as the measuring thread does, and comes as late."""
-        return LONGEST_SECONDS + SLACK_SECONDS + 3 * lateness.seconds
+        return LONGEST_SECONDS + SLACK_SECONDS + lateness.allowed()
 
     def watch():
         nonlocal next_pings, removed_after, moving

@@ -12,7 +12,7 @@ import pytest
 from txproxy import control
 from txproxy.model_receiver import STOP_MAGIC, tag, wait_bound
 from txproxy.receiver import udp_socket
-from txproxy.waiting import scaled, wait_until
+from txproxy.waiting import Lateness, wait_until
 
 STATIC = "127.0.0.1"
 PROXY_ADDRESS = "127.0.0.99"
@@ -27,7 +27,8 @@ SELDOM_SECONDS = 4.9
 SHORTEST_SECONDS = 5.0
 LONGEST_SECONDS = 10.0
 EARLY_SECONDS = 0.2  # a ping is on its way, and a line is read, for a moment
-SLOW_MACHINE_SECONDS = 1.0  # 100 sleeps of 100 ms are never exact
+TURN_SECONDS = 0.1  # the proxy's sleep between two looks
+SLACK_SECONDS = 1.0  # 100 sleeps of 100 ms are never exact, on an idle machine either
 LATE_PING_SECONDS = 0.05
 
 
@@ -111,10 +112,11 @@ class Table:
         self.wait(lambda: time.monotonic() >= self.began + seconds, f"{seconds} s", timeout=seconds + 1)
 
     def check_kept(self):
-        """Nobody who pinged in time was suspended."""
+        """Nobody who pinged in time was suspended, and there were such."""
         in_time = {
             member.address for member in self.kept if member.longest_gap <= SELDOM_SECONDS + LATE_PING_SECONDS
         }
+        assert in_time, "the machine let every single member ping too late"
         assert in_time & set(self.suspended()) == set()
         assert in_time <= set(self.listed())
 
@@ -145,23 +147,24 @@ def test_receivers_that_ping_stay_while_others_leave_and_join_around_them(table)
     assert STATIC in table.listed()
 
 
-def test_of_40_receivers_that_fall_silent_together_each_is_gone_in_5_to_10_s_and_nobody_else(table):
+def test_of_40_receivers_that_fall_silent_together_each_is_gone_in_5_to_10_s_and_nobody_else(table, closing):
     for guest in table.guests:
         guest.ping()
     silent = {guest.address: guest.last_ping for guest in table.guests}
     gone_after = {}
+    lateness = closing(Lateness(TURN_SECONDS))
 
     def all_are_gone():
         now = time.monotonic()
         for address in table.suspended():
             if address in silent:
                 gone_after.setdefault(address, now - silent[address])
-        longest = LONGEST_SECONDS + scaled(SLOW_MACHINE_SECONDS)
+        longest = LONGEST_SECONDS + SLACK_SECONDS + lateness.allowed()
         late = [address for address, ping in silent.items() if address not in gone_after and now - ping > longest]
         assert not late, f"{len(late)} receivers live after {longest} s of silence"
         return len(gone_after) == len(silent)
 
-    table.wait(all_are_gone, "the end of all who are silent", timeout=LONGEST_SECONDS + 5)
+    table.wait(all_are_gone, "the end of all who are silent", timeout=3 * LONGEST_SECONDS)
     assert min(gone_after.values()) >= SHORTEST_SECONDS - EARLY_SECONDS
     table.check_kept()
     assert set(table.listed()) <= {STATIC} | {member.address for member in table.kept}

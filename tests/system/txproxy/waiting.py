@@ -43,6 +43,10 @@ class Lateness:
             time.sleep(self._turn_seconds)
             self.seconds += time.monotonic() - begin - self._turn_seconds
 
+    def allowed(self):
+        """How much later a program may be that sleeps in such turns: chance may treat it worse than this thread."""
+        return 3 * self.seconds
+
     def close(self):
         self._running = False
         self._thread.join()
