@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <ctime>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +37,30 @@ TEST(GetTimeMs, IsTheWallClock)
     (void)gettimeofday(&after, nullptr);
     EXPECT_GE(TicksSince(now, TimeMs(before)), 0);
     EXPECT_GE(TicksSince(TimeMs(after), now), 0);
+}
+
+uint32_t MonotonicMs()
+{
+    timespec now {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(uint64_t(now.tv_sec) * 1000U + uint64_t(now.tv_nsec) / 1000000U);
+}
+
+TEST(GetSteadyMs, IsTheClockThatNobodySetsModuloTwoToThe32)
+{
+    const uint32_t before = MonotonicMs();
+    const uint32_t now = GetSteadyMs();
+    const uint32_t after = MonotonicMs();
+    EXPECT_GE(TicksSince(now, before), 0);
+    EXPECT_GE(TicksSince(after, now), 0);
+}
+
+TEST(GetSteadyMs, CountsTheMillisecondsOfASleep)
+{
+    constexpr uint32_t SLEEP_MS = 30;
+    const uint32_t before = GetSteadyMs();
+    EXPECT_TRUE(SleepMs(SLEEP_MS));
+    EXPECT_GE(TicksSince(GetSteadyMs(), before), static_cast<int32_t>(SLEEP_MS));
 }
 
 volatile std::sig_atomic_t alarms = 0;
