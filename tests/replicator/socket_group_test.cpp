@@ -183,6 +183,37 @@ TEST_F(ServeListenersTest, AClosedDescriptorNeitherEndsTheWaitNorKeepsTheOtherFr
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(WAITS));
 }
 
+// What is pending on a socket that is connected, as one at a port that is closed again can be.
+TEST_F(ServeListenersTest, AnErrorOnASocketIsReadLikeADatagramAndPassedToNobody)
+{
+    ASSERT_TRUE(InitListeners({ &m_listener0, nullptr }));
+    const int fd = m_listener0.Socket();
+    const sockaddr_in nobody = SocketAddress("127.0.0.1", m_lease1.Port());
+    ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&nobody), sizeof(nobody)), 0);
+    ASSERT_EQ(send(fd, "", 0, 0), 0);
+    pollfd wanted { fd, POLLIN, 0 };
+    ASSERT_EQ(poll(&wanted, 1, LONGEST_WAIT_MS), 1);
+    ASSERT_EQ(wanted.revents, POLLERR);
+    ServeListeners({ &m_listener0, nullptr });
+    EXPECT_EQ(poll(&wanted, 1, 0), 0) << "it would end every wait at once";
+    EXPECT_EQ(m_listener0.m_packets, 0);
+}
+
+TEST_F(ServeListenersTest, AWaitThatFailsIsSleptThroughInstead)
+{
+    ASSERT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
+    Send(m_lease0);
+    for (const int error : { ENOMEM, EINTR }) {
+        const FailCalls polls(SystemCall::Poll, error);
+        ServeListeners({ &m_listener0, &m_listener1 });
+        EXPECT_EQ(polls.Count(), 1);
+        EXPECT_EQ(m_listener0.m_packets, 0);
+    }
+    EXPECT_EQ(m_waits.SleepsMs(), (Times { 250, 250 }));
+    ServeListeners({ &m_listener0, &m_listener1 });
+    EXPECT_EQ(m_listener0.m_packets, 1);
+}
+
 // ---- The listen thread
 
 TEST_F(SocketGroupTest, BothListenersAreServedUntilStop)

@@ -48,7 +48,7 @@ struct Failing {
     std::function<void()> onFailure {};
 };
 
-thread_local Failing failing[4];
+thread_local Failing failing[5];
 
 Failing& Of(SystemCall call)
 {
@@ -146,6 +146,8 @@ int __wrap_nanosleep(const timespec* time, timespec* left)
 
 int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs)
 {
+    if (count != 0 && FailWithErrno(SystemCall::Poll) != 0)
+        return -1;
     if (cutters == 0 || count == 0)
         return __real_poll(wanted, count, timeoutMs);
     return __real_poll(wanted, count, NotePoll(timeoutMs) ? std::min(timeoutMs, 1) : timeoutMs);
@@ -204,6 +206,17 @@ std::vector<uint32_t> ShortWaits::SleepsMs(uint32_t shortestMs) const
             own.push_back(sleep.ms);
     }
     return own;
+}
+
+std::vector<uint32_t> ShortWaits::OthersSleepsMs() const
+{
+    const std::lock_guard<std::mutex> lock(notesMutex);
+    std::vector<uint32_t> others;
+    for (const Sleep& sleep : sleeps) {
+        if (sleep.thread != std::this_thread::get_id())
+            others.push_back(sleep.ms);
+    }
+    return others;
 }
 
 std::set<uint32_t> ShortWaits::AnySleepsMs(uint32_t shortestMs) const

@@ -7,8 +7,9 @@
 
 namespace test_support {
 
-// What FailCalls can make fail; each stands for one function of the C library.
-enum class SystemCall { CreateThread, OpenSocket, Duplicate, LookUpHost };
+// What FailCalls can make fail; each stands for one function of the C library. Polls without descriptors never
+// fail and are not counted.
+enum class SystemCall { CreateThread, OpenSocket, Duplicate, LookUpHost, Poll };
 
 // Makes calls of one kind by the calling thread fail with an error number, from the first-th to the last-th
 // after the object was made. One at a time a kind and thread.
@@ -50,6 +51,8 @@ public:
     // The sleeps of the calling thread so far, in milliseconds and in order; those that are shorter are left
     // out.
     std::vector<uint32_t> SleepsMs(uint32_t shortestMs = 2) const;
+    // Likewise the sleeps of all other threads together, the shortest ones too.
+    std::vector<uint32_t> OthersSleepsMs() const;
     // Lengths that any thread's sleeps were to have.
     std::set<uint32_t> AnySleepsMs(uint32_t shortestMs = 2) const;
     // Time-outs that the polls which were cut were to have, those without descriptors left out.
