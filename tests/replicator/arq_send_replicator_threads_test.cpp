@@ -1,10 +1,16 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -118,6 +124,40 @@ TEST_F(ThreadStepsTest, AStartWhoseListenThreadTheSystemRefusesFailsAndMakesNoOt
     EXPECT_EQ(output.Err(), "ArqSendReplicator::Start: SocketGroup::Start() failed");
 }
 
+// Tells when it is destroyed: the status thread has begun then and has not come to its first sample.
+class ReportingEngine : public RecordingEngine {
+public:
+    explicit ReportingEngine(std::function<void()> atEnd) : m_atEnd(std::move(atEnd)) {}
+    ~ReportingEngine() override { m_atEnd(); }
+
+private:
+    std::function<void()> m_atEnd;
+};
+
+TEST_F(ThreadStepsTest, TheStatusThreadForgetsWhatWasCountedBeforeItStarted)
+{
+    auto& rx = const_cast<ReceiveStats&>(m_replicator->RxStats());
+    auto& tx = const_cast<TransmitStats&>(m_replicator->TxStats());
+    std::atomic<bool> isOver { false };
+    uint32_t rxBytes = 1;
+    uint32_t txBytes = 1;
+    const CapturedOutput output;
+    ASSERT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+    Stream(0).m_pEngine = std::make_unique<ReportingEngine>([&] {
+        rxBytes = rx.m_nRxBytes;
+        txBytes = tx.m_nTxBytes;
+        isOver = true;
+    });
+    ASSERT_EQ(m_replicator->DeleteStream("127.0.0.2"), 1);
+    rx.m_nRxBytes = 125000;
+    tx.m_nTxBytes = 250000;
+    ASSERT_TRUE(m_replicator->Start());
+    ASSERT_TRUE(WaitFor([&] { return isOver.load(); }));
+    EXPECT_EQ(rxBytes, 0U);
+    EXPECT_EQ(txBytes, 0U);
+    m_replicator->Stop();
+}
+
 // The running threads.
 
 // Their sleeps are cut; what they wait for is still there.
@@ -125,6 +165,99 @@ class ReplicatorThreadsTest : public ReplicatorTest {
 protected:
     ShortWaits m_waits;
 };
+
+using Times = std::vector<uint32_t>;
+
+// What is left of `times` without the one sleep of a listen thread before it serves.
+Times WithoutSettling(Times times)
+{
+    const auto settling = std::find(times.begin(), times.end(), 50U);
+    if (settling != times.end())
+        times.erase(settling);
+    return times;
+}
+
+TEST_F(ReplicatorThreadsTest, StopWaits600MsForTheListenThreadAndThen200ForTheOthers)
+{
+    const CapturedOutput output;
+    (void)Build();
+    EXPECT_EQ(m_waits.SleepsMs(), Times());
+    m_replicator->Stop();
+    EXPECT_EQ(m_waits.SleepsMs(), (Times { 600, 200 }));
+}
+
+TEST_F(ReplicatorThreadsTest, TheStatusThreadSleepsASecondInSlicesOf100Ms)
+{
+    constexpr int FIRST_SAMPLES = 3;
+    m_settings.arqRequestPort = m_settings.destPort; // without a keep-alive thread
+    const CapturedOutput output;
+    auto& rx = const_cast<ReceiveStats&>(Build().RxStats());
+    for (int i = 0; i < FIRST_SAMPLES; ++i) {
+        rx.m_nRxBitrate = 1;
+        ASSERT_TRUE(WaitFor([&] { return rx.m_nRxBitrate == 0; }));
+    }
+    const Times times = WithoutSettling(m_waits.OthersSleepsMs());
+    EXPECT_GE(times.size(), 10U * FIRST_SAMPLES);
+    EXPECT_EQ(times, Times(times.size(), 100));
+}
+
+// Each look is due 100 ms after the one before. Here the sleeps are cut: the clock falls behind, so that each
+// sleep is longer than the last one by what is left of 100 ms.
+TEST_F(ReplicatorThreadsTest, TheKeepAliveThreadLooksAtOnePlaceEvery100Ms)
+{
+    constexpr int STATUS = 3; // is the third thread
+    const CapturedOutput output;
+    {
+        const FailCalls failing(SystemCall::CreateThread, EAGAIN, STATUS, STATUS);
+        (void)Build();
+    }
+    Times times;
+    ASSERT_TRUE(WaitFor([&] {
+        times = WithoutSettling(m_waits.OthersSleepsMs());
+        return std::any_of(times.begin(), times.end(), [](uint32_t ms) { return ms > 200; });
+    }));
+    uint32_t last = 0;
+    for (const uint32_t ms : times) {
+        ASSERT_LE(ms, last + 100) << "after " << last;
+        last = ms;
+    }
+}
+
+// Counts what it is given and notes in which buffers it came.
+class BufferNotingEngine : public RecordingEngine {
+public:
+    uint32_t ProcessBuffer(PacketBuffer* packet) override
+    {
+        m_buffers.push_back(packet->Data());
+        ++m_nCount;
+        return 1;
+    }
+
+    std::vector<const uint8_t*> m_buffers; // the listen thread's while that runs
+    std::atomic<size_t> m_nCount { 0 };
+};
+
+TEST_F(ReplicatorThreadsTest, TheRequestListenerUsesABufferAgainAfter1024Datagrams)
+{
+    constexpr size_t BUFFERS = 1024;
+    Receiver receiver("127.0.0.2");
+    const CapturedOutput output;
+    (void)Build();
+    ASSERT_EQ(m_replicator->AddStream("127.0.0.2", 0), 1);
+    auto owned = std::make_unique<BufferNotingEngine>();
+    BufferNotingEngine& engine = *owned;
+    Stream(0).m_pEngine = std::move(owned);
+    ASSERT_EQ(m_replicator->AddStream("127.0.0.3", 0), 1); // shows the listen thread the new engine
+    for (size_t sent = 1; sent <= 2 * BUFFERS; ++sent) {
+        receiver.SendTo("127.0.0.1", m_requestLease.Port(), { 1 });
+        ASSERT_TRUE(WaitFor([&] { return engine.m_nCount == sent; }));
+    }
+    m_replicator->Stop();
+    const auto& buffers = engine.m_buffers;
+    const auto secondRound = buffers.begin() + BUFFERS;
+    EXPECT_EQ(std::set<const uint8_t*>(buffers.begin(), secondRound).size(), BUFFERS);
+    EXPECT_TRUE(std::equal(buffers.begin(), secondRound, secondRound, buffers.end()));
+}
 
 TEST_F(ReplicatorThreadsTest, PingsAndRequestsArriveThroughTheSockets)
 {
