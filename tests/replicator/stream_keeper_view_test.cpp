@@ -120,4 +120,30 @@ TEST_F(StreamKeeperViewTest, WhileTooManyWaitToBeDestroyedNobodyJoinsAndEverybod
     EXPECT_EQ(List(), "127.0.0.4");
 }
 
+// In a full table, too many that wait show only when a place has become free.
+TEST_F(StreamKeeperViewTest, AFullTableIsWhatARefusedStreamIsToldWhenTooManyWaitAsWell)
+{
+    const StreamTable::View held(m_keeper.Table());
+    uint32_t id = 1;
+    for (; m_keeper.Table().Waiting() < StreamTable::MAX_WAITING - StreamTable::MAX_STREAMS; ++id) {
+        PingQuietly("127.0.0.3", PORT_A, id);
+        LeaveQuietly("127.0.0.3", id);
+    }
+    for (; Count() < StreamTable::MAX_STREAMS; ++id) {
+        PingQuietly("127.0.0.3", PORT_A, id);
+        ASSERT_TRUE(Has(id));
+    }
+    CapturedOutput output;
+    Ping("127.0.0.3", PORT_A, 0x1234ABCD);
+    EXPECT_EQ(m_keeper.AddStream("127.0.0.4", 0), 0);
+    EXPECT_EQ(output.StampedErr(),
+        "<time> Stream not added, no more available streams, ID:0x1234abcd\n"
+        "<time> Stream not added, no more available streams, ID:0x00000000\n");
+    LeaveQuietly("127.0.0.3", id - 1);
+    CapturedOutput next;
+    Ping("127.0.0.3", PORT_A, 0x1234ABCD);
+    EXPECT_EQ(
+        next.StampedErr(), "<time> Stream not added, too many streams wait to be destroyed, ID:0x1234abcd\n");
+}
+
 } // namespace
