@@ -1,5 +1,9 @@
 #include "replicator/arq_send_replicator.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -117,6 +121,43 @@ TEST_F(ArqSendReplicatorTest, WithAUnicastPortButNoMulticastAddressItRunsOnWitho
     EXPECT_EQ(m_replicator->DestPort(), m_pingLease.Port());
 }
 
+// Each allocation in turn fails; it is the stream's or its engine's when a usable replicator has no such stream.
+TEST_F(ArqSendReplicatorTest, AMulticastStreamThatCannotBeMadeLeavesMediaToTheOthers)
+{
+    constexpr int MORE_THAN_ENOUGH = 100;
+    const PortLease unicastLease;
+    Receiver receiver("127.0.0.2", unicastLease.Port());
+    m_settings.unicastUdpPort = unicastLease.Port();
+    m_settings.destAddress = "239.1.1.1";
+    const ShortWaits waits;
+    int withoutStream = 0;
+    bool isFired = true;
+    for (int n = 1; isFired && n < MORE_THAN_ENOUGH; ++n) {
+        bool ok = false;
+        CapturedOutput output;
+        std::optional<ArqSendReplicator> replicator;
+        {
+            const FailNthAllocation failing(n);
+            replicator.emplace(ok, m_settings);
+            isFired = failing.Fired();
+        }
+        if (!ok || replicator->MulticastStream() != nullptr)
+            continue;
+        ++withoutStream;
+        EXPECT_EQ(replicator->AddStream("127.0.0.2", 0), 1);
+        OwnedPacket packet(RtpPacket(static_cast<uint16_t>(n)));
+        EXPECT_EQ(replicator->SendPacket(packet.Get()), 1);
+        EXPECT_EQ(RtpSeq(receiver.Next()), n);
+        replicator.reset(); // the streams may still hold the packet
+        EXPECT_NE(output.Out().find("Multicasting to 239.1.1.1:" + std::to_string(m_pingLease.Port())
+                      + ", Unicasting to " + std::to_string(unicastLease.Port()) + "\n"),
+            std::string::npos);
+        EXPECT_EQ(output.Err().find("AddStream: Added 239.1.1.1"), std::string::npos);
+    }
+    EXPECT_FALSE(isFired);
+    EXPECT_GE(withoutStream, 3) << "the stream, its engine and the engine's ring";
+}
+
 TEST_F(ArqSendReplicatorTest, DestinationsThatDoNotResolveAreSkippedSilently)
 {
     m_settings.destAddress = ",256.1.1.1,,127.0.0.2,1.2.3.4.5,";
@@ -204,6 +245,31 @@ TEST_F(SharedPortsTest, WithTwoInterfacesBothSocketsOfStream0AreListenedOn)
     EXPECT_EQ(CountOf(m_err, Bound()), 2U);
     EXPECT_EQ(LocalPort(first), m_pingLease.Port());
     EXPECT_EQ(LocalPort(second), m_pingLease.Port());
+}
+
+// Whether the socket still sends; on loopback, wherever it was bound to.
+bool Sends(int fd, Receiver& receiver)
+{
+    EXPECT_EQ(setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, "", 0), 0);
+    const sockaddr_in to = SocketAddress("127.0.0.3", receiver.Port());
+    if (sendto(fd, "x", 1, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) != 1)
+        return false;
+    return receiver.Next() == Bytes { 'x' };
+}
+
+TEST_F(SharedPortsTest, DeletingStream0CutsOffThoseOfItsSocketsThatNobodyListensOn)
+{
+    Receiver receiver("127.0.0.3");
+    m_settings.destAddress = "127.0.0.2";
+    for (const int32_t nStreams : { 1, 2, 4 }) {
+        m_settings.nStreams = nStreams;
+        BuildQuietly();
+        const CapturedOutput output;
+        const MyArqSendCB& stream = Stream(0); // nobody destroys it: the threads are stopped
+        EXPECT_EQ(m_replicator->DeleteStream("127.0.0.2"), 1);
+        for (int32_t i = 0; i < nStreams; ++i)
+            EXPECT_EQ(Sends(stream.SocketNumber(i), receiver), i < 2) << "socket " << i << " of " << nStreams;
+    }
 }
 
 TEST_F(SharedPortsTest, AfterStream0IsDeletedTheOthersSendAndRequestsAreAnswered)
