@@ -41,6 +41,8 @@ TURN_SECONDS = 0.1  # the proxy's sleep between two looks
 SLOW_MACHINE_SECONDS = 1.0
 LARGEST_PROCESSOR_SHARE = 0.3
 NEWCOMERS = 5
+HELD_SECONDS = 12  # longer than the longest silence that a stream outlives
+ECHOES_THAT_BLOCK = 50  # a few of them find room while the media wait
 
 
 def media(number):
@@ -83,6 +85,11 @@ class Scene:
         before = self.fast.count()
         time.sleep(STANDSTILL_SECONDS)  # a span to look at, not a wait
         return before == self.fast.count() > 0
+
+    def echo_to_slow(self, count=1):
+        """The slow receiver asks for echoes, which come to it by the cable that the media come by."""
+        for _ in range(count):
+            self.slow.send(echo_ping(b"slow"), (netns.proxy_address(0), self._net.request))
 
     def command(self, text):
         """The reply and how long it took."""
@@ -203,3 +210,28 @@ def test_deleting_the_blocked_destination_is_answered_at_once_and_sets_media_to_
     # Its socket goes with it.
     wait_until(lambda: len(descriptors(scene.proxy.pid)) == before - 1, "the socket of the deleted stream to go")
     assert STOP_MESSAGE not in scene.fast.payloads
+
+
+def test_a_receiver_that_pings_is_not_suspended_while_an_echo_to_the_slow_one_holds_up_who_takes_pings(make_scene):
+    scene = make_scene(BARELY_MOVING)
+    pinging = start_media(scene.proxy, scene.learn(1))
+    # Also lets the slow peer learn the proxy's link address: the answer would have to wait behind the media.
+    scene.echo_to_slow()
+    scene.slow.wait_count(1)
+    scene.block()
+    scene.echo_to_slow(ECHOES_THAT_BLOCK)
+    mark = echo_ping(b"held")
+    pinging.ask_raw(mark)
+    for _ in range(HELD_SECONDS):
+        pinging.ping()
+        time.sleep(1)  # a span to look at, not a wait
+        assert "Stream suspended" not in scene.proxy.stderr.text
+    assert mark not in pinging.payloads, "nobody was held up"
+    assert scene.command(f"Delete {SLOW_PEER}")[0] == f"OK: Deleting: {SLOW_PEER}"
+    pinging.wait_for(lambda datagram: datagram.data == mark)
+    for other in (scene.fast, pinging):
+        other.clear()
+        other.wait_count(PACKETS_PER_SECOND)
+    assert echo_seconds(pinging, 1) < scaled(COMMAND_SECONDS)
+    assert set(scene.command("List")[0].split(",")) == {FAST_PEER, LEARNT_PEER}
+    assert "Stream suspended" not in scene.proxy.stderr.text
