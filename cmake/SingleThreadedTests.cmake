@@ -24,6 +24,7 @@ set(singleThreadedTests
     main/options_test.cpp             # command line -> options, before any thread is started
     replicator/destinations_test.cpp  # text list -> destinations
     replicator/stream_life_test.cpp   # what a stream was and what came -> a verdict
+    replicator/stream_table_model_test.cpp # all orders of steps, gone through by one thread
 )
 
 # Takes them out of the list of sources that is named. A file that has gone, or in which a thread has come, ends

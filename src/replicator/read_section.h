@@ -24,6 +24,7 @@
 // that they have left runs empty. A reader may pick a side just before that changes and count itself in
 // afterwards; it then delays the look at that side by one section. That is also why a period needs both
 // sides seen empty once: a reader of the old state may stand on either. Which side is open orders nothing.
+// All orders of these steps are gone through in stream_table_model_test.
 //
 // Threads: any number of readers; one destroyer, which alone calls BeginPeriod and IsPeriodOver.
 class CAPABILITY("read_section") ReadSections {
