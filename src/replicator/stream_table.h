@@ -54,8 +54,8 @@ public:
     // A stream joins only while its own removal will find a free state, so that a removal never fails.
     static constexpr int32_t MAX_WAITING = 150;
 
-    // Holds the lock for the length of a block. Not inside a View: whoever holds the lock may be long, and a
-    // reader must not be.
+    // Holds the lock for the length of a block. Not inside a View: media and requests never wait for management,
+    // and what they look at could not be destroyed meanwhile.
     class SCOPED_CAPABILITY Lock {
     public:
         explicit Lock(StreamTable& table) ACQUIRE(table.m_mutex) EXCLUDES(table.m_sections);
@@ -121,7 +121,7 @@ public:
     // Removed streams that still wait to be destroyed.
     int32_t Waiting() const { return MAX_WAITING - m_nFree.load(); }
 
-    mutable Mutex m_mutex; // the replicator lock; taken through Lock only
+    Mutex m_mutex; // the replicator lock; taken through Lock only
     mutable ReadSections m_sections; // entered through View only
 
 private:
