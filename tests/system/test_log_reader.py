@@ -1,31 +1,11 @@
 """The reader of the proxy's output goes away; the stream does not."""
 
-import os
-
 from txproxy import reports, rtp
+from txproxy.log_pipe import STDERR, STDOUT, LogPipe
 from txproxy.model_receiver import PingingReceiver
 from txproxy.proxy import LISTENING, RECEIVE_BUFFER_SET
 from txproxy.receiver import pump
 from txproxy.waiting import wait_until
-
-STDOUT, STDERR = 1, 2
-
-
-class LogPipe:
-    """A pipe of the test's own in the place of one output of the proxy. A short log fits in without a reader."""
-
-    def __init__(self, output):
-        self._output = output
-        self._read_end, self._write_end = os.pipe()
-
-    def preexec(self):
-        os.dup2(self._write_end, self._output)
-
-    def close_read_end(self):
-        os.close(self._read_end)
-
-    def close(self):
-        os.close(self._write_end)
 
 
 def media(count, first=100):

@@ -9,10 +9,11 @@ from txproxy.model_receiver import start_media, wait_bound
 from txproxy.receiver import pump
 from txproxy.waiting import wait_until
 
-# The order in which a proxy without pacing starts its threads; the listen thread is the first.
-KEEP_ALIVE, STATUS = 2, 3
+# The order in which a proxy without pacing starts its threads; the listen thread is number 1.
+LOG, KEEP_ALIVE, STATUS = 0, 2, 3
 REASON = "Resource temporarily unavailable"
 LINE = {
+    LOG: f"cannot start the log thread: {REASON}",
     KEEP_ALIVE: f"cannot start the keep-alive thread: {REASON}",
     STATUS: f"cannot start the status thread: {REASON}",
 }
@@ -40,7 +41,7 @@ def media(count):
     return [rtp.packet(100 + i, bytes(988)) for i in range(count)]
 
 
-@pytest.mark.parametrize("refused", [(KEEP_ALIVE,), (STATUS,), (KEEP_ALIVE, STATUS)])
+@pytest.mark.parametrize("refused", [(LOG,), (KEEP_ALIVE,), (STATUS,), (KEEP_ALIVE, STATUS)])
 def test_a_thread_that_cannot_be_created_is_reported_with_the_reason_and_the_proxy_runs_on(
     start_refused, receive, learn, sender, net, refused
 ):

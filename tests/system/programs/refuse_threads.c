@@ -1,5 +1,5 @@
-/* Preloaded: the calls of pthread_create whose numbers (from 1) stand in REFUSED_THREADS, separated by
- * commas, fail for want of resources. */
+/* Preloaded: the calls of pthread_create whose numbers stand in REFUSED_THREADS, separated by commas, fail for
+ * want of resources. Number 0 is the log thread, which every run starts first. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -23,7 +23,7 @@ static int is_refused(long call)
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument)
 {
     static long calls;
-    if (is_refused(__atomic_add_fetch(&calls, 1, __ATOMIC_SEQ_CST)))
+    if (is_refused(__atomic_fetch_add(&calls, 1, __ATOMIC_SEQ_CST)))
         return EAGAIN;
     Create* next = (Create*)dlsym(RTLD_NEXT, "pthread_create");
     return next(thread, attributes, entry, argument);
