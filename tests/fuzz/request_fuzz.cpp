@@ -1,112 +1,88 @@
-// Any datagram on the request port, taken the way from the listener to the engine: a pool slice with a tail of
-// zeroes behind the pool, the tag read and stripped, the rest classified and answered from a filled ring.
-// The first byte of the input chooses how far the clock stands behind the stored packets.
+// Datagrams on the request port, from the socket through listener and router to the engine, whose ring holds what
+// was sent before. One input is a row of them, with input packets, pings and time between.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
+#include <string>
 
-#include "arq/c_arq_send.h"
-#include "arq/c_arq_send_cb.h"
-#include "arq/datagram_kind.h"
-#include "arq/media_header.h"
-#include "arq/wire.h"
-#include "input/packet_buffer.h"
-#include "support/fixed_clock.h"
+#include "fuzz/world/quiet.h"
+#include "fuzz/world/world.h"
 
 namespace {
 
-constexpr uint32_t RING_SIZE = 256;
-constexpr uint32_t POOL_TAIL_BYTES = 131072;
-constexpr uint32_t START_TICKS = 0xFFFFFF00; // the clock wraps while packets age
-constexpr int32_t MEDIA_BYTES = 1328;
+// How the next datagram is changed before it comes.
+constexpr uint8_t REPAIR = 0x08;
+constexpr uint8_t REBASE = 0x10;
 
-void Require(bool condition)
+void SendRequest(World& world, InputReader& input, uint8_t step)
 {
-    if (!condition)
-        std::abort();
+    const in_addr_t addressNet = World::Address(input);
+    std::string datagram = TakeDatagram(input, PacketBufferPool::SLICE_BYTES + 1, 1);
+    if ((step & REBASE) != 0)
+        Rebase(datagram, world.Sent().LastSeq());
+    if ((step & REPAIR) != 0)
+        RepairChecksum(datagram);
+    world.SendRequest(datagram, addressNet, 0x7856);
 }
 
-// What is sent is an echo of the datagram that came, or a whole media packet that was sent before.
-class CheckingCallback : public CArqSendCB {
-public:
-    int SendData(PacketBuffer* packet) override
-    {
-        ++m_nSent;
-        Require(packet->partCount == 1);
-        if (packet == m_pRequest) {
-            Require(packet->Length() >= 4 && packet->Length() < ARQ_REQUEST_BYTES);
-            return 1;
+// Packets with rising numbers, as a source sends them.
+void SendMedia(World& world, InputReader& input)
+{
+    const uint8_t count = input.Byte() % 96;
+    const uint16_t first = input.Word();
+    std::string packet = TakeDatagram(input, PacketBufferPool::SLICE_BYTES, 7);
+    for (uint8_t i = 0; i < count; ++i) {
+        const auto seq = static_cast<uint16_t>(first + i);
+        if (packet.size() >= 4) {
+            packet[2] = static_cast<char>(seq >> 8);
+            packet[3] = static_cast<char>(seq);
         }
-        Require(packet->Length() == MEDIA_BYTES);
-        const MediaHeader& header = HeaderOf(*packet);
-        Require((header.payloadType.Get() & 0x7F) == RETRANSMIT_PAYLOAD_TYPE);
-        return 1;
-    }
-    const PacketBuffer* m_pRequest = nullptr;
-    uint32_t m_nSent = 0;
-};
-
-// One round of sequence numbers around their wrap; every other packet carries the marker.
-void FillRing(CArqSend& engine, PacketBufferPool& media)
-{
-    for (uint32_t i = 0; i < RING_SIZE; ++i) {
-        PacketBuffer* packet = media.get();
-        MediaHeader& header = HeaderOf(*packet);
-        header.flags.Set(RTP_VERSION_FLAGS);
-        header.payloadType.Set(static_cast<uint8_t>(MEDIA_PAYLOAD_TYPE | (i << 7)));
-        header.seq.Set(static_cast<uint16_t>(i - RING_SIZE / 2));
-        header.timestamp.Set(START_TICKS);
-        packet->SetLength(MEDIA_BYTES);
-        engine.StoreSent(packet);
+        world.SendMedia(packet);
     }
 }
 
-void StripTag(PacketBuffer& packet)
+void SendPing(World& world, InputReader& input)
 {
-    const int32_t length = packet.Length() - STREAM_TAG_BYTES;
-    std::memmove(packet.Data(), packet.Data() + STREAM_TAG_BYTES, static_cast<size_t>(length));
-    packet.SetLength(length);
+    const in_addr_t addressNet = World::Address(input);
+    const auto portNet = static_cast<uint16_t>(0x1000 + input.Byte() % 4);
+    world.SendPing(TakeDatagram(input, 16, 0), addressNet, portNet);
+}
+
+void Step(World& world, InputReader& input)
+{
+    const uint8_t step = input.Byte();
+    switch (step & 7) {
+    case 0:
+    case 1:
+    case 2:
+        return SendRequest(world, input, step);
+    case 3:
+        return SendMedia(world, input);
+    case 4:
+        return SendPing(world, input);
+    case 5:
+        return world.Advance(input.Byte());
+    case 6:
+        return world.StepWallClock(static_cast<int32_t>(input.Long()));
+    default:
+        return world.FailSends(input.Byte() % 8);
+    }
 }
 
 } // namespace
 
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
+{
+    BeQuiet();
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (size == 0)
-        return 0;
-    // Once for all inputs; what an input leaves behind in them is overwritten for the next.
-    static const auto media = PacketBufferPool::createDefault(RING_SIZE);
-    static const auto requests = PacketBufferPool::create(1, PacketBufferPool::SLICE_BYTES, POOL_TAIL_BYTES);
-    test_support::FixedClock clock(START_TICKS + data[0] * 256U);
-    CheckingCallback callback; // owns the engine
-    bool ok = true;
-    auto* engine = new CArqSend(ok, &clock, &callback, 2, 200, RING_SIZE, 8000000, false);
-    Require(ok && media && requests);
-    FillRing(*engine, *media);
-
-    PacketBuffer* packet = requests->get();
-    const size_t length = size - 1 < PacketBufferPool::SLICE_BYTES ? size - 1 : PacketBufferPool::SLICE_BYTES;
-    std::memset(packet->Data(), 0, PacketBufferPool::SLICE_BYTES);
-    std::memcpy(packet->Data(), data + 1, length);
-    packet->SetLength(static_cast<int32_t>(length));
-    callback.m_pRequest = packet;
-
-    const StreamTagInfo tag = ReadStreamTag(packet->Data(), packet->Length());
-    Require(tag.streamId == 0 || packet->Length() >= STREAM_TAG_BYTES);
-    if (tag.streamId != 0)
-        StripTag(*packet);
-    const RequestKind kind = ClassifyRequest(packet->Data(), packet->Length());
-    const uint32_t result = engine->ProcessBuffer(packet);
-    Require(result <= 1);
-    Require(kind != RequestKind::Other || (result == 1 && callback.m_nSent == 0));
-    Require(kind != RequestKind::Ping || (result == 1 && callback.m_nSent == 1));
-    Require(kind != RequestKind::BadPing || (result == 0 && callback.m_nSent == 0));
-    Require(result == 1 || callback.m_nSent == 0);
-    ArqSendStats stats {};
-    engine->GetStats(&stats);
-    Require(kind != RequestKind::Request || stats.retransmitted == callback.m_nSent);
-    Require(callback.m_nSent <= RING_SIZE);
+    constexpr int MOST_STEPS = 40;
+    InputReader input(data, size);
+    World& world = World::Begin(input.Byte());
+    for (int i = 0; i < MOST_STEPS && !input.IsEmpty(); ++i)
+        Step(world, input);
+    world.End();
     return 0;
 }

@@ -1,0 +1,73 @@
+// Datagrams on the ping port, from the socket on: receivers join, move, stay, fall silent and leave, more of them
+// than there is room for. Who has a stream gets the media, and nobody else.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "fuzz/world/quiet.h"
+#include "fuzz/world/world.h"
+
+namespace {
+
+void SendPing(World& world, InputReader& input)
+{
+    const in_addr_t addressNet = World::Address(input);
+    const auto portNet = static_cast<uint16_t>(0x1000 + input.Byte() % 4);
+    world.SendPing(TakeDatagram(input, PacketBufferPool::SLICE_BYTES + 1, 0), addressNet, portNet);
+}
+
+// Many receivers at once, each with an ID of its own: they join or leave.
+void SendPings(World& world, InputReader& input)
+{
+    const uint8_t count = input.Byte() % 64;
+    uint32_t id = input.Byte();
+    const bool isLeave = (input.Byte() & 1) != 0;
+    for (uint8_t i = 0; i < count; ++i, ++id) {
+        std::string ping(isLeave ? "\xDE\xAD\xBE\xEF" : "\xBA\xBE\xFA\xCE");
+        ping.append(reinterpret_cast<const char*>(&id), sizeof(id));
+        world.SendPing(ping, 0x0A000000U + id, 0x3412);
+    }
+}
+
+void Step(World& world, InputReader& input)
+{
+    constexpr uint32_t LONG_MS = 100;
+    switch (input.Byte() & 7) {
+    case 0:
+    case 1:
+    case 2:
+        return SendPing(world, input);
+    case 3:
+        return SendPings(world, input);
+    case 4:
+        return world.Advance(input.Byte());
+    case 5:
+        return world.Advance(LONG_MS * input.Byte());
+    case 6:
+        return world.SendMedia("\x80\x21\x00\x01media of some length");
+    default: {
+        const std::string command(input.Take(input.Byte() % 32));
+        (void)world.Command(command.c_str());
+    }
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
+{
+    BeQuiet();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    constexpr int MOST_STEPS = 60;
+    InputReader input(data, size);
+    World& world = World::Begin(input.Byte());
+    for (int i = 0; i < MOST_STEPS && !input.IsEmpty(); ++i)
+        Step(world, input);
+    world.End();
+    return 0;
+}

@@ -1,0 +1,238 @@
+#include "fuzz/world/sent_checker.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "fuzz/world/require.h"
+#include "replicator/my_arq_send_cb.h"
+
+namespace {
+
+// The wire, written down once more: what is compared with the code must not be taken from it.
+constexpr size_t HEADER = 12;
+constexpr size_t TAG = 8;
+constexpr size_t REQUEST = 10;
+constexpr uint32_t HOLD_OFF_TICKS = 9000;
+constexpr uint32_t TICKS_A_MS = 90;
+constexpr std::string_view STOP = "\xDE\xAD\xBE\xEF\xBA\xBE\xFA\xCE";
+
+uint8_t ByteAt(std::string_view bytes, size_t at)
+{
+    return static_cast<uint8_t>(bytes[at]);
+}
+
+uint32_t HostWord(std::string_view bytes, size_t at)
+{
+    return static_cast<uint32_t>(ByteAt(bytes, at) | ByteAt(bytes, at + 1) << 8);
+}
+
+bool IsTagged(std::string_view bytes)
+{
+    if (bytes.size() < TAG || bytes.substr(4, 4) == std::string_view("\0\0\0\0", 4))
+        return false;
+    const std::string_view magic = bytes.substr(0, 4);
+    return magic == "\xBA\xBE\xFA\xCE" || magic == "\xCE\xFA\xBE\xBA" || magic == "\xDE\xAD\xBE\xEF"
+        || magic == "\xEF\xBE\xAD\xDE";
+}
+
+bool IsChecksumRight(std::string_view request)
+{
+    uint32_t sum = HostWord(request, 2);
+    size_t at = REQUEST;
+    for (; at + 1 < request.size(); at += 2)
+        sum += HostWord(request, at);
+    if (at < request.size())
+        sum += ByteAt(request, at);
+    return (sum & 0xFFFF) == 0;
+}
+
+void PutTime(std::string& packet, uint32_t ticks)
+{
+    for (size_t i = 0; i < 4 && 4 + i < packet.size(); ++i)
+        packet[4 + i] = static_cast<char>(ticks >> (24 - 8 * i));
+}
+
+bool IsBuilt(std::string_view datagram, std::string_view payload, uint32_t ticks)
+{
+    if (datagram.size() != HEADER + payload.size() || datagram.substr(HEADER) != payload)
+        return false;
+    std::string time(8, '\0');
+    PutTime(time, ticks);
+    return datagram.substr(0, 2) == "\x80\x21" && datagram.substr(4, 4) == time.substr(4, 4);
+}
+
+bool GoesTo(const MyArqSendCB& stream, const sockaddr_in& destination)
+{
+    return stream.AddressNet() == destination.sin_addr.s_addr
+        && stream.DestinationPortNet() == destination.sin_port;
+}
+
+} // namespace
+
+void SentChecker::Forget()
+{
+    for (Stored& stored : m_ring)
+        stored.isThere = false;
+    m_bIsFirst = true;
+}
+
+void SentChecker::BeginMedia(std::string_view packet, std::vector<const MyArqSendCB*> streams, uint32_t ticks)
+{
+    m_phase = Phase::Media;
+    m_packet = packet;
+    m_first.clear();
+    m_streams = std::move(streams);
+    m_nTicks = ticks;
+    m_nSent = 0;
+    if (!m_bUdpInput)
+        PutTime(m_packet, ticks);
+}
+
+void SentChecker::CheckMedia(std::string_view datagram, const sockaddr_in& destination)
+{
+    Require(m_nSent < m_streams.size(), "an input packet is sent once to each stream");
+    Require(GoesTo(*m_streams[m_nSent], destination), "media go to the streams, in their order");
+    if (!m_bUdpInput)
+        Require(datagram == m_packet, "a first sending is the input but for its time");
+    else
+        Require(IsBuilt(datagram, m_packet, m_nTicks), "a first sending is a header and the input");
+    if (m_first.empty())
+        m_first = datagram;
+    Require(datagram.substr(0, std::min<size_t>(8, datagram.size()))
+            == std::string_view(m_first).substr(0, std::min<size_t>(8, datagram.size())),
+        "all streams get the same number");
+}
+
+void SentChecker::EndMedia(const PacketBuffer& packet, bool mayBeWithheld)
+{
+    m_phase = Phase::Silence;
+    Require(m_nSent == m_streams.size() || (mayBeWithheld && m_nSent == 0), "every stream gets the packet");
+    if (m_bUdpInput && m_first.empty())
+        return; // without a stream nobody has built a header
+    // A packet that is shorter than its header has the rest of it in its slice.
+    std::string header(reinterpret_cast<const char*>(packet.Data()), HEADER);
+    if (m_bUdpInput)
+        header = m_first;
+    const auto seq = static_cast<uint16_t>(ByteAt(header, 2) << 8 | ByteAt(header, 3));
+    if (std::exchange(m_bIsFirst, false))
+        m_usLastSeq = static_cast<uint16_t>(seq - 1);
+    Stored& stored = m_ring[seq % RING];
+    stored.isThere = true;
+    stored.bytes = m_bUdpInput ? m_first : m_packet;
+    stored.seq = seq;
+    stored.ticks = m_nTicks;
+    stored.number = ++m_nPackets;
+    stored.resent.clear();
+}
+
+void SentChecker::BeginRequest(std::string_view datagram, const MyArqSendCB* stream, uint32_t ticks)
+{
+    m_phase = Phase::Request;
+    m_pStream = stream;
+    m_nTicks = ticks;
+    m_nSent = 0;
+    m_nSentBytes = 0;
+    ReadRequest(datagram);
+}
+
+void SentChecker::ReadRequest(std::string_view datagram)
+{
+    if (IsTagged(datagram))
+        datagram.remove_prefix(TAG);
+    m_asked = {};
+    m_asked.bytes = datagram;
+    if (datagram.size() < REQUEST) {
+        m_asked.isEcho = datagram.size() >= 4 && datagram.substr(0, 4) == std::string_view("\0\0\xAD\xE2", 4);
+        return;
+    }
+    m_asked.isRequest = IsChecksumRight(datagram);
+    const uint32_t retries = HostWord(datagram, 4);
+    const uint32_t intervalMs = HostWord(datagram, 6);
+    const uint32_t extraMs = HostWord(datagram, 8);
+    m_asked.maxAgeTicks = ((retries + 1) * intervalMs + extraMs) * TICKS_A_MS;
+    m_asked.budgetBytes = (retries * intervalMs + extraMs) * BIT_RATE / 8000;
+}
+
+void SentChecker::CheckAnswer(std::string_view datagram)
+{
+    Require(m_pStream != nullptr, "nobody but a stream is answered");
+    if (m_asked.isRequest) {
+        CheckResend(datagram);
+        return;
+    }
+    Require(m_asked.isEcho && m_nSent == 0, "only a ping is echoed, once");
+    Require(datagram == m_asked.bytes, "an echo is what came, without its tag");
+}
+
+bool SentChecker::IsResendOf(std::string_view datagram, const Stored& stored) const
+{
+    if (!stored.isThere || stored.bytes.size() != datagram.size())
+        return false;
+    for (size_t i = 0; i < datagram.size(); ++i) {
+        const uint8_t was = ByteAt(stored.bytes, i);
+        const uint8_t expected = i == 1 ? static_cast<uint8_t>((was & 0x80) | 0x7A) : was;
+        if (ByteAt(datagram, i) != expected
+            && !(m_bUdpInput && i >= 8 && i < HEADER)) // each stream's own SSRC
+            return false;
+    }
+    return true;
+}
+
+void SentChecker::CheckResend(std::string_view datagram)
+{
+    m_nSentBytes += static_cast<uint32_t>(datagram.size());
+    Require(m_nSentBytes <= m_asked.budgetBytes, "a request costs no more than its budget");
+    for (Stored& stored : m_ring) {
+        if (!IsResendOf(datagram, stored))
+            continue;
+        if (static_cast<int32_t>(m_nTicks - m_asked.maxAgeTicks - stored.ticks) >= 0)
+            continue;
+        auto mark = std::find_if(stored.resent.begin(), stored.resent.end(),
+            [this](const Resent& resent) { return resent.stream == m_pStream; });
+        if (mark == stored.resent.end())
+            mark = stored.resent.insert(mark, { m_pStream, m_nTicks });
+        if (static_cast<int32_t>(m_nTicks - mark->notBeforeTicks) < 0)
+            continue;
+        mark->notBeforeTicks = m_nTicks + HOLD_OFF_TICKS;
+        return;
+    }
+    Require(false, "a resend is a stored packet, young enough, not held off");
+}
+
+void SentChecker::EndRequest()
+{
+    m_phase = Phase::Silence;
+    Require(!(m_asked.isEcho && m_pStream != nullptr && m_pStream->m_bIsAlive) || m_nSent == 1,
+        "a ping on the request port is echoed");
+}
+
+void SentChecker::BeginDelete(const MyArqSendCB* stream)
+{
+    m_phase = Phase::Delete;
+    m_pStream = stream;
+    m_nSent = 0;
+}
+
+void SentChecker::EndDelete()
+{
+    constexpr size_t STOP_MESSAGES = 5;
+    m_phase = Phase::Silence;
+    Require(m_nSent == (m_pStream != nullptr ? STOP_MESSAGES : 0), "who is deleted is told five times");
+}
+
+void SentChecker::OnSend(std::string_view datagram, const sockaddr_in& destination)
+{
+    Require(m_phase != Phase::Silence, "nothing is sent unasked");
+    if (m_phase == Phase::Media) {
+        CheckMedia(datagram, destination);
+    } else {
+        Require(m_pStream != nullptr && GoesTo(*m_pStream, destination),
+            "an answer goes to the stream's receiver");
+        if (m_phase == Phase::Request)
+            CheckAnswer(datagram);
+        else
+            Require(datagram == STOP, "who is deleted gets the stop message");
+    }
+    ++m_nSent;
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "input/packet_buffer.h"
+
+class MyArqSendCB;
+
+// Knows, from the protocol alone, what may leave the proxy: each input packet once to each stream, as it came but
+// for its time; of those that a ring still holds, what was asked for, within age, hold-off and byte budget; what
+// is echoed; the stop message. Anything else ends the run.
+//
+// Threads: one.
+class SentChecker {
+public:
+    static constexpr size_t RING = 64; // packets that the engines keep
+    static constexpr uint32_t BIT_RATE = 8000000; // that the engines are given, in bit/s
+
+    explicit SentChecker(bool udpInput) : m_bUdpInput(udpInput) {}
+
+    void Forget();
+
+    // What is sent from here to End...() is checked as told.
+    // An input packet goes to these streams, in this order, unless it is withheld.
+    void BeginMedia(std::string_view packet, std::vector<const MyArqSendCB*> streams, uint32_t ticks);
+    void EndMedia(const PacketBuffer& packet, bool mayBeWithheld);
+    // A datagram from a receiver on the request port; `stream` is the one it belongs to, null for none.
+    void BeginRequest(std::string_view datagram, const MyArqSendCB* stream, uint32_t ticks);
+    void EndRequest();
+    // A stream is deleted; null: the text names none.
+    void BeginDelete(const MyArqSendCB* stream);
+    void EndDelete();
+
+    void OnSend(std::string_view datagram, const sockaddr_in& destination);
+
+    // What the first packet's number was less one: the base of requests that count from it.
+    uint16_t LastSeq() const { return m_usLastSeq; }
+
+private:
+    enum class Phase { Silence, Media, Request, Delete };
+
+    struct Resent {
+        const MyArqSendCB* stream;
+        uint32_t notBeforeTicks;
+    };
+    struct Stored {
+        bool isThere = false;
+        std::string bytes; // as sent first
+        uint16_t seq = 0;
+        uint32_t ticks = 0;
+        uint32_t number = 0; // counts packets
+        std::vector<Resent> resent;
+    };
+    struct AskedFor {
+        bool isRequest = false;
+        bool isEcho = false;
+        std::string bytes; // without tag
+        uint32_t maxAgeTicks = 0;
+        uint32_t budgetBytes = 0;
+    };
+
+    void CheckMedia(std::string_view datagram, const sockaddr_in& destination);
+    void CheckAnswer(std::string_view datagram);
+    void CheckResend(std::string_view datagram);
+    bool IsResendOf(std::string_view datagram, const Stored& stored) const;
+    void ReadRequest(std::string_view datagram);
+
+    const bool m_bUdpInput;
+    Phase m_phase = Phase::Silence;
+    uint32_t m_nTicks = 0;
+    std::string m_packet; // the input packet
+    std::string m_first; // the first datagram that was made of it
+    std::vector<const MyArqSendCB*> m_streams;
+    size_t m_nSent = 0; // datagrams of this phase
+    uint32_t m_nSentBytes = 0;
+    const MyArqSendCB* m_pStream = nullptr;
+    AskedFor m_asked;
+    std::array<Stored, RING> m_ring;
+    uint32_t m_nPackets = 0;
+    uint16_t m_usLastSeq = 0;
+    bool m_bIsFirst = true;
+};

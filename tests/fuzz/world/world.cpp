@@ -1,0 +1,453 @@
+#include "fuzz/world/world.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "arq/arq_settings.h"
+#include "arq/datagram_kind.h"
+#include "control/commands.h"
+#include "fuzz/world/require.h"
+#include "input/address.h"
+#include "input/packet_queue.h"
+#include "input/udp_input.h"
+#include "replicator/my_arq_send_cb.h"
+#include "replicator/stream_keeper.h"
+
+namespace {
+
+constexpr uint32_t ROUND_MS = 5000; // of the keep-alive
+constexpr uint32_t SETTLED_MS = 1000; // whatever was removed is destroyed
+constexpr const char* CONFIGURED[] = { "192.0.2.1", "127.0.0.1" };
+constexpr in_addr_t GROUP_NET = 0x030201EF; // 239.1.2.3
+
+ArqSendReplicator::Settings SettingsFor(World::Setup setup)
+{
+    using Setup = World::Setup;
+    ArqSendReplicator::Settings settings;
+    settings.arqRequestPort = World::REQUEST_PORT;
+    settings.destPort = setup == Setup::SharedPorts ? World::REQUEST_PORT : World::PING_PORT;
+    settings.destAddress = "192.0.2.1,127.0.0.1";
+    settings.grossMediaBitrate = SentChecker::BIT_RATE;
+    settings.udpInputMode = setup == Setup::UdpInput || setup == Setup::MulticastUdpInput;
+    if (setup == Setup::SharedPorts)
+        settings.nStreams = 2;
+    if (setup == Setup::Multicast || setup == Setup::MulticastUdpInput) {
+        settings.destAddress = "239.1.2.3";
+        settings.unicastUdpPort = World::UNICAST_PORT;
+    }
+    return settings;
+}
+
+// Names that begin with "h" are known; their next character is the address.
+in_addr_t LookUp(const char* name)
+{
+    const size_t length = std::strlen(name);
+    return length < 2 || name[0] != 'h' ? 0 : htonl(0xC6336400U | static_cast<uint8_t>(name[1]));
+}
+
+std::string_view TagOf(std::string_view datagram)
+{
+    const auto* bytes = reinterpret_cast<const uint8_t*>(datagram.data());
+    const bool isTag = ReadStreamTag(bytes, static_cast<int32_t>(datagram.size())).streamId != 0;
+    return datagram.substr(0, isTag ? 8 : 0);
+}
+
+uint32_t StreamIdOf(std::string_view datagram)
+{
+    uint32_t id = 0;
+    if (const std::string_view tag = TagOf(datagram); !tag.empty())
+        std::memcpy(&id, tag.data() + 4, sizeof(id));
+    return id;
+}
+
+bool IsLeave(std::string_view datagram)
+{
+    const std::string_view magic = datagram.substr(0, 4);
+    return magic == "\xDE\xAD\xBE\xEF" || magic == "\xEF\xBE\xAD\xDE";
+}
+
+} // namespace
+
+struct World::Input {
+    static constexpr int32_t QUEUE_CAPACITY = 64;
+    static constexpr uint32_t POOL_COUNT = SentChecker::RING + 16; // more than the engines refer to
+
+    Input() : pool(PacketBufferPool::createDefault(POOL_COUNT)), queue(ok, QUEUE_CAPACITY, nullptr, nullptr)
+    {
+        Require(ok && pool != nullptr, "there is memory");
+    }
+
+    // Stands for the encryption library: is shown pieces of a slice, and may change every byte of them.
+    static int Transform(void* session, uint8_t* data, int32_t length)
+    {
+        const auto& self = *static_cast<const Input*>(session);
+        const auto offset = static_cast<size_t>(data - self.pSlices);
+        Require(length > 0 && data >= self.pSlices, "the library is shown a part of a slice");
+        Require(offset % PacketBufferPool::SLICE_BYTES + static_cast<size_t>(length)
+                <= PacketBufferPool::SLICE_BYTES,
+            "the library is shown a part of one slice");
+        Require(offset < size_t { POOL_COUNT } * PacketBufferPool::SLICE_BYTES, "of this pool");
+        data[0] = static_cast<uint8_t>(data[0] ^ 0);
+        return data[length - 1];
+    }
+
+    static void* Run(void* input)
+    {
+        auto& self = *static_cast<Input*>(input);
+        RunUdpInput({
+            .running = self.running,
+            .listenPort = World::INPUT_PORT,
+            .multicastGroup = self.isGroup ? GROUP_NET : 0,
+            .pool = *self.pool,
+            .queue = self.queue,
+            .transform = { .session = input, .callback = Transform },
+            .inputBytes = self.bytes,
+            .sourceAddress = self.source,
+        });
+        return nullptr;
+    }
+
+    bool ok = true;
+    bool isGroup = false;
+    PlainWord<int32_t> running { 1 };
+    std::unique_ptr<PacketBufferPool> pool;
+    const uint8_t* pSlices = nullptr;
+    PacketQueue queue;
+    PlainWord<uint32_t> bytes { 0 };
+    char source[INET_ADDRSTRLEN] = "";
+};
+
+World& World::Begin(uint8_t setup)
+{
+    static std::array<World*, SETUPS> worlds {};
+    World*& world = worlds[setup % SETUPS];
+    if (world == nullptr)
+        world = new World(static_cast<Setup>(setup % SETUPS));
+    world->m_entered = std::make_unique<Kernel::Entered>(world->m_kernel);
+    return *world;
+}
+
+World::World(Setup setup) : m_setup(setup), m_sent(SettingsFor(setup).udpInputMode)
+{
+    const Kernel::Entered entered(m_kernel);
+    m_kernel.onLookUp = LookUp;
+    m_kernel.onSend = [this](std::string_view datagram, const sockaddr_in& destination) {
+        m_sent.OnSend(datagram, destination);
+        if (m_nFailures == 0)
+            return 0;
+        --m_nFailures;
+        return ENOBUFS;
+    };
+    g_nArqBufferCount = SentChecker::RING;
+    bool ok = false;
+    m_replicator = std::make_unique<ArqSendReplicator>(ok, SettingsFor(setup));
+    Require(ok, "the replicator can be made");
+    m_kernel.Advance(2 * ROUND_MS);
+    Restore();
+    m_nOpenAtRest = m_kernel.OpenCount();
+}
+
+World::~World() = default;
+
+void World::End()
+{
+    m_nFailures = 0;
+    CheckStreams();
+    if (m_input)
+        EndInput();
+    Restore();
+    Require(m_kernel.OpenCount() == m_nOpenAtRest, "no descriptor is left over");
+    m_kernel.ClearReceived();
+    m_entered.reset();
+}
+
+// All streams go, and those of the command line come again; then the keep-alive is at the first place.
+void World::Restore()
+{
+    const auto late = static_cast<uint32_t>(m_kernel.fibers.NowMs() % ROUND_MS);
+    RemoveAll();
+    m_kernel.Advance(late <= ROUND_MS - SETTLED_MS ? ROUND_MS - late : 2 * ROUND_MS - late);
+    if (m_setup != Setup::Multicast && m_setup != Setup::MulticastUdpInput) {
+        for (const char* text : CONFIGURED)
+            (void)m_replicator->AddStream(text, SettingsFor(m_setup).nStreams);
+    }
+    m_pings.clear();
+    m_sent.Forget();
+    m_replicator->ResetRxStats();
+    m_replicator->ResetTxStats();
+    m_kernel.ResetWallClock();
+}
+
+void World::RemoveAll()
+{
+    for (;;) {
+        in_addr_t addressNet = 0;
+        uint32_t streamId = 0;
+        {
+            const StreamTable::View view(m_replicator->Streams());
+            if (view.Count() == 0)
+                return;
+            addressNet = view.At(view.Count() - 1).AddressNet();
+            streamId = view.At(view.Count() - 1).StreamId();
+        }
+        PacketBuffer leave {};
+        uint8_t bytes[8] = { 0xDE, 0xAD, 0xBE, 0xEF };
+        leave.partCount = 1;
+        leave.parts[0] = bytes;
+        leave.SetLength(sizeof(bytes));
+        (void)m_replicator->ProcessPing(&leave, addressNet, 0, streamId);
+    }
+}
+
+void World::StartInput()
+{
+    m_input = std::make_unique<Input>();
+    m_input->isGroup = m_setup == Setup::Multicast;
+    PacketBuffer* first = m_input->pool->get(); // once round, to know where the slices begin
+    m_input->pSlices = first->Data();
+    for (uint32_t i = 1; i < Input::POOL_COUNT; ++i)
+        (void)m_input->pool->get();
+    for (uint32_t i = 0; i < Input::POOL_COUNT; ++i) {
+        PacketBuffer* packet = m_input->pool->get();
+        std::memset(packet->Data(), 0, PacketBufferPool::SLICE_BYTES);
+        packet->SetLength(static_cast<int32_t>(i * 188 % (PacketBufferPool::SLICE_BYTES + 1)));
+    }
+    m_kernel.fibers.Start(Input::Run, m_input.get());
+    m_kernel.Advance(0);
+}
+
+void World::EndInput()
+{
+    RemoveAll(); // the engines refer to the pool
+    const size_t others = m_kernel.fibers.Count() - 1;
+    m_input->running = 0;
+    m_kernel.Advance(SETTLED_MS);
+    Require(m_kernel.fibers.Count() == others, "the input ends when it is told to");
+    m_kernel.ClearReceived();
+    m_input.reset();
+}
+
+void World::ReceiveMedia(std::string_view packet)
+{
+    if (!m_input)
+        StartInput();
+    const uint32_t before = m_input->bytes;
+    Require(m_kernel.Deliver(INPUT_PORT, packet, htonl(0xC0000263U), 0x3412), "the input is open");
+    constexpr uint32_t LOWER_HEADERS = 42;
+    const size_t received = std::min<size_t>(packet.size(), PacketBufferPool::SLICE_BYTES);
+    Require(
+        m_input->bytes - before == (received == 0 ? 0 : received + LOWER_HEADERS), "every byte is counted");
+    if (received == 0)
+        return;
+    PacketBuffer* queued = m_input->queue.popWait();
+    Require(queued != nullptr, "what was received is queued");
+    Require(
+        std::string_view(reinterpret_cast<const char*>(queued->Data()), static_cast<size_t>(queued->Length()))
+            == packet.substr(0, received),
+        "what was received is what is queued");
+    Deliver(queued);
+}
+
+void World::SendMedia(std::string_view packet)
+{
+    PacketBuffer* buffer = m_replicator->PacketPool().get();
+    const size_t length = std::min<size_t>(packet.size(), PacketBufferPool::SLICE_BYTES);
+    std::memset(buffer->Data(), 0, PacketBufferPool::SLICE_BYTES);
+    std::memcpy(buffer->Data(), packet.data(), length);
+    buffer->SetLength(static_cast<int32_t>(length));
+    Deliver(buffer);
+}
+
+void World::Deliver(PacketBuffer* packet)
+{
+    const auto length = static_cast<size_t>(packet->Length());
+    m_sent.BeginMedia(
+        { reinterpret_cast<const char*>(packet->Data()), length }, FirstReceivers(), m_kernel.Ticks());
+    const uint64_t before = m_replicator->RxStats().m_nRxPackets;
+    (void)m_replicator->SendPacket(packet);
+    Require(m_replicator->RxStats().m_nRxPackets == before + 1, "every input packet is counted");
+    m_sent.EndMedia(*packet, m_replicator->m_impair.m_mode != IMPAIRMENT_OFF);
+}
+
+std::vector<const MyArqSendCB*> World::FirstReceivers() const
+{
+    if (const MyArqSendCB* group = m_replicator->MulticastStream())
+        return { group };
+    std::vector<const MyArqSendCB*> streams;
+    const StreamTable::View view(m_replicator->Streams());
+    view.ForEach([&](const MyArqSendCB& stream) {
+        if (stream.m_bIsAlive)
+            streams.push_back(&stream);
+    });
+    return streams;
+}
+
+MyArqSendCB* World::Find(in_addr_t addressNet, uint32_t streamId) const
+{
+    const StreamTable::View view(m_replicator->Streams());
+    return view.Find(addressNet, streamId);
+}
+
+void World::SendRequest(std::string_view datagram, in_addr_t addressNet, uint16_t portNet)
+{
+    datagram = datagram.substr(0, PacketBufferPool::SLICE_BYTES);
+    m_sent.BeginRequest(datagram, Find(addressNet, StreamIdOf(datagram)), m_kernel.Ticks());
+    Require(m_kernel.Deliver(REQUEST_PORT, datagram, addressNet, portNet), "the request port is open");
+    m_sent.EndRequest();
+}
+
+void World::SendPing(std::string_view datagram, in_addr_t addressNet, uint16_t portNet)
+{
+    if (SharesPorts()) {
+        SendRequest(datagram, addressNet, portNet); // there is no ping port
+        return;
+    }
+    const uint32_t streamId = StreamIdOf(datagram);
+    MyArqSendCB* before = Find(addressNet, streamId);
+    Require(
+        m_kernel.Deliver(m_replicator->DestPort(), datagram, addressNet, portNet), "the ping port is open");
+    if (IsLeave(datagram)) {
+        Require(before == nullptr || !IsThere(before), "who leaves is gone");
+        m_pings.erase(before);
+    } else {
+        NotePing(addressNet, streamId);
+    }
+}
+
+void World::NotePing(in_addr_t addressNet, uint32_t streamId)
+{
+    const MyArqSendCB* stream = Find(addressNet, streamId);
+    if (stream != nullptr) {
+        m_pings[stream] = m_kernel.fibers.NowMs();
+        return;
+    }
+    const StreamTable::View view(m_replicator->Streams());
+    const int32_t freeStates = StreamTable::MAX_WAITING - m_replicator->Streams().Waiting();
+    Require(view.Count() == StreamTable::MAX_STREAMS || freeStates <= view.Count(),
+        "who pings has a stream while there is room");
+}
+
+bool World::IsThere(const MyArqSendCB* wanted) const
+{
+    bool found = false;
+    const StreamTable::View view(m_replicator->Streams());
+    view.ForEach([&](const MyArqSendCB& stream) { found = found || &stream == wanted; });
+    return found;
+}
+
+void World::Advance(uint32_t ms)
+{
+    m_kernel.Advance(ms);
+    CheckPings();
+}
+
+// Pings at most 4.9 s apart keep a stream, 10 s of silence and one look end it.
+void World::CheckPings()
+{
+    constexpr uint64_t KEPT_MS = 4900;
+    constexpr uint64_t ENDED_MS = 10100;
+    const uint64_t nowMs = m_kernel.fibers.NowMs();
+    for (auto it = m_pings.begin(); it != m_pings.end();) {
+        const bool isThere = IsThere(it->first);
+        Require(isThere || nowMs - it->second > KEPT_MS, "who pings stays");
+        it = isThere ? std::next(it) : m_pings.erase(it);
+    }
+    if (SharesPorts())
+        return;
+    const StreamTable::View view(m_replicator->Streams());
+    view.ForEach([&](const MyArqSendCB& stream) {
+        const auto found = m_pings.find(&stream);
+        if (stream.m_life.IsStatic())
+            return;
+        Require(found != m_pings.end() && nowMs - found->second <= ENDED_MS, "who is silent is gone");
+    });
+}
+
+void World::CheckStreams()
+{
+    const StreamTable::View view(m_replicator->Streams());
+    Require(view.Count() <= StreamTable::MAX_STREAMS, "the table has no more entries than it may");
+    for (int32_t i = 0; i < view.Count(); ++i) {
+        for (int32_t k = 0; k < i; ++k) {
+            const bool isSame = view.At(i).StreamId() == view.At(k).StreamId()
+                && (view.At(i).StreamId() != 0 || view.At(i).AddressNet() == view.At(k).AddressNet());
+            Require(!isSame, "no receiver has two streams");
+        }
+    }
+}
+
+std::string_view World::Command(const char* request)
+{
+    constexpr std::string_view DELETE = "Delete";
+    static Reply reply;
+    std::memset(reply.text, '\xFF', sizeof(reply.text)); // what an earlier client was told is not told again
+    const std::string_view text(request);
+    const size_t start = std::min(text.find_first_not_of(' '), text.size());
+    const bool isDelete = text.substr(start, text.find(' ', start) - start) == DELETE;
+    MyArqSendCB* deleted = nullptr;
+    if (isDelete) {
+        const size_t argument = std::min(text.find_first_not_of(' ', start + DELETE.size()), text.size());
+        const std::string host(text.substr(argument, text.find(' ', argument) - argument));
+        const in_addr_t addressNet = resolveHost(host.c_str());
+        deleted = addressNet != 0 ? Find(addressNet, 0) : nullptr;
+        m_sent.BeginDelete(deleted);
+    }
+    CarryOutCommand(*m_replicator, request, reply);
+    if (isDelete) {
+        m_sent.EndDelete();
+        Require(deleted == nullptr || !IsThere(deleted), "what was deleted is gone");
+        m_pings.erase(deleted);
+    }
+    const size_t length = strnlen(reply.text, sizeof(reply.text));
+    Require(length < sizeof(reply.text), "a reply ends");
+    return { reply.text, length };
+}
+
+in_addr_t World::Address(InputReader& input)
+{
+    constexpr uint8_t FEW = 14;
+    constexpr uint8_t LOOPBACK = 14;
+    const uint8_t which = input.Byte() & 15;
+    if (which < FEW)
+        return htonl(0xC0000200U + which);
+    return which == LOOPBACK ? htonl(INADDR_LOOPBACK) : input.Long();
+}
+
+std::string TakeDatagram(InputReader& input, size_t most, uint8_t filler)
+{
+    const size_t length = input.Length(most);
+    std::string datagram(input.Take(length));
+    while (datagram.size() < length)
+        datagram.push_back(static_cast<char>(filler * datagram.size()));
+    return datagram;
+}
+
+void RepairChecksum(std::string& datagram)
+{
+    const size_t start = TagOf(datagram).size();
+    if (datagram.size() < start + 10)
+        return;
+    uint32_t sum = 0;
+    size_t at = start + 10;
+    const auto byteAt = [&](size_t place) { return static_cast<uint8_t>(datagram[place]); };
+    for (; at + 1 < datagram.size(); at += 2)
+        sum += static_cast<uint32_t>(byteAt(at) | byteAt(at + 1) << 8);
+    if (at < datagram.size())
+        sum += byteAt(at);
+    datagram[start + 2] = static_cast<char>(0U - sum);
+    datagram[start + 3] = static_cast<char>((0U - sum) >> 8);
+}
+
+void Rebase(std::string& datagram, uint16_t base)
+{
+    for (size_t at = TagOf(datagram).size() + 10; at + 1 < datagram.size(); at += 2) {
+        const int number
+            = (static_cast<uint8_t>(datagram[at]) | static_cast<uint8_t>(datagram[at + 1]) << 8) + base;
+        datagram[at] = static_cast<char>(number);
+        datagram[at + 1] = static_cast<char>(number >> 8);
+    }
+}
