@@ -58,6 +58,8 @@ struct Engine {
         if (!ok)
             GiveUp("memory is short");
     }
+    Engine(const Engine&) = delete; // the clock holds a reference to the status
+    Engine& operator=(const Engine&) = delete;
 
     int32_t status = 0;
     CNetSyncVid clock;
