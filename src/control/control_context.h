@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "base/plain_word.h"
+#include "pacing/wall_clock_steps.h"
 
 class ArqSendReplicator;
 
@@ -20,4 +21,5 @@ struct ControlContext {
     int statusSocket = 0; // a descriptor only while the status flag is set
     sockaddr_un statusAddress {};
     uint32_t nextPollMs = 0; // next impairment poll, on the millisecond clock
+    WallClockSteps clockSteps {}; // the next poll moves with a clock that is set
 };

@@ -93,6 +93,7 @@ void SendStatusRecord(ControlContext& context)
 void PollImpairment(ControlContext& context)
 {
     const uint32_t now = GetTimeMs();
+    context.nextPollMs += context.clockSteps.Look(now, GetSteadyMs());
     if (TicksSince(now, context.nextPollMs) < 0)
         return;
     const std::string toggle = ImpairmentTogglePath(context.instance);

@@ -4,6 +4,7 @@
 
 #include "base/byte_order.h"
 #include "pacing/ms_clock.h"
+#include "pacing/wall_clock_steps.h"
 
 bool PeriodicTimer::Start(int32_t periodMs)
 {
@@ -38,7 +39,10 @@ void* PeriodicTimer::Work(void* timer)
 void PeriodicTimer::Run()
 {
     int32_t sleepMs = m_nPeriodMs;
-    uint32_t deadline = GetTimeMs() + static_cast<uint32_t>(sleepMs);
+    WallClockSteps steps;
+    uint32_t nowMs = GetTimeMs();
+    (void)steps.Look(nowMs, GetSteadyMs());
+    uint32_t deadline = nowMs + static_cast<uint32_t>(sleepMs);
     while (m_bRunning) {
         if (sleepMs != 0)
             (void)SleepMs(static_cast<uint32_t>(sleepMs));
@@ -47,7 +51,9 @@ void PeriodicTimer::Run()
         (void)m_pCallback->OnTimer();
         // Read afresh: a Start meanwhile changes it from the next tick on.
         const int32_t periodMs = m_nPeriodMs;
-        sleepMs = NextSleepMs(periodMs, TicksSince(GetTimeMs(), deadline));
+        nowMs = GetTimeMs();
+        deadline += steps.Look(nowMs, GetSteadyMs()); // no time has passed, so there is nothing to catch up
+        sleepMs = NextSleepMs(periodMs, TicksSince(nowMs, deadline));
         deadline += static_cast<uint32_t>(periodMs);
     }
 }
