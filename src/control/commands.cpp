@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 #include "control/request_words.h"
@@ -10,11 +9,18 @@
 
 namespace {
 
-using Handler = void (*)(ArqSendReplicator& replicator, const std::string& argument, Reply& reply);
+using Handler = void (*)(ArqSendReplicator& replicator, const char* argument, Reply& reply);
 
 struct Command {
     std::string_view name;
     Handler handler;
+};
+
+// The second word as a text of its own. One that is longer than any reply is cut off: no host is called so.
+struct Argument {
+    explicit Argument(std::string_view word) { word.copy(text, sizeof(text) - 1); }
+
+    char text[Reply::BYTES] = "";
 };
 
 unsigned long long Wide(uint64_t count)
@@ -22,24 +28,24 @@ unsigned long long Wide(uint64_t count)
     return count;
 }
 
-void Delete(ArqSendReplicator& replicator, const std::string& argument, Reply& reply)
+void Delete(ArqSendReplicator& replicator, const char* argument, Reply& reply)
 {
-    (void)replicator.DeleteStream(argument.c_str());
-    (void)snprintf(reply.text, sizeof(reply.text), "OK: Deleting: %s", argument.c_str());
+    (void)replicator.DeleteStream(argument);
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Deleting: %s", argument);
 }
 
-void Add(ArqSendReplicator& replicator, const std::string& argument, Reply& reply)
+void Add(ArqSendReplicator& replicator, const char* argument, Reply& reply)
 {
-    (void)replicator.AddStream(argument.c_str(), 0);
-    (void)snprintf(reply.text, sizeof(reply.text), "OK: Adding: %s", argument.c_str());
+    (void)replicator.AddStream(argument, 0);
+    (void)snprintf(reply.text, sizeof(reply.text), "OK: Adding: %s", argument);
 }
 
-void Debug(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& /*reply*/)
+void Debug(ArqSendReplicator& replicator, const char* /*argument*/, Reply& /*reply*/)
 {
     replicator.DebugDump();
 }
 
-void AllStats(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
+void AllStats(ArqSendReplicator& replicator, const char* /*argument*/, Reply& reply)
 {
     const ReceiveStats& rx = replicator.RxStats();
     const TransmitStats& tx = replicator.TxStats();
@@ -51,32 +57,32 @@ void AllStats(ArqSendReplicator& replicator, const std::string& /*argument*/, Re
     (void)replicator.ListStreams(reply.text + used, sizeof(reply.text) - used);
 }
 
-void List(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
+void List(ArqSendReplicator& replicator, const char* /*argument*/, Reply& reply)
 {
     (void)replicator.ListStreams(reply.text, sizeof(reply.text));
 }
 
-void RxStat(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
+void RxStat(ArqSendReplicator& replicator, const char* /*argument*/, Reply& reply)
 {
     const ReceiveStats& rx = replicator.RxStats();
     (void)snprintf(reply.text, sizeof(reply.text), "NET_TOTAL_PACKETS=%llu\nNET_LOSS=%d\n",
         Wide(rx.m_nRxPackets), rx.m_nRxLoss.Load());
 }
 
-void StatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
+void StatClear(ArqSendReplicator& replicator, const char* /*argument*/, Reply& reply)
 {
     replicator.ResetRxStats();
     replicator.ResetTxStats();
     (void)snprintf(reply.text, sizeof(reply.text), "OK: Stat Reset");
 }
 
-void RxStatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
+void RxStatClear(ArqSendReplicator& replicator, const char* /*argument*/, Reply& reply)
 {
     replicator.ResetRxStats();
     (void)snprintf(reply.text, sizeof(reply.text), "OK: Rx Stat Reset");
 }
 
-void TxStatClear(ArqSendReplicator& replicator, const std::string& /*argument*/, Reply& reply)
+void TxStatClear(ArqSendReplicator& replicator, const char* /*argument*/, Reply& reply)
 {
     replicator.ResetTxStats();
     (void)snprintf(reply.text, sizeof(reply.text), "OK: Tx Stat Reset");
@@ -103,7 +109,7 @@ void CarryOutCommand(ArqSendReplicator& replicator, const char* request, Reply& 
     const RequestWords words(request);
     for (const Command& command : COMMANDS) {
         if (command.name == words.Command()) {
-            command.handler(replicator, std::string(words.Argument()), reply);
+            command.handler(replicator, Argument(words.Argument()).text, reply);
             return;
         }
     }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cstring>
 #include <new>
 
 #include "base/unique_fd.h"
@@ -79,12 +80,25 @@ size_t ReadUpTo(int fd, char* buffer, size_t size)
     return total;
 }
 
+// Lines that can hold a setting.
+size_t CountSettings(const char* text)
+{
+    size_t count = 0;
+    while (const char* sign = std::strchr(text, '=')) {
+        ++count;
+        const char* lineEnd = std::strchr(sign, '\n');
+        if (lineEnd == nullptr)
+            break;
+        text = lineEnd;
+    }
+    return count;
+}
+
 } // namespace
 
 int ConfigFile::Load(const char* path)
 {
-    m_values.clear();
-    m_text.reset();
+    Clear();
     struct stat status {};
     const int result = stat(path, &status);
     if (result != 0)
@@ -103,7 +117,7 @@ int ConfigFile::Load(const char* path)
 
 void ConfigFile::Parse(const char* text, size_t size)
 {
-    m_values.clear();
+    Clear();
     if (!Allocate(size))
         return;
     std::memcpy(m_text.get(), text, size);
@@ -111,9 +125,20 @@ void ConfigFile::Parse(const char* text, size_t size)
     CutLines();
 }
 
-const char* ConfigFile::Get(const char* key)
+const char* ConfigFile::Get(const char* key) const
 {
-    return m_values[key];
+    for (size_t i = m_nSettings; i > 0; --i) {
+        if (std::strcmp(m_settings[i - 1].key, key) == 0)
+            return m_settings[i - 1].value;
+    }
+    return nullptr;
+}
+
+void ConfigFile::Clear()
+{
+    m_nSettings = 0;
+    m_settings.reset();
+    m_text.reset();
 }
 
 bool ConfigFile::Allocate(size_t size)
@@ -124,6 +149,9 @@ bool ConfigFile::Allocate(size_t size)
 
 void ConfigFile::CutLines()
 {
+    m_settings.reset(new (std::nothrow) Setting[CountSettings(m_text.get())]);
+    if (!m_settings)
+        return;
     char* rest = m_text.get();
     while (char* line = strsep(&rest, "\n"))
         CutLine(line);
@@ -141,5 +169,5 @@ void ConfigFile::CutLine(char* line)
     char* behind = std::strchr(value, '=');
     if (behind != nullptr)
         *behind = '\0';
-    m_values.insert_or_assign(CutKey(text), CutValue(value));
+    m_settings[m_nSettings++] = { CutKey(text), CutValue(value) };
 }

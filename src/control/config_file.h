@@ -1,8 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
-#include <map>
 #include <memory>
 
 // Reader of text files made of key=value lines. Keys and values are cut in place out of one buffer.
@@ -26,19 +24,21 @@ public:
     // The same for a text in memory, of `size` bytes up to its first zero.
     void Parse(const char* text, size_t size);
 
-    // The value of the key, or null. A key that is not there is added with a null value: the key's text
-    // must outlive the reader.
-    const char* Get(const char* key);
+    // The value of the key, or null. The last line that has the key wins.
+    const char* Get(const char* key) const;
 
 private:
-    struct TextLess {
-        bool operator()(const char* a, const char* b) const { return std::strcmp(a, b) < 0; }
+    struct Setting {
+        const char* key;
+        const char* value;
     };
 
+    void Clear();
     bool Allocate(size_t size);
     void CutLines();
     void CutLine(char* line);
 
     std::unique_ptr<char[]> m_text; // zero-terminated; keys and values point into it
-    std::map<const char*, const char*, TextLess> m_values;
+    std::unique_ptr<Setting[]> m_settings; // as the lines come; room for all of them is made at once
+    size_t m_nSettings = 0;
 };

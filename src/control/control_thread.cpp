@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string>
 
+#include "base/file_path.h"
 #include "base/unique_fd.h"
 #include "control/commands.h"
 #include "control/control_context.h"
@@ -33,17 +33,14 @@ struct Request {
 };
 
 // Removes the socket file of an earlier run, or what a link there points to.
-void RemoveStaleFile(const std::string& path)
+void RemoveStaleFile(const FilePath& path)
 {
-    struct FreeDeleter {
-        void operator()(char* text) const { std::free(text); }
-    };
-    const std::unique_ptr<char, FreeDeleter> resolved(realpath(path.c_str(), nullptr));
-    if (resolved)
-        (void)unlink(resolved.get());
+    char resolved[PATH_MAX];
+    if (realpath(path.c_str(), resolved) != nullptr)
+        (void)unlink(resolved);
 }
 
-UniqueFd OpenControlSocket(const std::string& path)
+UniqueFd OpenControlSocket(const FilePath& path)
 {
     RemoveStaleFile(path);
     // Non-blocking: a client that is gone again before it is accepted must not hold this thread.
@@ -132,7 +129,7 @@ void Serve(ControlContext& context, int listener)
 bool process_request_thread(ControlContext& context)
 {
     OpenStatusSocket(context);
-    const std::string path = ControlSocketPath(context.instance);
+    const FilePath path = ControlSocketPath(context.instance);
     UniqueFd listener = OpenControlSocket(path);
     const bool isUp = listener.IsValid();
     if (isUp) {

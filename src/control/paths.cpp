@@ -2,36 +2,36 @@
 
 namespace {
 
-std::string s_root; // NOLINT(cert-err58-cpp): an empty string cannot fail
+FilePath s_root("%s", "");
 
 } // namespace
 
-std::string ControlSocketPath(int32_t instance)
+FilePath ControlSocketPath(int32_t instance)
 {
-    return s_root + "/dev/arq_tx_ctrl" + std::to_string(instance);
+    return FilePath("%s/dev/arq_tx_ctrl%d", s_root.c_str(), instance);
 }
 
-std::string StatusSocketPath(int32_t instance)
+FilePath StatusSocketPath(int32_t instance)
 {
-    return s_root + "/dev/arq_tx_stat" + std::to_string(instance);
+    return FilePath("%s/dev/arq_tx_stat%d", s_root.c_str(), instance);
 }
 
-std::string ImpairmentTogglePath(int32_t instance)
+FilePath ImpairmentTogglePath(int32_t instance)
 {
-    return s_root + "/var/run/tx_proxy" + std::to_string(instance) + ".imp";
+    return FilePath("%s/var/run/tx_proxy%d.imp", s_root.c_str(), instance);
 }
 
-std::string ImpairmentSettingsPath(int32_t instance)
+FilePath ImpairmentSettingsPath(int32_t instance)
 {
-    return s_root + "/var/run/tx_proxy" + std::to_string(instance) + ".imp.conf";
+    return FilePath("%s/var/run/tx_proxy%d.imp.conf", s_root.c_str(), instance);
 }
 
-std::string ClearRequestPath(int32_t instance)
+FilePath ClearRequestPath(int32_t instance)
 {
-    return s_root + "/var/run/tx_proxy" + std::to_string(instance) + ".clear";
+    return FilePath("%s/var/run/tx_proxy%d.clear", s_root.c_str(), instance);
 }
 
 void SetPathRoot(const char* root)
 {
-    s_root = root != nullptr ? root : "";
+    s_root = FilePath("%s", root != nullptr ? root : "");
 }

@@ -5,10 +5,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
 #include "arq/arq_send.h"
 #include "base/byte_order.h"
+#include "base/file_path.h"
 #include "control/config_file.h"
 #include "control/control_context.h"
 #include "control/impairment.h"
@@ -21,7 +21,7 @@ namespace {
 
 constexpr uint32_t POLL_PERIOD_MS = 1000;
 
-bool Exists(const std::string& path)
+bool Exists(const FilePath& path)
 {
     return access(path.c_str(), F_OK) == 0;
 }
@@ -38,7 +38,7 @@ void ReadSetting(ConfigFile& file, const char* key, int32_t* number)
 ImpairmentSettings ReadSettings(int32_t instance)
 {
     ImpairmentSettings settings;
-    const std::string path = ImpairmentSettingsPath(instance);
+    const FilePath path = ImpairmentSettingsPath(instance);
     if (!Exists(path))
         return settings;
     ConfigFile file;
@@ -71,7 +71,7 @@ int32_t StatusStream(const ControlContext& context)
 
 void AnswerClearRequest(ControlContext& context)
 {
-    const std::string path = ClearRequestPath(context.instance);
+    const FilePath path = ClearRequestPath(context.instance);
     if (!Exists(path))
         return;
     context.replicator->ClearStreamStats(StatusStream(context));
@@ -96,7 +96,7 @@ void PollImpairment(ControlContext& context)
     context.nextPollMs += context.clockSteps.Look(now, GetSteadyMs());
     if (TicksSince(now, context.nextPollMs) < 0)
         return;
-    const std::string toggle = ImpairmentTogglePath(context.instance);
+    const FilePath toggle = ImpairmentTogglePath(context.instance);
     if (Exists(toggle)) {
         (void)unlink(toggle.c_str()); // one that stays is seen again and toggles again
         ToggleImpairment(context);

@@ -2,7 +2,7 @@
 
 #include <sys/socket.h>
 
-sockaddr_un UnixAddress(const std::string& path)
+sockaddr_un UnixAddress(std::string_view path)
 {
     sockaddr_un address {};
     address.sun_family = AF_UNIX;

@@ -3,22 +3,24 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <string>
+#include <cstdio>
+
+#include "base/file_path.h"
 
 namespace {
 
 constexpr int32_t OPEN_MODE = 1;
 
-std::string s_root; // NOLINT(cert-err58-cpp): an empty string cannot fail
+FilePath s_root("%s", "");
 
-std::string InstalledPath()
+FilePath InstalledPath()
 {
-    return s_root + "/usr/local/bin/libsorvanex.so.1.0";
+    return FilePath("%s/usr/local/bin/libsorvanex.so.1.0", s_root.c_str());
 }
 
-std::string DiskPath()
+FilePath DiskPath()
 {
-    return s_root + "/disk/sorvanex/libsorvanex.so.1.0";
+    return FilePath("%s/disk/sorvanex/libsorvanex.so.1.0", s_root.c_str());
 }
 
 // Prints the loader's last error; false when there was none.
@@ -42,7 +44,7 @@ bool Resolve(void* library, const char* name, Function* function)
 
 void SetPluginRoot(const char* root)
 {
-    s_root = root != nullptr ? root : "";
+    s_root = FilePath("%s", root != nullptr ? root : "");
 }
 
 void EncryptionPlugin::Load(const char* password, int32_t length)

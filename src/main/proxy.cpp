@@ -57,8 +57,10 @@ ParseResult Proxy::StartUp()
         return { false, EXIT_FAILURE };
     }
     LoadLibrary();
-    bool isQueueUsable = true; // an unusable queue takes nothing; there is nothing better to do about it
+    bool isQueueUsable = true;
     m_context.queue = &m_queue.emplace(isQueueUsable, QUEUE_CAPACITY, nullptr, nullptr);
+    if (!isQueueUsable)
+        fprintf(stderr, "Error: Packet queue not created\n"); // nothing will be sent on; say why
     StartThreads();
     return { true, EXIT_SUCCESS };
 }
@@ -77,7 +79,7 @@ bool Proxy::CreateReplicator()
     const ArqSendReplicator::Settings settings {
         .arqRequestPort = m_context.arqRequestPort,
         .destPort = m_context.destPort,
-        .destAddress = m_context.destAddress.c_str(),
+        .destAddress = m_context.destAddress,
         .udpInputMode = m_context.udpInputMode == 1,
         .nStreams = m_settings.nStreams,
         .stream1Percent = m_settings.stream1Percent,

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 
 #include <cstdint>
-#include <string>
 
 #include "base/plain_word.h"
 #include "control/control_context.h"
@@ -34,7 +33,7 @@ struct ProxyContext {
     int32_t udpInputMode = 0;
     in_addr_t multicastGroup = 0; // network order; 0: none
     ArqSendReplicator* replicator = nullptr; // owned by main's run
-    std::string destAddress; // destinations as given, of any length
+    const char* destAddress = ""; // destinations as given, of any length; the command line's own text
     PacketQueue* queue = nullptr; // owned by main's run
     int32_t instance = 1;
     int32_t instanceCopy = 0; // as it was when the replicator was built

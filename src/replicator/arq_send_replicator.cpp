@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
-#include <string>
 
 #include "arq/arq_settings.h"
 #include "arq/c_arq_send.h"
@@ -124,12 +123,12 @@ void ArqSendReplicator::AddDestinations(const Settings& settings)
 // port.
 void ArqSendReplicator::UseMulticast(const char* list, uint16_t unicastUdpPort)
 {
-    const std::string text = FirstMulticast(list);
-    if (text.empty())
+    const Destination group = FirstMulticast(list);
+    if (group.text[0] == '\0')
         return;
-    m_pMulticastStream = m_keeper->CreateMulticastStream(text.c_str());
+    m_pMulticastStream = m_keeper->CreateMulticastStream(group.text);
     m_fanOut->UseMulticast(m_pMulticastStream.get());
-    printf("Multicasting to %s:%d, ", text.c_str(), DestPort());
+    printf("Multicasting to %s:%d, ", group.text, DestPort());
     m_keeper->SetDestPort(unicastUdpPort);
     printf("Unicasting to %d\n", DestPort());
 }

@@ -1,15 +1,18 @@
 #pragma once
 
 #include <functional>
-#include <string>
 
-// The destination list of the command line: IPv4 addresses and host names, separated by "," and nothing else.
-// One that the resolver does not know is skipped in silence, one of the wrong kind with a message.
-//
-// Threads: none of its own. Both may block as long as the resolver does.
+// A text list of destinations, separated by "," and nothing else (an entry keeps its blanks): the value of -a.
+// An entry that the resolver does not know is skipped without a message.
 
-// Calls add(text) for each destination that is a unicast address.
+struct Destination {
+    static constexpr size_t BYTES = 1025; // the longest host name of the resolver, with the terminating zero
+
+    char text[BYTES] = ""; // empty for none
+};
+
+// Calls add(text) for each unicast destination, in order; a multicast address is reported and skipped.
 void ForEachUnicast(const char* list, const std::function<void(const char* text)>& add);
 
-// The first destination that is a multicast address, empty (with a message) when there is none.
-std::string FirstMulticast(const char* list);
+// The first multicast address; unicast ones before it are reported, as is a list without any, which gives none.
+Destination FirstMulticast(const char* list);

@@ -243,7 +243,7 @@ TEST_F(ControlThreadTest, WhatALinkAtThePathLeadsToIsRemoved)
 {
     const std::string target = m_root.Path() + "/target";
     WriteFile(target, "old");
-    std::filesystem::create_symlink(target, ControlSocketPath(INSTANCE));
+    std::filesystem::create_symlink(target, ControlSocketPath(INSTANCE).c_str());
     Run();
     m_thread.join();
     EXPECT_FALSE(FileExists(target));

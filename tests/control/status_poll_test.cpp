@@ -139,7 +139,7 @@ TEST_F(StatusPollTest, MissingAndEmptySettingsTakeTheirDefaultsAndOddOnesWhatStr
 
 TEST_F(StatusPollTest, AnUnreadableSettingsFileGivesDefaultsForEveryKey)
 {
-    std::filesystem::create_directory(ImpairmentSettingsPath(INSTANCE));
+    std::filesystem::create_directory(ImpairmentSettingsPath(INSTANCE).c_str());
     EXPECT_EQ(
         Toggle(), "min_drop = 1\nmin_dist = 100\nmax_drop = 10\nmax_dist = 200\nmode = 1\nImpairment ON\n");
 }
@@ -157,7 +157,7 @@ TEST_F(StatusPollTest, Mode0IsSwitchedOnAgainByTheNextToggle)
 
 TEST_F(StatusPollTest, AToggleThatCannotBeRemovedTogglesAgain)
 {
-    std::filesystem::create_directory(ImpairmentTogglePath(INSTANCE));
+    std::filesystem::create_directory(ImpairmentTogglePath(INSTANCE).c_str());
     EXPECT_EQ(Poll(), "Impairment ON\n");
     EXPECT_EQ(Poll(), "Impairment OFF\n");
 }

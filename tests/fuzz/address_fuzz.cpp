@@ -98,7 +98,7 @@ void CheckList(const char* list)
     std::vector<std::string> added;
     ForEachUnicast(list, [&](const char* text) { added.emplace_back(text); });
     Require(added == unicast, "every unicast destination is taken, in order");
-    Require(FirstMulticast(list) == firstGroup, "the first group is taken");
+    Require(FirstMulticast(list).text == firstGroup, "the first group is taken");
 }
 
 } // namespace

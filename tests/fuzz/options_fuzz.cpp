@@ -64,7 +64,7 @@ void CheckSettings(const CommandLine& line, const ProxyContext& context, const M
         "rings are powers of two");
     Require(g_nDebugLevel < 10, "the level has one digit");
     Require(
-        context.destAddress.empty() || line.Has(context.destAddress), "the destination is what was given");
+        *context.destAddress == '\0' || line.Has(context.destAddress), "the destination is what was given");
     Require(settings.password == nullptr || (*settings.password != '\0' && line.Has(settings.password)),
         "the password is what was given");
     Require(context.udpInputMode == 0 || context.udpInputMode == 1, "a mode is on or off");

@@ -19,7 +19,7 @@ TEST(ProxyContext, StartsWithItsDefaults)
     EXPECT_EQ(context.udpInputMode, 0);
     EXPECT_EQ(context.multicastGroup, 0U);
     EXPECT_EQ(context.replicator, nullptr);
-    EXPECT_EQ(context.destAddress, "");
+    EXPECT_STREQ(context.destAddress, "");
     EXPECT_EQ(context.queue, nullptr);
     EXPECT_EQ(context.instance, 1);
     EXPECT_EQ(context.instanceCopy, 0);

@@ -43,14 +43,14 @@ TEST(Destinations, AGroupAmongUnicastDestinationsIsSkippedWithAMessage)
 TEST(Destinations, TheFirstGroupIsTakenAndTheRestIsNotLookedAt)
 {
     test_support::CapturedOutput output;
-    EXPECT_EQ(FirstMulticast("10.0.0.1,239.1.1.1,239.1.1.2,10.0.0.3"), "239.1.1.1");
+    EXPECT_STREQ(FirstMulticast("10.0.0.1,239.1.1.1,239.1.1.2,10.0.0.3").text, "239.1.1.1");
     EXPECT_EQ(output.Out(), "Error: Skipping 10.0.0.1, not a multicast address\n");
 }
 
 TEST(Destinations, AListWithoutAGroupIsReported)
 {
     test_support::CapturedOutput output;
-    EXPECT_EQ(FirstMulticast("10.0.0.1"), "");
+    EXPECT_STREQ(FirstMulticast("10.0.0.1").text, "");
     EXPECT_EQ(
         output.Out(), "Error: Skipping 10.0.0.1, not a multicast address\nError: No multicast address\n");
 }

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -38,12 +39,12 @@ private:
     std::string m_path;
 };
 
-inline void WriteFile(const std::string& path, const std::string& text = "")
+inline void WriteFile(std::string_view path, const std::string& text = "")
 {
-    std::ofstream(path, std::ios::binary) << text;
+    std::ofstream(std::string(path), std::ios::binary) << text;
 }
 
-inline bool FileExists(const std::string& path)
+inline bool FileExists(std::string_view path)
 {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
