@@ -92,7 +92,7 @@ def test_thread_of_the_replicator_refused_is_reported_with_the_reason_and_the_pr
 
 
 def test_thread_for_keep_alive_refused_leaves_the_status_thread_at_work(start_refused, receive, sender, net):
-    start_refused(KEEP_ALIVE).wait_ready()
+    assert_reported(start_refused(KEEP_ALIVE).wait_ready(), KEEP_ALIVE)
     pump(sender, [receive(CONFIGURED)], media(200))
     wait_until(lambda: "RECV_BITRATE=0\n" not in control.request(net.instance, "AllStats"), "a bit rate")
 

@@ -2,14 +2,13 @@
 
 import pathlib
 import re
-import resource
 import time
 
 import pytest
 
 from txproxy import control, rtp
 from txproxy.model_receiver import PingingReceiver, raw_port, stamped, start_media, wait_bound
-from txproxy.process import descriptors
+from txproxy.process import NoFreeDescriptor
 from txproxy.receiver import pump
 from txproxy.waiting import scaled, wait_until
 
@@ -19,23 +18,6 @@ SHORTEST_SILENCE_SECONDS = 5.0
 LONGEST_SILENCE_SECONDS = 10.0
 SLOW_MACHINE_SECONDS = 1.0
 BAD_DESCRIPTOR = "SendData failed: Bad file descriptor"
-
-
-class NoFreeDescriptor:
-    """While entered, the process can open nothing: its lowest free number is not allowed."""
-
-    def __init__(self, proxy):
-        self._pid = proxy.pid
-        self._before = None
-
-    def __enter__(self):
-        self._before = resource.prlimit(self._pid, resource.RLIMIT_NOFILE)
-        used = descriptors(self._pid)
-        lowest_free = next(number for number in range(len(used) + 1) if number not in used)
-        resource.prlimit(self._pid, resource.RLIMIT_NOFILE, (lowest_free, self._before[1]))
-
-    def __exit__(self, *_):
-        resource.prlimit(self._pid, resource.RLIMIT_NOFILE, self._before)
 
 
 @pytest.fixture

@@ -1,5 +1,6 @@
 """Client of the control socket: one request, one reply, neither with a line end."""
 
+import select
 import socket
 
 from .waiting import DEFAULT_TIMEOUT, scaled, wait_until
@@ -31,6 +32,9 @@ class ControlClient:
 
     def receive(self):
         return self._socket.recv(65536).decode()
+
+    def has_reply(self):
+        return bool(select.select([self._socket], [], [], 0)[0])
 
     def request(self, text):
         self.send(text)
