@@ -11,6 +11,7 @@
 #include "fuzz/world/quiet.h"
 #include "fuzz/world/require.h"
 #include "fuzz/world/world.h"
+#include "pacing/ms_clock.h"
 
 namespace {
 
@@ -55,17 +56,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     SendMedia(world, before);
     world.Advance(POLL_MS);
-    context.nextPollMs = 0;
+    context.nextPollMs = GetTimeMs();
     PollImpairment(context);
-    PollImpairment(context); // within the second: looks at nothing
-    if (!Files::s_bHasToggle) {
-        SendMedia(world, after);
-        Files::s_bHasToggle = true;
-        world.Advance(POLL_MS + 1);
-        PollImpairment(context);
-        SendMedia(world, before);
-    }
-    world.Replicator().m_impair.m_mode = IMPAIRMENT_OFF;
+    Require(!Files::s_bHasToggle, "a toggle is taken");
+    SendMedia(world, after);
+    Files::s_bHasToggle = true;
+    PollImpairment(context);
+    Require(Files::s_bHasToggle, "within the second nobody looks");
+    const bool wasOn = world.Replicator().m_impair.m_mode != IMPAIRMENT_OFF;
+    world.Advance(POLL_MS + 1);
+    PollImpairment(context);
+    Require(!wasOn || world.Replicator().m_impair.m_mode == IMPAIRMENT_OFF, "the next toggle ends it");
+    SendMedia(world, before);
     InitImpairment(world.Replicator().m_impair);
     world.Replicator().m_nDropPacket = 0;
     world.End();

@@ -147,6 +147,10 @@ void SentChecker::ReadRequest(std::string_view datagram)
         return;
     }
     m_asked.isRequest = IsChecksumRight(datagram);
+    const uint32_t count = HostWord(datagram, 0);
+    m_asked.isWhole = REQUEST + 2 * count <= datagram.size();
+    for (size_t i = 0; m_asked.isWhole && i < count; ++i)
+        m_asked.numbers.push_back(HostWord(datagram, REQUEST + 2 * i));
     const uint32_t retries = HostWord(datagram, 4);
     const uint32_t intervalMs = HostWord(datagram, 6);
     const uint32_t extraMs = HostWord(datagram, 8);
@@ -163,6 +167,12 @@ void SentChecker::CheckAnswer(std::string_view datagram)
     }
     Require(m_asked.isEcho && m_nSent == 0, "only a ping is echoed, once");
     Require(datagram == m_asked.bytes, "an echo is what came, without its tag");
+}
+
+bool SentChecker::IsAskedFor(const Stored& stored) const
+{
+    const std::vector<uint32_t>& numbers = m_asked.numbers;
+    return !m_asked.isWhole || std::find(numbers.begin(), numbers.end(), stored.seq) != numbers.end();
 }
 
 bool SentChecker::IsResendOf(std::string_view datagram, const Stored& stored) const
@@ -184,7 +194,7 @@ void SentChecker::CheckResend(std::string_view datagram)
     m_nSentBytes += static_cast<uint32_t>(datagram.size());
     Require(m_nSentBytes <= m_asked.budgetBytes, "a request costs no more than its budget");
     for (Stored& stored : m_ring) {
-        if (!IsResendOf(datagram, stored))
+        if (!IsAskedFor(stored) || !IsResendOf(datagram, stored))
             continue;
         if (static_cast<int32_t>(m_nTicks - m_asked.maxAgeTicks - stored.ticks) >= 0)
             continue;
@@ -197,7 +207,7 @@ void SentChecker::CheckResend(std::string_view datagram)
         mark->notBeforeTicks = m_nTicks + HOLD_OFF_TICKS;
         return;
     }
-    Require(false, "a resend is a stored packet, young enough, not held off");
+    Require(false, "a resend is a stored packet that was asked for, young enough, not held off");
 }
 
 void SentChecker::EndRequest()

@@ -62,6 +62,8 @@ private:
         bool isRequest = false;
         bool isEcho = false;
         std::string bytes; // without tag
+        std::vector<uint32_t> numbers; // of the list
+        bool isWhole = false; // the list came whole: it claims no more numbers than the datagram has
         uint32_t maxAgeTicks = 0;
         uint32_t budgetBytes = 0;
     };
@@ -69,6 +71,7 @@ private:
     void CheckMedia(std::string_view datagram, const sockaddr_in& destination);
     void CheckAnswer(std::string_view datagram);
     void CheckResend(std::string_view datagram);
+    bool IsAskedFor(const Stored& stored) const;
     bool IsResendOf(std::string_view datagram, const Stored& stored) const;
     void ReadRequest(std::string_view datagram);
 
