@@ -24,6 +24,7 @@ struct Loss {
     bool isFirst = true;
     uint16_t expected = 0;
     uint32_t lost = 0;
+    int left = 300; // packets of one input
     bool isKnown = true; // not with a datagram that is too short for a number
 };
 
@@ -38,7 +39,7 @@ void SendMedia(World& world, InputReader& input, Loss& loss)
     const uint8_t count = 1 + input.Byte() % 96;
     const uint8_t gap = input.Byte();
     std::string packet = TakeDatagram(input, PacketBufferPool::SLICE_BYTES + TOO_LONG, 7);
-    for (uint8_t i = 0; i < count; ++i) {
+    for (uint8_t i = 0; i < count && loss.left > 0; ++i, --loss.left) {
         world.ReceiveMedia(packet);
         if (packet.size() < 4) {
             loss.isKnown = loss.isKnown && packet.empty();

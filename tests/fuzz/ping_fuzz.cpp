@@ -18,19 +18,19 @@ void SendPing(World& world, InputReader& input)
 }
 
 // Many receivers at once, each with an ID of its own: they join or leave.
-void SendPings(World& world, InputReader& input)
+void SendPings(World& world, InputReader& input, int& left)
 {
     const uint8_t count = input.Byte() % 64;
     uint32_t id = input.Byte();
     const bool isLeave = (input.Byte() & 1) != 0;
-    for (uint8_t i = 0; i < count; ++i, ++id) {
+    for (uint8_t i = 0; i < count && left > 0; ++i, ++id, --left) {
         std::string ping(isLeave ? "\xDE\xAD\xBE\xEF" : "\xBA\xBE\xFA\xCE");
         ping.append(reinterpret_cast<const char*>(&id), sizeof(id));
         world.SendPing(ping, 0x0A000000U + id, 0x3412);
     }
 }
 
-void Step(World& world, InputReader& input)
+void Step(World& world, InputReader& input, int& left)
 {
     constexpr uint32_t LONG_MS = 100;
     switch (input.Byte() & 7) {
@@ -39,7 +39,7 @@ void Step(World& world, InputReader& input)
     case 2:
         return SendPing(world, input);
     case 3:
-        return SendPings(world, input);
+        return SendPings(world, input, left);
     case 4:
         return world.Advance(input.Byte());
     case 5:
@@ -64,10 +64,11 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     constexpr int MOST_STEPS = 60;
+    int left = 400; // pings of many receivers at once
     InputReader input(data, size);
     World& world = World::Begin(input.Byte());
     for (int i = 0; i < MOST_STEPS && !input.IsEmpty(); ++i)
-        Step(world, input);
+        Step(world, input, left);
     world.End();
     return 0;
 }

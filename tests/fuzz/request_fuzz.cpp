@@ -2,6 +2,7 @@
 // was sent before. One input is a row of them, with input packets, pings and time between.
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 
 #include "fuzz/world/quiet.h"
@@ -12,11 +13,30 @@ namespace {
 // How the next datagram is changed before it comes.
 constexpr uint8_t REPAIR = 0x08;
 constexpr uint8_t REBASE = 0x10;
+constexpr uint8_t CLAIM = 0xE0; // all three: the count of numbers stays as it is, once
+constexpr uint8_t MOST_CLAIMED = 2; // times 256 numbers otherwise: what costs most is rare
 
-void SendRequest(World& world, InputReader& input, uint8_t step)
+// What one input may still do.
+struct Budget {
+    int packets = 300;
+    bool mayClaim = true; // 65535 numbers
+};
+
+void LimitClaim(std::string& datagram)
+{
+    const size_t high = TagOf(datagram).size() + 1;
+    if (datagram.size() > high)
+        datagram[high] = static_cast<char>(static_cast<uint8_t>(datagram[high]) % MOST_CLAIMED);
+}
+
+void SendRequest(World& world, InputReader& input, uint8_t step, Budget& budget)
 {
     const in_addr_t addressNet = World::Address(input);
     std::string datagram = TakeDatagram(input, PacketBufferPool::SLICE_BYTES + 1, 1);
+    if ((step & CLAIM) == CLAIM && budget.mayClaim)
+        budget.mayClaim = false;
+    else
+        LimitClaim(datagram);
     if ((step & REBASE) != 0)
         Rebase(datagram, world.Sent().LastSeq());
     if ((step & REPAIR) != 0)
@@ -25,12 +45,12 @@ void SendRequest(World& world, InputReader& input, uint8_t step)
 }
 
 // Packets with rising numbers, as a source sends them.
-void SendMedia(World& world, InputReader& input)
+void SendMedia(World& world, InputReader& input, Budget& budget)
 {
     const uint8_t count = input.Byte() % 96;
     const uint16_t first = input.Word();
     std::string packet = TakeDatagram(input, PacketBufferPool::SLICE_BYTES, 7);
-    for (uint8_t i = 0; i < count; ++i) {
+    for (uint8_t i = 0; i < count && budget.packets > 0; ++i, --budget.packets) {
         const auto seq = static_cast<uint16_t>(first + i);
         if (packet.size() >= 4) {
             packet[2] = static_cast<char>(seq >> 8);
@@ -47,20 +67,29 @@ void SendPing(World& world, InputReader& input)
     world.SendPing(TakeDatagram(input, 16, 0), addressNet, portNet);
 }
 
-void Step(World& world, InputReader& input)
+// Times around those that decide something, and any up to 127 ms.
+uint32_t Time(InputReader& input)
+{
+    constexpr uint16_t EDGES[] = { 99, 100, 101, 199, 200, 599, 600, 601, 1000, 4900, 5000, 47721 };
+    constexpr uint8_t FIRST_EDGE = 0x80;
+    const uint8_t time = input.Byte();
+    return time < FIRST_EDGE ? time : EDGES[time % std::size(EDGES)];
+}
+
+void Step(World& world, InputReader& input, Budget& budget)
 {
     const uint8_t step = input.Byte();
     switch (step & 7) {
     case 0:
     case 1:
     case 2:
-        return SendRequest(world, input, step);
+        return SendRequest(world, input, step, budget);
     case 3:
-        return SendMedia(world, input);
+        return SendMedia(world, input, budget);
     case 4:
         return SendPing(world, input);
     case 5:
-        return world.Advance(input.Byte());
+        return world.Advance(Time(input));
     case 6:
         return world.StepWallClock(static_cast<int32_t>(input.Long()));
     default:
@@ -81,8 +110,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     constexpr int MOST_STEPS = 40;
     InputReader input(data, size);
     World& world = World::Begin(input.Byte());
+    Budget budget;
     for (int i = 0; i < MOST_STEPS && !input.IsEmpty(); ++i)
-        Step(world, input);
+        Step(world, input, budget);
     world.End();
     return 0;
 }

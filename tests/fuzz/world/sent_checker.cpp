@@ -29,7 +29,8 @@ uint32_t HostWord(std::string_view bytes, size_t at)
 
 bool IsTagged(std::string_view bytes)
 {
-    if (bytes.size() < TAG || bytes.substr(4, 4) == std::string_view("\0\0\0\0", 4))
+    constexpr std::string_view NO_ID("\0\0\0\0", 4);
+    if (bytes.size() < TAG || bytes.substr(4, 4) == NO_ID)
         return false;
     const std::string_view magic = bytes.substr(0, 4);
     return magic == "\xBA\xBE\xFA\xCE" || magic == "\xCE\xFA\xBE\xBA" || magic == "\xDE\xAD\xBE\xEF"
@@ -69,6 +70,11 @@ bool GoesTo(const MyArqSendCB& stream, const sockaddr_in& destination)
 }
 
 } // namespace
+
+std::string_view TagOf(std::string_view datagram)
+{
+    return datagram.substr(0, IsTagged(datagram) ? TAG : 0);
+}
 
 void SentChecker::Forget()
 {
@@ -138,8 +144,7 @@ void SentChecker::BeginRequest(std::string_view datagram, const MyArqSendCB* str
 
 void SentChecker::ReadRequest(std::string_view datagram)
 {
-    if (IsTagged(datagram))
-        datagram.remove_prefix(TAG);
+    datagram.remove_prefix(TagOf(datagram).size());
     m_asked = {};
     m_asked.bytes = datagram;
     if (datagram.size() < REQUEST) {

@@ -13,6 +13,9 @@
 
 class MyArqSendCB;
 
+// The tag that a receiver's datagram begins with; empty if there is none. Its ID is not 0.
+std::string_view TagOf(std::string_view datagram);
+
 // Knows, from the protocol alone, what may leave the proxy: each input packet once to each stream, as it came but
 // for its time; of those that a ring still holds, what was asked for, within age, hold-off and byte budget; what
 // is echoed; the stop message. Anything else ends the run.
@@ -21,7 +24,8 @@ class MyArqSendCB;
 class SentChecker {
 public:
     static constexpr size_t RING = 64; // packets that the engines keep
-    static constexpr uint32_t BIT_RATE = 8000000; // that the engines are given, in bit/s
+    // That the engines are given, in bit/s. Low, so that a few packets cost more than their budget.
+    static constexpr uint32_t BIT_RATE = 80000;
 
     explicit SentChecker(bool udpInput) : m_bUdpInput(udpInput) {}
 

@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "arq/arq_settings.h"
-#include "arq/datagram_kind.h"
 #include "control/commands.h"
 #include "fuzz/world/require.h"
 #include "input/address.h"
@@ -47,13 +46,6 @@ in_addr_t LookUp(const char* name)
 {
     const size_t length = std::strlen(name);
     return length < 2 || name[0] != 'h' ? 0 : htonl(0xC6336400U | static_cast<uint8_t>(name[1]));
-}
-
-std::string_view TagOf(std::string_view datagram)
-{
-    const auto* bytes = reinterpret_cast<const uint8_t*>(datagram.data());
-    const bool isTag = ReadStreamTag(bytes, static_cast<int32_t>(datagram.size())).streamId != 0;
-    return datagram.substr(0, isTag ? 8 : 0);
 }
 
 uint32_t StreamIdOf(std::string_view datagram)
