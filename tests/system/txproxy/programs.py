@@ -6,10 +6,11 @@ import subprocess
 FOLDER = pathlib.Path(__file__).resolve().parent.parent / "programs"
 
 
-def build(directory, name):
-    """Compiles programs/<name>.c to an executable in `directory`; returns its path."""
+def build(directory, name, *parts):
+    """Compiles programs/<name>.c, and <part>.c for each part, to an executable in `directory`; returns its path."""
     path = directory / name
-    subprocess.run(["cc", "-O2", "-Wall", "-Wextra", "-pthread", "-o", path, FOLDER / f"{name}.c"], check=True)
+    sources = [FOLDER / f"{source}.c" for source in (name, *parts)]
+    subprocess.run(["cc", "-O2", "-Wall", "-Wextra", "-pthread", "-o", path, *sources], check=True)
     return path
 
 
