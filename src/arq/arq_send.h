@@ -52,6 +52,9 @@ public:
 
     virtual void SetDebug(uint8_t flag) = 0;
 
+    // What ProcessBuffer has cost so far, modulo 2^32; see SEND_WORK. Asked by the listen thread.
+    virtual uint32_t Work() const { return 0; }
+
     // ENGINE_MAGIC in a live engine; see DestroyEngine.
     virtual uint32_t Magic() const = 0;
 };

@@ -37,6 +37,7 @@ public:
     void ClearStats() override;
     void ClearRing() override;
     void SetDebug(uint8_t flag) override { m_nDebug = flag; }
+    uint32_t Work() const override { return m_nWork; }
     uint32_t Magic() const override { return m_nMagic; }
 
     // The window values now in force, and the delay in milliseconds that they add up to.
@@ -84,6 +85,7 @@ private:
     PlainWord<uint32_t> m_nNextExpected { 0 }; // last requested number + 1; across requests
     PlainWord<uint32_t> m_nOverBudget { 0 };
     PlainWord<uint32_t> m_nExpired { 0 };
+    uint32_t m_nWork = 0; // the listen thread's own; never cleared
     PlainWord<uint8_t> m_nDebug { 0 };
     const uint32_t m_nMagic = ENGINE_MAGIC;
 };

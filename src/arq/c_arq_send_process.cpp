@@ -7,6 +7,7 @@
 #include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 #include "arq/request_list.h"
+#include "arq/request_work.h"
 
 namespace {
 
@@ -45,12 +46,14 @@ uint32_t CArqSend::ProcessBuffer(PacketBuffer* packet)
 
 uint32_t CArqSend::EchoPing(PacketBuffer* packet)
 {
+    m_nWork += SEND_WORK;
     (void)m_pCallback->SendData(packet);
     return 1;
 }
 
 uint32_t CArqSend::RejectPing()
 {
+    m_nWork += SEND_WORK; // a line of log is no cheaper
     fprintf(stderr, "CArqSend: ProcessBuffer: BAD ARQ_PING_ID\n");
     return 0;
 }
@@ -73,6 +76,7 @@ void CArqSend::AnswerList(const RequestList& request)
     uint32_t run = 0;
     for (uint32_t i = 0; i < count; ++i) {
         const uint16_t seq = request[i];
+        ++m_nWork;
         CountRun(seq, run);
         if (AnswerNumber(seq, budget) == Verdict::OverBudget) {
             m_nOverBudget.Add(count - i); // this number and all that follow are given up
@@ -154,6 +158,7 @@ CArqSend::Verdict CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* pa
         return Verdict::OverBudget;
     WireByte& payloadType = HeaderOf(*packet).payloadType;
     payloadType.Set(static_cast<uint8_t>((payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
+    m_nWork += SEND_WORK;
     (void)m_pCallback->SendData(packet);
     slot.resendNotBeforeTicks = m_pClock->LocalNow() + m_nHoldOffTicks;
     m_ring.SetRetransmitted(seq);

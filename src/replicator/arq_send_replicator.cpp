@@ -10,7 +10,6 @@
 #include "arq/datagram_kind.h"
 #include "pacing/ms_clock.h"
 #include "replicator/destinations.h"
-#include "replicator/request_router.h"
 
 namespace {
 
@@ -180,10 +179,10 @@ int ArqSendReplicator::ProcessPing(
     return 1;
 }
 
-int ArqSendReplicator::ProcessRequest(
-    PacketBuffer* packet, in_addr_t addressNet, uint16_t /*portNet*/, uint32_t streamId)
+int ArqSendReplicator::ProcessRequest(PacketBuffer* packet, in_addr_t addressNet, uint16_t /*portNet*/,
+    uint32_t streamId, const RequestTime& time)
 {
-    RouteRequest(Streams(), packet, addressNet, streamId);
+    RouteRequest(Streams(), packet, addressNet, streamId, time);
     return 1;
 }
 

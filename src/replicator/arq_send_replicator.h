@@ -14,6 +14,7 @@
 #include "replicator/default_settings.h"
 #include "replicator/fan_out.h"
 #include "replicator/my_socket_listener.h"
+#include "replicator/request_router.h"
 #include "replicator/socket_group.h"
 #include "replicator/stream_keeper.h"
 #include "replicator/thread_crew.h"
@@ -62,7 +63,8 @@ public:
     // A datagram from a receiver, with the stream ID of its tag (0: none). Address and port in network
     // order. Always return 1.
     int ProcessPing(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId);
-    int ProcessRequest(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId);
+    int ProcessRequest(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet, uint32_t streamId,
+        const RequestTime& time);
 
     // See StreamKeeper.
     int AddStream(const char* text, int32_t nInterfaces) { return m_keeper->AddStream(text, nInterfaces); }

@@ -6,6 +6,7 @@
 
 #include "arq/c_arq_send_cb.h"
 #include "base/plain_word.h"
+#include "replicator/request_quota.h"
 #include "replicator/shared_socket.h"
 #include "replicator/socket_chooser.h"
 #include "replicator/stream_life.h"
@@ -64,6 +65,7 @@ public:
     const char* HostText() const { return m_hostText; }
     bool OwnsSockets() const { return m_bOwnsSockets; }
 
+    RequestQuota m_quota; // the listen thread's own
     StreamLife m_life; // used under the replicator lock
     // Datagrams are sent only while set. Changed under the replicator lock, read without it; set last, so that
     // who sees it sees the socket and the port that it is for.

@@ -20,13 +20,19 @@ void StripTag(PacketBuffer* packet)
 
 } // namespace
 
-void RouteRequest(const StreamTable& table, PacketBuffer* packet, in_addr_t addressNet, uint32_t streamId)
+void RouteRequest(const StreamTable& table, PacketBuffer* packet, in_addr_t addressNet, uint32_t streamId,
+    const RequestTime& time)
 {
     const StreamTable::View view(table);
-    const MyArqSendCB* stream = view.Find(addressNet, streamId);
+    MyArqSendCB* stream = view.Find(addressNet, streamId);
     if (stream == nullptr)
+        return;
+    if (stream->m_quota.IsSpent(time.nowMs) && time.isCrowded)
         return;
     if (streamId != 0)
         StripTag(packet);
-    (void)stream->m_pEngine->ProcessBuffer(packet);
+    ArqSend& engine = *stream->m_pEngine;
+    const uint32_t workBefore = engine.Work();
+    (void)engine.ProcessBuffer(packet);
+    stream->m_quota.Charge(engine.Work() - workBefore);
 }

@@ -13,6 +13,8 @@ namespace {
 constexpr uint32_t STOP_WAIT_MS = 600; // longer than one wait for datagrams
 constexpr uint32_t SETTLE_MS = 50; // between making the sockets usable and the first wait
 constexpr int WAIT_MS = 250;
+// What each listener takes after one wait. Under a flood most of the time would go into waits that end at once.
+constexpr int MOST_TURNS = 32;
 
 // What is wanted from each position; descriptor -1 for nothing.
 using Wanted = std::array<pollfd, SocketGroup::POSITIONS>;
@@ -40,6 +42,22 @@ bool WaitForDatagrams(Wanted& wanted)
     if (count < 0)
         (void)SleepMs(WAIT_MS); // whoever loops around this wait must not spin
     return count > 0;
+}
+
+// Lets each listener that may have a datagram take one. False when none has more.
+bool ServeReadable(const SocketGroup::Listeners& listeners, Wanted& wanted)
+{
+    bool hasServed = false;
+    for (size_t position = 0; position < listeners.size(); ++position) {
+        pollfd& one = wanted[position];
+        if (one.revents == 0)
+            continue;
+        if (listeners[position]->Receive())
+            hasServed = true;
+        else
+            one.revents = 0;
+    }
+    return hasServed;
 }
 
 } // namespace
@@ -114,8 +132,5 @@ void ServeListeners(const SocketGroup::Listeners& listeners)
     }
     if (!WaitForDatagrams(wanted))
         return;
-    for (size_t position = 0; position < listeners.size(); ++position) {
-        if (wanted[position].revents != 0)
-            listeners[position]->Receive();
-    }
+    for (int turn = 0; turn < MOST_TURNS && ServeReadable(listeners, wanted); ++turn) {}
 }

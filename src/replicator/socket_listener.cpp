@@ -1,5 +1,6 @@
 #include "replicator/socket_listener.h"
 
+#include <linux/sock_diag.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <utility>
 
 #include "arq/wire.h"
+#include "pacing/ms_clock.h"
 
 namespace {
 
@@ -14,6 +16,27 @@ namespace {
 // claimed: behind the last slice there is room for the longest list, so that this never leaves the pool.
 constexpr uint32_t POOL_TAIL_BYTES = 131072;
 static_assert(POOL_TAIL_BYTES >= LONGEST_REQUEST_LIST_BYTES);
+
+// Room for what comes while the listen thread waits for its turn on a busy machine. The kernel may grant less.
+constexpr int WANTED_RECEIVE_BUFFER_BYTES = 524288;
+
+void WidenReceiveBuffer(int fd)
+{
+    int bytes = 0;
+    socklen_t size = sizeof(bytes);
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, &size) != 0 || bytes >= WANTED_RECEIVE_BUFFER_BYTES)
+        return;
+    bytes = WANTED_RECEIVE_BUFFER_BYTES;
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)); // it also works with what there was
+}
+
+// Kernel memory that unread datagrams take up; 0 when the system does not tell.
+uint32_t WaitingBytes(int fd)
+{
+    uint32_t info[SK_MEMINFO_VARS] = {};
+    socklen_t bytes = sizeof(info);
+    return getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &bytes) == 0 ? info[SK_MEMINFO_RMEM_ALLOC] : 0;
+}
 
 sockaddr_in Address(in_addr_t addressNet, uint16_t port)
 {
@@ -56,6 +79,7 @@ void SocketListener::Init(bool& ok)
         fprintf(stderr, "SocketListener: setsockopt(SO_REUSEADDR) failed on port %d\n", m_usPort);
         ok = false;
     }
+    WidenReceiveBuffer(Socket());
     const sockaddr_in local = Address(htonl(INADDR_ANY), m_usPort);
     if (bind(Socket(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0) {
         fprintf(stderr, "SocketListener: sock bound to port %d\n", m_usPort);
@@ -85,15 +109,28 @@ void SocketListener::InitDuplicate(bool& ok)
     m_bOwnsSocket = true;
 }
 
-void SocketListener::Receive()
+bool SocketListener::Receive()
 {
-    PacketBuffer* packet = m_pool->get();
+    if (m_pNext == nullptr)
+        m_pNext = m_pool->get();
+    PacketBuffer* packet = m_pNext;
     sockaddr_in source {};
     socklen_t sourceBytes = sizeof(source);
     const ssize_t received = recvfrom(Socket(), packet->Data(), PacketBufferPool::SLICE_BYTES, MSG_DONTWAIT,
         reinterpret_cast<sockaddr*>(&source), &sourceBytes);
-    if (received < 0)
-        return; // poll may report a datagram that a bad checksum then takes away
+    if (received < 0) { // poll may report a datagram that a bad checksum then takes away
+        m_crowd.OnEmpty();
+        return false;
+    }
+    m_pNext = nullptr;
+    LookAtQueue();
     packet->SetLength(static_cast<int32_t>(received));
     (void)OnPacket(packet, source.sin_addr.s_addr, source.sin_port);
+    return true;
+}
+
+void SocketListener::LookAtQueue()
+{
+    if (m_crowd.OnArrival())
+        m_crowd.OnLook(WaitingBytes(Socket()), GetSteadyMs());
 }

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "input/packet_buffer.h"
+#include "replicator/crowd_gauge.h"
 #include "replicator/shared_socket.h"
 
 // One UDP socket on which receivers talk to the proxy, with a ring of buffers for what arrives.
@@ -30,8 +31,11 @@ public:
     // listener's and is reused after as many datagrams as the pool has buffers.
     virtual int OnPacket(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet) = 0;
 
-    // Reads one datagram from a readable socket and passes it to OnPacket.
-    void Receive();
+    // Reads one datagram and passes it to OnPacket. False when none is there; never waits for one.
+    bool Receive();
+
+    // Whether datagrams keep waiting; see CrowdGauge. False on a system that does not tell.
+    bool IsCrowded(uint32_t nowMs) { return m_crowd.IsCrowded(nowMs); }
 
     // The descriptor, -1 before Init has made one.
     int Socket() const { return m_socket.Get(); }
@@ -41,10 +45,13 @@ public:
 
 private:
     void InitDuplicate(bool& ok);
+    void LookAtQueue();
 
     SharedSocket m_socket;
     uint16_t m_usPort;
     bool m_bOwnsSocket = false; // Init made the socket or duplicated it
     bool m_bDuplicateMode = false; // never set by the replicator
     std::unique_ptr<PacketBufferPool> m_pool;
+    PacketBuffer* m_pNext = nullptr; // the pool's, for the next datagram; null: none was taken yet
+    CrowdGauge m_crowd;
 };

@@ -300,7 +300,7 @@ protected:
         const AllocationCount count;
         (void)this->Send(first);
         (void)this->Send(second);
-        RouteRequest(this->m_table, request.Get(), Net("127.0.0.2"), 0);
+        RouteRequest(this->m_table, request.Get(), Net("127.0.0.2"), 0, {});
         EXPECT_EQ(count.Count(), 0U);
         EXPECT_EQ(this->m_tx.m_nTxPackets, 102U) << "two packets to fifty, and two again to one";
     }

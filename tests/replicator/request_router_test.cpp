@@ -37,9 +37,10 @@ protected:
     void Route(const char* address, uint32_t streamId, const Bytes& data)
     {
         OwnedPacket packet(data);
-        RouteRequest(m_table, packet.Get(), Net(address), streamId);
+        RouteRequest(m_table, packet.Get(), Net(address), streamId, m_time);
     }
 
+    RequestTime m_time { 1000, false };
     TransmitStats m_stats;
     StreamTable m_table;
 };
@@ -110,6 +111,57 @@ TEST_F(RequestRouterTest, ARequestOfAStreamThatHasLeftIsIgnoredWhileAReaderStill
     RemoveFirst();
     Route("127.0.0.2", 0, { 1 });
     EXPECT_EQ(engine.m_processed, Processed {});
+}
+
+// ---- Where datagrams of others wait
+
+class CrowdedRouterTest : public RequestRouterTest {
+protected:
+    CrowdedRouterTest() { m_time.isCrowded = true; }
+};
+
+TEST_F(CrowdedRouterTest, WhatIsBeyondAReceiversQuotaIsDroppedUntilThatHasDrainedAway)
+{
+    RecordingEngine& engine = Append("127.0.0.2", 0);
+    engine.m_nWorkOfEach = RequestQuota::MOST_WORK;
+    Route("127.0.0.2", 0, { 1 });
+    Route("127.0.0.2", 0, { 2 });
+    m_time.nowMs += RequestQuota::PERIOD_MS;
+    Route("127.0.0.2", 0, { 3 });
+    EXPECT_EQ(engine.m_processed, (Processed { { 1 }, { 3 } }));
+}
+
+TEST_F(CrowdedRouterTest, TheQuotaOfOneIsNotTheQuotaOfAnother)
+{
+    RecordingEngine& greedy = Append("127.0.0.2", 7);
+    RecordingEngine& other = Append("127.0.0.2", 8);
+    greedy.m_nWorkOfEach = RequestQuota::MOST_WORK;
+    for (int i = 0; i < 3; ++i) {
+        Route("127.0.0.2", 7, Tagged(7, { 1 }));
+        Route("127.0.0.2", 8, Tagged(8, { 2 }));
+    }
+    EXPECT_EQ(greedy.m_processed.size(), 1U);
+    EXPECT_EQ(other.m_processed.size(), 3U);
+}
+
+TEST_F(RequestRouterTest, WhereNobodyWaitsAReceiverGetsAllThatItAsksFor)
+{
+    RecordingEngine& engine = Append("127.0.0.2", 0);
+    engine.m_nWorkOfEach = RequestQuota::MOST_WORK;
+    for (int i = 0; i < 10; ++i)
+        Route("127.0.0.2", 0, { 1 });
+    EXPECT_EQ(engine.m_processed.size(), 10U);
+}
+
+// What it had before counts, too, once others wait.
+TEST_F(RequestRouterTest, WhatAReceiverHadCountsOnceOthersWait)
+{
+    RecordingEngine& engine = Append("127.0.0.2", 0);
+    engine.m_nWorkOfEach = RequestQuota::MOST_WORK;
+    Route("127.0.0.2", 0, { 1 });
+    m_time.isCrowded = true;
+    Route("127.0.0.2", 0, { 2 });
+    EXPECT_EQ(engine.m_processed, (Processed { { 1 } }));
 }
 
 } // namespace

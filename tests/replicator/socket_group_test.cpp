@@ -123,18 +123,29 @@ TEST_F(InitListenersTest, WithoutASocketTheListenerFails)
 
 class ServeListenersTest : public SocketGroupTest {};
 
-TEST_F(ServeListenersTest, EachThatHasADatagramTakesOne)
+TEST_F(ServeListenersTest, ListenersThatHaveDatagramsTakeOneInTurn)
 {
     ASSERT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
-    Send(m_lease0);
-    Send(m_lease1);
-    Send(m_lease1);
+    std::string order;
+    m_listener0.m_onPacket = [&] { order += '0'; };
+    m_listener1.m_onPacket = [&] { order += '1'; };
+    for (int i = 0; i < 3; ++i)
+        Send(m_lease0);
+    for (int i = 0; i < 5; ++i)
+        Send(m_lease1);
     ServeListeners({ &m_listener0, &m_listener1 });
-    EXPECT_EQ(m_listener0.m_packets, 1);
-    EXPECT_EQ(m_listener1.m_packets, 1);
+    EXPECT_EQ(order, "01010111");
+}
+
+TEST_F(ServeListenersTest, AfterOneWaitAListenerTakes32DatagramsAtMost)
+{
+    ASSERT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
+    for (int i = 0; i < 40; ++i)
+        Send(m_lease0);
     ServeListeners({ &m_listener0, &m_listener1 });
-    EXPECT_EQ(m_listener0.m_packets, 1);
-    EXPECT_EQ(m_listener1.m_packets, 2);
+    EXPECT_EQ(m_listener0.m_packets, 32);
+    ServeListeners({ &m_listener0, &m_listener1 });
+    EXPECT_EQ(m_listener0.m_packets, 40);
 }
 
 TEST_F(ServeListenersTest, APositionMayBeEmpty)

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "pacing/ms_clock.h"
 #include "support/allocation_hooks.h"
 #include "support/captured_output.h"
 #include "support/loopback.h"
@@ -44,6 +45,14 @@ public:
 
     std::vector<Arrival> m_arrivals;
 };
+
+int ReceiveBufferBytes(int fd)
+{
+    int bytes = 0;
+    socklen_t size = sizeof(bytes);
+    EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, &size), 0);
+    return bytes;
+}
 
 class SocketListenerTest : public testing::Test {
 protected:
@@ -182,8 +191,50 @@ TEST_F(SocketListenerTest, WithoutADatagramReceiveReturnsAtOnceAndPassesNothingO
 {
     RecordingListener listener(SharedSocket(), m_lease.Port(), m_ok, 4);
     Init(listener);
-    listener.Receive();
+    EXPECT_FALSE(listener.Receive());
     EXPECT_TRUE(listener.m_arrivals.empty());
+}
+
+TEST_F(SocketListenerTest, ALookThatFindsNothingUsesUpNoBuffer)
+{
+    RecordingListener listener(SharedSocket(), m_lease.Port(), m_ok, 2);
+    Init(listener);
+    Receiver sender("127.0.0.2");
+    for (uint8_t i = 0; i < 3; ++i) {
+        EXPECT_FALSE(listener.Receive());
+        sender.SendTo("127.0.0.1", m_lease.Port(), { i });
+        EXPECT_TRUE(listener.Receive());
+    }
+    EXPECT_NE(listener.m_arrivals[0].packet, listener.m_arrivals[1].packet);
+    EXPECT_EQ(listener.m_arrivals[0].packet, listener.m_arrivals[2].packet);
+}
+
+TEST_F(SocketListenerTest, ItIsCrowdedWhileMoreWaitsThanIsReadAtOnce)
+{
+    RecordingListener listener(SharedSocket(), m_lease.Port(), m_ok, 4);
+    Init(listener);
+    const uint32_t nowMs = GetSteadyMs();
+    Receiver sender("127.0.0.2");
+    for (int i = 0; i < 20; ++i) {
+        sender.SendTo("127.0.0.1", m_lease.Port(), {});
+        EXPECT_TRUE(listener.Receive());
+    }
+    EXPECT_FALSE(listener.IsCrowded(nowMs)) << "each was read before the next one came";
+    for (int i = 0; i < 100; ++i)
+        sender.SendTo("127.0.0.1", m_lease.Port(), {});
+    for (int i = 0; i < 16; ++i)
+        EXPECT_TRUE(listener.Receive());
+    EXPECT_TRUE(listener.IsCrowded(GetSteadyMs()));
+}
+
+TEST_F(SocketListenerTest, TheReceiveBufferIsAsWideAsTheInputsOrAsTheSystemAllows)
+{
+    const UniqueFd plain(socket(AF_INET, SOCK_DGRAM, 0));
+    constexpr int WANTED_BYTES = 524288;
+    ASSERT_EQ(setsockopt(plain.Get(), SOL_SOCKET, SO_RCVBUF, &WANTED_BYTES, sizeof(WANTED_BYTES)), 0);
+    RecordingListener listener(SharedSocket(), m_lease.Port(), m_ok, 4);
+    Init(listener);
+    EXPECT_EQ(ReceiveBufferBytes(listener.Socket()), ReceiveBufferBytes(plain.Get()));
 }
 
 TEST_F(SocketListenerTest, BuffersAreReusedInRingOrder)

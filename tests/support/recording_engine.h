@@ -33,12 +33,14 @@ public:
     uint32_t ProcessBuffer(PacketBuffer* packet) override
     {
         m_processed.emplace_back(packet->Data(), packet->Data() + packet->Length());
+        m_nWork += m_nWorkOfEach;
         return 1;
     }
     void GetStats(ArqSendStats* out) override { *out = m_stats; }
     void ClearStats() override { m_stats = {}; }
     void ClearRing() override {}
     void SetDebug(uint8_t /*flag*/) override {}
+    uint32_t Work() const override { return m_nWork; }
     uint32_t Magic() const override { return ENGINE_MAGIC; }
 
     std::function<void(PacketBuffer*)> m_onStore;
@@ -47,6 +49,8 @@ public:
     std::vector<uint16_t> m_builtSeqs;
     std::vector<Bytes> m_processed;
     ArqSendStats m_stats {};
+    uint32_t m_nWork = 0;
+    uint32_t m_nWorkOfEach = 1; // of what is processed
 
 private:
     PacketBuffer m_record {};

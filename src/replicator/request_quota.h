@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+
+#include "arq/request_work.h"
+
+// How much of the listen thread one receiver may have while datagrams of others wait. What its requests cost is
+// counted in sequence numbers looked up; what is beyond the quota drains away with time.
+//
+// A receiver has no use for more: a number is not sent again within the hold-off of 100 ms, so in that time it can
+// win no more than one resend of each packet that the ring holds, 4096 by default. That is 435 Mbit/s of packets
+// with 1316 bytes of payload, or two of the longest requests there are.
+//
+// Threads: the listen thread. Times are milliseconds of a steady clock.
+class RequestQuota {
+public:
+    static constexpr uint32_t PERIOD_MS = 100; // the hold-off
+    static constexpr uint32_t MOST_RESENDS = 4096; // in one period
+    static constexpr uint32_t WORK_PER_MS = (MOST_RESENDS * (1 + SEND_WORK) + PERIOD_MS - 1) / PERIOD_MS;
+    static constexpr uint32_t MOST_WORK = PERIOD_MS * WORK_PER_MS;
+
+    // Whether the quota is used up at that time.
+    bool IsSpent(uint32_t nowMs);
+
+    // The receiver has had so much.
+    void Charge(uint32_t work) { m_nSpent += work; }
+
+private:
+    uint32_t m_nSpent = 0;
+    uint32_t m_nThenMs = 0; // when m_nSpent was right
+};

@@ -1,0 +1,60 @@
+#include "replicator/crowd_gauge.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr uint32_t BEGIN_MS = 5000;
+
+TEST(CrowdGauge, ALookIsDueAtEach16thDatagramWithoutABreak)
+{
+    CrowdGauge gauge;
+    for (int look = 0; look < 3; ++look) {
+        for (int i = 1; i < 16; ++i)
+            EXPECT_FALSE(gauge.OnArrival()) << i;
+        EXPECT_TRUE(gauge.OnArrival());
+    }
+}
+
+TEST(CrowdGauge, NoLookIsDueWhereTheSocketIsFoundEmptyBetween)
+{
+    CrowdGauge gauge;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_FALSE(gauge.OnArrival());
+        if (i % 15 == 14)
+            gauge.OnEmpty();
+    }
+}
+
+TEST(CrowdGauge, ItIsCrowdedFromAFullLookOnAndASecondLonger)
+{
+    CrowdGauge gauge;
+    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS));
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES - 1, BEGIN_MS);
+    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS));
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS);
+    EXPECT_TRUE(gauge.IsCrowded(BEGIN_MS));
+    gauge.OnEmpty();
+    gauge.OnLook(0, BEGIN_MS + 1);
+    EXPECT_TRUE(gauge.IsCrowded(BEGIN_MS + 999));
+    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS + 1000));
+}
+
+TEST(CrowdGauge, EachFullLookBeginsTheSecondAnew)
+{
+    CrowdGauge gauge;
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS);
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS + 600);
+    EXPECT_TRUE(gauge.IsCrowded(BEGIN_MS + 1599));
+    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS + 1600));
+}
+
+TEST(CrowdGauge, WhatIsOverDoesNotComeBackWhenTheClockHasWrapped)
+{
+    CrowdGauge gauge;
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS);
+    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS + 1000));
+    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS));
+}
+
+} // namespace
