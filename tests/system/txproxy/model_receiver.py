@@ -220,9 +220,10 @@ class ModelReceiver:
         self._have = bytearray(total)
         self._asked = bytearray(total)
         self._newest = -1
-        self._missing = {}  # index: [time of the next request, time to give up]
+        self._missing = {}  # index: [time of the next request, time to give up, time when the gap was seen]
         self.first_time = 0
         self.recovered = 0
+        self.recovery_seconds = []  # from the gap to the packet
         self.given_up = set()
         self.faults = []  # what no receiver should ever see
 
@@ -266,9 +267,11 @@ class ModelReceiver:
         if self._have[index]:
             return
         self._have[index] = 1
-        self._missing.pop(index, None)
+        missed = self._missing.pop(index, None)
         if again:
             self.recovered += 1
+            if missed:
+                self.recovery_seconds.append(now - missed[2])
         else:
             self.first_time += 1
 
@@ -276,7 +279,7 @@ class ModelReceiver:
         if self._asks:
             give_up = now + self._window.age_seconds() + self.SLACK_SECONDS
             for gone in range(self._newest + 1, index):
-                self._missing[gone] = [now + self.REORDER_PATIENCE_SECONDS, give_up]
+                self._missing[gone] = [now + self.REORDER_PATIENCE_SECONDS, give_up, now]
         self._newest = index
 
     def tick(self, now):
