@@ -5,12 +5,16 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "base/unique_fd.h"
 
 namespace {
+
+// A file that is larger is no settings file: it would cost the control thread its time, and the machine its memory.
+constexpr size_t MAX_FILE_BYTES = 1024 * 1024;
 
 bool IsSpace(char c)
 {
@@ -73,6 +77,8 @@ size_t ReadUpTo(int fd, char* buffer, size_t size)
     size_t total = 0;
     while (total < size) {
         const ssize_t count = read(fd, buffer + total, size - total);
+        if (count < 0 && errno == EINTR)
+            continue;
         if (count <= 0)
             break;
         total += static_cast<size_t>(count);
@@ -104,10 +110,10 @@ int ConfigFile::Load(const char* path)
     if (result != 0)
         return result;
     const auto size = static_cast<size_t>(status.st_size);
-    if (!Allocate(size))
+    if (size > MAX_FILE_BYTES || !Allocate(size))
         return 0;
-    // Non-blocking: a FIFO put there must not stall the reader.
-    UniqueFd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    // A FIFO put there must not stall the reader, and a terminal must not become the process's own.
+    UniqueFd file(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file.IsValid())
         return 0;
     m_text[ReadUpTo(file.Get(), m_text.get(), size)] = '\0';

@@ -220,6 +220,18 @@ TEST_F(ConfigFileLoadTest, AFifoOrAFolderGivesNoKeysAndDoesNotStall)
     EXPECT_EQ(m_file.Get("a"), nullptr);
 }
 
+TEST_F(ConfigFileLoadTest, AFileOfOneMebibyteIsReadAndALargerOneGivesNoKeys)
+{
+    constexpr size_t LIMIT = 1024 * 1024;
+    const std::string setting = "mode=2\n";
+    test_support::WriteFile(Path(), setting + std::string(LIMIT - setting.size(), '\n'));
+    EXPECT_EQ(m_file.Load(Path().c_str()), 0);
+    EXPECT_STREQ(m_file.Get("mode"), "2");
+    test_support::WriteFile(Path(), setting + std::string(LIMIT - setting.size() + 1, '\n'));
+    EXPECT_EQ(m_file.Load(Path().c_str()), 0);
+    EXPECT_EQ(m_file.Get("mode"), nullptr);
+}
+
 TEST_F(ConfigFileLoadTest, WithoutMemoryForTheTextThereAreNoKeys)
 {
     test_support::WriteFile(Path(), "a=1");
