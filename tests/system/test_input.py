@@ -172,4 +172,4 @@ def test_resident_memory_with_50_streams_and_a_full_ring_stays_within_14_mib(
     pump(sender, [last], [rtp.packet(i, bytes(1316)) for i in range(4096 + 1024 + 200)])
     assert proxy.resident_kib() <= 14 * 1024
     threads = pathlib.Path(f"/proc/{proxy.pid}/task")
-    assert len(list(threads.iterdir())) == 6
+    assert len(list(threads.iterdir())) == 7
