@@ -20,5 +20,6 @@ raw_control     plain connections to the control socket, for clients that behave
 reports         what a proxy says about itself
 impairment      deliberate loss: its files, and a model of the fixed pattern
 plugin_builder  encryption libraries for the tests
-programs        C programs and libraries of the tests
+programs        C and C++ programs and libraries of the tests
+heap            what a running proxy holds on its heap
 """

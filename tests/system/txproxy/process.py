@@ -18,6 +18,27 @@ def descriptors(pid):
     return sorted(int(name) for name in os.listdir(f"/proc/{pid}/fd"))
 
 
+def threads(pid):
+    """How many there are."""
+    return len(os.listdir(f"/proc/{pid}/task"))
+
+
+def running_nanoseconds(pid):
+    """The time that its present threads have spent on a processor, more finely than cpu_seconds."""
+    folder = f"/proc/{pid}/task"
+    total = 0
+    for thread in os.listdir(folder):
+        with open(f"{folder}/{thread}/schedstat", encoding="ascii") as schedstat:
+            total += int(schedstat.read().split()[0])
+    return total
+
+
+def proportional_kib(pid):
+    """Its memory, with what it shares with others counted in parts."""
+    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as rollup:
+        return next(int(line.split()[1]) for line in rollup if line.startswith("Pss:"))
+
+
 class NoFreeDescriptor:
     """While entered, the process can open nothing: its lowest free number is not allowed."""
 
