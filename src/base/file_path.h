@@ -20,6 +20,7 @@ public:
     }
 
     const char* c_str() const { return m_text; }
+    // NOLINTNEXTLINE(google-explicit-constructor): a text wherever one is wanted
     operator std::string_view() const { return m_text; }
     friend bool operator==(const FilePath& path, std::string_view text) { return path.m_text == text; }
 
