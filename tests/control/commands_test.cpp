@@ -89,6 +89,12 @@ TEST_F(CommandsTest, AnArgumentOfTheWholeRequestLengthComesBackWhole)
     EXPECT_EQ(Reply("Delete " + shorter), "OK: Deleting: " + shorter);
 }
 
+TEST_F(CommandsTest, AnArgumentLongerThanAnyReplyIsCutOff)
+{
+    const std::string reply = Reply("Add " + std::string(5000, '1'));
+    EXPECT_EQ(reply, ("OK: Adding: " + std::string(5000, '1')).substr(0, ::Reply::BYTES - 1));
+}
+
 TEST_F(CommandsTest, ListGivesTheStreamsAndNothingWithoutAny)
 {
     EXPECT_EQ(Reply("List"), "");

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/allocation_hooks.h"
 #include "support/captured_output.h"
 
 namespace {
@@ -23,6 +24,23 @@ TEST(Destinations, AListIsCutAtCommasOnly)
     EXPECT_EQ(Unicast("10.0.0.1,10.0.0.2"), (Texts { "10.0.0.1", "10.0.0.2" }));
     EXPECT_EQ(Unicast("10.0.0.1;10.0.0.2"), Texts {});
     EXPECT_EQ(Unicast(",,10.0.0.1,,10.0.0.2,"), (Texts { "10.0.0.1", "10.0.0.2" }));
+}
+
+TEST(Destinations, AnEntryLongerThanAnyHostNameIsSkipped)
+{
+    for (const size_t length : { Destination::BYTES - 1, Destination::BYTES, 10 * Destination::BYTES }) {
+        const std::string list = std::string(length, '.') + ",10.0.0.1";
+        EXPECT_EQ(Unicast(list.c_str()), Texts { "10.0.0.1" });
+    }
+}
+
+TEST(Destinations, AListIsReadWithoutMemory)
+{
+    const test_support::AllocationCount allocations;
+    int count = 0;
+    ForEachUnicast("10.0.0.1,10.0.0.2", [&](const char*) { ++count; });
+    EXPECT_EQ(allocations.Count(), 0U);
+    EXPECT_EQ(count, 2);
 }
 
 TEST(Destinations, AnUnknownDestinationIsSkippedInSilence)
