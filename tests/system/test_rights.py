@@ -13,7 +13,7 @@ from txproxy import control, impairment, netns, rtp
 from txproxy.control import request
 from txproxy.model_receiver import PingingReceiver, feed, retransmission_of, start_media, wait_bound
 from txproxy.proxy import binary
-from txproxy.receiver import pump
+from txproxy.receiver import Sender, pump
 
 PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs" / "security.md"
 NOBODY = 65534
@@ -32,6 +32,17 @@ with socket.socket(socket.AF_UNIX) as sock:
         sys.exit(f"{error.strerror}")
     sock.sendall(b"List")
     print(sock.recv(4096).decode())
+"""
+
+# Binds a port that is in use, and prints the first datagram that comes there.
+THIEF = """
+import socket, sys
+with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    sock.bind(("0.0.0.0", int(sys.argv[1])))
+    sock.settimeout(60)
+    print("bound", flush=True)
+    print(sock.recv(4096).hex(), flush=True)
 """
 
 
@@ -123,6 +134,20 @@ def test_binding_streams_to_interfaces_needs_a_privilege_only_before_linux_5_7(u
     release = tuple(map(int, re.match(r"(\d+)\.(\d+)", os.uname().release).groups()))
     proxy = start_proxy("-n", 2, "-a", netns.peer_address(0), namespace=lan.proxy)
     assert ("SO_BINDTODEVICE failed" in proxy.stderr.text) == (release < (5, 7))
+
+
+@pytest.mark.parametrize("port", ["input", "destination", "request"])
+def test_any_local_user_can_take_what_comes_for_a_port(start_proxy, net, closing, port):
+    wait_bound(start_proxy("-a", "127.0.0.2"), net.destination, net.request)
+    number = getattr(net, port)
+    command = as_user(NOBODY, NOBODY, sys.executable, "-c", THIEF, str(number))
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as thief:
+        try:
+            assert thief.stdout.readline() == "bound\n"
+            closing(Sender("127.0.0.1", number)).send(b"for the proxy")
+            assert bytes.fromhex(thief.stdout.readline()) == b"for the proxy"
+        finally:
+            thief.kill()
 
 
 def test_a_password_is_in_the_command_line_and_in_no_message(start_proxy, net, sender, receive):
