@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -47,6 +48,23 @@ void Carry(World& world, std::string_view line)
     Require(IsExpected(reply, line), "a reply says what it is meant to say");
 }
 
+// The list with less room than a reply has: whole addresses, as many as fit.
+void List(World& world, size_t room)
+{
+    char all[2048] = "";
+    (void)world.Replicator().ListStreams(all, sizeof(all));
+    const std::string whole = "," + std::string(all) + ",";
+    const auto some = std::make_unique<char[]>(room); // zeroed
+    (void)world.Replicator().ListStreams(some.get(), room);
+    Require(room == 0 || some[room - 1] == '\0', "a list ends");
+    std::string_view rest(some.get(), room == 0 ? 0 : std::strlen(some.get()));
+    while (!rest.empty()) {
+        const std::string address(rest.substr(0, rest.find(',')));
+        rest.remove_prefix(std::min(address.size() + 1, rest.size()));
+        Require(whole.find("," + address + ",") != std::string::npos, "a list is cut between addresses");
+    }
+}
+
 // "@" and two characters: something else happens between the commands.
 void Happen(World& world, std::string_view line)
 {
@@ -54,6 +72,8 @@ void Happen(World& world, std::string_view line)
     if (line[1] == 'p')
         world.SendPing(
             std::string("\xBA\xBE\xFA\xCE", 4) + line[2] + std::string("\0\0\1", 3), number, 0x3412);
+    else if (line[1] == 'l')
+        List(world, number);
     else if (line[1] == 't')
         world.Advance(100U * number);
     else

@@ -24,8 +24,9 @@ struct Budget {
 
 void LimitClaim(std::string& datagram)
 {
+    constexpr size_t REQUEST_BYTES = 10;
     const size_t high = TagOf(datagram).size() + 1;
-    if (datagram.size() > high)
+    if (datagram.size() + 1 >= high + REQUEST_BYTES)
         datagram[high] = static_cast<char>(static_cast<uint8_t>(datagram[high]) % MOST_CLAIMED);
 }
 

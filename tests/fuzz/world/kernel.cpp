@@ -135,6 +135,8 @@ ssize_t Kernel::Receive(int fd, uint8_t* buffer, size_t size, bool waits, sockad
     At(fd)->inbox.pop_front();
     const size_t count = std::min(size, datagram.bytes.size());
     std::memcpy(buffer, datagram.bytes.data(), count);
+    for (size_t i = count; i < size && !m_leftOver.empty(); ++i)
+        buffer[i] = static_cast<uint8_t>(m_leftOver[i % m_leftOver.size()]);
     m_received.emplace_back(buffer, size);
     *source = {};
     source->sin_family = AF_INET;

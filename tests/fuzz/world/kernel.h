@@ -49,6 +49,8 @@ public:
     timeval WallClock() const;
     uint32_t Ticks() const; // of the media clock, 90 kHz
 
+    // What older datagrams left behind in the memory that one is received into; eight bytes, over and over.
+    void SetLeftOver(std::string_view pattern) { m_leftOver = pattern; }
     // Datagrams were received into these pieces of memory; they are cleared.
     void ClearReceived();
 
@@ -91,6 +93,7 @@ private:
     static thread_local Kernel* s_pCurrent;
     std::array<std::shared_ptr<Socket>, FD_COUNT> m_sockets;
     size_t m_nOpen = 0;
+    std::string_view m_leftOver;
     std::vector<std::pair<uint8_t*, size_t>> m_received;
     int64_t m_nWallUs = 0; // what the wall clock is ahead of the fibers' time
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "fuzz/world/datagrams.h"
 #include "fuzz/world/require.h"
 #include "replicator/my_arq_send_cb.h"
 
@@ -11,7 +12,6 @@ namespace {
 
 // The wire, written down once more: what is compared with the code must not be taken from it.
 constexpr size_t HEADER = 12;
-constexpr size_t TAG = 8;
 constexpr size_t REQUEST = 10;
 constexpr uint32_t HOLD_OFF_TICKS = 9000;
 constexpr uint32_t TICKS_A_MS = 90;
@@ -25,16 +25,6 @@ uint8_t ByteAt(std::string_view bytes, size_t at)
 uint32_t HostWord(std::string_view bytes, size_t at)
 {
     return static_cast<uint32_t>(ByteAt(bytes, at) | ByteAt(bytes, at + 1) << 8);
-}
-
-bool IsTagged(std::string_view bytes)
-{
-    constexpr std::string_view NO_ID("\0\0\0\0", 4);
-    if (bytes.size() < TAG || bytes.substr(4, 4) == NO_ID)
-        return false;
-    const std::string_view magic = bytes.substr(0, 4);
-    return magic == "\xBA\xBE\xFA\xCE" || magic == "\xCE\xFA\xBE\xBA" || magic == "\xDE\xAD\xBE\xEF"
-        || magic == "\xEF\xBE\xAD\xDE";
 }
 
 bool IsChecksumRight(std::string_view request)
@@ -71,11 +61,6 @@ bool GoesTo(const MyArqSendCB& stream, const sockaddr_in& destination)
 
 } // namespace
 
-std::string_view TagOf(std::string_view datagram)
-{
-    return datagram.substr(0, IsTagged(datagram) ? TAG : 0);
-}
-
 void SentChecker::Forget()
 {
     for (Stored& stored : m_ring)
@@ -110,7 +95,8 @@ void SentChecker::CheckMedia(std::string_view datagram, const sockaddr_in& desti
         "all streams get the same number");
 }
 
-void SentChecker::EndMedia(const PacketBuffer& packet, bool mayBeWithheld)
+void SentChecker::EndMedia(
+    const PacketBuffer& packet, std::vector<const MyArqSendCB*> holders, bool mayBeWithheld)
 {
     m_phase = Phase::Silence;
     Require(m_nSent == m_streams.size() || (mayBeWithheld && m_nSent == 0), "every stream gets the packet");
@@ -128,7 +114,8 @@ void SentChecker::EndMedia(const PacketBuffer& packet, bool mayBeWithheld)
     stored.bytes = m_bUdpInput ? m_first : m_packet;
     stored.seq = seq;
     stored.ticks = m_nTicks;
-    stored.number = ++m_nPackets;
+    stored.requestsBefore = m_nRequests;
+    stored.holders = std::move(holders);
     stored.resent.clear();
 }
 
@@ -220,6 +207,21 @@ void SentChecker::EndRequest()
     m_phase = Phase::Silence;
     Require(!(m_asked.isEcho && m_pStream != nullptr && m_pStream->m_bIsAlive) || m_nSent == 1,
         "a ping on the request port is echoed");
+    Require(!MustBeAnswered() || m_nSent != 0, "what is missed is sent again");
+    ++m_nRequests;
+}
+
+// Its first number is held, young and affordable, and no earlier request can have had to do with it.
+bool SentChecker::MustBeAnswered() const
+{
+    if (!m_asked.isRequest || m_asked.numbers.empty() || m_pStream == nullptr || !m_pStream->m_bIsAlive)
+        return false;
+    const Stored& stored = m_ring[m_asked.numbers[0] % RING];
+    const bool isHeld = stored.isThere && stored.seq == m_asked.numbers[0]
+        && std::find(stored.holders.begin(), stored.holders.end(), m_pStream) != stored.holders.end();
+    const bool isYoung = static_cast<int32_t>(m_nTicks - m_asked.maxAgeTicks - stored.ticks) < 0;
+    return isHeld && isYoung && stored.requestsBefore == m_nRequests
+        && stored.bytes.size() <= m_asked.budgetBytes;
 }
 
 void SentChecker::BeginDelete(const MyArqSendCB* stream)

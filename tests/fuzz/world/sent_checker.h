@@ -13,9 +13,6 @@
 
 class MyArqSendCB;
 
-// The tag that a receiver's datagram begins with; empty if there is none. Its ID is not 0.
-std::string_view TagOf(std::string_view datagram);
-
 // Knows, from the protocol alone, what may leave the proxy: each input packet once to each stream, as it came but
 // for its time; of those that a ring still holds, what was asked for, within age, hold-off and byte budget; what
 // is echoed; the stop message. Anything else ends the run.
@@ -34,7 +31,8 @@ public:
     // What is sent from here to End...() is checked as told.
     // An input packet goes to these streams, in this order, unless it is withheld.
     void BeginMedia(std::string_view packet, std::vector<const MyArqSendCB*> streams, uint32_t ticks);
-    void EndMedia(const PacketBuffer& packet, bool mayBeWithheld);
+    // All of `holders` remember it.
+    void EndMedia(const PacketBuffer& packet, std::vector<const MyArqSendCB*> holders, bool mayBeWithheld);
     // A datagram from a receiver on the request port; `stream` is the one it belongs to, null for none.
     void BeginRequest(std::string_view datagram, const MyArqSendCB* stream, uint32_t ticks);
     void EndRequest();
@@ -59,7 +57,8 @@ private:
         std::string bytes; // as sent first
         uint16_t seq = 0;
         uint32_t ticks = 0;
-        uint32_t number = 0; // counts packets
+        uint32_t requestsBefore = 0;
+        std::vector<const MyArqSendCB*> holders;
         std::vector<Resent> resent;
     };
     struct AskedFor {
@@ -75,6 +74,7 @@ private:
     void CheckMedia(std::string_view datagram, const sockaddr_in& destination);
     void CheckAnswer(std::string_view datagram);
     void CheckResend(std::string_view datagram);
+    bool MustBeAnswered() const;
     bool IsAskedFor(const Stored& stored) const;
     bool IsResendOf(std::string_view datagram, const Stored& stored) const;
     void ReadRequest(std::string_view datagram);
@@ -90,7 +90,7 @@ private:
     const MyArqSendCB* m_pStream = nullptr;
     AskedFor m_asked;
     std::array<Stored, RING> m_ring;
-    uint32_t m_nPackets = 0;
+    uint32_t m_nRequests = 0;
     uint16_t m_usLastSeq = 0;
     bool m_bIsFirst = true;
 };

@@ -23,6 +23,10 @@ constexpr uint32_t SETTLED_MS = 1000; // whatever was removed is destroyed
 constexpr const char* CONFIGURED[] = { "192.0.2.1", "127.0.0.1" };
 constexpr in_addr_t GROUP_NET = 0x030201EF; // 239.1.2.3
 
+// Of older datagrams: nothing, a ping, a tag, numbers.
+constexpr std::string_view LEFT_OVER[]
+    = { "", { "\0\0\xAD\xE2\0\0\xAD\xE2", 8 }, { "\xBA\xBE\xFA\xCE\1\0\0\0", 8 }, { "\1\0\2\0\3\0\4\0", 8 } };
+
 ArqSendReplicator::Settings SettingsFor(World::Setup setup)
 {
     using Setup = World::Setup;
@@ -46,20 +50,6 @@ in_addr_t LookUp(const char* name)
 {
     const size_t length = std::strlen(name);
     return length < 2 || name[0] != 'h' ? 0 : htonl(0xC6336400U | static_cast<uint8_t>(name[1]));
-}
-
-uint32_t StreamIdOf(std::string_view datagram)
-{
-    uint32_t id = 0;
-    if (const std::string_view tag = TagOf(datagram); !tag.empty())
-        std::memcpy(&id, tag.data() + 4, sizeof(id));
-    return id;
-}
-
-bool IsLeave(std::string_view datagram)
-{
-    const std::string_view magic = datagram.substr(0, 4);
-    return magic == "\xDE\xAD\xBE\xEF" || magic == "\xEF\xBE\xAD\xDE";
 }
 
 } // namespace
@@ -113,12 +103,14 @@ struct World::Input {
     char source[INET_ADDRSTRLEN] = "";
 };
 
-World& World::Begin(uint8_t setup)
+World& World::Begin(uint8_t start)
 {
+    const uint8_t setup = start % SETUPS;
     static std::array<World*, SETUPS> worlds {};
-    World*& world = worlds[setup % SETUPS];
+    World*& world = worlds[setup];
     if (world == nullptr)
-        world = new World(static_cast<Setup>(setup % SETUPS));
+        world = new World(static_cast<Setup>(setup));
+    world->m_kernel.SetLeftOver(LEFT_OVER[start / SETUPS % std::size(LEFT_OVER)]);
     world->m_entered = std::make_unique<Kernel::Entered>(world->m_kernel);
     return *world;
 }
@@ -262,7 +254,7 @@ void World::Deliver(PacketBuffer* packet)
     const uint64_t before = m_replicator->RxStats().m_nRxPackets;
     (void)m_replicator->SendPacket(packet);
     Require(m_replicator->RxStats().m_nRxPackets == before + 1, "every input packet is counted");
-    m_sent.EndMedia(*packet, m_replicator->m_impair.m_mode != IMPAIRMENT_OFF);
+    m_sent.EndMedia(*packet, Holders(), m_replicator->m_impair.m_mode != IMPAIRMENT_OFF);
 }
 
 std::vector<const MyArqSendCB*> World::FirstReceivers() const
@@ -275,6 +267,14 @@ std::vector<const MyArqSendCB*> World::FirstReceivers() const
         if (stream.m_bIsAlive)
             streams.push_back(&stream);
     });
+    return streams;
+}
+
+std::vector<const MyArqSendCB*> World::Holders() const
+{
+    std::vector<const MyArqSendCB*> streams;
+    const StreamTable::View view(m_replicator->Streams());
+    view.ForEach([&](const MyArqSendCB& stream) { streams.push_back(&stream); });
     return streams;
 }
 
@@ -306,15 +306,17 @@ void World::SendPing(std::string_view datagram, in_addr_t addressNet, uint16_t p
         Require(before == nullptr || !IsThere(before), "who leaves is gone");
         m_pings.erase(before);
     } else {
-        NotePing(addressNet, streamId);
+        NotePing(addressNet, portNet, streamId);
     }
 }
 
-void World::NotePing(in_addr_t addressNet, uint32_t streamId)
+void World::NotePing(in_addr_t addressNet, uint16_t portNet, uint32_t streamId)
 {
     const MyArqSendCB* stream = Find(addressNet, streamId);
     if (stream != nullptr) {
         m_pings[stream] = m_kernel.fibers.NowMs();
+        Require(stream->m_life.IsStatic() || (stream->m_bIsAlive && stream->DestinationPortNet() == portNet),
+            "media go to the port that pinged last");
         return;
     }
     const StreamTable::View view(m_replicator->Streams());
@@ -407,39 +409,4 @@ in_addr_t World::Address(InputReader& input)
     if (which < FEW)
         return htonl(0xC0000200U + which);
     return which == LOOPBACK ? htonl(INADDR_LOOPBACK) : input.Long();
-}
-
-std::string TakeDatagram(InputReader& input, size_t most, uint8_t filler)
-{
-    const size_t length = input.Length(most);
-    std::string datagram(input.Take(length));
-    while (datagram.size() < length)
-        datagram.push_back(static_cast<char>(filler * datagram.size()));
-    return datagram;
-}
-
-void RepairChecksum(std::string& datagram)
-{
-    const size_t start = TagOf(datagram).size();
-    if (datagram.size() < start + 10)
-        return;
-    uint32_t sum = 0;
-    size_t at = start + 10;
-    const auto byteAt = [&](size_t place) { return static_cast<uint8_t>(datagram[place]); };
-    for (; at + 1 < datagram.size(); at += 2)
-        sum += static_cast<uint32_t>(byteAt(at) | byteAt(at + 1) << 8);
-    if (at < datagram.size())
-        sum += byteAt(at);
-    datagram[start + 2] = static_cast<char>(0U - sum);
-    datagram[start + 3] = static_cast<char>((0U - sum) >> 8);
-}
-
-void Rebase(std::string& datagram, uint16_t base)
-{
-    for (size_t at = TagOf(datagram).size() + 10; at + 1 < datagram.size(); at += 2) {
-        const int number
-            = (static_cast<uint8_t>(datagram[at]) | static_cast<uint8_t>(datagram[at + 1]) << 8) + base;
-        datagram[at] = static_cast<char>(number);
-        datagram[at + 1] = static_cast<char>(number >> 8);
-    }
 }

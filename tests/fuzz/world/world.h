@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fuzz/world/datagrams.h"
 #include "fuzz/world/input_reader.h"
 #include "fuzz/world/kernel.h"
 #include "fuzz/world/sent_checker.h"
@@ -29,8 +30,9 @@ public:
     static constexpr uint16_t UNICAST_PORT = 10002;
     static constexpr uint16_t INPUT_PORT = 5000;
 
-    // The one of that setup, entered and as it is before each input.
-    static World& Begin(uint8_t setup);
+    // The one of a set-up, entered and as it is before each input. `start` also says what older datagrams have left
+    // behind in memory.
+    static World& Begin(uint8_t start);
     // Back to that state; checks what is left over.
     void End();
 
@@ -67,11 +69,12 @@ private:
     void Restore();
     void RemoveAll();
     void CheckStreams();
-    void NotePing(in_addr_t addressNet, uint32_t streamId);
+    void NotePing(in_addr_t addressNet, uint16_t portNet, uint32_t streamId);
     void CheckPings();
     bool IsThere(const MyArqSendCB* stream) const;
     MyArqSendCB* Find(in_addr_t addressNet, uint32_t streamId) const;
     std::vector<const MyArqSendCB*> FirstReceivers() const;
+    std::vector<const MyArqSendCB*> Holders() const;
     void Deliver(PacketBuffer* packet);
 
     const Setup m_setup;
@@ -84,10 +87,3 @@ private:
     uint32_t m_nFailures = 0;
     std::unique_ptr<Kernel::Entered> m_entered;
 };
-
-// A datagram of the input: its bytes, and behind them, up to the length asked for, more of the same.
-std::string TakeDatagram(InputReader& input, size_t most, uint8_t filler);
-// Makes the checksum of the request that the datagram holds, perhaps behind a tag, right.
-void RepairChecksum(std::string& datagram);
-// Counts the numbers of the request's list from `base`.
-void Rebase(std::string& datagram, uint16_t base);
