@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "simulation/machine.h"
+
+namespace simulation {
+
+// Faults of one direction of one link, all of which may be absent.
+struct LinkFaults {
+    int64_t lossPermille = 0;
+    int64_t burstPermille = 0; // of the datagrams begin a burst of loss
+    int64_t burstLength = 0; // datagrams that it takes, on average
+    int64_t jitterUs = 0; // added to the delay of each datagram for itself, so that they overtake each other
+    int64_t doublePermille = 0;
+};
+
+// What a seed is about: drawn first and printed, before anything happens.
+struct Config {
+    enum class Kind { Short, Dense, Wide, Sparse, Days };
+
+    explicit Config(uint64_t seed);
+    void Print(FILE* stream) const;
+
+    uint64_t seed;
+    Kind kind = Kind::Short;
+
+    // The proxy's command line.
+    bool udpInputMode = false; // -u
+    int64_t pacingBitRate = 0; // -X, bit/s; 0: none
+    int32_t ringSize = 4096; // -q
+    int32_t grossMediaBitrate = 0; // bounds resends, bit/s
+
+    // Receivers. Of those that ping, every second one has a stream ID.
+    int32_t configured = 0;
+    int32_t learnt = 0;
+    bool sharesAddresses = false; // receivers with an ID stand two behind one address
+    int64_t silentPermille = 0; // of the looks at itself, a second apart, begin a silence
+    int64_t movePermille = 0; // likewise: its port changes
+    int64_t leavePermille = 0; // likewise: it says that it leaves
+    int64_t greedyPermille = 0; // likewise: it asks for numbers at random, or the same ones twice
+    int64_t noisePermille = 0; // likewise: something that is no proper request
+
+    // Input.
+    int64_t packetGapUs = 0; // on average
+    int64_t smallestPayload = 0;
+    int64_t largestPayload = 0;
+    int64_t inputLossPermille = 0;
+    int64_t inputRepeatPermille = 0;
+    uint16_t firstSeq = 0;
+    int64_t stopsPermille = 0; // of the packets: the input pauses behind one
+
+    // Links.
+    int64_t delayUs = 0; // the shortest, one way
+    LinkFaults downlink;
+    LinkFaults uplink;
+    int64_t refusedPermille = 0; // of the sends fail with an error
+
+    // Machine and clocks.
+    Machine::Faults machine;
+    int64_t steadyStartUs = 0;
+    int64_t wallStartUs = 0;
+    int32_t clockSteps = 0;
+    int64_t largestStepUs = 0;
+
+    // Operator.
+    int64_t commandGapUs = 0; // 0: none
+    bool switchesImpairment = false;
+
+    // Lengths of the three phases: faults, calm with input, calm without a ping.
+    int64_t faultsUs = 0;
+    int64_t calmUs = 0;
+    static constexpr int64_t SILENCE_US = 12000000;
+
+    int32_t Receivers() const { return configured + learnt; }
+
+private:
+    void DrawShape(Random& random);
+    void DrawLoad(Random& random);
+    void DrawReceivers(Random& random);
+    void DrawFaults(Random& random);
+    void DrawClocks(Random& random);
+};
+
+} // namespace simulation
