@@ -1,0 +1,226 @@
+#include "simulation/proxy_run.h"
+
+#include <arpa/inet.h>
+
+#include <cinttypes>
+#include <cstring>
+#include <vector>
+
+#include "arq/arq_settings.h"
+#include "pacing/c_pacer.h"
+#include "replicator/arq_send_replicator.h"
+#include "simulation/failure.h"
+
+namespace simulation {
+
+namespace {
+
+constexpr int32_t PACER_PERIOD_MS = 10;
+constexpr int32_t HEADER_BYTES = 12;
+constexpr int64_t SECOND = 1000000;
+// Between the end of the input and the receivers' silence: what was missed is asked for.
+constexpr int64_t DRAIN_US = 4 * SECOND;
+constexpr uint8_t PAYLOAD_TYPES[] = { 0x21, 0xA1 }; // without and with the marker
+
+uint64_t NumberIn(const PacketBuffer& packet)
+{
+    uint64_t input = 0;
+    std::memcpy(&input, packet.userWords, sizeof(input));
+    return input;
+}
+
+std::string ListOf(const std::vector<ReceiverIdentity>& receivers)
+{
+    std::string list;
+    for (const ReceiverIdentity& receiver : receivers) {
+        char text[INET_ADDRSTRLEN] = "";
+        const in_addr address { receiver.addressNet };
+        (void)inet_ntop(AF_INET, &address, text, sizeof(text));
+        if (receiver.configured)
+            list += (list.empty() ? "" : ",") + std::string(text);
+    }
+    return list;
+}
+
+} // namespace
+
+bool ProxyRun::WatchedSend::Send(PacketBuffer* packet)
+{
+    uint64_t wanted = 0;
+    REQUIRE_THAT(m_run.m_pacerModel->TakeNext(&wanted), "the pacer sends what it was not given");
+    REQUIRE_THAT(NumberIn(*packet) == wanted, "the pacer sends input %" PRIu64 " instead of %" PRIu64,
+        NumberIn(*packet), wanted);
+    if (m_run.m_bOverflows)
+        m_run.m_bOverflows = false;
+    else
+        ++m_run.m_nSentByTick;
+    m_run.m_checker.BeginInput(*packet);
+    const bool isSent = PacerCB::Send(packet);
+    m_run.m_checker.EndInput();
+    return isSent;
+}
+
+int ProxyRun::WatchedPacer::OnTimer()
+{
+    const int64_t wanted = m_run.m_pacerModel->Tick();
+    m_run.m_nSentByTick = 0;
+    ++m_run.m_nTicks;
+    const int result = CPacer::OnTimer();
+    if (wanted != 0)
+        m_run.m_machine.Note(Happened::Tick, static_cast<uint64_t>(wanted));
+    REQUIRE_THAT(m_run.m_nSentByTick == wanted, "a tick releases %" PRId64 " packets instead of %" PRId64,
+        m_run.m_nSentByTick, wanted);
+    return result;
+}
+
+ProxyRun::ProxyRun(
+    Machine& machine, const Config& config, Checker& checker, const std::vector<ReceiverIdentity>& receivers)
+    : m_machine(machine),
+      m_config(config),
+      m_checker(checker),
+      m_random(config.seed, Purpose::Input),
+      m_destinations(ListOf(receivers)),
+      m_usNextSeq(config.firstSeq)
+{
+}
+
+void ProxyRun::Start()
+{
+    m_nFiber = m_machine.fibers.Start(Main, this);
+}
+
+void ProxyRun::Main(void* run)
+{
+    auto* self = static_cast<ProxyRun*>(run);
+    self->Build();
+    self->Deliver();
+    (void)self->m_machine.fibers.Wait(DRAIN_US + Config::SILENCE_US);
+    self->TakeDown();
+}
+
+void ProxyRun::Build()
+{
+    g_nArqBufferCount = m_config.ringSize;
+    const ArqSendReplicator::Settings settings {
+        .arqRequestPort = REQUEST_PORT,
+        .destPort = DEST_PORT,
+        .destAddress = m_destinations.c_str(),
+        .udpInputMode = m_config.udpInputMode,
+        .grossMediaBitrate = m_config.grossMediaBitrate,
+    };
+    const int firstFiber = m_machine.fibers.Count();
+    bool ok = false;
+    m_pReplicator = std::make_unique<ArqSendReplicator>(ok, settings);
+    REQUIRE_THAT(ok, "the replicator does not start");
+    m_checker.Attach(*m_pReplicator, firstFiber);
+    if (m_config.pacingBitRate != 0)
+        CreatePacer();
+}
+
+// As Proxy does it.
+void ProxyRun::CreatePacer()
+{
+    bool ok = true;
+    m_pPacerCB = std::make_unique<WatchedSend>(*this, m_pReplicator.get());
+    m_pPacerCB->m_pPacer = std::make_unique<WatchedPacer>(*this, ok, m_pPacerCB.get(), PACER_PERIOD_MS);
+    REQUIRE_THAT(ok, "there is no pacer");
+    const int32_t freeBytes = m_config.udpInputMode ? 0 : HEADER_BYTES;
+    m_pPacerCB->m_pPacer->SetPacingRate(static_cast<uint32_t>(m_config.pacingBitRate));
+    m_pPacerCB->m_pPacer->SetHeaderBytes(freeBytes);
+    m_pacerModel.emplace(m_config.pacingBitRate, freeBytes);
+    m_nPacerStartUs = m_machine.clock.WallUs();
+    (void)m_pPacerCB->m_pPacer->Start();
+}
+
+void ProxyRun::Deliver()
+{
+    while (m_machine.clock.NowUs() < m_config.faultsUs + m_config.calmUs) {
+        (void)m_machine.fibers.Wait(NextGapUs());
+        HandIn();
+    }
+}
+
+int64_t ProxyRun::NextGapUs()
+{
+    const int64_t gapUs = m_random.Between(m_config.packetGapUs / 2, m_config.packetGapUs * 3 / 2);
+    return m_bFaults && m_random.Chance(m_config.stopsPermille) ? gapUs + m_random.Between(0, 3 * SECOND)
+                                                                : gapUs;
+}
+
+void ProxyRun::HandIn()
+{
+    PacketBuffer* packet = FillPacket();
+    if (!m_pPacerCB) {
+        m_checker.BeginInput(*packet);
+        (void)m_pReplicator->SendPacket(packet);
+        m_checker.EndInput();
+        return;
+    }
+    m_bOverflows = m_pacerModel->Submit(NumberIn(*packet), packet->Length());
+    REQUIRE_THAT(m_pPacerCB->m_pPacer->Submit(packet), "the pacer takes no packet");
+    REQUIRE_THAT(!m_bOverflows, "the pacer overflows and sends nothing");
+}
+
+PacketBuffer* ProxyRun::FillPacket()
+{
+    PacketBuffer* packet = m_pReplicator->PacketPool().get();
+    const uint64_t input = m_checker.Inputs();
+    std::memcpy(packet->userWords, &input, sizeof(input));
+    const auto payload
+        = static_cast<int32_t>(m_random.Between(m_config.smallestPayload, m_config.largestPayload));
+    const int32_t header = m_config.udpInputMode ? 0 : HEADER_BYTES;
+    uint8_t* bytes = packet->Data();
+    Random filler(input + m_config.seed);
+    for (int32_t at = 0; at < header + payload; at += 8) {
+        const uint64_t word = filler.Next();
+        std::memcpy(
+            bytes + at, &word, sizeof(word)); // the last one reaches beyond the end, not beyond the slice
+    }
+    uint16_t seq = 0;
+    if (!m_config.udpInputMode) {
+        seq = NextSeq();
+        const uint8_t start[] = { 0x80, PAYLOAD_TYPES[m_random.Between(0, 1)], static_cast<uint8_t>(seq >> 8),
+            static_cast<uint8_t>(seq) };
+        std::memcpy(bytes, start, sizeof(start));
+    }
+    packet->SetLength(header + payload);
+    m_checker.OnFilled(*packet, seq);
+    return packet;
+}
+
+uint16_t ProxyRun::NextSeq()
+{
+    if (m_bFaults && m_random.Chance(m_config.inputRepeatPermille))
+        return static_cast<uint16_t>(m_usNextSeq - m_random.Between(1, 4));
+    if (m_bFaults && m_random.Chance(m_config.inputLossPermille))
+        m_usNextSeq = static_cast<uint16_t>(m_usNextSeq + m_random.Between(1, 20));
+    return m_usNextSeq++;
+}
+
+void ProxyRun::CheckPacer() const
+{
+    if (!m_pacerModel)
+        return;
+    const int64_t dueTicks = (m_machine.clock.WallUs() - m_nPacerStartUs) / (PACER_PERIOD_MS * 1000);
+    const bool isSteady = m_config.clockSteps == 0;
+    if (isSteady && (m_nTicks < dueTicks - 3 || m_nTicks > dueTicks + 1))
+        Fail(Outcome::LostLiveness, "the pacer ticked %" PRId64 " times instead of %" PRId64, m_nTicks,
+            dueTicks);
+}
+
+// The pacer's ticks end, then all threads do, within a bounded time.
+void ProxyRun::TakeDown()
+{
+    constexpr int64_t LONGEST_STOP_US = 2 * SECOND;
+    const int64_t beganUs = m_machine.clock.NowUs();
+    if (m_pPacerCB)
+        m_pPacerCB->m_pPacer.reset();
+    m_checker.Detach();
+    m_pReplicator.reset();
+    m_pPacerCB.reset();
+    if (m_machine.clock.NowUs() - beganUs > LONGEST_STOP_US)
+        Fail(Outcome::LostLiveness, "the end takes %.3f s",
+            static_cast<double>(m_machine.clock.NowUs() - beganUs) / 1e6);
+}
+
+} // namespace simulation
