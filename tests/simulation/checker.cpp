@@ -16,7 +16,6 @@ namespace simulation {
 namespace {
 
 constexpr uint32_t POOL_MARGIN = 1024;
-constexpr int64_t STOP_GAPS_US = 80000; // from the first of the five stop messages to the last
 constexpr uint32_t STOP_MAGIC = 0xDEADBEEF;
 constexpr uint32_t ID_MAGIC = 0xBABEFACE;
 
