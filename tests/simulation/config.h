@@ -68,10 +68,15 @@ struct Config {
     int64_t commandGapUs = 0; // 0: none
     bool switchesImpairment = false;
 
-    // Lengths of the three phases: faults, calm with input, calm without a ping.
+    // Lengths of the phases: faults, calm with input, calm in which receivers get what they missed, silence
+    // without a ping.
     int64_t faultsUs = 0;
     int64_t calmUs = 0;
+    static constexpr int64_t DRAIN_US = 4000000;
     static constexpr int64_t SILENCE_US = 12000000;
+    int64_t InputEndUs() const { return faultsUs + calmUs; } // the last packet may be one gap later
+    int64_t CalmEndUs() const { return InputEndUs() + 2 * packetGapUs + DRAIN_US; }
+    int64_t EndUs() const { return CalmEndUs() + SILENCE_US; }
 
     int32_t Receivers() const { return configured + learnt; }
 

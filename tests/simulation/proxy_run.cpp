@@ -18,8 +18,6 @@ namespace {
 constexpr int32_t PACER_PERIOD_MS = 10;
 constexpr int32_t HEADER_BYTES = 12;
 constexpr int64_t SECOND = 1000000;
-// Between the end of the input and the receivers' silence: what was missed is asked for.
-constexpr int64_t DRAIN_US = 4 * SECOND;
 constexpr uint8_t PAYLOAD_TYPES[] = { 0x21, 0xA1 }; // without and with the marker
 
 uint64_t NumberIn(const PacketBuffer& packet)
@@ -94,7 +92,7 @@ void ProxyRun::Main(void* run)
     auto* self = static_cast<ProxyRun*>(run);
     self->Build();
     self->Deliver();
-    (void)self->m_machine.fibers.Wait(DRAIN_US + Config::SILENCE_US);
+    (void)self->m_machine.fibers.Wait(self->m_config.EndUs() + 1 - self->m_machine.clock.NowUs());
     self->TakeDown();
 }
 
@@ -134,7 +132,7 @@ void ProxyRun::CreatePacer()
 
 void ProxyRun::Deliver()
 {
-    while (m_machine.clock.NowUs() < m_config.faultsUs + m_config.calmUs) {
+    while (m_machine.clock.NowUs() < m_config.InputEndUs()) {
         (void)m_machine.fibers.Wait(NextGapUs());
         HandIn();
     }

@@ -34,8 +34,7 @@ RunResult World::Run()
     for (const std::unique_ptr<ModelReceiver>& model : m_models)
         model->Start();
     PlanMoments();
-    const int64_t latestUs = m_config.faultsUs + m_config.calmUs + 2 * m_config.packetGapUs
-        + Config::SILENCE_US + 2 * LAST_GASP_US;
+    const int64_t latestUs = m_config.EndUs() + LAST_GASP_US;
     while (!m_proxy.IsDone()) {
         if (!m_machine.Step() || m_machine.clock.NowUs() > latestUs)
             Fail(Outcome::LostLiveness, "the proxy does not end");
@@ -46,13 +45,11 @@ RunResult World::Run()
 
 void World::PlanMoments()
 {
-    const int64_t calmOverUs
-        = m_config.faultsUs + m_config.calmUs + 2 * m_config.packetGapUs + 7 * SECOND / 2;
     m_machine.queue.Put(SECOND, *this, SECOND_OVER);
     m_machine.queue.Put(m_config.faultsUs, *this, CALM_BEGINS);
-    m_machine.queue.Put(calmOverUs, *this, CALM_OVER);
-    m_machine.queue.Put(calmOverUs + 1, *this, SILENCE_BEGINS);
-    m_machine.queue.Put(calmOverUs + Config::SILENCE_US, *this, SILENCE_OVER);
+    m_machine.queue.Put(m_config.CalmEndUs(), *this, CALM_OVER);
+    m_machine.queue.Put(m_config.CalmEndUs(), *this, SILENCE_BEGINS);
+    m_machine.queue.Put(m_config.EndUs(), *this, SILENCE_OVER);
     for (int32_t i = 0; i < m_config.clockSteps; ++i)
         m_machine.queue.Put(m_clockRandom.Between(SECOND, m_config.faultsUs), *this, CLOCK_STEP);
 }
