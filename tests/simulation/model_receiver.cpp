@@ -96,8 +96,12 @@ void ModelReceiver::Ping()
     if (m_bSilent)
         return;
     At(m_nPingUs + (m_bCalm ? 0 : m_random.Between(0, 300 * MS)), PING);
-    if (m_machine.clock.NowUs() < m_nSilentUntilUs)
-        return;
+    if (m_machine.clock.NowUs() >= m_nSilentUntilUs)
+        SendPing();
+}
+
+void ModelReceiver::SendPing()
+{
     const uint32_t magic = m_random.Chance(500) ? 0xBABEFACE : 0xCEFABEBA;
     const std::vector<uint8_t> plain { 'p', 'i', 'n', 'g' };
     m_network.SendUp(m_identity.index, Port(), DEST_PORT,
@@ -247,10 +251,12 @@ void ModelReceiver::TellVerdict(uint16_t seq, EngineModel::Verdict verdict)
     }
 }
 
+// The ping tells where it is now: it may have moved, and media go to where it pinged last.
 void ModelReceiver::BeginCalm()
 {
     m_bCalm = true;
     m_nSilentUntilUs = 0;
+    SendPing();
 }
 
 void ModelReceiver::CheckNothingMissing() const

@@ -45,6 +45,7 @@ private:
     void DrawWindow();
     void At(int64_t inUs, Timer timer);
     void Ping();
+    void SendPing();
     void LookAtItself();
     void Ask();
     void AskForAnything();
