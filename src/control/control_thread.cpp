@@ -70,15 +70,19 @@ void Answer(const ControlContext& context, int client, const Request& request)
     Reply reply;
     CarryOutCommand(*context.replicator, request.text, reply);
     const size_t length = std::strlen(reply.text);
-    if (length != 0)
-        (void)send(client, reply.text, length, MSG_NOSIGNAL);
+    if (length == 0)
+        return;
+    while (send(client, reply.text, length, MSG_NOSIGNAL) < 0 && errno == EINTR) {}
 }
 
 // Reads one request and answers it; returns the result of the read. A failed read leaves the old request
-// in place, which is then carried out once more.
+// in place, which is then carried out once more. One that a signal interrupts has not failed.
 ssize_t ServeRequest(const ControlContext& context, int client, Request& request)
 {
-    const ssize_t count = read(client, request.text, REQUEST_BYTES);
+    ssize_t count = 0;
+    do {
+        count = read(client, request.text, REQUEST_BYTES);
+    } while (count < 0 && errno == EINTR);
     if (count == 0)
         return 0;
     if (count > 0)
@@ -106,7 +110,7 @@ UniqueFd AcceptClient(int listener)
     UniqueFd client(accept(listener, nullptr, nullptr));
     if (client.IsValid())
         return client;
-    const bool isGone = errno == EAGAIN || errno == ECONNABORTED;
+    const bool isGone = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
     if (!isGone)
         (void)SleepMs(WAIT_MS);
     return client;

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 
@@ -39,7 +40,7 @@ bool WaitForDatagrams(Wanted& wanted)
     do {
         count = poll(wanted.data(), wanted.size(), WAIT_MS);
     } while (count > 0 && TakeOutClosed(wanted));
-    if (count < 0)
+    if (count < 0 && errno != EINTR)
         (void)SleepMs(WAIT_MS); // whoever loops around this wait must not spin
     return count > 0;
 }

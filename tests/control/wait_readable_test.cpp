@@ -71,6 +71,19 @@ TEST_F(WaitReadableTest, AClosedDescriptorIsNotReadableAndTakesTheWholeTime)
     EXPECT_EQ(waits.SleepsMs(), (std::vector<uint32_t> { 500 }));
 }
 
+TEST_F(WaitReadableTest, ASignalEndsTheWaitEarly)
+{
+    const ShortWaits waits;
+    ASSERT_EQ(write(m_write.Get(), "x", 1), 1);
+    {
+        const test_support::FailCalls polls(test_support::SystemCall::Poll, EINTR);
+        EXPECT_FALSE(WaitReadable(m_read.Get(), 500));
+        EXPECT_EQ(polls.Count(), 1);
+    }
+    EXPECT_TRUE(waits.SleepsMs().empty());
+    EXPECT_TRUE(WaitReadable(m_read.Get(), 500));
+}
+
 TEST_F(WaitReadableTest, NoDescriptorIsNotReadableAndTakesTheWholeTime)
 {
     const ShortWaits waits(ShortWaits::OwnPolls::Cut);
