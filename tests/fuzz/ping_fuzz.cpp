@@ -1,5 +1,6 @@
 // Datagrams on the ping port, from the socket on: receivers join, move, stay, fall silent and leave, more of them
 // than there is room for. Who has a stream gets the media, and nobody else.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +11,19 @@
 
 namespace {
 
+// What one input may still do.
+struct Budget {
+    int pings = 400; // of many receivers at once
+    uint32_t ms = 40000;
+
+    uint32_t Time(uint32_t wantedMs)
+    {
+        const uint32_t givenMs = std::min(wantedMs, ms);
+        ms -= givenMs;
+        return givenMs;
+    }
+};
+
 void SendPing(World& world, InputReader& input)
 {
     const in_addr_t addressNet = World::Address(input);
@@ -18,19 +32,19 @@ void SendPing(World& world, InputReader& input)
 }
 
 // Many receivers at once, each with an ID of its own: they join or leave.
-void SendPings(World& world, InputReader& input, int& left)
+void SendPings(World& world, InputReader& input, Budget& budget)
 {
     const uint8_t count = input.Byte() % 64;
     uint32_t id = input.Byte();
     const bool isLeave = (input.Byte() & 1) != 0;
-    for (uint8_t i = 0; i < count && left > 0; ++i, ++id, --left) {
+    for (uint8_t i = 0; i < count && budget.pings > 0; ++i, ++id, --budget.pings) {
         std::string ping(isLeave ? "\xDE\xAD\xBE\xEF" : "\xBA\xBE\xFA\xCE");
         ping.append(reinterpret_cast<const char*>(&id), sizeof(id));
         world.SendPing(ping, 0x0A000000U + id, 0x3412);
     }
 }
 
-void Step(World& world, InputReader& input, int& left)
+void Step(World& world, InputReader& input, Budget& budget)
 {
     constexpr uint32_t LONG_MS = 100;
     switch (input.Byte() & 7) {
@@ -39,11 +53,11 @@ void Step(World& world, InputReader& input, int& left)
     case 2:
         return SendPing(world, input);
     case 3:
-        return SendPings(world, input, left);
+        return SendPings(world, input, budget);
     case 4:
-        return world.Advance(input.Byte());
+        return world.Advance(budget.Time(input.Byte()));
     case 5:
-        return world.Advance(LONG_MS * input.Byte());
+        return world.Advance(budget.Time(LONG_MS * input.Byte()));
     case 6:
         return world.SendMedia("\x80\x21\x00\x01media of some length");
     default: {
@@ -64,11 +78,11 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     constexpr int MOST_STEPS = 60;
-    int left = 400; // pings of many receivers at once
+    Budget budget;
     InputReader input(data, size);
     World& world = World::Begin(input.Byte());
     for (int i = 0; i < MOST_STEPS && !input.IsEmpty(); ++i)
-        Step(world, input, left);
+        Step(world, input, budget);
     world.End();
     return 0;
 }
