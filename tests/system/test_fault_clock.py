@@ -15,7 +15,7 @@ from txproxy.model_receiver import DEFAULT_WINDOW, PingingReceiver, is_retransmi
 from txproxy.process import cpu_seconds
 from txproxy.receiver import pump
 from txproxy.stepped_clock import HOUR, WRAP, SteppedClock
-from txproxy.waiting import Lateness, scaled, wait_until
+from txproxy.waiting import scaled, wait_until
 
 CONFIGURED = "127.0.0.2"
 BEFORE_WRAP = WRAP - 5.0  # the longest way for a schedule that catches up by signed 32-bit differences
@@ -34,6 +34,7 @@ OBSERVED_SECONDS = 1.0
 IDLE_SHARE = 0.25  # of one processor; a loop that spins takes all of it
 PROMPT_SECONDS = 1.0
 PACKETS_PER_SECOND = 200
+LATE_SECONDS = 0.4  # how late a busy machine may let the first or the last packet come
 
 
 @pytest.fixture
@@ -105,14 +106,16 @@ def test_clock_stepped_the_timestamps_jump_once_by_the_step(start, receive, cloc
 
 
 @each_step
-def test_clock_stepped_the_pacer_neither_floods_nor_falls_behind(start, receive, clock, closing, sender, net, step):
+def test_clock_stepped_the_pacer_neither_floods_nor_falls_behind(start, receive, clock, sender, net, step):
     # 100 packets a second: one tick of 10 ms brings one. The proxy is stopped for a while, which the pacer makes up
     # for: that it still can shows that its schedule has not moved into the future.
     size, rate, count, stopped = 1000, 800_000, 300, 1.6
     proxy = start("-X", rate)
     receiver = receive(CONFIGURED)
-    lateness = closing(Lateness(turn_seconds=0.01))
+    began = time.monotonic()
     traffic.send_all(sender, net.input, [media(number, size) for number in range(count)])
+    supplying = time.monotonic() - began  # what the pacer had to wait for meanwhile is no fault of its own
+    receiver.wait_count(1)
     clock.step(step)
     proxy.process.send_signal(signal.SIGSTOP)
     time.sleep(stopped)
@@ -120,7 +123,7 @@ def test_clock_stepped_the_pacer_neither_floods_nor_falls_behind(start, receive,
     receiver.wait_count(count)
     times = [datagram.time for datagram in receiver.datagrams]
     nominal = count * size * 8 / rate
-    assert 0.75 * nominal - lateness.allowed() <= times[-1] - times[0] <= nominal + stopped / 2 + lateness.allowed()
+    assert 0.75 * nominal - LATE_SECONDS <= times[-1] - times[0] <= nominal + stopped / 2 + LATE_SECONDS + supplying
 
 
 @each_step
