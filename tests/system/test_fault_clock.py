@@ -43,8 +43,15 @@ def clock(tmp_path):
 
 
 @pytest.fixture
-def start(start_proxy, clock, net):
+def receiver(receive):
+    """The configured receiver. Media for an address that nobody has would come to the proxy as pings."""
+    return receive(CONFIGURED)
+
+
+@pytest.fixture
+def start(start_proxy, receiver, clock, net):
     """start(*options) runs the proxy by the clock that can be set."""
+    assert receiver
 
     def run(*options):
         return wait_bound(start_proxy("-a", CONFIGURED, *options, env=clock.env), net.destination, net.request)
@@ -53,8 +60,9 @@ def start(start_proxy, clock, net):
 
 
 @pytest.fixture
-def stream(closing, sender):
-    """Media at a constant rate, whatever happens."""
+def stream(closing, receiver, sender):
+    """Media at a constant rate, whatever happens, for a receiver that is there."""
+    assert receiver
     return closing(traffic.Steady(sender, media, PACKETS_PER_SECOND))
 
 
@@ -73,9 +81,8 @@ def wrapped_ticks(seconds):
 
 @each_mode
 @each_step
-def test_clock_stepped_media_go_on_without_loss_and_no_thread_spins(start, receive, clock, stream, step, options):
+def test_clock_stepped_media_go_on_without_loss_and_no_thread_spins(start, receiver, clock, stream, step, options):
     proxy = start(*options)
-    receiver = receive(CONFIGURED)
     receiver.wait_count(PACKETS_PER_SECOND // 4)
     clock.step(step)
     after_step = stream.sent
@@ -90,9 +97,8 @@ def test_clock_stepped_media_go_on_without_loss_and_no_thread_spins(start, recei
 
 
 @each_step
-def test_clock_stepped_the_timestamps_jump_once_by_the_step(start, receive, clock, sender, step):
+def test_clock_stepped_the_timestamps_jump_once_by_the_step(start, receiver, clock, sender, step):
     start()
-    receiver = receive(CONFIGURED)
     began = time.monotonic()
     pump(sender, [receiver], [media(0), media(1)])
     clock.step(step)
@@ -106,12 +112,11 @@ def test_clock_stepped_the_timestamps_jump_once_by_the_step(start, receive, cloc
 
 
 @each_step
-def test_clock_stepped_the_pacer_neither_floods_nor_falls_behind(start, receive, clock, sender, net, step):
+def test_clock_stepped_the_pacer_neither_floods_nor_falls_behind(start, receiver, clock, sender, net, step):
     # 100 packets a second: one tick of 10 ms brings one. The proxy is stopped for a while, which the pacer makes up
     # for: that it still can shows that its schedule has not moved into the future.
     size, rate, count, stopped = 1000, 800_000, 300, 1.6
     proxy = start("-X", rate)
-    receiver = receive(CONFIGURED)
     began = time.monotonic()
     traffic.send_all(sender, net.input, [media(number, size) for number in range(count)])
     supplying = time.monotonic() - began  # what the pacer had to wait for meanwhile is no fault of its own
@@ -177,10 +182,10 @@ def test_clock_stepped_by_2_to_the_31_ms_the_media_clock_shows_nothing(start, le
 
 @each_step
 def test_clock_stepped_commands_impairment_files_and_bit_rates_work_as_before(
-    start, receive, clock, stream, net, step
+    start, receiver, clock, stream, net, step
 ):
     proxy = start()
-    receive(CONFIGURED).wait_count(1)
+    receiver.wait_count(1)
     wait_until(lambda: control.request(net.instance, "List") == CONFIGURED, "the control socket")
     clock.step(step)
     asked = time.monotonic()
@@ -247,10 +252,9 @@ def test_clock_stepped_who_pings_stays_and_who_is_silent_leaves_in_5_to_10_secon
         assert control.request(where.instance, "List") == pinging
 
 
-def test_clock_that_drifts_by_50_ppm_changes_nothing(start, receive, clock, stream):
+def test_clock_that_drifts_by_50_ppm_changes_nothing(start, receiver, clock, stream):
     proxy = start("-X", 8_000_000)
     clock.drift(50)
-    receiver = receive(CONFIGURED)
     used = cpu_seconds(proxy.pid)
     receiver.wait_count(2 * PACKETS_PER_SECOND)
     clock.drift(-50)
