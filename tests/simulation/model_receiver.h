@@ -22,7 +22,8 @@ public:
     void BeginCalm();
     // No pings any more.
     void FallSilent() { m_bSilent = true; }
-    // What it missed must be there by now, or have been refused for a reason.
+    // What it missed must be there by now, or have been refused for a reason; but for what it noticed just now,
+    // as a slow pacer may still be sending.
     void CheckNothingMissing() const;
 
     void OnArrival(const Delivery& delivery);
@@ -36,6 +37,7 @@ private:
 
     struct Missing {
         uint16_t seq;
+        int64_t sinceUs;
         int asks = 0;
         int calmAsks = 0;
         bool isAnswered = false;
