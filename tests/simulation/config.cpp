@@ -137,6 +137,8 @@ void Config::DrawLoad(Random& random)
     if (canPace) // from too little to plenty
         pacingBitRate = std::max(
             int64_t { 8000 }, meanBytes * 8 * SECOND / packetGapUs * random.Between(80, 300) / 100);
+    if (pacingBitRate != 0 && random.Chance(100))
+        pacingBitRate += 429496730; // from here on the quota of a tick comes round in 32 bits
 }
 
 void Config::DrawReceivers(Random& random)
