@@ -29,6 +29,8 @@ PACKETS_PER_SECOND = 200
 PAYLOAD_BYTES = 100  # so small that the input's buffer holds what comes meanwhile
 LONGEST_SILENCE_SECONDS = 10.0
 LARGEST_PROCESSOR_SHARE = 0.3
+BREATHS_HELD = 8
+BREATH_SECONDS = 3.0
 STOPS = 200
 PACKETS_A_STOP = 20
 PACING_BITRATE = 2_000_000
@@ -107,6 +109,23 @@ def test_a_stream_goes_on_within_a_second_after_a_stop_and_who_pinged_meanwhile_
     # What the input's buffer could not hold is counted, and nothing else is missing.
     assert reports.rx_stat(net.instance) == (len(got), steady.sent - len(got))
     assert set(numbers(pinging)) <= set(got)
+
+
+def test_the_time_of_a_stop_is_no_silence_of_those_who_pinged_before_and_after_it(start_proxy, learn, net):
+    proxy = wait_bound(start_proxy("-a", "127.0.0.2"), net.destination, net.request)
+    members = [start_media(proxy, learn(f"127.0.0.{10 + number}")) for number in range(BREATHS_HELD)]
+    for member in members:
+        member.ping()
+    members[0].settle()
+    with stopped(proxy):
+        time.sleep(STOPPED_SECONDS)  # the stop itself
+    time.sleep(BREATH_SECONDS)  # less than the silence that a stream outlives, and time to look at most of them
+    for member in members:
+        member.ping()
+    members[0].settle()
+    listed = control.request(net.instance, "List").split(",")
+    assert set(listed) == {"127.0.0.2", *(member.address[0] for member in members)}
+    assert "Stream suspended" not in proxy.stderr.text
 
 
 def test_pings_requests_commands_and_toggles_that_came_during_a_stop_are_answered_after_it(
