@@ -5,9 +5,10 @@ import re
 import struct
 
 from . import rtp, traffic
-from .waiting import wait_until
+from .waiting import scaled, wait_until
 
 PACKETS_PER_SECOND = 1000
+MOST_AT_ONCE = 50
 PAYLOAD_BYTES = 1316
 FIRST_SEQ = 65000  # the numbers wrap soon
 FIRST_BUILT_SEQ = 1  # in UDP input mode
@@ -34,10 +35,10 @@ def index_of(data):
 
 
 class Stream(traffic.Steady):
-    """The stream, from the making of this object until its close."""
+    """The stream, from the making of this object until its close; slower in slow builds."""
 
     def __init__(self, sender, make=media, per_second=PACKETS_PER_SECOND):
-        super().__init__(sender, make, per_second)
+        super().__init__(sender, make, per_second / scaled(1), MOST_AT_ONCE)
 
 
 def first_sendings(receiver):

@@ -31,13 +31,17 @@ def send_all(sender, port, datagrams):
 
 
 class Steady(threading.Thread):
-    """Sends make(0), make(1), ... at a constant rate, by a schedule that makes up for late turns."""
+    """Sends make(0), make(1), ... at a constant rate, by a schedule that makes up for late turns.
 
-    def __init__(self, sender, make, per_second):
+    Of what is late no more than `most_at_once` are made up for, so that no buffer on the way overflows.
+    """
+
+    def __init__(self, sender, make, per_second, most_at_once=1_000_000):
         super().__init__(daemon=True)
         self._sender = sender
         self._make = make
         self._per_second = per_second
+        self._most_at_once = most_at_once
         self._running = True
         self.sent = 0
         self.start()
@@ -46,6 +50,9 @@ class Steady(threading.Thread):
         begin = time.monotonic()
         while self._running:
             due = int((time.monotonic() - begin) * self._per_second)
+            too_late = max(0, due - self.sent - self._most_at_once)
+            begin += too_late / self._per_second
+            due -= too_late
             while self.sent < due:
                 self._sender.send(self._make(self.sent))
                 self.sent += 1
