@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,6 +19,11 @@ enum class Fault {
     PeriodSeesOneSide,
     SidesNeverChange,
     NoPeriod,
+    LateOnesJoinThePeriod,
+    ReaderLeavesBeforeItsLastUse,
+    PublishedBeforeCopied,
+    PublishedBeforeCounted,
+    RemovedBeforeNamed,
     RemovedBeforePublished,
     RemovedInPlace,
     CountBeforeEntry,
@@ -67,6 +73,27 @@ struct World {
 };
 
 constexpr uint8_t DONE = 100;
+
+// What a removal does, one access or one run of accesses to what nobody else can see.
+enum class RemovalStep { Lock, TakeState, CopyEntries, StoreCount, NameStream, Publish, HandOver, Unlock };
+constexpr int REMOVAL_STEPS = 8;
+
+// The step that a removal takes as its `index`th: the faults change places of two.
+RemovalStep StepAt(Fault fault, int index)
+{
+    RemovalStep order[REMOVAL_STEPS]
+        = { RemovalStep::Lock, RemovalStep::TakeState, RemovalStep::CopyEntries, RemovalStep::StoreCount,
+              RemovalStep::NameStream, RemovalStep::Publish, RemovalStep::HandOver, RemovalStep::Unlock };
+    if (fault == Fault::PublishedBeforeCopied)
+        std::swap(order[2], order[5]);
+    if (fault == Fault::PublishedBeforeCounted)
+        std::swap(order[3], order[5]);
+    if (fault == Fault::RemovedBeforeNamed)
+        std::swap(order[4], order[6]);
+    if (fault == Fault::RemovedBeforePublished)
+        std::swap(order[5], order[6]);
+    return order[index];
+}
 
 World FirstWorld()
 {
@@ -141,35 +168,38 @@ private:
     bool StepOfRemoval(World& world, Actor actor, uint8_t stream, uint8_t first, uint8_t last)
     {
         Thread& me = world.threads[actor];
-        const State& old = world.states[world.current];
-        switch (me.step - first) {
-        case 0:
+        State& old = world.states[me.index]; // the state that is left
+        State& state = world.states[me.state];
+        switch (StepAt(m_fault, me.step - first)) {
+        case RemovalStep::Lock:
             if (!Lock(world, actor))
                 return false;
-            ++me.step;
-            return true;
-        case 1:
+            break;
+        case RemovalStep::TakeState:
+            me.index = world.current;
             return TakeFreeState(world, me);
-        case 2: // copied one by one, into a state that nobody else sees
-            CopyWithout(old, world.states[me.state], stream);
-            me.index = world.current; // the state that is left
-            ++me.step;
-            return true;
-        case 3:
-        case 4:
-            if ((me.step - first == 3) == (m_fault == Fault::RemovedBeforePublished)) {
-                world.states[me.index].removed = stream;
-                world.removedList |= static_cast<uint8_t>(1 << me.index);
-            } else {
-                world.current = me.state;
-            }
-            ++me.step;
-            return true;
-        default:
+        case RemovalStep::CopyEntries:
+            CopyWithout(old, state, stream);
+            break;
+        case RemovalStep::StoreCount:
+            state.count = static_cast<uint8_t>(old.count - (old.count != 0 ? 1 : 0));
+            break;
+        case RemovalStep::NameStream:
+            old.removed = stream;
+            break;
+        case RemovalStep::Publish:
+            world.current = me.state;
+            break;
+        case RemovalStep::HandOver:
+            world.removedList |= static_cast<uint8_t>(1 << me.index);
+            break;
+        case RemovalStep::Unlock:
             world.lockedBy = NOTHING;
             me.step = last;
             return true;
         }
+        ++me.step;
+        return true;
     }
 
     bool TakeFreeState(World& world, Thread& me) const
@@ -198,7 +228,6 @@ private:
         const auto last = static_cast<uint8_t>(old.count - 1);
         for (uint8_t i = 0; i < last; ++i)
             to.streams[i] = old.streams[i] == stream ? old.streams[last] : old.streams[i];
-        to.count = last;
     }
 
     // Appends, and removes again under a lock of its own.
@@ -257,12 +286,15 @@ private:
             break;
         case 4:
             if (me.index == me.count) {
-                --world.readers[me.side];
+                if (m_fault != Fault::ReaderLeavesBeforeItsLastUse)
+                    --world.readers[me.side];
                 world.hasFailed |= me.met != 1;
                 me.step = DONE;
                 return true;
             }
             me.stream = world.states[me.state].streams[me.index];
+            if (m_fault == Fault::ReaderLeavesBeforeItsLastUse && me.index + 1 == me.count)
+                --world.readers[me.side];
             world.hasFailed |= world.states[me.state].isFree || me.stream == NOTHING;
             break;
         default: // uses the stream
@@ -303,6 +335,8 @@ private:
             me.step = 1;
             return true;
         default:
+            if (m_fault == Fault::LateOnesJoinThePeriod)
+                world.period |= std::exchange(world.removedList, 0);
             DestroyOne(world);
             me.step = world.period == 0 ? 0 : me.step;
             return true;
@@ -371,6 +405,11 @@ constexpr NamedFault FAULTS[] = {
     { Fault::PeriodSeesOneSide, "APeriodThatSeesOneSideOnly" },
     { Fault::SidesNeverChange, "SidesThatNeverChange" },
     { Fault::NoPeriod, "NoPeriodAtAll" },
+    { Fault::LateOnesJoinThePeriod, "WhatIsRemovedDuringAPeriodAndDestroyedWithIt" },
+    { Fault::ReaderLeavesBeforeItsLastUse, "AReaderThatLeavesBeforeItsLastUse" },
+    { Fault::PublishedBeforeCopied, "AStateThatIsPublishedBeforeItsEntriesAreCopied" },
+    { Fault::PublishedBeforeCounted, "AStateThatIsPublishedBeforeItsCountIsStored" },
+    { Fault::RemovedBeforeNamed, "ARemovalThatReachesTheDestroyerBeforeItSaysWhatLeft" },
     { Fault::RemovedBeforePublished, "ARemovalThatReachesTheDestroyerBeforeItIsPublished" },
     { Fault::RemovedInPlace, "ARemovalInPlace" },
     { Fault::CountBeforeEntry, "ACountBeforeItsEntry" },
