@@ -15,8 +15,8 @@ constexpr int64_t MS = 1000;
 constexpr int64_t SECOND = 1000000;
 constexpr int ASKS = 6; // for one number, then it is given up
 constexpr int64_t LONGEST_RECOVERY_US = 3 * SECOND; // all asks for a number and some time
-constexpr size_t LONGEST_LIST = 700; // numbers of one request
-constexpr int LONGEST_GAP = 2000; // numbers; beyond it a new stream is taken to have begun
+// Numbers of one request. Who would miss more takes a new stream to have begun.
+constexpr int LONGEST_LIST = 700;
 constexpr uint32_t SMALLEST_BUDGET_BYTES = 26000;
 
 void PutHost16(std::vector<uint8_t>& bytes, uint32_t value)
@@ -176,7 +176,8 @@ void ModelReceiver::OnArrival(const Delivery& delivery)
     if (delivery.kind != Delivery::Kind::Media && delivery.kind != Delivery::Kind::Resend)
         return;
     const auto ahead = static_cast<int16_t>(delivery.seq - m_usNewest);
-    if (!m_bHasNewest || std::abs(ahead) > LONGEST_GAP) {
+    const auto misses = static_cast<int>(m_missing.size());
+    if (!m_bHasNewest || ahead + misses > LONGEST_LIST || ahead < -2 * LONGEST_LIST) {
         m_missing.clear();
         m_usNewest = delivery.seq;
         m_bHasNewest = true;
@@ -209,7 +210,7 @@ void ModelReceiver::Ask()
 {
     m_bAsking = false;
     std::vector<uint16_t> seqs;
-    for (size_t i = 0; i < m_missing.size() && seqs.size() < LONGEST_LIST;) {
+    for (size_t i = 0; i < m_missing.size();) {
         Missing& missing = m_missing[i];
         if (missing.asks >= ASKS) {
             GiveUp(missing);
