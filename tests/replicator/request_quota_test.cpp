@@ -13,12 +13,12 @@ TEST(RequestQuota, IsNotSpentAtFirst)
     EXPECT_FALSE(quota.IsSpent(BEGIN_MS));
 }
 
-TEST(RequestQuota, LastsForEachPacketOfTheRingOnceInTheHoldOff)
+TEST(RequestQuota, LastsFor1024ResendsInTheHoldOff)
 {
     constexpr uint32_t WORK_OF_A_RESEND = 1 + SEND_WORK;
     RequestQuota quota;
     EXPECT_FALSE(quota.IsSpent(BEGIN_MS));
-    for (int i = 0; i < 4096; ++i) {
+    for (int i = 0; i < 1024; ++i) {
         EXPECT_FALSE(quota.IsSpent(BEGIN_MS));
         quota.Charge(WORK_OF_A_RESEND);
     }
@@ -26,14 +26,15 @@ TEST(RequestQuota, LastsForEachPacketOfTheRingOnceInTheHoldOff)
     EXPECT_TRUE(quota.IsSpent(BEGIN_MS));
 }
 
-TEST(RequestQuota, LastsForTwoOfTheLongestLists)
+// Before it is spent nothing is cut off; what is beyond is paid back later.
+TEST(RequestQuota, AfterTheLongestListItIsSpentFor94Ms)
 {
     RequestQuota quota;
     EXPECT_FALSE(quota.IsSpent(BEGIN_MS));
-    quota.Charge(2 * LONGEST_LIST);
-    EXPECT_FALSE(quota.IsSpent(BEGIN_MS));
     quota.Charge(LONGEST_LIST);
     EXPECT_TRUE(quota.IsSpent(BEGIN_MS));
+    EXPECT_TRUE(quota.IsSpent(BEGIN_MS + 93));
+    EXPECT_FALSE(quota.IsSpent(BEGIN_MS + 94));
 }
 
 TEST(RequestQuota, DrainsAwayWithinThePeriod)
