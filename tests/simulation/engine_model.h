@@ -96,10 +96,11 @@ void EngineModel::Answer(
         if (verdict == Verdict::Resent)
             resend = ExpectedResend { seq, slot.buffer, slot.timestampTicks };
         told(seq, verdict, resend);
-        if (verdict == Verdict::OverBudget) {
-            m_stats.overBudget += static_cast<uint32_t>(request.seqs.size() - i);
-            return;
-        }
+        if (verdict != Verdict::OverBudget)
+            continue;
+        m_stats.overBudget += static_cast<uint32_t>(request.seqs.size() - i);
+        for (++i; i < request.seqs.size(); ++i) // none of these is looked at
+            told(request.seqs[i], verdict, std::nullopt);
     }
 }
 

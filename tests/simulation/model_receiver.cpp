@@ -250,6 +250,10 @@ void ModelReceiver::TellVerdict(uint16_t seq, EngineModel::Verdict verdict)
             continue;
         missing.verdict = verdict;
         missing.isAnswered = true;
+        if (verdict != EngineModel::Verdict::OverBudget)
+            continue;
+        missing.asks = std::max(0, missing.asks - 1); // it was not its turn: it is asked for again
+        missing.calmAsks = std::max(0, missing.calmAsks - 1);
     }
 }
 

@@ -66,7 +66,7 @@ TEST_F(SimulationEngineModel, TheFirstThatIsOverTheBudgetEndsTheList)
 {
     // 1 ms at 50 Mbit/s are 6250 bytes: all four; 0 ms are none.
     EXPECT_EQ(Ask({ 0, 1, 2, 3 }, 10, 1, 1), (Verdicts(4, Verdict::Resent)));
-    EXPECT_EQ(Ask({ 0, 1, 2, 3 }, 10 + 9000, 0, 200), (Verdicts { Verdict::OverBudget }));
+    EXPECT_EQ(Ask({ 0, 1, 2, 3 }, 10 + 9000, 0, 200), (Verdicts(4, Verdict::OverBudget)));
     EXPECT_EQ(m_engine.Stats().overBudget, 4U);
 }
 
