@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr size_t CAPACITY = 512 * 1024; // bytes, twice; some thousand lines: no burst of ours comes near
+constexpr size_t CAPACITY = 512UL * 1024; // bytes, twice; some thousand lines: no burst of ours comes near
 constexpr uint32_t PATIENCE_MS = 1000;
 
 struct FileCloser {
