@@ -26,6 +26,7 @@ from txproxy.send_faults import (
     wait_more,
 )
 from txproxy.shaping import SlowCable
+from txproxy.traffic import Steady
 from txproxy.waiting import Lateness, scaled, wait_until
 
 FAULTY = netns.peer_address(0)
@@ -34,6 +35,7 @@ LEARNT = "10.77.1.4"
 LONGEST_GAP_SECONDS = 0.1
 TURN_SECONDS = 0.001
 ASKED_AT_ONCE = 200
+PINGS_PER_SECOND = 1
 BARELY_MOVING = "20kbit"
 STANDSTILL_SECONDS = 0.15
 SLOW_STREAM = 300  # packets a second: the queue and the input's buffer have room for 3 s
@@ -45,6 +47,16 @@ INJECTED = [
 # By the error that they bring: routes in the place of the receiver's own.
 BAD_ROUTES = {errno.EHOSTUNREACH: "unreachable", errno.EACCES: "prohibit", errno.EINVAL: "blackhole"}
 FIREWALL = "table ip fault {{ chain output {{ type filter hook output priority 0; ip daddr {} {}; }}; }}"
+
+
+class Pings:
+    """Takes the place of a sender: the receiver pings, whatever is to be sent."""
+
+    def __init__(self, receiver):
+        self._receiver = receiver
+
+    def send(self, data):
+        self._receiver.ping(data)
 
 
 class Scene:
@@ -64,6 +76,7 @@ class Scene:
         self.proxy = start_proxy("-a", f"{FAULTY},{OTHER}", *options, namespace=self.lan.proxy, **keywords)
         wait_bound(self.proxy, net.destination, net.request)
         start_media(self.proxy, self.learnt)
+        closing(Steady(Pings(self.learnt), lambda _: b"", PINGS_PER_SECOND))
         self.lateness = closing(Lateness(TURN_SECONDS))
         is_raw = "-u" in options
         self._first_seq = send_faults.FIRST_BUILT_SEQ if is_raw else send_faults.FIRST_SEQ
@@ -84,8 +97,7 @@ class Scene:
         self.faulty = self._open_faulty()
 
     def pass_time(self):
-        """A quarter of a second of the stream passes by the others; the learnt one stays a stream."""
-        self.learnt.ping()
+        """250 packets of the stream pass by the others."""
         for other in self.others():
             wait_more(other)
 
@@ -226,7 +238,6 @@ def test_a_full_send_buffer_delays_everybody_and_costs_nobody_a_packet_while_the
         return scene.other.count() == before
 
     wait_until(stands_still, "everybody to wait")
-    scene.learnt.ping()
     last = scene.other.datagrams[-1].time
     cable.free()
     scene.end(longest_gap=time.time() - last + LONGEST_GAP_SECONDS)
