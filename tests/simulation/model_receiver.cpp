@@ -237,7 +237,9 @@ void ModelReceiver::GiveUp(const Missing& missing) const
         return;
     const bool isRefused = missing.verdict == Verdict::NotInBuffer || missing.verdict == Verdict::Reused
         || missing.verdict == Verdict::Expired;
-    if (!isRefused)
+    // A wall clock that was set back holds off what was sent again before that.
+    const bool isHeldOff = m_config.clockSteps != 0 && missing.verdict == Verdict::HeldOff;
+    if (!isRefused && !isHeldOff)
         Fail(Outcome::LostLiveness,
             "receiver %d asked for number %d %d times and got it neither nor a reason", m_identity.index,
             missing.seq, missing.asks);
