@@ -6,7 +6,7 @@ import os
 import re
 import time
 
-from txproxy import reports, rtp, traffic
+from txproxy import programs, reports, rtp, traffic
 from txproxy.proxy import LISTENING
 from txproxy.waiting import wait_until
 
@@ -48,10 +48,15 @@ class Feeder:
                 return
 
 
-def test_512_packets_wait_while_the_sending_thread_is_held(start_proxy, sender, net):
+def test_512_packets_wait_while_the_sending_thread_is_held(start_proxy, sender, net, tmp_path):
     log, log_end = os.pipe()
     fcntl.fcntl(log, fcntl.F_SETPIPE_SZ, SHORT_PIPE_BYTES)
-    proxy = start_proxy("-a", REFUSED_DESTINATION, ready=False, preexec=lambda: os.dup2(log_end, STDERR))
+    # Without the log thread: whoever prints waits for the reader.
+    options = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
+    env = {"LD_PRELOAD": str(programs.build_library(tmp_path, "direct_log")), "ASAN_OPTIONS": options}
+    proxy = start_proxy(
+        "-a", REFUSED_DESTINATION, ready=False, env=env, preexec=lambda: os.dup2(log_end, STDERR)
+    )
     os.close(log_end)
     proxy.wait_stdout(LISTENING)
     wait_until(lambda: reports.rx_stat(net.instance) == (0, 0), "the control thread")
