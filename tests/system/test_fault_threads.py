@@ -14,13 +14,14 @@ from txproxy.traffic import send_all, wait_until_read
 from txproxy.waiting import wait_until
 
 CONFIGURED = "127.0.0.2"
-# The last threads of a start, in their order; a paced one adds its timer. Whatever comes before has no name here.
-LISTEN, KEEP_ALIVE, STATUS, INPUT, CONTROL, TIMER = "listen", "keep-alive", "status", "input", "control", "timer"
-ORDER = (LISTEN, KEEP_ALIVE, STATUS, INPUT, CONTROL)
+# The threads of a start, in their order; a paced one adds its timer.
+LOG, LISTEN, KEEP_ALIVE, STATUS = "log", "listen", "keep-alive", "status"
+INPUT, CONTROL, TIMER = "input", "control", "timer"
+ORDER = (LOG, LISTEN, KEEP_ALIVE, STATUS, INPUT, CONTROL)
 PACER_QUEUE = 1024  # packets
 PACED = ("-X", 8_000_000)
 REASON = "Resource temporarily unavailable"
-LINE = {name: f"cannot start the {name} thread: {REASON}" for name in (KEEP_ALIVE, STATUS, INPUT, CONTROL)}
+LINE = {name: f"cannot start the {name} thread: {REASON}" for name in (LOG, KEEP_ALIVE, STATUS, INPUT, CONTROL)}
 NOT_LISTENING = "ArqSendReplicator::Start: SocketGroup::Start() failed"
 OBSERVED_SECONDS = 1.0
 IDLE_SHARE = 0.1  # of one processor
@@ -78,8 +79,8 @@ def assert_idle(proxy):
     assert cpu_seconds(proxy.pid) - used < OBSERVED_SECONDS * IDLE_SHARE
 
 
-@pytest.mark.parametrize("refused", [(KEEP_ALIVE,), (STATUS,), (KEEP_ALIVE, STATUS)], ids="+".join)
-def test_thread_of_the_replicator_refused_is_reported_with_the_reason_and_the_proxy_runs_on(
+@pytest.mark.parametrize("refused", [(LOG,), (KEEP_ALIVE,), (STATUS,), (KEEP_ALIVE, STATUS)], ids="+".join)
+def test_thread_that_is_no_part_of_the_packet_path_refused_is_reported_with_the_reason_and_the_proxy_runs_on(
     start_refused, receive, learn, sender, net, refused
 ):
     proxy = wait_bound(start_refused(*refused).wait_ready(), net.destination, net.request)
