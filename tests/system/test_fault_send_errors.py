@@ -42,7 +42,6 @@ SLOW_STREAM = 300  # packets a second: the queue and the input's buffer have roo
 SHORT_MTU = 600
 INJECTED = [
     errno.EAGAIN, errno.ENOBUFS, errno.EPERM, errno.EMSGSIZE, errno.ENETDOWN, errno.ENOMEM, errno.ECONNREFUSED,
-    errno.EINTR,
 ]  # fmt: skip
 # By the error that they bring: routes in the place of the receiver's own.
 BAD_ROUTES = {errno.EHOSTUNREACH: "unreachable", errno.EACCES: "prohibit", errno.EINVAL: "blackhole"}
