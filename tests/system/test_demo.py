@@ -10,11 +10,13 @@ import uuid
 import pytest
 
 from txproxy import ports, proxy
+from txproxy.traffic import kernel_drops
 from txproxy.waiting import scaled, wait_until
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SECONDS = 5
 PROXY_LINE = re.compile(r"tx_proxy: process (\d+), instance (\d+), pings on port (\d+), requests on port (\d+)")
+SOURCE_LINE = re.compile(r".* as RTP to 127\.0\.0\.1:(\d+)")
 ROW = re.compile(r" *(?P<time>\d+ s|end) \| .*")
 GOOD = re.compile(
     r"GOOD: ffmpeg decoded (\d+) of (\d+) frames, 127\.0\.0\.2 recovered (\d+) of (\d+) missing packets, "
@@ -51,6 +53,9 @@ class RunningDemo:
     def numbers(self):
         """Process of the proxy, instance, destination port, request port."""
         return [int(number) for number in PROXY_LINE.fullmatch(self.wait(PROXY_LINE)).groups()]
+
+    def input_port(self):
+        return int(SOURCE_LINE.fullmatch(self.wait(SOURCE_LINE))[1])
 
     def wait_exit(self):
         status = self.process.wait(scaled(SECONDS + 60))
@@ -150,6 +155,8 @@ def test_a_proxy_that_stands_still_for_two_seconds_fails_the_demo(start_demo):
     pid = demo.numbers()[0]
     os.kill(pid, signal.SIGSTOP)
     demo.wait_row("4 s")
+    # On a busy machine the picture is late too: it has to have come while nobody took it.
+    wait_until(lambda: kernel_drops(demo.input_port()) > 0, "packets to be lost in front of the proxy")
     os.kill(pid, signal.SIGCONT)
     assert demo.wait_exit() == 1, demo.stdout.text
     assert demo.verdict().startswith("FAILED: ")

@@ -9,7 +9,6 @@ TX_PROXY_FUZZ_SEED        replays a run; it is printed
 
 import math
 import os
-import pathlib
 import re
 import subprocess
 import time
@@ -20,6 +19,7 @@ from txproxy import control, process, programs
 from txproxy.control import request
 from txproxy.model_receiver import wait_bound
 from txproxy.proxy import build_kind
+from txproxy.traffic import kernel_drops
 from txproxy.waiting import wait_until
 
 RELEASE = build_kind() == "release"
@@ -111,13 +111,6 @@ def wait_steady(look):
     return seen[-1]
 
 
-def dropped(*ports):
-    """Datagrams that the kernel dropped because the sockets bound to these ports were full."""
-    lines = pathlib.Path("/proc/net/udp").read_text(encoding="ascii").splitlines()[1:]
-    fields = [line.split() for line in lines]
-    return sum(int(field[-1]) for field in fields if field[1] in {f"00000000:{port:04X}" for port in ports})
-
-
 @pytest.mark.parametrize("mode, share", [((), 1), (("-u",), 5)], ids=["rtp", "udp_input"])
 def test_a_million_hostile_datagrams_cost_bystanders_nothing_and_leave_nothing_behind(
     start_proxy, closing, net, tmp_path, capsys, mode, share
@@ -137,7 +130,7 @@ def test_a_million_hostile_datagrams_cost_bystanders_nothing_and_leave_nothing_b
         print(f"\nstorm {mode}: {found}")
     # What anybody received had been sent, and the proxy read all of it.
     assert found["FAULTS"] == 0 and found["CONTROL_FAULTS"] == 0, storm.text
-    assert dropped(net.input, net.destination, net.request) == 0
+    assert kernel_drops(net.input, net.destination, net.request) == 0
     assert found["HOSTILE"] >= (count if RELEASE else min(count, LEAST_DATAGRAMS)), storm.text
     # The stream of the bystanders is whole, requests and commands are answered.
     assert found["ARRIVED_CONFIGURED"] == found["ARRIVED_LEARNT"] == found["MEDIA"], storm.text

@@ -17,6 +17,13 @@ def unread_bytes(port):
         return sum(int(match.group(1), 16) for match in map(pattern.match, table) if match)
 
 
+def kernel_drops(*ports):
+    """Datagrams that the system has dropped because the sockets bound to `ports` were full."""
+    with open("/proc/net/udp", encoding="ascii") as table:
+        rows = [line.split() for line in table][1:]
+    return sum(int(row[-1]) for row in rows if int(row[1].partition(":")[2], 16) in ports)
+
+
 def wait_until_read(port):
     """Waits until the proxy has taken everything from its input socket."""
     wait_until(lambda: unread_bytes(port) == 0, f"the proxy to read port {port}")
