@@ -44,8 +44,9 @@ else()
     target_compile_options(tx_proxy_strict INTERFACE
         -Wcast-align=strict -Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wmissing-declarations -Walloca
         -Wformat-signedness -Wplacement-new=2 -Wtrampolines)
-    # These follow values through a whole function, which the compiler does well only when it optimises. No frame is
-    # as large as a page: then no overflow of the stack can jump over the page that guards its end.
+    # These follow values through a whole function, which the compiler does well only when it optimises. A frame may
+    # hold a path of the system's longest, no more; -fstack-clash-protection touches each page of one that is larger
+    # than a page, so that no overflow of the stack jumps over the page that guards its end.
     if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT TX_PROXY_SANITIZE)
         target_compile_options(tx_proxy_strict INTERFACE
             -Wnull-dereference -Warray-bounds=2 -Wstringop-overflow=4 -Wformat-overflow=2 -Wformat-truncation=2
