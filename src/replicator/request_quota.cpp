@@ -10,3 +10,8 @@ bool RequestQuota::IsSpent(uint32_t nowMs)
     m_nThenMs = nowMs;
     return m_nSpent >= MOST_WORK;
 }
+
+void RequestQuota::Charge(uint32_t work)
+{
+    m_nSpent = std::min(m_nSpent, MOST_WORK) + work;
+}

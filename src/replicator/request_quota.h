@@ -22,8 +22,9 @@ public:
     // Whether the quota is used up at that time.
     bool IsSpent(uint32_t nowMs);
 
-    // The receiver has had so much.
-    void Charge(uint32_t work) { m_nSpent += work; }
+    // The receiver has had so much. Only its last request is carried beyond the quota: what it was served before,
+    // while nobody waited, took nothing from anybody and is no debt for hours.
+    void Charge(uint32_t work);
 
 private:
     uint32_t m_nSpent = 0;

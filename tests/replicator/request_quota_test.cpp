@@ -72,6 +72,19 @@ TEST(RequestQuota, ALongSilenceGivesNoMoreThanTheWholeQuota)
     EXPECT_TRUE(quota.IsSpent(BEGIN_MS + 3600 * 1000));
 }
 
+// Served while nobody waited: as many as would have wrapped the count, and would have shut it out for hours.
+TEST(RequestQuota, NoMoreIsOwedThanTheQuotaAndTheLastRequest)
+{
+    constexpr uint32_t LISTS = 100000;
+    static_assert(uint64_t { LISTS } * LONGEST_LIST > UINT32_MAX);
+    RequestQuota quota;
+    EXPECT_FALSE(quota.IsSpent(BEGIN_MS));
+    for (uint32_t i = 0; i < LISTS; ++i)
+        quota.Charge(LONGEST_LIST);
+    EXPECT_TRUE(quota.IsSpent(BEGIN_MS + 193));
+    EXPECT_FALSE(quota.IsSpent(BEGIN_MS + 194));
+}
+
 TEST(RequestQuota, TheClockMayWrap)
 {
     RequestQuota quota;

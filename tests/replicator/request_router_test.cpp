@@ -164,4 +164,17 @@ TEST_F(RequestRouterTest, WhatAReceiverHadCountsOnceOthersWait)
     EXPECT_EQ(engine.m_processed, (Processed { { 1 } }));
 }
 
+TEST_F(RequestRouterTest, WhatAReceiverHadWhileNobodyWaitedDoesNotShutItOutForLong)
+{
+    RecordingEngine& engine = Append("127.0.0.2", 0);
+    engine.m_nWorkOfEach = RequestQuota::MOST_WORK;
+    for (int i = 0; i < 1000; ++i)
+        Route("127.0.0.2", 0, { 1 });
+    engine.m_processed.clear();
+    m_time.isCrowded = true;
+    m_time.nowMs += 2 * RequestQuota::PERIOD_MS;
+    Route("127.0.0.2", 0, { 2 });
+    EXPECT_EQ(engine.m_processed, (Processed { { 2 } }));
+}
+
 } // namespace
