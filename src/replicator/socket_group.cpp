@@ -16,6 +16,10 @@ constexpr uint32_t SETTLE_MS = 50; // between making the sockets usable and the 
 constexpr int WAIT_MS = 250;
 // What each listener takes after one wait. Under a flood most of the time would go into waits that end at once.
 constexpr int MOST_TURNS = 32;
+// After so long there is another look at both sockets: a datagram that came meanwhile at the other one does not
+// wait for 32 answers to a receiver that blocks. A wait and this are what HeardClock counts of a round.
+constexpr uint32_t MOST_SERVING_MS = 50;
+static_assert(WAIT_MS + MOST_SERVING_MS <= HeardClock::ROUND_MS);
 
 // What is wanted from each position; descriptor -1 for nothing.
 using Wanted = std::array<pollfd, SocketGroup::POSITIONS>;
@@ -133,5 +137,9 @@ void ServeListeners(const SocketGroup::Listeners& listeners)
     }
     if (!WaitForDatagrams(wanted))
         return;
-    for (int turn = 0; turn < MOST_TURNS && ServeReadable(listeners, wanted); ++turn) {}
+    const uint32_t beginMs = GetSteadyMs();
+    for (int turn = 0; turn < MOST_TURNS && ServeReadable(listeners, wanted); ++turn) {
+        if (GetSteadyMs() - beginMs >= MOST_SERVING_MS)
+            return;
+    }
 }

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "pacing/ms_clock.h"
 #include "replicator/socket_listener.h"
 #include "support/allocation_hooks.h"
 #include "support/captured_output.h"
@@ -133,7 +134,8 @@ TEST_F(ServeListenersTest, ListenersThatHaveDatagramsTakeOneInTurn)
         Send(m_lease0);
     for (int i = 0; i < 5; ++i)
         Send(m_lease1);
-    ServeListeners({ &m_listener0, &m_listener1 });
+    while (order.size() < 8) // once where the machine is not busy
+        ServeListeners({ &m_listener0, &m_listener1 });
     EXPECT_EQ(order, "01010111");
 }
 
@@ -143,9 +145,28 @@ TEST_F(ServeListenersTest, AfterOneWaitAListenerTakes32DatagramsAtMost)
     for (int i = 0; i < 40; ++i)
         Send(m_lease0);
     ServeListeners({ &m_listener0, &m_listener1 });
-    EXPECT_EQ(m_listener0.m_packets, 32);
-    ServeListeners({ &m_listener0, &m_listener1 });
-    EXPECT_EQ(m_listener0.m_packets, 40);
+    EXPECT_LE(m_listener0.m_packets, 32);
+    while (m_listener0.m_packets < 40)
+        ServeListeners({ &m_listener0, &m_listener1 });
+}
+
+TEST_F(ServeListenersTest, WhatComesWhileAnAnswerTakesLongIsNotLeftUntilAllOthersAreAnswered)
+{
+    ASSERT_TRUE(InitListeners({ &m_listener0, &m_listener1 }));
+    std::string order;
+    m_listener0.m_onPacket = [&] {
+        if (order.empty())
+            Send(m_lease1);
+        order += '0';
+        const uint32_t beginMs = GetSteadyMs();
+        while (GetSteadyMs() - beginMs < 50) {}
+    };
+    m_listener1.m_onPacket = [&] { order += '1'; };
+    for (int i = 0; i < 3; ++i)
+        Send(m_lease0);
+    while (order.size() < 4)
+        ServeListeners({ &m_listener0, &m_listener1 });
+    EXPECT_EQ(order, "0010");
 }
 
 TEST_F(ServeListenersTest, APositionMayBeEmpty)
