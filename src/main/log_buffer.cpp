@@ -1,6 +1,7 @@
 #include "main/log_buffer.h"
 
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 namespace {
@@ -8,6 +9,8 @@ namespace {
 constexpr size_t STREAMS = 2;
 // Room for the end of a line that was cut, on every stream.
 constexpr size_t RESERVE_BYTES = STREAMS * (LogBatch::RUN_BYTES + 1);
+// The count of a reader that stays away for days ends here instead of wrapping.
+constexpr int MOST_LOST = std::numeric_limits<int>::max();
 
 // The bytes of the line that the text begins with; its line end is the last one, unless the text ends before.
 size_t FirstLineBytes(std::string_view text)
@@ -53,7 +56,8 @@ void LogBuffer::Lose(Line& line, std::string_view text)
     line.isBegun = false;
     while (!text.empty()) {
         const size_t bytes = FirstLineBytes(text);
-        ++m_nLost;
+        if (m_nLost < MOST_LOST)
+            ++m_nLost;
         line.isLost = text[bytes - 1] != '\n';
         text.remove_prefix(bytes);
     }
