@@ -1,12 +1,10 @@
 """System calls that a signal interrupts: nothing is lost, doubled or ended, and nothing spins."""
 
-import os
-import struct
 import time
 
 import pytest
 
-from txproxy import control, impairment, programs, raw_control, reports, rtp
+from txproxy import control, impairment, preload, raw_control, reports, rtp
 from txproxy.model_receiver import start_media, wait_bound
 from txproxy.process import cpu_seconds
 from txproxy.receiver import pump
@@ -25,18 +23,14 @@ class Interrupted:
     """A proxy of whose calls every n-th is interrupted."""
 
     def __init__(self, tmp_path, every):
-        self._counts = tmp_path / "counts"
-        self._counts.write_bytes(bytes(4 * len(CALLS)))
-        self.env = {
-            "LD_PRELOAD": str(programs.build_library(tmp_path, "interrupt_calls")),
-            "INTERRUPT_EVERY": str(every),
-            "INTERRUPT_COUNTS": str(self._counts),
-            # The address sanitizer's own library does not mind that another one comes first.
-            "ASAN_OPTIONS": ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"])),
-        }
+        path = tmp_path / "counts"
+        self._counts = preload.shared_words(path, len(CALLS))
+        self.env = preload.environment(
+            tmp_path, "interrupt_calls", INTERRUPT_EVERY=str(every), INTERRUPT_COUNTS=str(path)
+        )
 
     def counts(self):
-        return dict(zip(CALLS, struct.unpack(f"={len(CALLS)}I", self._counts.read_bytes())))
+        return dict(zip(CALLS, self._counts))
 
 
 @pytest.fixture(params=[2, 3])

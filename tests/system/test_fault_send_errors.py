@@ -5,13 +5,12 @@ goes out as before. What the receiver missed it gets by asking, as far as its wi
 """
 
 import errno
-import os
 import subprocess
 import time
 
 import pytest
 
-from txproxy import netns, programs, send_faults
+from txproxy import netns, preload, send_faults
 from txproxy.model_receiver import WIDE_WINDOW, PingingReceiver, start_media, wait_bound
 from txproxy.receiver import Receiver, Sender
 from txproxy.send_faults import (
@@ -154,18 +153,17 @@ def suffer(scene, error, begin, end):
 
 
 @pytest.fixture(scope="module")
-def library(tmp_path_factory):
-    return programs.build_library(tmp_path_factory.mktemp("library"), "refuse_sends")
+def library_folder(tmp_path_factory):
+    return tmp_path_factory.mktemp("library")
 
 
 @pytest.mark.parametrize("options", [(), ("-u",)], ids=["rtp", "udp"])
 @pytest.mark.parametrize("error", INJECTED, ids=[errno.errorcode[error] for error in INJECTED])
 def test_a_send_that_fails_costs_its_receiver_the_packet_and_nobody_else_anything(
-    error, options, make_scene, library, tmp_path
+    error, options, make_scene, library_folder, tmp_path
 ):
     wanted, staged = tmp_path / "refused", tmp_path / "staged"
-    preload = " ".join(filter(None, [os.environ.get("LD_PRELOAD"), str(library)]))
-    scene = make_scene(*options, env={"LD_PRELOAD": preload, "REFUSED_SENDS": str(wanted)})
+    scene = make_scene(*options, env=preload.environment(library_folder, "refuse_sends", REFUSED_SENDS=str(wanted)))
     staged.write_text(f"{FAULTY} {error}")
     suffer(scene, error, lambda: staged.rename(wanted), wanted.unlink)
 

@@ -6,7 +6,7 @@ import os
 import re
 import time
 
-from txproxy import programs, reports, rtp, traffic
+from txproxy import preload, reports, rtp, traffic
 from txproxy.proxy import LISTENING
 from txproxy.waiting import wait_until
 
@@ -52,8 +52,7 @@ def test_512_packets_wait_while_the_sending_thread_is_held(start_proxy, sender, 
     log, log_end = os.pipe()
     fcntl.fcntl(log, fcntl.F_SETPIPE_SZ, SHORT_PIPE_BYTES)
     # Without the log thread: whoever prints waits for the reader.
-    options = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
-    env = {"LD_PRELOAD": str(programs.build_library(tmp_path, "direct_log")), "ASAN_OPTIONS": options}
+    env = preload.environment(tmp_path, "direct_log")
     proxy = start_proxy(
         "-a", REFUSED_DESTINATION, ready=False, env=env, preexec=lambda: os.dup2(log_end, STDERR)
     )

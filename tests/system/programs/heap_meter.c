@@ -1,17 +1,15 @@
 /* Counts the blocks and bytes that the program under test holds, for whoever looks from outside. Preloaded, with
- * TX_PROXY_HEAP_METER naming a file of at least 16 bytes, which then holds two 64-bit words: blocks, bytes.
+ * TX_PROXY_HEAP_METER naming a file whose first two 64-bit words are these: blocks, bytes.
  *
  * Threads: any. Every word is stepped atomically. */
 #define _GNU_SOURCE
 #include <errno.h>
-#include <fcntl.h>
 #include <malloc.h>
 #include <stdatomic.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
-#include <sys/mman.h>
-#include <unistd.h>
+
+#include "shared_words.h"
 
 struct meter {
     _Atomic int64_t blocks;
@@ -29,13 +27,8 @@ static struct meter* meter = &until_mapped;
 
 __attribute__((constructor)) static void map(void)
 {
-    const char* path = getenv("TX_PROXY_HEAP_METER");
-    const int file = path != NULL ? open(path, O_RDWR | O_CLOEXEC) : -1;
-    if (file < 0)
-        return;
-    struct meter* mapped = mmap(NULL, sizeof(*mapped), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    close(file);
-    if (mapped == MAP_FAILED)
+    struct meter* mapped = (struct meter*)shared_words("TX_PROXY_HEAP_METER", sizeof(*mapped) / sizeof(int64_t));
+    if (mapped == NULL)
         return;
     mapped->blocks = until_mapped.blocks;
     mapped->bytes = until_mapped.bytes;

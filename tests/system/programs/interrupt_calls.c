@@ -1,29 +1,26 @@
 /* Preloaded: every INTERRUPT_EVERY-th call of each function below fails with EINTR, as if a signal had come before
- * anything was done. How often that has happened stands in the file INTERRUPT_COUNTS, one 32-bit number of the host
- * each, in the order of `calls`. */
+ * anything was done. How often that has happened stands in the file INTERRUPT_COUNTS, one 64-bit word each, in the
+ * order of `calls`. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
+#include "shared_words.h"
+
 enum calls { RECVFROM, SENDTO, SENDMSG, SEND, POLL, ACCEPT, READ, WRITE, NANOSLEEP, CALLS };
 
-static uint32_t* interrupted; /* shared with the test */
+static int64_t* interrupted; /* shared with the test */
 static unsigned long every;
 
 __attribute__((constructor)) static void prepare(void)
 {
-    const char* path = getenv("INTERRUPT_COUNTS");
-    const int file = open(path, O_RDWR | O_CLOEXEC);
-    interrupted = mmap(NULL, CALLS * sizeof(uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    close(file);
+    interrupted = shared_words("INTERRUPT_COUNTS", CALLS);
     every = strtoul(getenv("INTERRUPT_EVERY"), NULL, 10);
 }
 

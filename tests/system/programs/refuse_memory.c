@@ -3,12 +3,11 @@
  * from which size on all fail (0: none). */
 #define _GNU_SOURCE
 #include <errno.h>
-#include <fcntl.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
-#include <sys/mman.h>
-#include <unistd.h>
+
+#include "shared_words.h"
 
 enum { CALLS, REFUSED, LEAST_BYTES, WORDS };
 
@@ -21,13 +20,7 @@ static int64_t* words;
 
 __attribute__((constructor)) static void find_words(void)
 {
-    const char* name = getenv("REFUSED_MEMORY");
-    int file = name != NULL ? open(name, O_RDWR | O_CLOEXEC) : -1;
-    void* page = mmap(NULL, WORDS * sizeof(int64_t), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-    if (page == MAP_FAILED)
-        abort();
-    (void)close(file);
-    words = page;
+    words = shared_words("REFUSED_MEMORY", WORDS);
 }
 
 /* What comes before words are found belongs to the loader and is let through. */

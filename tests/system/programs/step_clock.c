@@ -2,15 +2,14 @@
  * in microseconds, how fast it drifts in parts per million, and the steady time in microseconds since which it
  * does; three 64-bit words of the machine's own order. The steady clock and the machine's clock stay as they are. */
 #define _GNU_SOURCE
-#include <fcntl.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "shared_words.h"
 
 enum { STEP, DRIFT_PPM, DRIFT_SINCE, WORDS };
 
@@ -18,16 +17,11 @@ static const int64_t* shift_words(void)
 {
     static const int64_t* words;
     const int64_t* known = __atomic_load_n(&words, __ATOMIC_ACQUIRE);
-    const char* name = getenv("STEPPED_CLOCK");
-    if (known != NULL || name == NULL)
-        return known;
-    int file = (int)syscall(SYS_openat, AT_FDCWD, name, O_RDONLY | O_CLOEXEC);
-    void* page = mmap(NULL, WORDS * sizeof(int64_t), PROT_READ, MAP_SHARED, file, 0);
-    if (page == MAP_FAILED)
-        abort();
-    close(file);
-    __atomic_store_n(&words, (const int64_t*)page, __ATOMIC_RELEASE);
-    return page;
+    if (known == NULL) {
+        known = shared_words("STEPPED_CLOCK", WORDS);
+        __atomic_store_n(&words, known, __ATOMIC_RELEASE);
+    }
+    return known;
 }
 
 __attribute__((constructor)) static void find_words(void)

@@ -1,5 +1,7 @@
-"""What a proxy needs in its environment to run with one of the tests' libraries before all others."""
+"""What a proxy needs to run with one of the tests' libraries before all others, and words that it shares with the test."""
 
+import ctypes
+import mmap
 import os
 
 from . import programs
@@ -13,3 +15,10 @@ def environment(directory, name, **variables):
     # The address sanitizer's own library does not mind that another one comes first.
     options = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"]))
     return {"LD_PRELOAD": str(library), "ASAN_OPTIONS": options, **variables}
+
+
+def shared_words(path, count):
+    """Makes a file for programs/shared_words.h; returns its words, all 0, each read and written in one piece."""
+    path.write_bytes(bytes(mmap.PAGESIZE))
+    with path.open("r+b") as file:
+        return (ctypes.c_int64 * count).from_buffer(mmap.mmap(file.fileno(), mmap.PAGESIZE))

@@ -1,8 +1,5 @@
 """Allocations of one proxy that fail as a test likes."""
 
-import ctypes
-import mmap
-
 from . import preload
 
 
@@ -12,10 +9,7 @@ class RefusedMemory:
 
     def __init__(self, directory, name="memory"):
         path = directory / name
-        path.write_bytes(bytes(mmap.PAGESIZE))
-        with path.open("r+b") as file:
-            self._page = mmap.mmap(file.fileno(), mmap.PAGESIZE)
-        self._words = (ctypes.c_int64 * 3).from_buffer(self._page)
+        self._words = preload.shared_words(path, 3)
         self.env = preload.environment(directory, "refuse_memory", REFUSED_MEMORY=str(path))
 
     @property

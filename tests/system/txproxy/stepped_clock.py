@@ -1,7 +1,5 @@
 """A wall clock of one proxy's own, which a test sets as it likes. The machine's clock is never touched."""
 
-import ctypes
-import mmap
 import time
 
 from . import preload
@@ -15,10 +13,7 @@ class SteppedClock:
 
     def __init__(self, directory, name="clock"):
         path = directory / name
-        path.write_bytes(bytes(mmap.PAGESIZE))
-        with path.open("r+b") as file:
-            self._page = mmap.mmap(file.fileno(), mmap.PAGESIZE)
-        self._words = (ctypes.c_int64 * 3).from_buffer(self._page)  # each one written in one piece
+        self._words = preload.shared_words(path, 3)
         self.env = preload.environment(directory, "step_clock", STEPPED_CLOCK=str(path))
 
     def step(self, seconds):
