@@ -87,7 +87,7 @@ class Soaked:
             pss_kib=process.proportional_kib(self.proxy.pid),
             heap_kib=self._meter.read().bytes / 1024 if self._meter else 0,
             descriptors=len(process.descriptors(self.proxy.pid)),
-            threads=process.threads(self.proxy.pid),
+            threads=len(process.threads(self.proxy.pid)),
             streams=len(stats["CLIENTS"].split(",")),
             cpu_seconds=process.running_nanoseconds(self.proxy.pid) / NANOSECONDS,
             delivered=stats["SEND_PACKETS"],

@@ -6,7 +6,6 @@ TX_PROXY_STOPPED_SECONDS   how long it is stopped (default 10)
 
 import contextlib
 import os
-import pathlib
 import re
 import signal
 import socket
@@ -16,7 +15,7 @@ import pytest
 
 from txproxy import control, impairment, raw_control, reports, rtp
 from txproxy.model_receiver import start_media, wait_bound
-from txproxy.process import cpu_seconds
+from txproxy.process import cpu_seconds, thread_state, threads
 from txproxy.receiver import pump
 from txproxy.traffic import Steady
 from txproxy.waiting import DEFAULT_TIMEOUT, scaled, wait_until
@@ -50,15 +49,10 @@ def numbers(receiver):
 def stopped(proxy):
     """All threads of the process stand still meanwhile."""
     proxy.process.send_signal(signal.SIGSTOP)
-    states = pathlib.Path(f"/proc/{proxy.pid}/task")
-
-    def stand_still():
-        return all(
-            (thread / "stat").read_text("ascii", "replace").rpartition(")")[2].split()[0] == "T"
-            for thread in states.iterdir()
-        )
-
-    wait_until(stand_still, "all threads to stand still")
+    wait_until(
+        lambda: {thread_state(proxy.pid, thread) for thread in threads(proxy.pid)} == {"T"},
+        "all threads to stand still",
+    )
     try:
         yield
     finally:

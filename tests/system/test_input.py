@@ -1,7 +1,6 @@
 """The input socket: its messages, its receive buffer, datagrams of every size, what it does not forward."""
 
 import errno
-import pathlib
 import random
 import re
 import socket
@@ -10,6 +9,7 @@ import subprocess
 import pytest
 
 from txproxy import control, receiver, refusal, rtp
+from txproxy.process import threads
 from txproxy.receiver import pump
 
 SLICE_BYTES = 1536
@@ -171,5 +171,4 @@ def test_resident_memory_with_50_streams_and_a_full_ring_stays_within_14_mib(
     proxy = start_proxy("-a", ",".join(addresses))
     pump(sender, [last], [rtp.packet(i, bytes(1316)) for i in range(4096 + 1024 + 200)])
     assert proxy.resident_kib() <= 14 * 1024
-    threads = pathlib.Path(f"/proc/{proxy.pid}/task")
-    assert len(list(threads.iterdir())) == 7
+    assert len(threads(proxy.pid)) == 7

@@ -71,10 +71,6 @@ class Storm:
         self._process.communicate()
 
 
-def tasks(pid):
-    return len(os.listdir(f"/proc/{pid}/task"))
-
-
 def delete_what_strangers_added(instance):
     """Destinations of the control client, and receivers whose ID is 0."""
     for address in sorted(set(request(instance, "List").split(",")) - {CONFIGURED, LEARNT}):
@@ -94,7 +90,7 @@ class State:
         wait_until(lambda: only_bystanders_left(instance), lambda: f"quiet, not {request(instance, 'List')}")
         # A removed stream is destroyed a little later.
         self.descriptors = wait_steady(lambda: process.descriptors(proxy.pid))
-        self.tasks = tasks(proxy.pid)
+        self.threads = process.threads(proxy.pid)
         self.resident_kib = wait_steady(proxy.resident_kib)
 
 
@@ -141,7 +137,7 @@ def test_a_million_hostile_datagrams_cost_bystanders_nothing_and_leave_nothing_b
     assert 0 < found["ECHOES"] <= found["ECHOES_SENT"], storm.text
     assert 0 < found["FIRST"] <= 50 * found["MEDIA"] and found["REPLIES"] > 0, storm.text
     after = State(proxy, net.instance)
-    assert (len(after.descriptors), after.tasks) == (len(before.descriptors), before.tasks)
+    assert (len(after.descriptors), after.threads) == (len(before.descriptors), before.threads)
     print(f"resident KiB: {before.resident_kib} before, {after.resident_kib} after")
     if RELEASE:
         assert after.resident_kib <= before.resident_kib + GROWTH_KIB

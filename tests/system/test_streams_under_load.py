@@ -125,7 +125,7 @@ class Watched:
         with control.ControlClient(self._instance) as client:
             streams = sorted(client.request("List").split(","))
             heap = self._meter.read() if self._meter else None
-            return State(descriptors(self._process.pid), threads(self._process.pid), streams, heap)
+            return State(descriptors(self._process.pid), len(threads(self._process.pid)), streams, heap)
 
 
 @pytest.fixture

@@ -5,12 +5,17 @@ sandbox         a /dev, a /run and a network of the test process's own
 ports           instance numbers and UDP ports in it
 proxy           one running tx_proxy with its output captured line by line
 process         what the system says about a running process
+syscalls        its system calls, thread by thread
+elf             what the program file says about itself
+log_pipe        a log reader of the test's own
 instances       further proxies beside the one of the fixtures
 refusal         system calls of the proxy that are made to fail
 receiver        UDP receivers, senders and the flow-controlled pump between them
 rtp             building and reading RTP datagrams
 mpegts          a real MPEG transport stream to send
 traffic         sending to proxies whose output does not follow their input at once
+flooding        a program that sends as fast as a core can
+send_faults     a stream, and what each receiver has of it while a send fails
 netns           network namespaces and interfaces of a test's own
 shaping         a cable of such a network that is too slow for what is sent
 model_receiver  the receiver's side of the protocol, and two models of receivers
@@ -21,5 +26,8 @@ reports         what a proxy says about itself
 impairment      deliberate loss: its files, and a model of the fixed pattern
 plugin_builder  encryption libraries for the tests
 programs        C and C++ programs and libraries of the tests
+preload         libraries that a proxy runs with before all others
 heap            what a running proxy holds on its heap
+refused_memory  allocations of a proxy that fail
+stepped_clock   a wall clock of a proxy's own
 """

@@ -19,16 +19,21 @@ def descriptors(pid):
 
 
 def threads(pid):
-    """How many there are."""
-    return len(os.listdir(f"/proc/{pid}/task"))
+    """The numbers that the system gives its threads."""
+    return {int(name) for name in os.listdir(f"/proc/{pid}/task")}
+
+
+def thread_state(pid, thread):
+    """A letter: R runs, S waits, T is stopped, ..."""
+    with open(f"/proc/{pid}/task/{thread}/stat", encoding="ascii", errors="replace") as stat:
+        return stat.read().rpartition(")")[2].split()[0]
 
 
 def running_nanoseconds(pid):
     """The time that its present threads have spent on a processor, more finely than cpu_seconds."""
-    folder = f"/proc/{pid}/task"
     total = 0
-    for thread in os.listdir(folder):
-        with open(f"{folder}/{thread}/schedstat", encoding="ascii") as schedstat:
+    for thread in threads(pid):
+        with open(f"/proc/{pid}/task/{thread}/schedstat", encoding="ascii") as schedstat:
             total += int(schedstat.read().split()[0])
     return total
 

@@ -7,6 +7,7 @@ import signal
 import subprocess
 import threading
 
+from .process import thread_state, threads
 from .waiting import DEFAULT_TIMEOUT, scaled, wait_until
 
 LISTENING = re.compile(r"Listening on port \d+ for incoming stream")
@@ -146,7 +147,7 @@ class Proxy:
             raise AssertionError(f"the process ended by itself, status {self.process.returncode}:\n{self.stderr.text}")
         if build_kind() == "asan":
             # The leak check runs on the main thread, which must not be inside the allocator then.
-            self._wait_thread_asleep(self.pid)
+            self._wait_one_asleep(self.pid)
         self.process.terminate()
         status = self.process.wait(scaled(DEFAULT_TIMEOUT))
         self._finish_output()
@@ -154,12 +155,11 @@ class Proxy:
 
     def wait_asleep(self):
         """Waits until no thread is busy with anything: what a counter tells of has been done then."""
-        for thread in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
-            self._wait_thread_asleep(thread.name)
+        for thread in threads(self.pid):
+            self._wait_one_asleep(thread)
 
-    def _wait_thread_asleep(self, thread):
-        state = pathlib.Path(f"/proc/{self.pid}/task/{thread}/stat")
-        wait_until(lambda: state.read_text("ascii", "replace").rpartition(")")[2].split()[0] in "SZ", "an idle moment")
+    def _wait_one_asleep(self, thread):
+        wait_until(lambda: thread_state(self.pid, thread) in "SZ", "an idle moment")
 
     def kill(self):
         if self.process.poll() is None:

@@ -1,13 +1,13 @@
 """The system calls of a running process, thread by thread, as strace sees them."""
 
 import collections
-import os
 import pathlib
 import re
 import shutil
 import signal
 import subprocess
 
+from . import process
 from .waiting import DEFAULT_TIMEOUT, scaled, wait_until
 
 # result: a text such as "804", "-1 EAGAIN (...)", or "" for a call that was not over when the trace ended.
@@ -45,10 +45,6 @@ def parse(text):
     return dict(calls)
 
 
-def threads(pid):
-    return {int(name) for name in os.listdir(f"/proc/{pid}/task")}
-
-
 class Trace:
     """Follows all threads of a process from now on. Use it as `with`; `calls` has them all at the end."""
 
@@ -77,7 +73,7 @@ class Trace:
         assert self._strace.poll() is None, (
             f"ptrace must be permitted for this test: {self._messages.read_text(encoding='utf-8').strip()}"
         )
-        return self.so_far().keys() == threads(self.pid)
+        return self.so_far().keys() == process.threads(self.pid)
 
     def so_far(self):
         if not self._file.exists():
