@@ -4,9 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
-extern "C" {
-int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
-}
+#include "support/wrapped_calls.h"
 
 namespace simulation {
 
@@ -14,22 +12,11 @@ namespace {
 
 constexpr int64_t STALL_US = 20000;
 
-// Marks what can be read; how many of the descriptors have something to tell.
 int CountReadable(const VirtualSockets& sockets, pollfd* wanted, size_t count)
 {
-    int ready = 0;
-    for (size_t i = 0; i < count; ++i) {
-        wanted[i].revents = 0;
-        if (wanted[i].fd < 0)
-            continue;
-        const VirtualSockets::Socket* socket = sockets.Find(wanted[i].fd);
-        if (socket == nullptr)
-            wanted[i].revents = POLLNVAL;
-        else if (!socket->received.empty())
-            wanted[i].revents = POLLIN;
-        ready += wanted[i].revents != 0 ? 1 : 0;
-    }
-    return ready;
+    return MarkReadable(
+        wanted, count, [&](int fd) { return sockets.Find(fd) != nullptr; },
+        [&](int fd) { return !sockets.Find(fd)->received.empty(); });
 }
 
 } // namespace

@@ -12,57 +12,10 @@
 #include <vector>
 
 #include "simulation/machine.h"
+#include "support/wrapped_calls.h"
 
 using simulation::Machine;
 using simulation::VirtualSockets;
-
-extern "C" {
-int __real_pthread_create(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument);
-int __real_pthread_join(pthread_t thread, void** result);
-int __real_pthread_detach(pthread_t thread);
-int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
-int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
-int __real_socket(int domain, int type, int protocol);
-int __real_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-int __real_bind(int fd, const sockaddr* address, socklen_t length);
-int __real_dup(int fd);
-int __real_dup2(int fd, int wanted);
-int __real_close(int fd);
-int __real_shutdown(int fd, int how);
-int __real_poll(pollfd* wanted, nfds_t count, int timeoutMs);
-ssize_t __real_recvfrom(int fd, void* buffer, size_t room, int flags, sockaddr* source, socklen_t* length);
-ssize_t __real_sendto(
-    int fd, const void* data, size_t length, int flags, const sockaddr* to, socklen_t toLength);
-ssize_t __real_sendmsg(int fd, const msghdr* message, int flags);
-int __real_gettimeofday(timeval* now, void* zone);
-int __real_clock_gettime(clockid_t clock, timespec* now);
-time_t __real_time(time_t* now);
-int __real_nanosleep(const timespec* time, timespec* left);
-
-int __wrap_pthread_create(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument);
-int __wrap_pthread_join(pthread_t thread, void** result);
-int __wrap_pthread_detach(pthread_t thread);
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex);
-int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex);
-int __wrap_socket(int domain, int type, int protocol);
-int __wrap_setsockopt(int fd, int level, int name, const void* value, socklen_t length);
-int __wrap_bind(int fd, const sockaddr* address, socklen_t length);
-int __wrap_dup(int fd);
-int __wrap_dup2(int fd, int wanted);
-int __wrap_close(int fd);
-int __wrap_shutdown(int fd, int how);
-int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs);
-ssize_t __wrap_recvfrom(int fd, void* buffer, size_t room, int flags, sockaddr* source, socklen_t* length);
-ssize_t __wrap_sendto(
-    int fd, const void* data, size_t length, int flags, const sockaddr* to, socklen_t toLength);
-ssize_t __wrap_sendmsg(int fd, const msghdr* message, int flags);
-int __wrap_gettimeofday(timeval* now, void* zone);
-int __wrap_clock_gettime(clockid_t clock, timespec* now);
-time_t __wrap_time(time_t* now);
-int __wrap_nanosleep(const timespec* time, timespec* left);
-}
 
 namespace {
 

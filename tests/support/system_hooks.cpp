@@ -14,26 +14,7 @@
 #include <thread>
 #include <utility>
 
-// The linker sends these functions of every object linked into the test program to __wrap_*, and __real_* to
-// the C library or to the sanitizer.
-extern "C" {
-int __real_pthread_create(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument);
-int __real_socket(int domain, int type, int protocol);
-int __real_dup(int fd);
-int __real_gethostbyname_r(
-    const char* name, hostent* host, char* buffer, size_t size, hostent** result, int* error);
-int __real_nanosleep(const timespec* time, timespec* left);
-int __real_poll(pollfd* wanted, nfds_t count, int timeoutMs);
-int __wrap_pthread_create(
-    pthread_t* thread, const pthread_attr_t* attributes, void* (*entry)(void*), void* argument);
-int __wrap_socket(int domain, int type, int protocol);
-int __wrap_dup(int fd);
-int __wrap_gethostbyname_r(
-    const char* name, hostent* host, char* buffer, size_t size, hostent** result, int* error);
-int __wrap_nanosleep(const timespec* time, timespec* left);
-int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs);
-}
+#include "support/wrapped_calls.h"
 
 namespace {
 

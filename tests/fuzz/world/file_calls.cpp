@@ -10,19 +10,9 @@
 
 #include "fuzz/world/files.h"
 #include "fuzz/world/kernel.h"
+#include "support/wrapped_calls.h"
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
-extern "C" {
-int __real_access(const char*, int);
-int __real_unlink(const char*);
-int __real_stat(const char*, struct stat*);
-int __real_open(const char*, int, ...);
-
-int __wrap_access(const char*, int);
-int __wrap_unlink(const char*);
-int __wrap_stat(const char*, struct stat*);
-int __wrap_open(const char*, int, ...);
-}
 
 namespace {
 

@@ -15,49 +15,9 @@
 
 #include "fuzz/world/kernel.h"
 #include "fuzz/world/require.h"
+#include "support/wrapped_calls.h"
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names
-extern "C" {
-int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-int __real_pthread_detach(pthread_t);
-int __real_nanosleep(const timespec*, timespec*);
-int __real_gettimeofday(timeval*, void*);
-int __real_clock_gettime(clockid_t, timespec*);
-time_t __real_time(time_t*);
-int __real_socket(int, int, int);
-int __real_close(int);
-int __real_dup(int);
-int __real_dup2(int, int);
-int __real_bind(int, const sockaddr*, socklen_t);
-int __real_setsockopt(int, int, int, const void*, socklen_t);
-int __real_getsockopt(int, int, int, void*, socklen_t*);
-int __real_shutdown(int, int);
-ssize_t __real_sendto(int, const void*, size_t, int, const sockaddr*, socklen_t);
-ssize_t __real_sendmsg(int, const msghdr*, int);
-ssize_t __real_recvfrom(int, void*, size_t, int, sockaddr*, socklen_t*);
-int __real_poll(pollfd*, nfds_t, int);
-int __real_gethostbyname_r(const char*, hostent*, char*, size_t, hostent**, int*);
-
-int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-int __wrap_pthread_detach(pthread_t);
-int __wrap_nanosleep(const timespec*, timespec*);
-int __wrap_gettimeofday(timeval*, void*);
-int __wrap_clock_gettime(clockid_t, timespec*);
-time_t __wrap_time(time_t*);
-int __wrap_socket(int, int, int);
-int __wrap_close(int);
-int __wrap_dup(int);
-int __wrap_dup2(int, int);
-int __wrap_bind(int, const sockaddr*, socklen_t);
-int __wrap_setsockopt(int, int, int, const void*, socklen_t);
-int __wrap_getsockopt(int, int, int, void*, socklen_t*);
-int __wrap_shutdown(int, int);
-ssize_t __wrap_sendto(int, const void*, size_t, int, const sockaddr*, socklen_t);
-ssize_t __wrap_sendmsg(int, const msghdr*, int);
-ssize_t __wrap_recvfrom(int, void*, size_t, int, sockaddr*, socklen_t*);
-int __wrap_poll(pollfd*, nfds_t, int);
-int __wrap_gethostbyname_r(const char*, hostent*, char*, size_t, hostent**, int*);
-}
 
 namespace {
 
@@ -84,18 +44,9 @@ const sockaddr_in& Inet(const void* address, socklen_t size)
 
 int ReadyCount(const Kernel& kernel, pollfd* wanted, nfds_t count)
 {
-    int ready = 0;
-    for (nfds_t i = 0; i < count; ++i) {
-        wanted[i].revents = 0;
-        if (wanted[i].fd < 0)
-            continue;
-        if (!kernel.IsOpen(wanted[i].fd))
-            wanted[i].revents = POLLNVAL;
-        else if (kernel.IsReadable(wanted[i].fd))
-            wanted[i].revents = POLLIN;
-        ready += wanted[i].revents != 0 ? 1 : 0;
-    }
-    return ready;
+    return MarkReadable(
+        wanted, count, [&](int fd) { return kernel.IsOpen(fd); },
+        [&](int fd) { return kernel.IsReadable(fd); });
 }
 
 } // namespace
