@@ -51,30 +51,34 @@ def arguments():
 
 
 class Soaked:
-    """The proxy and its load."""
+    """The proxy and its load. What start() has begun ends with close(), however far it came."""
 
-    def __init__(self, directory, binary, seconds):
+    def __init__(self):
+        self._lease = ports.Lease()
+        self._load = None
+        self.proxy = None
+
+    def start(self, directory, binary, seconds):
         os.environ["TX_PROXY_BIN"] = str(binary)
         # A sanitizer has a heap of its own.
         is_plain = not any(mark in binary.read_bytes() for mark in SANITIZERS)
         self._meter = HeapMeter(directory) if is_plain else None
-        self._lease = ports.Lease()
-        self._ports = [self._lease.port() for _ in range(3)]
-        media, ping, request = self._ports
+        media, ping, request = where = [self._lease.port() for _ in range(3)]
         options = ["-I", self._lease.instance, "-p", ping, "-r", request, "-a", CONFIGURED, media]
         load = programs.build_folder(directory, "churn")
-        self.proxy = proxy.Proxy(*options, env=self._meter.env if is_plain else None).wait_ready()
+        self.proxy = proxy.Proxy(*options, env=self._meter.env if is_plain else None)
+        self.proxy.wait_ready()
         wait_bound(self.proxy, ping, request)
         wait_until(pathlib.Path(control.path(self._lease.instance)).exists, "the control socket")
         rest = [control.path(self._lease.instance), PACKETS_PER_SECOND, os.getpid(), PATIENCE_SECONDS]
         self._load = subprocess.Popen(
-            [load, *map(str, self._ports), *map(str, rest)],
+            [load, *map(str, [*where, *rest])],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             text=True,
         )
         self._load.stdin.write(f"{seconds}\n")
-        self._load.stdin.close()
+        self._load.stdin.flush()
 
     def runs(self):
         return self._load.poll() is None and self.proxy.is_alive()
@@ -95,8 +99,11 @@ class Soaked:
 
     def finish(self):
         """Lets the load come to its end; returns what it counted as {name: number}, and what went wrong."""
-        text = self._load.stdout.read()
-        status = self._load.wait(PATIENCE_SECONDS)
+        try:
+            text, _ = self._load.communicate(timeout=2 * PATIENCE_SECONDS)
+        except subprocess.TimeoutExpired:
+            return {}, ["the load did not end"]
+        status = self._load.returncode
         figures = {name: int(value) for name, value in re.findall(r"^([A-Z_]+)=(\d+)$", text, re.MULTILINE)}
         faults = re.findall(r"^fault.*$", text, re.MULTILINE)
         if status != 0 or not figures:
@@ -108,9 +115,11 @@ class Soaked:
         return figures, faults
 
     def close(self):
-        self._load.kill()
-        self._load.wait()
-        self.proxy.kill()
+        if self._load:
+            self._load.kill()
+            self._load.wait()
+        if self.proxy:
+            self.proxy.kill()
         self._lease.close()
 
 
@@ -160,8 +169,9 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(2))  # everything that was started ends with us
     seconds = options.minutes * 60
     with tempfile.TemporaryDirectory(prefix="tx_proxy_soak_") as directory:
-        soaked = Soaked(pathlib.Path(directory), binary, seconds)
+        soaked = Soaked()
         try:
+            soaked.start(pathlib.Path(directory), binary, seconds)
             samples = watch(soaked, seconds)
             load, faults = soaked.finish()
         finally:
