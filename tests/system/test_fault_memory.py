@@ -24,7 +24,9 @@ ALL = 1  # byte
 CANNOT_CREATE = "Cannot create arq_send"
 # One line of each group shows how far the part of the start has come that has a thread of its own.
 SETTLED = (
-    re.compile(r"sock bound to port \d+\n(.*\n)*.*sock bound to port \d+\n|Init\(\d\) failed\n|SocketGroup::Start\(\) failed"),
+    re.compile(
+        r"sock bound to port \d+\n(.*\n)*.*sock bound to port \d+\n|Init\(\d\) failed\n|SocketGroup::Start\(\) failed"
+    ),
     re.compile(r"New Rx bufferSize = \d+\n|cannot start the input thread"),
     re.compile(r"process_request_thread: exiting\n|cannot start the control thread"),
 )
@@ -65,7 +67,9 @@ class Start:
 
     def outcome(self):
         proxy = self._launch(*self._arguments, env=self._memory.env)
-        wait_until(lambda: not proxy.is_alive() or self._is_settled(proxy), lambda: f"the start:\n{proxy.stderr.text}", 30)
+        wait_until(
+            lambda: not proxy.is_alive() or self._is_settled(proxy), lambda: f"the start:\n{proxy.stderr.text}", 30
+        )
         if not proxy.is_alive():
             return Outcome(proxy.wait_exit(), None, None, proxy.stderr.text, self._memory.calls)
         listed = self._listed() if self._is_controlled(proxy) else None

@@ -27,7 +27,7 @@ from txproxy.model_receiver import (
     wait_bound,
 )
 from txproxy.receiver import udp_socket
-from txproxy.traffic import send_all
+from txproxy.traffic import Paced, send_all
 from txproxy.waiting import scaled
 
 RATE = float(os.environ.get("TX_PROXY_FLOOD_RATE", "10000")) / scaled(1)
@@ -58,6 +58,10 @@ def payload(index):
     return struct.pack("!I", index) + PAYLOAD
 
 
+def media(index):
+    return rtp.packet(FIRST_SEQ + index, payload(index))
+
+
 def numbers(first, count):
     return [(FIRST_SEQ - RING + first + i) & 0xFFFF for i in range(count)]
 
@@ -69,23 +73,6 @@ FLOODS = {
     "resends_to_the_byte_budget": [request(numbers(200 * i, LISTED), Window(2, 60000, 0)) for i in range(18)],
     "echoes": [echo_ping(b"abcd")],
 }
-
-
-class Paced:
-    """Sends the stream at its own pace."""
-
-    def __init__(self, sender):
-        self._sender = sender
-        self._began = time.monotonic()
-        self.sent = 0
-
-    def sockets(self):
-        return {}
-
-    def tick(self, now):
-        while self.sent < min(TOTAL, int((now - self._began) * PACKETS_PER_SECOND)):
-            self._sender.send(rtp.packet(FIRST_SEQ + self.sent, payload(self.sent)))
-            self.sent += 1
 
 
 class Prober:
@@ -153,7 +140,7 @@ class Scene:
             f"Media started on port {raw_port(self.relay.far_port)} for 127.0.0.20 ID:0x{STREAM_ID:08x}"
         )
         drive(parts, lambda: self.proxy.stderr.find(line), "the media start")
-        stream = Paced(self._sender)
+        stream = Paced(self._sender, media, PACKETS_PER_SECOND, TOTAL)
         drive([*parts, stream], lambda: stream.sent == TOTAL, "the end of the stream", timeout=60)
         ending = time.monotonic() + 0.25
         drive(parts, lambda: time.monotonic() > ending, "the last first sendings")

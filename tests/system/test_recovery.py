@@ -12,6 +12,7 @@ from txproxy import rtp
 from txproxy.lossy_relay import Fault, LossyRelay
 from txproxy.model_receiver import DEFAULT_WINDOW, ModelReceiver, Window, drive, raw_port, stamped, wait_bound
 from txproxy.receiver import udp_socket
+from txproxy.traffic import Paced
 
 RELEASE = os.environ.get("TX_PROXY_BUILD_KIND") == "release"
 STREAM_SECONDS = 8 if RELEASE else 5
@@ -35,24 +36,6 @@ def payload(index):
 
 def is_packet(index, data):
     return data[rtp.HEADER_BYTES :] == payload(index)
-
-
-class PacedSender:
-    """Sends the stream at its own pace: every tick sends what is due."""
-
-    def __init__(self, sender):
-        self._sender = sender
-        self._started = time.monotonic()
-        self.sent = 0
-
-    def sockets(self):
-        return {}
-
-    def tick(self, now):
-        due = min(TOTAL, int((now - self._started) * STREAM_BITS_PER_SECOND / DATAGRAM_BITS))
-        while self.sent < due:
-            self._sender.send(rtp.packet(FIRST_SEQ + self.sent, payload(self.sent)))
-            self.sent += 1
 
 
 class Path:
@@ -113,7 +96,12 @@ def test_receivers_behind_1_5_and_20_percent_loss_end_with_every_packet_of_the_s
     parts = [part for path in paths for part in (path.relay, path.receiver)]
     drive(parts, lambda: all(proxy.stderr.find(line) for line in started), "the media start of every receiver")
 
-    stream = PacedSender(sender)
+    stream = Paced(
+        sender,
+        lambda index: rtp.packet(FIRST_SEQ + index, payload(index)),
+        STREAM_BITS_PER_SECOND / DATAGRAM_BITS,
+        TOTAL,
+    )
     sending = [*parts, stream]
     drive(sending, lambda: stream.sent == TOTAL, "the end of the stream", timeout=2 * STREAM_SECONDS + 15)
     # The last packets may still be on their way: the end of the stream is known only a little later.

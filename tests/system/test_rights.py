@@ -1,4 +1,4 @@
-"""What docs/security.md says of rights: who may use the control socket, what works without root, who sees a password."""
+"""What docs/security.md says of rights: who may use the control socket, what needs root, who sees a password."""
 
 import os
 import pathlib

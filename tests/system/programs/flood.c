@@ -4,8 +4,8 @@
  *
  * Standard input has the datagrams to send in turn, each behind its length (2 bytes, little-endian). With NUMBERED
  * not 0 the 16-bit number at byte 2 (big-endian) and the 32-bit one at byte 12 (little-endian) count up from 0.
- * Rate 0 is as fast as it can, and otherwise datagrams a second and thread. Port 0 is any; with more threads than one each has a socket of its own. The end says how many were sent.
- */
+ * Rate 0 is as fast as it can, and otherwise datagrams a second and thread. Port 0 is any; with more threads than
+ * one each has a socket of its own. The end says how many were sent. */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <pthread.h>

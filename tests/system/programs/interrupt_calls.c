@@ -45,7 +45,8 @@ static int is_interrupted(enum calls call)
         return next arguments;                                                                                         \
     }
 
-WRAP(RECVFROM, ssize_t, recvfrom, (int s, void* b, size_t n, int f, struct sockaddr* a, socklen_t* l), (s, b, n, f, a, l))
+WRAP(RECVFROM, ssize_t, recvfrom, (int s, void* b, size_t n, int f, struct sockaddr* a, socklen_t* l),
+    (s, b, n, f, a, l))
 WRAP(SENDTO, ssize_t, sendto, (int s, const void* b, size_t n, int f, const struct sockaddr* a, socklen_t l),
     (s, b, n, f, a, l))
 WRAP(SENDMSG, ssize_t, sendmsg, (int s, const struct msghdr* m, int f), (s, m, f))

@@ -1,4 +1,4 @@
-"""What a proxy needs to run with one of the tests' libraries before all others, and words that it shares with the test."""
+"""What a proxy needs to run with one of the tests' libraries before all others, and what such a library shares."""
 
 import ctypes
 import mmap

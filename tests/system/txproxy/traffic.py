@@ -78,3 +78,23 @@ def release_groups(datagrams, gap_seconds):
             sizes.append(0)
         sizes[-1] += 1
     return sizes
+
+
+class Paced:
+    """Sends make(0) to make(total - 1) at a constant rate; a part of model_receiver.drive(): every turn what is due."""
+
+    def __init__(self, sender, make, per_second, total):
+        self._sender = sender
+        self._make = make
+        self._per_second = per_second
+        self._total = total
+        self._began = time.monotonic()
+        self.sent = 0
+
+    def sockets(self):
+        return {}
+
+    def tick(self, now):
+        while self.sent < min(self._total, int((now - self._began) * self._per_second)):
+            self._sender.send(self._make(self.sent))
+            self.sent += 1
