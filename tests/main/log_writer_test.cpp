@@ -63,6 +63,8 @@ struct Pipe {
 
 class LogWriterTest : public testing::Test {
 protected:
+    LogWriterTest() { (void)signal(SIGPIPE, SIG_IGN); } // as main does
+
     void Print(const std::string& text) { m_writer->Append(LogStream::ERROR, text); }
     void End() { m_writer.reset(); }
 
@@ -120,7 +122,6 @@ TEST_F(LogWriterTest, NobodyWhoPrintsWaitsForAReaderThatHasStoppedAndTheLossIsRe
 
 TEST_F(LogWriterTest, WithoutAReaderLinesAreThrownAwayAndWhoPrintsNeverWaits)
 {
-    (void)signal(SIGPIPE, SIG_IGN);
     ASSERT_TRUE(m_writer->Start());
     m_error.reader.Reset();
     for (int i = 0; i < 1000; ++i) {
