@@ -15,6 +15,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_compile_options(tx_proxy_options INTERFACE -Wthread-safety)
 endif()
 
+# The library checks its own use, the index of a vector for one. Not in what is installed: the packet path pays for it.
+if(TX_PROXY_SANITIZE OR CMAKE_BUILD_TYPE STREQUAL "Debug")
+    target_compile_definitions(tx_proxy_options INTERFACE _GLIBCXX_ASSERTIONS)
+endif()
 if(TX_PROXY_SANITIZE)
     set(sanitizerFlags -fsanitize=${TX_PROXY_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_compile_options(tx_proxy_options INTERFACE ${sanitizerFlags})
