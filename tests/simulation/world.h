@@ -55,7 +55,6 @@ private:
     void EverySecond();
     void StepClock();
     void BeginCalm();
-    void BeginSilence();
     void CheckSilenceOver();
     void CheckEnd();
     RunResult Result() const;

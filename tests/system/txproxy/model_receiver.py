@@ -20,7 +20,6 @@ ID_MAGIC = bytes.fromhex("babeface")
 STOP_MESSAGE = STOP_MAGIC + ID_MAGIC  # what the proxy sends to a receiver that is deleted
 RETRANSMIT_PAYLOAD_TYPE = 122
 LONGEST_SHORT_DATAGRAM = 9  # one byte more is a request
-REQUEST_HEADER_BYTES = 10
 HOLD_OFF_SECONDS = 0.1
 LAST_SEQ = 50000
 STAMP = r"[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d: "
