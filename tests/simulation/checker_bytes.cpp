@@ -194,8 +194,8 @@ void Checker::CheckCounters()
         ArqSendStats stats {};
         entry.m_pEngine->GetStats(&stats);
         REQUIRE_THAT(std::memcmp(&stats, &stream.engine->Stats(), sizeof(stats)) == 0,
-            "the engine's counters of receiver %d: sent again %u, %u expected; not in buffer %u, %u; expired %u, %u; over "
-            "budget %u, %u; run %u, %u",
+            "the engine's counters of receiver %d: sent again %u, %u expected; not in buffer %u, %u; expired %u, "
+            "%u; over budget %u, %u; run %u, %u",
             receiver, stats.retransmitted, stream.engine->Stats().retransmitted, stats.notInBuffer,
             stream.engine->Stats().notInBuffer, stats.expired, stream.engine->Stats().expired,
             stats.overBudget, stream.engine->Stats().overBudget, stats.longestRun,

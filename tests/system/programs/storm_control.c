@@ -103,8 +103,8 @@ static bool take_reply(int client, bool isOne)
 static void serve_connection(int client)
 {
     char text[LONGEST + 1];
-    bool isOne
-        = true; /* reply at a time: as long as each is waited for, and no request is cut into several */
+    /* One reply at a time: as long as each is waited for, and no request is cut into several. */
+    bool isOne = true;
     for (int i = 0; i < PER_CONNECTION && is_running; ++i) {
         const size_t size = make_command(text);
         ++control_requests;
