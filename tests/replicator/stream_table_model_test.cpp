@@ -2,6 +2,7 @@
 // steps are those of StreamTable and ReadSections, one access to a shared word each; their words are sequentially
 // consistent, so an order of steps is all there is. What stands here is a model: whoever changes a step there
 // changes it here.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <unordered_set>
@@ -17,6 +18,7 @@ enum class Fault {
     None,
     ReaderLoadsBeforeItIsCounted,
     PeriodSeesOneSide,
+    FirstLookLeftOut,
     SidesNeverChange,
     NoPeriod,
     LateOnesJoinThePeriod,
@@ -26,6 +28,8 @@ enum class Fault {
     RemovedBeforeNamed,
     RemovedBeforePublished,
     RemovedInPlace,
+    StateReadBeforeLocked,
+    UnlockedBeforePublished,
     CountBeforeEntry,
     WritersWithoutLock,
 };
@@ -92,6 +96,10 @@ RemovalStep StepAt(Fault fault, int index)
         std::swap(order[4], order[6]);
     if (fault == Fault::RemovedBeforePublished)
         std::swap(order[5], order[6]);
+    if (fault == Fault::StateReadBeforeLocked)
+        std::swap(order[0], order[1]);
+    if (fault == Fault::UnlockedBeforePublished)
+        std::rotate(order + 5, order + 7, order + 8);
     return order[index];
 }
 
@@ -195,10 +203,11 @@ private:
             break;
         case RemovalStep::Unlock:
             world.lockedBy = NOTHING;
-            me.step = last;
-            return true;
+            break;
         }
         ++me.step;
+        if (me.step == first + REMOVAL_STEPS)
+            me.step = last;
         return true;
     }
 
@@ -321,7 +330,8 @@ private:
         case 1: // one look; a side that is not empty is looked at again later
             if (world.sidesToSee == 0)
                 break;
-            if (world.readers[1 - world.openSide] != 0)
+            if (world.readers[1 - world.openSide] != 0
+                && (m_fault != Fault::FirstLookLeftOut || world.sidesToSee == 1))
                 return false;
             if (m_fault == Fault::SidesNeverChange)
                 --world.sidesToSee;
@@ -403,6 +413,7 @@ TEST_P(StreamTableFaultTest, IsFoundInSomeOrder)
 constexpr NamedFault FAULTS[] = {
     { Fault::ReaderLoadsBeforeItIsCounted, "AReaderThatLoadsBeforeItIsCounted" },
     { Fault::PeriodSeesOneSide, "APeriodThatSeesOneSideOnly" },
+    { Fault::FirstLookLeftOut, "APeriodThatBeginsWithoutALook" },
     { Fault::SidesNeverChange, "SidesThatNeverChange" },
     { Fault::NoPeriod, "NoPeriodAtAll" },
     { Fault::LateOnesJoinThePeriod, "WhatIsRemovedDuringAPeriodAndDestroyedWithIt" },
@@ -412,6 +423,8 @@ constexpr NamedFault FAULTS[] = {
     { Fault::RemovedBeforeNamed, "ARemovalThatReachesTheDestroyerBeforeItSaysWhatLeft" },
     { Fault::RemovedBeforePublished, "ARemovalThatReachesTheDestroyerBeforeItIsPublished" },
     { Fault::RemovedInPlace, "ARemovalInPlace" },
+    { Fault::StateReadBeforeLocked, "ARemovalThatReadsTheStateBeforeItHasTheLock" },
+    { Fault::UnlockedBeforePublished, "ARemovalThatGivesUpTheLockBeforeItIsPublished" },
     { Fault::CountBeforeEntry, "ACountBeforeItsEntry" },
     { Fault::WritersWithoutLock, "WritersWithoutALock" },
 };
