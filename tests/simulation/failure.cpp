@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "simulation/config.h"
 #include "simulation/machine.h"
 
 #if defined(__has_feature)
@@ -23,6 +24,7 @@ namespace simulation {
 namespace {
 
 uint64_t s_seed = 0;
+const Config* s_pConfig = nullptr;
 FILE* s_report = nullptr;
 
 const char* NameOf(Outcome outcome)
@@ -77,6 +79,8 @@ void Fail(Outcome outcome, const char* format, ...)
     } else {
         fprintf(Report(), "\n");
     }
+    if (s_pConfig != nullptr)
+        s_pConfig->Print(Report());
     PrintHowToRepeat();
     _exit(static_cast<int>(outcome));
 }
@@ -84,6 +88,11 @@ void Fail(Outcome outcome, const char* format, ...)
 void TellSeed(uint64_t seed)
 {
     s_seed = seed;
+}
+
+void TellConfig(const Config* config)
+{
+    s_pConfig = config;
 }
 
 void SeparateProxyOutput(bool isShown)

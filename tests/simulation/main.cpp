@@ -82,12 +82,15 @@ RunResult RunSeed(uint64_t seed, bool isVerbose)
 {
     TellSeed(seed);
     const Config config(seed);
+    TellConfig(isVerbose ? nullptr : &config);
     World world(config);
     if (isVerbose) {
         config.Print(Report());
         world.Echo(Report());
     }
-    return world.Run();
+    const RunResult result = world.Run();
+    TellConfig(nullptr);
+    return result;
 }
 
 void Add(Totals& totals, const RunResult& result)
