@@ -61,8 +61,10 @@ def test_an_interface_down_is_complained_of_costs_others_nothing_and_its_receive
     stream = closing(Stream(closing(Sender("127.0.0.1", net.input, namespace=lan.proxy))))
     wait_more(faulty)
     set_link(lan.proxy, "down")
-    wait_until(lambda: lines_of_sends(proxy), "a complaint")
-    wait_more(other)
+    proxy.wait_stderr(complaint(errno.ENETUNREACH))
+    wait_more(other, OBSERVED_PACKETS)
+    # Each of them had a line before it was sent to the other one.
+    proxy.wait_stderr(complaint(errno.ENETUNREACH), count=OBSERVED_PACKETS)
     wait_media_again(faulty, lambda: set_link(lan.proxy, "up"))
     check_others(stream, other, lateness, record_property)
     assert lines_of_sends(proxy) == {complaint(errno.ENETUNREACH)}
