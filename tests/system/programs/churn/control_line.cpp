@@ -1,6 +1,7 @@
 #include "control_line.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -10,6 +11,12 @@
 
 #include "clock.h"
 #include "udp.h"
+
+namespace {
+
+constexpr timeval LONGEST_REPLY { 300, 0 }; // a proxy that stands still ends the run
+
+} // namespace
 
 ControlLine::ControlLine(std::string path) : m_path(std::move(path)), m_thread(&ControlLine::Run, this) {}
 
@@ -74,6 +81,7 @@ std::string ControlLine::Ask(const std::string& command) const
     strncpy(address.sun_path, m_path.c_str(), sizeof(address.sun_path) - 1);
     const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     char reply[65536];
+    (void)setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &LONGEST_REPLY, sizeof(LONGEST_REPLY));
     if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
         Die("connect");
     if (send(client, command.data(), command.size(), MSG_NOSIGNAL) < 0)

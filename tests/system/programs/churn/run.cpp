@@ -80,8 +80,12 @@ void Run::Stage(double seconds, double patience)
 {
     bool ignored = false;
     m_pFence->Rest(false);
-    for (const uint64_t mark = m_pFence->Mark(); !m_pFence->Passed(mark);) // who stays has pinged then
+    const double latestBegin = Now() + patience;
+    const uint64_t mark = m_pFence->Mark();
+    while (!m_pFence->Passed(mark) && Now() < latestBegin) // who stays has pinged then
         Turn(-1, &ignored);
+    if (Now() >= latestBegin)
+        return Fault("the proxy did not take the pings of who stays");
     m_source.Start();
     const double began = Now();
     while (Now() - began < seconds) {
