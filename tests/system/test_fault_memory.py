@@ -32,11 +32,12 @@ SETTLED = (
 )
 # With these the proxy runs on and sends nothing, and says so.
 MUTE = ("SocketGroup::Start() failed", "cannot start the input thread", "Packet queue not created")
+OWN_PORT = "a port of its own"
 VARIANTS = {
     "plain": (),
     "paced": ("-X", 100_000_000),
     "udp-input": ("-u",),
-    "multicast": ("-b", 15999),
+    "multicast": ("-b", OWN_PORT),
     "library": ("-z",),
 }
 
@@ -62,7 +63,8 @@ class Start:
         else:
             self._receivers = {a: instances.receiver_of(closing, self._where, a) for a in DESTINATIONS}
         self._arguments = ["-I", self._where.instance, "-p", self._where.destination, "-r", self._where.request]
-        self._arguments += ["-a", ",".join(text), *options, self._where.input]
+        own = [self._where.destination if option == OWN_PORT else option for option in options]
+        self._arguments += ["-a", ",".join(text), *own, self._where.input]
         self._sender = instances.sender_to(closing, self._where)
 
     def outcome(self):
