@@ -1,4 +1,5 @@
 // The proxy's heart on virtual time: many seeds, each with its own receivers, links, faults and clocks.
+#include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -31,6 +32,7 @@ struct Totals {
     uint64_t repeated = 0;
     uint64_t events = 0;
     uint64_t datagrams = 0;
+    uint64_t mostDatagrams = 0; // of one seed
     uint64_t recovered = 0;
     double virtualDays = 0;
     WrapCounts wraps;
@@ -98,6 +100,7 @@ void Add(Totals& totals, const RunResult& result)
     ++totals.seeds;
     totals.events += result.events;
     totals.datagrams += result.datagrams;
+    totals.mostDatagrams = std::max(totals.mostDatagrams, result.datagrams);
     totals.recovered += result.recovered;
     totals.virtualDays += static_cast<double>(result.virtualUs) / 86400e6;
     totals.wraps.Add(result.wraps);
@@ -123,10 +126,11 @@ void RunAndRepeat(uint64_t seed, const Options& options, Totals& totals)
 void PrintTotals(const Totals& totals, double seconds)
 {
     fprintf(Report(),
-        "%" PRIu64 " seeds in %.1f s: %.1f virtual days, %" PRIu64 " datagrams, %" PRIu64
-        " recovered packets, %" PRIu64 " events; %" PRIu64 " seeds run twice\n",
-        totals.seeds, seconds, totals.virtualDays, totals.datagrams, totals.recovered, totals.events,
-        totals.repeated);
+        "%" PRIu64 " seeds in %.1f s: %.1f virtual days, %" PRIu64 " datagrams (%" PRIu64
+        " at most in a seed), %" PRIu64 " recovered packets, %" PRIu64 " events; %" PRIu64
+        " seeds run twice\n",
+        totals.seeds, seconds, totals.virtualDays, totals.datagrams, totals.mostDatagrams, totals.recovered,
+        totals.events, totals.repeated);
     fprintf(Report(), "wraps passed:");
     for (size_t i = 0; i < WRAP_KINDS; ++i)
         fprintf(Report(), "%s %s %" PRIu64, i == 0 ? "" : ",", WRAP_NAMES[i], totals.wraps.passed[i]);

@@ -1,5 +1,7 @@
 #include "simulation/world.h"
 
+#include <cinttypes>
+
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
 
@@ -8,6 +10,8 @@ namespace simulation {
 namespace {
 
 constexpr int64_t SECOND = 1000000;
+// What a seed may take, so that many fit into a minute: some 100,000 are drawn for, and a resend may be drawn often.
+constexpr uint64_t DATAGRAM_BUDGET = 1000000;
 constexpr int64_t LAST_GASP_US = 5 * SECOND; // for the end of the proxy, with lateness
 
 } // namespace
@@ -85,6 +89,8 @@ void World::EverySecond()
 {
     m_checker.WatchClocks();
     m_network.CheckBalance();
+    REQUIRE_THAT(m_network.Sent() <= DATAGRAM_BUDGET,
+        "more than the %" PRIu64 " datagrams that a seed may take", DATAGRAM_BUDGET);
     if (m_bOver || m_proxy.Replicator() == nullptr)
         return;
     m_checker.CheckCounters();
