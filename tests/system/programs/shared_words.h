@@ -14,7 +14,7 @@
 /* The first `count` words of the file that the variable of the environment names; NULL without the variable. A file
  * that cannot be used ends the program: no test is to go on without its fault. No library's open is called, since
  * one of them may want its words. */
-static int64_t* shared_words(const char* variable, size_t count)
+static inline int64_t* shared_words(const char* variable, size_t count)
 {
     const char* name = getenv(variable);
     if (name == NULL)
@@ -24,7 +24,7 @@ static int64_t* shared_words(const char* variable, size_t count)
     if (page == MAP_FAILED)
         abort();
     (void)syscall(SYS_close, file);
-    return page;
+    return (int64_t*)page;
 }
 
 #endif
