@@ -428,6 +428,7 @@ def test_a_packet_is_sent_again_after_100_ms_whatever_interval_the_receiver_name
         wanted = tag(5) + request([100], window)
         times = arrivals(sock, 5, lambda: sock.sendto(wanted, asking.request_address))
     gaps = [later - earlier for earlier, later in zip(times, times[1:])]
-    assert min(gaps) >= HOLD_OFF_SECONDS - 0.002, gaps
+    # A busy machine may hand a datagram over some milliseconds late, and the next one in time.
+    assert min(gaps) >= HOLD_OFF_SECONDS * 0.9 and sum(gaps) >= HOLD_OFF_SECONDS * (len(gaps) - 0.1), gaps
     # A busy machine makes gaps longer, but not all four of them; half of the interval of 5000 ms would.
     assert min(gaps) < 1, gaps

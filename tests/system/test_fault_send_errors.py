@@ -39,6 +39,7 @@ BARELY_MOVING = "20kbit"
 STANDSTILL_SECONDS = 0.15
 SLOW_STREAM = 300  # packets a second: the queue and the input's buffer have room for 3 s
 SHORT_MTU = 600
+RING = 32768  # packets: a change of routes may wait for many other namespaces to come and go
 INJECTED = [
     errno.EAGAIN, errno.ENOBUFS, errno.EPERM, errno.EMSGSIZE, errno.ENETDOWN, errno.ENOMEM, errno.ECONNREFUSED,
 ]  # fmt: skip
@@ -71,7 +72,7 @@ class Scene:
         self.learnt = closing(PingingReceiver(
             LEARNT, lease.port(), net, 7, proxy_address=netns.proxy_address(1), namespace=self.lan.peer
         ))  # fmt: skip
-        self.proxy = start_proxy("-a", f"{FAULTY},{OTHER}", *options, namespace=self.lan.proxy, **keywords)
+        self.proxy = start_proxy("-a", f"{FAULTY},{OTHER}", "-q", RING, *options, namespace=self.lan.proxy, **keywords)
         wait_bound(self.proxy, net.destination, net.request)
         start_media(self.proxy, self.learnt)
         closing(Steady(Pings(self.learnt), lambda _: b"", PINGS_PER_SECOND))
