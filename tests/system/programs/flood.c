@@ -119,11 +119,11 @@ static void* send_all(void* slot)
             messages[i].msg_hdr.msg_iovlen = 1;
         }
         for (int done = 0; done < BATCH && !has_ended;) {
-            const int now = sendmmsg(descriptor, messages + done, (unsigned)(BATCH - done), 0);
-            if (now < 0)
+            const int went = sendmmsg(descriptor, messages + done, (unsigned)(BATCH - done), 0);
+            if (went < 0)
                 die("sendmmsg");
-            done += now;
-            sent[self] += (unsigned long)now;
+            done += went;
+            sent[self] += (unsigned long)went;
         }
     }
     close(descriptor);

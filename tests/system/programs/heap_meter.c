@@ -73,19 +73,24 @@ void* realloc(void* block, size_t size)
     return moved;
 }
 
-void* memalign(size_t alignment, size_t size)
+static void* come_aligned(size_t alignment, size_t size)
 {
     return come(__libc_memalign(alignment, size));
 }
 
+void* memalign(size_t alignment, size_t size)
+{
+    return come_aligned(alignment, size);
+}
+
 void* aligned_alloc(size_t alignment, size_t size)
 {
-    return memalign(alignment, size);
+    return come_aligned(alignment, size);
 }
 
 int posix_memalign(void** block, size_t alignment, size_t size)
 {
-    *block = memalign(alignment, size);
+    *block = come_aligned(alignment, size);
     return *block != NULL ? 0 : ENOMEM;
 }
 

@@ -64,4 +64,4 @@ void control_start(const char* path, uint64_t seed);
 void control_stop(void);
 extern unsigned long control_requests, control_replies, control_faults;
 
-void die(const char* what);
+__attribute__((noreturn)) void die(const char* what);
