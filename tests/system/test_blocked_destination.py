@@ -22,7 +22,7 @@ from txproxy.process import cpu_seconds, descriptors
 from txproxy.receiver import Receiver, Sender
 from txproxy.shaping import SLOW_PEER, SlowCable
 from txproxy.traffic import Steady
-from txproxy.waiting import DEFAULT_TIMEOUT, Lateness, scaled, wait_until
+from txproxy.waiting import Lateness, scaled, wait_until
 
 FAST_PROXY = netns.proxy_address(1)
 FAST_PEER = netns.peer_address(1)

@@ -17,7 +17,7 @@ from txproxy.log_pipe import STDERR, STDOUT, LogPipe
 from txproxy.process import cpu_seconds
 from txproxy.proxy import LISTENING, RECEIVE_BUFFER_SET
 from txproxy.receiver import pump
-from txproxy.waiting import POLL_SECONDS, scaled, wait_until
+from txproxy.waiting import scaled, wait_until
 
 # In a network without a route to them every packet has a line for each.
 UNREACHABLE = [f"10.0.0.{i}" for i in range(1, 21)]
