@@ -16,6 +16,7 @@ import pytest
 from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver, sandbox
 
 
+AFTER_LONG_LOADS = 8  # tests of every other file
 MARKERS = {
     "release": "release_only: limits of memory, time and libraries are promises of the release build",
     "asan": "asan_only: needs the address sanitizer",
@@ -26,14 +27,15 @@ def pytest_collection_modifyitems(config, items):
     """Tests of one kind of build are not collected for the others.
 
     Side by side the first test of every file comes first, then every second one: processes are given neighbours,
-    and those of one file are all long or all short.
+    and those of one file are all long or all short. The demo shows a live picture: it waits until the long loads,
+    each the first test of its file, have had some time.
     """
     foreign = [f"{kind}_only" for kind in MARKERS if kind != proxy.build_kind()]
     dropped = [item for item in items if any(map(item.get_closest_marker, foreign))]
     items[:] = [item for item in items if item not in dropped]
     config.hook.pytest_deselected(items=dropped)
     if hasattr(config, "workerinput"):
-        place = collections.Counter()
+        place = collections.Counter({item.path: AFTER_LONG_LOADS for item in items if item.path.name == "test_demo.py"})
         order = {}
         for item in items:
             order[item] = place[item.path]
