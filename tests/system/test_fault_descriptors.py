@@ -140,7 +140,9 @@ def test_descriptor_limit_at_the_start_leaves_a_proxy_that_does_what_it_has_desc
     for good, bad in outcomes.items():
         wait_until(lambda good=good, bad=bad: good() or bad(), "an outcome")
     lacking = sum(bad() for bad in outcomes.values())
-    assert lacking == max(0, min(len(outcomes), SOCKETS - limit))
+    most = max(0, min(len(outcomes), SOCKETS - limit))
+    # What fails midway gives back what it had, and whoever starts later may get it.
+    assert min(most, max(1, most - 1)) <= lacking <= most
     if is_fed():
         pump(sender, receivers, media(10))
     if limit > SOCKETS:  # a client needs one too
