@@ -99,7 +99,9 @@ def test_a_stream_goes_on_within_a_second_after_a_stop_and_who_pinged_meanwhile_
     steady.close()
     wait_until(lambda: numbers(fixed)[-1] == steady.sent - 1, "the last packet")
     got = numbers(fixed)
-    assert got == sorted(set(got)), "each once and in order"
+    assert len(set(got)) == len(got), "each once"
+    # What the pacer's queue cannot hold after the stop main sends itself, beside the timer.
+    assert options or got == sorted(got)
     # What the input's buffer could not hold is counted, and nothing else is missing.
     assert reports.rx_stat(net.instance) == (len(got), steady.sent - len(got))
     assert set(numbers(pinging)) <= set(got)
