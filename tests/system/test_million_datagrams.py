@@ -114,6 +114,7 @@ def test_a_million_hostile_datagrams_cost_bystanders_nothing_and_leave_nothing_b
     path = programs.build(tmp_path, "datagram_storm", *PARTS)
     proxy = start_proxy("-a", CONFIGURED, *mode, env=GIVE_BACK, preexec=be_nice)
     wait_bound(proxy, net.destination, net.request)
+    assert request(net.instance, "List") == CONFIGURED  # the storm expects a control socket from its start on
     count = DATAGRAMS // share
     limits = ("--count", count, "--warm-up", WARM_UP, "--seconds", SECONDS / math.sqrt(share))
     storm = closing(Storm(path, net, *limits, *(["--udp-input"] if mode else [])))
