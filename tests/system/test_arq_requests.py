@@ -426,9 +426,9 @@ def test_a_packet_is_sent_again_after_100_ms_whatever_interval_the_receiver_name
         sock.sendto(tag(5), asking.ping_address)
         proxy.wait_stderr(stamped(f"Media started on port {raw_port(port)} for 127.0.0.5 ID:0x00000005"))
         wanted = tag(5) + request([100], window)
-        times = arrivals(sock, 5, lambda: sock.sendto(wanted, asking.request_address))
+        # The kernel begins to stamp some time after it is asked to: until then a datagram has the time of its reading.
+        times = arrivals(sock, 6, lambda: sock.sendto(wanted, asking.request_address))[1:]
     gaps = [later - earlier for earlier, later in zip(times, times[1:])]
-    # A busy machine may hand a datagram over some milliseconds late, and the next one in time.
-    assert min(gaps) >= HOLD_OFF_SECONDS * 0.9 and sum(gaps) >= HOLD_OFF_SECONDS * (len(gaps) - 0.1), gaps
+    assert min(gaps) >= HOLD_OFF_SECONDS - 0.002, gaps
     # A busy machine makes gaps longer, but not all four of them; half of the interval of 5000 ms would.
     assert min(gaps) < 1, gaps
