@@ -106,9 +106,11 @@ protected:
         if (m_thread.joinable())
             m_thread.join();
     }
-    // The thread looks at the run flag after each wait: none is to be longer than half a second.
+    // The thread looks at the run flag after each wait: none is to be longer than half a second. Its socket is there
+    // before the thread waits for the first time.
     void ExpectEndAfterAWait()
     {
+        EXPECT_TRUE(WaitFor([this] { return !m_waits->PollsMs().empty(); }));
         End();
         EXPECT_EQ(m_waits->PollsMs(), (std::set<int> { 500 }));
         EXPECT_TRUE(m_waits->AnySleepsMs().empty());
