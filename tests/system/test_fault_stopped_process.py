@@ -17,7 +17,7 @@ from txproxy import control, impairment, raw_control, reports, rtp
 from txproxy.model_receiver import start_media, wait_bound
 from txproxy.process import cpu_seconds, thread_state, threads
 from txproxy.receiver import pump
-from txproxy.traffic import Steady
+from txproxy.traffic import Steady, kernel_drops
 from txproxy.waiting import DEFAULT_TIMEOUT, scaled, wait_until
 
 STOPPED_SECONDS = float(os.environ.get("TX_PROXY_STOPPED_SECONDS", "10"))
@@ -102,8 +102,11 @@ def test_a_stream_goes_on_within_a_second_after_a_stop_and_who_pinged_meanwhile_
     assert len(set(got)) == len(got), "each once"
     # What the pacer's queue cannot hold after the stop main sends itself, beside the timer.
     assert options or got == sorted(got)
-    # What the input's buffer could not hold is counted, and nothing else is missing.
-    assert reports.rx_stat(net.instance) == (len(got), steady.sent - len(got))
+    # What the input's buffer could not hold is missing, and nothing else.
+    dropped = kernel_drops(net.input)
+    assert len(got) == steady.sent - dropped
+    # Two threads that send at the same moment may count one packet less, and what one overtakes as lost.
+    assert options or reports.rx_stat(net.instance) == (len(got), dropped)
     assert set(numbers(pinging)) <= set(got)
 
 
