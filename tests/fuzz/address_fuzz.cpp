@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "fuzz/world/kernel.h"
-#include "fuzz/world/quiet.h"
 #include "fuzz/world/require.h"
 #include "input/address.h"
 #include "replicator/destinations.h"
@@ -102,12 +101,6 @@ void CheckList(const char* list)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
-{
-    BeQuiet();
-    return 0;
-}
 
 // The text lies in memory of its own size, so that whoever reads behind it is seen.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -8,7 +8,6 @@
 #include <string>
 #include <string_view>
 
-#include "fuzz/world/quiet.h"
 #include "fuzz/world/require.h"
 #include "fuzz/world/world.h"
 
@@ -81,12 +80,6 @@ void Happen(World& world, std::string_view line)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
-{
-    BeQuiet();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <string>
 
-#include "fuzz/world/quiet.h"
 #include "fuzz/world/require.h"
 #include "fuzz/world/world.h"
 
@@ -84,12 +83,6 @@ void Step(World& world, InputReader& input, Loss& loss)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
-{
-    BeQuiet();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -11,7 +11,6 @@
 
 #include "arq/arq_settings.h"
 #include "fuzz/world/input_reader.h"
-#include "fuzz/world/quiet.h"
 #include "fuzz/world/require.h"
 #include "main/options.h"
 #include "main/proxy_context.h"
@@ -71,12 +70,6 @@ void CheckSettings(const CommandLine& line, const ProxyContext& context, const M
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
-{
-    BeQuiet();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string>
 
-#include "fuzz/world/quiet.h"
 #include "fuzz/world/world.h"
 
 namespace {
@@ -68,12 +67,6 @@ void Step(World& world, InputReader& input, Budget& budget)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
-{
-    BeQuiet();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

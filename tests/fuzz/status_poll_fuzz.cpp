@@ -8,7 +8,6 @@
 #include "control/control_context.h"
 #include "control/status_poll.h"
 #include "fuzz/world/files.h"
-#include "fuzz/world/quiet.h"
 #include "fuzz/world/require.h"
 #include "fuzz/world/world.h"
 #include "pacing/ms_clock.h"
@@ -31,12 +30,6 @@ void SendMedia(World& world, uint8_t count)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
-{
-    BeQuiet();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
