@@ -16,7 +16,7 @@ from txproxy import control, impairment, rtp
 from txproxy.control import request
 from txproxy.ports import instance_files
 from txproxy.receiver import pump
-from txproxy.waiting import scaled, wait_until
+from txproxy.waiting import scaled, wait_until, within
 
 ON, OFF = "Impairment ON", "Impairment OFF"
 DEFAULTS = ["min_drop = 1", "min_dist = 100", "max_drop = 10", "max_dist = 200", "mode = 1"]
@@ -98,9 +98,8 @@ def stream_runs(sender, receiver):
 
 
 def is_served(instance):
-    began = time.monotonic()
-    assert request(instance, "List") == "127.0.0.2"
-    assert time.monotonic() - began < scaled(COMMAND_SECONDS)
+    with within(COMMAND_SECONDS):
+        assert request(instance, "List") == "127.0.0.2"
 
 
 def settings_in(proxy):

@@ -14,7 +14,7 @@ from txproxy.model_receiver import wait_bound
 from txproxy.process import cpu_seconds
 from txproxy.receiver import Receiver, udp_socket
 from txproxy.traffic import kernel_drops, unread_bytes
-from txproxy.waiting import scaled, wait_until
+from txproxy.waiting import scaled, wait_until, within
 
 FLOOD_SECONDS = float(os.environ.get("TX_PROXY_INPUT_FLOOD_SECONDS", "2"))
 RECEIVERS = [f"127.0.2.{1 + i}" for i in range(12)]
@@ -70,12 +70,13 @@ def watch(net, closing):
 
 
 def ask_all_along(instance, seconds):
-    """Commands, one after the other; the longest time that one took."""
+    """Commands, one after the other, each within its time; the longest that one took."""
     longest, until = 0.0, time.monotonic() + seconds
     while time.monotonic() < until:
         began = time.monotonic()
-        assert control.request(instance, "List").split(",") == RECEIVERS
-        longest = max(longest, time.monotonic() - began)
+        with within(COMMAND_SECONDS):
+            assert control.request(instance, "List").split(",") == RECEIVERS
+            longest = max(longest, time.monotonic() - began)
         time.sleep(0.05)
     return longest
 
@@ -134,7 +135,6 @@ class Flooded:
         record_property("flood", text)
         assert self.drain_seconds < scaled(RECOVERY_SECONDS)
         assert first_seconds < scaled(RECOVERY_SECONDS)
-        assert self.longest_command < scaled(COMMAND_SECONDS)
         assert self.backlog <= QUEUE + HELD_PACKETS + INPUT_BUFFER_BYTES / least_held_bytes
 
 

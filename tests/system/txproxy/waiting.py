@@ -1,11 +1,13 @@
 """Bounded waits. Every time-out is multiplied by TX_PROXY_TIME_SCALE (sanitizer builds are slow)."""
 
+import contextlib
 import os
 import threading
 import time
 
 DEFAULT_TIMEOUT = 15.0
 POLL_SECONDS = 0.005
+TURN_SECONDS = 0.01  # what within() looks at
 
 
 def scaled(seconds):
@@ -50,3 +52,17 @@ class Lateness:
     def close(self):
         self._running = False
         self._thread.join()
+
+
+@contextlib.contextmanager
+def within(seconds):
+    """The block takes less than `seconds`, scaled; what the machine lets others come late meanwhile is allowed too."""
+    lateness = Lateness(TURN_SECONDS)
+    began = time.monotonic()
+    try:
+        yield
+        took = time.monotonic() - began
+    finally:
+        lateness.close()
+    limit = scaled(seconds) + lateness.allowed()
+    assert took < limit, f"took {took:.3f} s, {limit:.3f} s are allowed"
