@@ -15,3 +15,8 @@ bool PacerCB::Send(PacketBuffer* packet)
     (void)m_pReplicator->SendPacket(packet);
     return true;
 }
+
+void PacerCB::SendTogether(PacketBuffer* const* packets, int32_t count)
+{
+    (void)m_pReplicator->SendPackets(packets, count);
+}

@@ -17,6 +17,7 @@ public:
     ~PacerCB() override;
 
     bool Send(PacketBuffer* packet) override;
+    void SendTogether(PacketBuffer* const* packets, int32_t count) override;
 
     // Null when it could not be made: packets then go straight to the replicator.
     std::unique_ptr<CPacer> m_pPacer;

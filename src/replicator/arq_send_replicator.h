@@ -58,6 +58,10 @@ public:
 
     // See FanOut.
     int SendPacket(PacketBuffer* packet) { return m_fanOut->SendPacket(packet); }
+    int SendPackets(PacketBuffer* const* packets, int32_t count)
+    {
+        return m_fanOut->SendPackets(packets, count);
+    }
     int SendRaw(uint8_t* data, int32_t length) { return m_fanOut->SendRaw(data, length); }
 
     // A datagram from a receiver, with the stream ID of its tag (0: none). Address and port in network

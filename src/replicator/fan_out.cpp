@@ -27,7 +27,14 @@ void SendRawUnicast(
 
 } // namespace
 
-int FanOut::SendPacket(PacketBuffer* packet)
+int FanOut::SendPackets(PacketBuffer* const* packets, int32_t count)
+{
+    for (int32_t i = 0; i < count; ++i)
+        (void)SendOne(packets[i]);
+    return 1;
+}
+
+int FanOut::SendOne(PacketBuffer* packet)
 {
     if (!m_parts.bRunning)
         return 1;

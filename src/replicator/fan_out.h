@@ -36,7 +36,11 @@ public:
 
     // Sends one input packet to every stream and stores it in every engine. The packet stays with the
     // engines until as many newer ones have come as they keep. Always returns 1.
-    int SendPacket(PacketBuffer* packet);
+    int SendPacket(PacketBuffer* packet) { return SendPackets(&packet, 1); }
+
+    // The same for `count` packets, MOST_TOGETHER at most, which waited already: each receiver gets them in this
+    // order, as trains where the way to it takes them.
+    int SendPackets(PacketBuffer* const* packets, int32_t count);
 
     // The same for a raw payload, which gets its RTP header here. Always returns 1.
     int SendRaw(uint8_t* data, int32_t length);
@@ -45,6 +49,7 @@ public:
     uint16_t SeqNum() const { return m_usSeqNum.load(std::memory_order_relaxed); }
 
 private:
+    int SendOne(PacketBuffer* packet);
     void StampAndCount(const PacketBuffer& packet);
     bool DecideDrop();
     void SendToAll(const StreamTable::View& view, PacketBuffer* packet);
