@@ -1,19 +1,23 @@
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstddef>
 #include <cstdint>
 
+#include "replicator/datagram_target.h"
+
 struct PacketBuffer;
 
-// Every datagram to a receiver leaves through here.
+// The plain way: one call, one datagram. Whatever cannot leave in a train or together with others leaves here, and
+// what is said here about a datagram is what counts.
+//
+// On a connected socket the kernel reports what became of an earlier datagram, a port that nobody has open for
+// instance, in place of sending the next one; and it keeps the source address that it had when it was connected,
+// whether this machine still has it or not. A datagram that fails there is therefore sent once more as if the socket
+// were not connected, and only what that says is returned.
 
 // Hands `length` bytes to the socket as one datagram. Returns the bytes taken, or -1 with errno set. Blocks
 // as long as the socket's send buffer is full, unless `flags` (of sendto) say otherwise.
-int SendDatagram(int fd, const uint8_t* data, size_t length, const sockaddr_in& destination, int flags = 0);
+int SendDatagram(const DatagramTarget& target, const uint8_t* data, size_t length, int flags = 0);
 
-// Hands the packet to the socket as one datagram.
-// A packet of one part is that part; any other is part 0 followed by part 1.
-// Returns as above; may block.
-int SendDatagram(int fd, const PacketBuffer& packet, const sockaddr_in& destination);
+// Hands the packet to the socket as one datagram; see PacketPieces. Otherwise as above.
+int SendDatagram(const DatagramTarget& target, const PacketBuffer& packet, int flags = 0);

@@ -115,7 +115,7 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
         return 1;
     }
     m_owner.m_nTxPackets.Add(1);
-    const int sent = SendDatagram(m_sockets[m_chooser.Current()].Load(), *packet, Destination());
+    const int sent = SendDatagram(Target(), *packet);
     if (sent >= 0)
         m_owner.m_nTxBytes.Add(static_cast<uint32_t>(sent));
     m_chooser.Advance();
@@ -128,8 +128,7 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
 
 void MyArqSendCB::SendStop()
 {
-    (void)SendDatagram(m_sockets[m_chooser.Current()].Load(), STOP_MESSAGE, sizeof(STOP_MESSAGE),
-        Destination(), MSG_DONTWAIT);
+    (void)SendDatagram(Target(), STOP_MESSAGE, sizeof(STOP_MESSAGE), MSG_DONTWAIT);
     m_chooser.Advance();
 }
 
@@ -158,11 +157,12 @@ void MyArqSendCB::SetSocket(int32_t index, SharedSocket socket)
     m_holders[index] = std::move(socket);
 }
 
-sockaddr_in MyArqSendCB::Destination() const
+DatagramTarget MyArqSendCB::Target() const
 {
-    sockaddr_in destination {};
-    destination.sin_family = AF_INET;
-    destination.sin_port = m_usPortNet;
-    destination.sin_addr.s_addr = m_nAddressNet;
-    return destination;
+    DatagramTarget target;
+    target.fd = m_sockets[m_chooser.Current()].Load();
+    target.address.sin_family = AF_INET;
+    target.address.sin_port = m_usPortNet;
+    target.address.sin_addr.s_addr = m_nAddressNet;
+    return target;
 }

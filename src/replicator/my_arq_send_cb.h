@@ -6,6 +6,7 @@
 
 #include "arq/c_arq_send_cb.h"
 #include "base/plain_word.h"
+#include "replicator/datagram_target.h"
 #include "replicator/request_quota.h"
 #include "replicator/shared_socket.h"
 #include "replicator/socket_chooser.h"
@@ -74,7 +75,7 @@ public:
 private:
     void CutOff();
     void SetSocket(int32_t index, SharedSocket socket);
-    sockaddr_in Destination() const;
+    DatagramTarget Target() const;
 
     TransmitStats& m_owner;
     const in_addr_t m_nAddressNet;
