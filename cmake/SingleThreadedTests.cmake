@@ -25,6 +25,7 @@ set(singleThreadedTests
     replicator/destinations_test.cpp  # text list -> destinations
     replicator/stream_life_test.cpp   # what a stream was and what came -> a verdict
     replicator/stream_table_model_test.cpp # all orders of steps, gone through by one thread
+    replicator/train_rule_test.cpp    # sizes -> how many go together
 )
 
 # Takes them out of the list of sources that is named. A file that has gone, or in which a thread has come, ends
