@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "base/plain_word.h"
+
+// What one way to a receiver has refused as a train, for a while: a path whose datagrams are cut into fragments takes
+// them one by one only, a device without checksums none at all. Plain sends are not affected.
+//
+// Threads: the sending threads and the listen thread ask and tell. An update lost between two of them costs one more
+// refusal, after which the same datagrams leave plainly.
+class TrainRefusals {
+public:
+    // After so long the way may be another one.
+    static constexpr uint32_t HOLD_MS = 5000;
+
+    // Whether a train of pieces of that size may be tried. `nowMs` is asked for only while something is refused.
+    template <typename Clock>
+    bool Allows(size_t pieceBytes, Clock nowMs)
+    {
+        return m_nRefusedBytes == NONE || pieceBytes < m_nRefusedBytes || HasEnded(nowMs());
+    }
+
+    // A train of such pieces was refused with this error number; larger ones would be too.
+    void OnRefused(size_t pieceBytes, int error, uint32_t nowMs);
+
+private:
+    static constexpr size_t NONE = SIZE_MAX;
+
+    bool HasEnded(uint32_t nowMs);
+
+    PlainWord<size_t> m_nRefusedBytes { NONE }; // the smallest piece that was refused
+    PlainWord<uint32_t> m_nSinceMs { 0 };
+};
