@@ -5,6 +5,7 @@
 #include "arq/net_sync_vid.h"
 #include "input/packet_buffer.h"
 #include "replicator/my_arq_send_cb.h"
+#include "replicator/shared_send.h"
 
 namespace {
 
@@ -23,6 +24,18 @@ void SendRawUnicast(
         if (!isDropped)
             (void)stream.SendData(record);
     });
+}
+
+// Neighbours in the table that send from one socket get the packet in one call.
+void SendToEach(const StreamTable::View& view, PacketBuffer* packet)
+{
+    for (int32_t i = 0; i < view.Count();) {
+        const int32_t sharing = CountSharing(view, i);
+        const int32_t sent = sharing > 1 ? SendShared(view, i, sharing, *packet) : 0;
+        i += sent;
+        if (sent < sharing)
+            (void)view.At(i++).SendData(packet);
+    }
 }
 
 } // namespace
@@ -88,7 +101,7 @@ void FanOut::SendToAll(const StreamTable::View& view, PacketBuffer* packet)
     if (m_pMulticastStream != nullptr)
         (void)m_pMulticastStream->SendData(packet);
     else
-        view.ForEach([packet](MyArqSendCB& stream) { (void)stream.SendData(packet); });
+        SendToEach(view, packet);
 }
 
 void FanOut::SendRawMulticast(

@@ -94,6 +94,7 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
             return false;
         }
         m_bAdopted = true;
+        m_nAdopted = pingSocket;
         return true;
     }
     SharedSocket duplicate(dup(pingSocket));
@@ -104,6 +105,7 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
     SetSocket(current, std::move(duplicate));
     m_bOwnsSockets = true;
     m_bAdopted = true;
+    m_nAdopted = pingSocket;
     return true;
 }
 
@@ -124,6 +126,12 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
     if (!m_bHasLeft)
         perror("SendData failed");
     return 0;
+}
+
+void MyArqSendCB::CountSent(int32_t packets, size_t bytes)
+{
+    m_owner.m_nTxPackets.Add(static_cast<uint64_t>(packets));
+    m_owner.m_nTxBytes.Add(static_cast<uint32_t>(bytes));
 }
 
 void MyArqSendCB::SendStop()
@@ -165,4 +173,12 @@ DatagramTarget MyArqSendCB::Target() const
     target.address.sin_port = m_usPortNet;
     target.address.sin_addr.s_addr = m_nAddressNet;
     return target;
+}
+
+int MyArqSendCB::SharedSocketKey() const
+{
+    if (!m_bIsAlive || m_chooser.Count() > 1)
+        return -1;
+    const int adopted = m_nAdopted;
+    return adopted >= 0 ? adopted : m_sockets[0].Load();
 }

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "arq/c_arq_send_cb.h"
@@ -16,8 +17,8 @@
 // One output stream: an entry of the replicator's table and the callback through which the stream's own
 // ARQ engine puts datagrams on the wire.
 //
-// Threads: the sending threads (media) and the listen thread (retransmissions) call SendData without a
-// lock. All else is called by whoever holds the replicator lock, or before the stream is in the table.
+// Threads: the sending threads (media) and the listen thread (retransmissions) send, ask for the way and count
+// without a lock. All else is called by whoever holds the replicator lock, or before the stream is in the table.
 class MyArqSendCB : public CArqSendCB {
 public:
     // A stream to `addressNet`:`port` (network order; host order), not yet alive unless the address is
@@ -49,6 +50,13 @@ public:
 
     int SendData(PacketBuffer* packet) override;
 
+    // The way of the next datagram.
+    DatagramTarget Target() const;
+    // Tells which streams send from one and the same socket: equal values. -1 when this one's datagrams go alone.
+    int SharedSocketKey() const;
+    // Counts what has left to this stream or others of the same owner.
+    void CountSent(int32_t packets, size_t bytes);
+
     // Sends the stop message once, whether the stream is alive or not. Never waits: the receiver that takes
     // nothing more is the very one that is being deleted.
     void SendStop();
@@ -75,7 +83,6 @@ public:
 private:
     void CutOff();
     void SetSocket(int32_t index, SharedSocket socket);
-    DatagramTarget Target() const;
 
     TransmitStats& m_owner;
     const in_addr_t m_nAddressNet;
@@ -90,6 +97,7 @@ private:
     SocketChooser m_chooser;
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
     bool m_bAdopted = false; // the socket is a duplicate of the ping socket: one send buffer with that
+    PublishedWord<int> m_nAdopted { -1 }; // the ping socket that it is a duplicate of
     PlainWord<bool> m_bHasLeft { false }; // set under the replicator lock, read by the sending threads
     char m_hostText[32] = ""; // the destination address in dotted form
 };

@@ -34,7 +34,8 @@ int32_t SendShared(const StreamTable::View& view, int32_t first, int32_t count, 
         messages[i].msg_hdr = header;
     }
     MyArqSendCB& stream = view.At(first);
-    const int sent = std::max(0, sendmmsg(stream.Target().fd, messages, static_cast<unsigned>(count), 0));
+    const int sent
+        = std::max(0, sendmmsg(stream.Target().fd, messages, static_cast<unsigned>(count), MSG_DONTWAIT));
     stream.CountSent(sent, static_cast<size_t>(sent) * pieces.Bytes());
     return sent;
 }

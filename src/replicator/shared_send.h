@@ -12,6 +12,6 @@ struct PacketBuffer;
 // 1 when that one goes alone.
 int32_t CountSharing(const StreamTable::View& view, int32_t first);
 
-// Sends the packet to `count` such streams in their order, and waits as a plain send does. Returns to how many of
-// them it has gone, and counts it for those. The next one, if any, was refused: a plain send will tell why.
+// Sends the packet to `count` such streams in their order, without waiting. Returns to how many of them it has gone,
+// and counts it for those. The next one, if any, would have to wait or was refused: a plain send does that or tells why.
 int32_t SendShared(const StreamTable::View& view, int32_t first, int32_t count, const PacketBuffer& packet);

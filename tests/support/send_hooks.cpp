@@ -39,22 +39,31 @@ void ReadControl(const msghdr& header, SentMessage& message)
     }
 }
 
+SentMessage Named(Bytes bytes, const void* address, socklen_t addressBytes)
+{
+    SentMessage message { .bytes = std::move(bytes) };
+    message.isNamed = address != nullptr && addressBytes == sizeof(sockaddr_in);
+    if (message.isNamed)
+        message.port = ntohs(static_cast<const sockaddr_in*>(address)->sin_port);
+    return message;
+}
+
 SentMessage Read(const msghdr& header)
 {
-    SentMessage message;
+    Bytes bytes;
     for (size_t i = 0; i < header.msg_iovlen; ++i) {
         const auto* start = static_cast<const uint8_t*>(header.msg_iov[i].iov_base);
-        message.bytes.insert(message.bytes.end(), start, start + header.msg_iov[i].iov_len);
+        bytes.insert(bytes.end(), start, start + header.msg_iov[i].iov_len);
     }
-    message.isNamed = header.msg_name != nullptr && header.msg_namelen == sizeof(sockaddr_in);
+    SentMessage message = Named(std::move(bytes), header.msg_name, header.msg_namelen);
     ReadControl(header, message);
     return message;
 }
 
-SentMessage Read(const void* data, size_t length, bool isNamed)
+SentMessage Read(const void* data, size_t length, const void* address, socklen_t addressBytes)
 {
     const auto* start = static_cast<const uint8_t*>(data);
-    return { .bytes = Bytes(start, start + length), .isNamed = isNamed };
+    return Named(Bytes(start, start + length), address, addressBytes);
 }
 
 // 0 when the call may go to the kernel, or -1 with errno set.
@@ -71,7 +80,7 @@ int Refused(SendCall call)
 
 ssize_t __wrap_send(int fd, const void* data, size_t length, int flags)
 {
-    if (current != nullptr && Refused({ SendKind::Send, fd, flags, { Read(data, length, false) } }) != 0)
+    if (current != nullptr && Refused({ SendKind::Send, fd, flags, { Read(data, length, nullptr, 0) } }) != 0)
         return -1;
     return __real_send(fd, data, length, flags);
 }
@@ -80,7 +89,7 @@ ssize_t __wrap_sendto(
     int fd, const void* data, size_t length, int flags, const sockaddr* address, socklen_t addressBytes)
 {
     if (current != nullptr
-        && Refused({ SendKind::SendTo, fd, flags, { Read(data, length, address != nullptr) } }) != 0)
+        && Refused({ SendKind::SendTo, fd, flags, { Read(data, length, address, addressBytes) } }) != 0)
         return -1;
     return __real_sendto(fd, data, length, flags, address, addressBytes);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <vector>
 
@@ -13,6 +14,7 @@ struct SentMessage {
     Bytes bytes;
     size_t segmentBytes = 0; // of the pieces of a train; 0: it is one datagram
     bool isNamed = false; // the receiver's address is given
+    uint16_t port = 0; // of that address, in host order
     bool isRouted = false; // the source address is left to routing, whatever the socket's own is
 };
 
