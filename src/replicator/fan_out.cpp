@@ -1,29 +1,100 @@
 #include "replicator/fan_out.h"
 
+#include <algorithm>
+
 #include "arq/arq_send.h"
+#include "arq/arq_settings.h"
 #include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 #include "input/packet_buffer.h"
+#include "replicator/batch_send.h"
 #include "replicator/my_arq_send_cb.h"
 #include "replicator/shared_send.h"
 
 namespace {
 
-// After all sendings: all engines share this packet, and the first resend changes its payload type.
-// A withheld packet is stored too, so that receivers can recover it.
-void StoreInAll(const StreamTable::View& view, PacketBuffer* packet)
+// Packets that came with their headers: all streams send and remember the same ones.
+class RtpBatch {
+public:
+    void Add(PacketBuffer* packet, bool isDropped)
+    {
+        m_packets[m_nCount] = packet;
+        m_passed[m_nCount++] = !isDropped;
+    }
+
+    int32_t Count() const { return m_nCount; }
+    bool IsPassed(int32_t i) const { return m_passed[i]; }
+    PacketBuffer* Record(const MyArqSendCB& /*stream*/, int32_t i) const { return m_packets[i]; }
+
+    // After all sendings: all engines share this packet, and the first resend changes its payload type.
+    // A withheld packet is stored too, so that receivers can recover it.
+    void OnSent(const StreamTable::View& view, int32_t i) const
+    {
+        PacketBuffer* packet = m_packets[i];
+        view.ForEach([packet](MyArqSendCB& stream) { stream.m_pEngine->StoreSent(packet); });
+    }
+
+private:
+    PacketBuffer* m_packets[MOST_TOGETHER];
+    bool m_passed[MOST_TOGETHER];
+    int32_t m_nCount = 0;
+};
+
+// Payloads without headers: each stream's engine builds, and so remembers, its own records.
+class RawBatch {
+public:
+    void Add(uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
+    {
+        m_items[m_nCount++] = { data, length, seq, !isDropped };
+    }
+
+    int32_t Count() const { return m_nCount; }
+    bool IsPassed(int32_t i) const { return m_items[i].isPassed; }
+    PacketBuffer* Record(MyArqSendCB& stream, int32_t i) const
+    {
+        const Item& item = m_items[i];
+        return stream.m_pEngine->BuildAndStore(item.data, item.length, item.seq);
+    }
+    void OnSent(const StreamTable::View& /*view*/, int32_t /*i*/) const {}
+
+private:
+    struct Item {
+        uint8_t* data;
+        int32_t length; // bytes
+        uint16_t seq;
+        bool isPassed;
+    };
+
+    Item m_items[MOST_TOGETHER];
+    int32_t m_nCount = 0;
+};
+
+// The batch of one packet, or of none.
+void SendOnly(MyArqSendCB& stream, RawBatch& batch)
 {
-    view.ForEach([packet](MyArqSendCB& stream) { stream.m_pEngine->StoreSent(packet); });
+    const StreamShare share(stream, batch);
+    if (share.count == 1)
+        (void)stream.SendData(share.packets[0]);
 }
 
-void SendRawUnicast(
-    const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
+void Remember(MyArqSendCB& stream, RawBatch& batch)
 {
-    view.ForEach([=](MyArqSendCB& stream) {
-        PacketBuffer* record = stream.m_pEngine->BuildAndStore(data, length, seq);
-        if (!isDropped)
-            (void)stream.SendData(record);
-    });
+    for (int32_t i = 0; i < batch.Count(); ++i)
+        (void)batch.Record(stream, i);
+}
+
+// With a multicast destination only the group gets first sendings; the table's streams remember them.
+template <typename Batch>
+void SendToGroup(const StreamTable::View& view, MyArqSendCB& group, Batch& batch)
+{
+    const StreamShare share(group, batch);
+    for (int32_t done = 0; done < share.count;) {
+        done += group.SendUnlessWaiting(share.packets + done, share.count - done);
+        if (done < share.count)
+            (void)group.SendData(share.packets[done++]);
+    }
+    for (int32_t i = 0; i < batch.Count(); ++i)
+        batch.OnSent(view, i);
 }
 
 // Neighbours in the table that send from one socket get the packet in one call.
@@ -38,45 +109,84 @@ void SendToEach(const StreamTable::View& view, PacketBuffer* packet)
     }
 }
 
+void SendRawBatch(const StreamTable& table, MyArqSendCB* group, RawBatch& batch)
+{
+    const StreamTable::View view(table);
+    if (group != nullptr) {
+        view.ForEach([&batch](MyArqSendCB& stream) { Remember(stream, batch); });
+        SendToGroup(view, *group, batch);
+    } else if (batch.Count() > 1) {
+        BatchSend(view, batch).Run();
+    } else {
+        view.ForEach([&batch](MyArqSendCB& stream) { SendOnly(stream, batch); });
+    }
+}
+
 } // namespace
 
 int FanOut::SendPackets(PacketBuffer* const* packets, int32_t count)
 {
-    for (int32_t i = 0; i < count; ++i)
-        (void)SendOne(packets[i]);
+    // A ring that is shorter than a batch would build one record over another that has not left yet.
+    const int32_t most = std::clamp(g_nArqBufferCount, 1, MOST_TOGETHER);
+    for (int32_t done = 0; done < count; done += most) {
+        const int32_t together = std::min(most, count - done);
+        if (m_parts.udpInputMode)
+            SendRawTogether(packets + done, together);
+        else
+            SendTogether(packets + done, together);
+    }
     return 1;
 }
 
-int FanOut::SendOne(PacketBuffer* packet)
+void FanOut::SendTogether(PacketBuffer* const* packets, int32_t count)
 {
-    if (!m_parts.bRunning)
-        return 1;
-    m_parts.rx.m_nRxPackets.Add(1);
-    m_parts.rx.m_nRxBytes.Add(static_cast<uint32_t>(packet->Length()));
-    if (m_parts.udpInputMode)
-        return SendRaw(packet->Data(), packet->Length());
-
-    StampAndCount(*packet);
-    const bool isDropped = DecideDrop();
+    RtpBatch batch;
+    for (int32_t i = 0; i < count && m_parts.bRunning; ++i) {
+        CountInput(*packets[i]);
+        StampAndCount(*packets[i]);
+        batch.Add(packets[i], DecideDrop());
+    }
     const StreamTable::View view(m_parts.table);
-    if (!isDropped)
-        SendToAll(view, packet);
-    StoreInAll(view, packet);
-    return 1;
+    if (m_pMulticastStream != nullptr) {
+        SendToGroup(view, *m_pMulticastStream, batch);
+    } else if (batch.Count() > 1) {
+        BatchSend(view, batch).Run();
+    } else if (batch.Count() == 1) {
+        if (batch.IsPassed(0))
+            SendToEach(view, packets[0]);
+        batch.OnSent(view, 0);
+    }
+}
+
+void FanOut::SendRawTogether(PacketBuffer* const* packets, int32_t count)
+{
+    RawBatch batch;
+    for (int32_t i = 0; i < count && m_parts.bRunning; ++i) {
+        CountInput(*packets[i]);
+        batch.Add(packets[i]->Data(), packets[i]->Length(), NextSeq(), DecideDrop());
+    }
+    SendRawBatch(m_parts.table, m_pMulticastStream, batch);
 }
 
 int FanOut::SendRaw(uint8_t* data, int32_t length)
 {
     if (!m_parts.bRunning || !m_parts.udpInputMode) // without that mode the engines build no headers
         return 1;
-    const auto seq = static_cast<uint16_t>(m_usSeqNum.fetch_add(1, std::memory_order_relaxed) + 1);
-    const bool isDropped = DecideDrop();
-    const StreamTable::View view(m_parts.table);
-    if (m_pMulticastStream != nullptr)
-        SendRawMulticast(view, data, length, seq, isDropped);
-    else
-        SendRawUnicast(view, data, length, seq, isDropped);
+    RawBatch batch;
+    batch.Add(data, length, NextSeq(), DecideDrop());
+    SendRawBatch(m_parts.table, m_pMulticastStream, batch);
     return 1;
+}
+
+void FanOut::CountInput(const PacketBuffer& packet)
+{
+    m_parts.rx.m_nRxPackets.Add(1);
+    m_parts.rx.m_nRxBytes.Add(static_cast<uint32_t>(packet.Length()));
+}
+
+uint16_t FanOut::NextSeq()
+{
+    return static_cast<uint16_t>(m_usSeqNum.fetch_add(1, std::memory_order_relaxed) + 1);
 }
 
 // The header's bytes lie in the packet's slice however short the datagram is; it leaves with its own length.
@@ -93,22 +203,4 @@ bool FanOut::DecideDrop()
         return false;
     m_parts.nDropPacket.Add(1);
     return true;
-}
-
-// With a multicast destination only the group gets first sendings.
-void FanOut::SendToAll(const StreamTable::View& view, PacketBuffer* packet)
-{
-    if (m_pMulticastStream != nullptr)
-        (void)m_pMulticastStream->SendData(packet);
-    else
-        SendToEach(view, packet);
-}
-
-void FanOut::SendRawMulticast(
-    const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped)
-{
-    view.ForEach([=](MyArqSendCB& stream) { (void)stream.m_pEngine->BuildAndStore(data, length, seq); });
-    PacketBuffer* record = m_pMulticastStream->m_pEngine->BuildAndStore(data, length, seq);
-    if (!isDropped)
-        (void)m_pMulticastStream->SendData(record);
 }

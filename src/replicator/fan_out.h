@@ -49,12 +49,12 @@ public:
     uint16_t SeqNum() const { return m_usSeqNum.load(std::memory_order_relaxed); }
 
 private:
-    int SendOne(PacketBuffer* packet);
+    void SendTogether(PacketBuffer* const* packets, int32_t count);
+    void SendRawTogether(PacketBuffer* const* packets, int32_t count);
+    void CountInput(const PacketBuffer& packet);
+    uint16_t NextSeq();
     void StampAndCount(const PacketBuffer& packet);
     bool DecideDrop();
-    void SendToAll(const StreamTable::View& view, PacketBuffer* packet);
-    void SendRawMulticast(
-        const StreamTable::View& view, uint8_t* data, int32_t length, uint16_t seq, bool isDropped);
 
     const Parts m_parts;
     MyArqSendCB* m_pMulticastStream = nullptr;

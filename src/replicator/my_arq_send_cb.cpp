@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "input/packet_buffer.h"
 #include "replicator/datagram_send.h"
 #include "replicator/log_timestamp.h"
+#include "replicator/send_mode.h"
 
 namespace {
 
@@ -126,6 +128,44 @@ int MyArqSendCB::SendData(PacketBuffer* packet)
     if (!m_bHasLeft)
         perror("SendData failed");
     return 0;
+}
+
+int32_t MyArqSendCB::SendUnlessWaiting(PacketBuffer* const* packets, int32_t count)
+{
+    int32_t done = 0;
+    while (done < count) {
+        const TrainResult result = SendSome(packets + done, count - done);
+        done += result.taken;
+        if (result.end == TrainEnd::WouldWait)
+            break;
+        if (result.end == TrainEnd::Refused)
+            (void)SendData(packets[done++]);
+    }
+    return done;
+}
+
+TrainResult MyArqSendCB::SendSome(PacketBuffer* const* packets, int32_t count)
+{
+    if (SENDS_ARE_PLAIN)
+        return { .end = TrainEnd::WouldWait };
+    if (!m_bIsAlive)
+        return { .end = TrainEnd::Refused };
+    if (m_chooser.Count() > 1)
+        return SendInTurn(*packets[0]);
+    const TrainResult result = SendTrains(Target(), packets, count, m_refusals);
+    CountSent(result.taken, result.bytes);
+    return result;
+}
+
+// Over several sockets datagrams go one by one, each from the next socket.
+TrainResult MyArqSendCB::SendInTurn(const PacketBuffer& packet)
+{
+    const int sent = SendDatagram(Target(), packet, MSG_DONTWAIT);
+    if (sent < 0)
+        return { .end = errno == EAGAIN ? TrainEnd::WouldWait : TrainEnd::Refused };
+    CountSent(1, static_cast<size_t>(sent));
+    m_chooser.Advance();
+    return { .taken = 1 };
 }
 
 void MyArqSendCB::CountSent(int32_t packets, size_t bytes)

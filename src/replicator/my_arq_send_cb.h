@@ -13,6 +13,8 @@
 #include "replicator/socket_chooser.h"
 #include "replicator/stream_life.h"
 #include "replicator/traffic_stats.h"
+#include "replicator/train_refusals.h"
+#include "replicator/train_send.h"
 
 // One output stream: an entry of the replicator's table and the callback through which the stream's own
 // ARQ engine puts datagrams on the wire.
@@ -49,6 +51,14 @@ public:
     bool AdoptSocket(int pingSocket);
 
     int SendData(PacketBuffer* packet) override;
+    int32_t SendAtOnce(PacketBuffer* const* packets, int32_t count) override
+    {
+        return SendSome(packets, count).taken;
+    }
+
+    // Sends packets in their order, like SendData each, up to the first one that would have to wait. Returns how many
+    // are done with: sent, or refused and reported.
+    int32_t SendUnlessWaiting(PacketBuffer* const* packets, int32_t count);
 
     // The way of the next datagram.
     DatagramTarget Target() const;
@@ -83,6 +93,8 @@ public:
 private:
     void CutOff();
     void SetSocket(int32_t index, SharedSocket socket);
+    TrainResult SendSome(PacketBuffer* const* packets, int32_t count);
+    TrainResult SendInTurn(const PacketBuffer& packet);
 
     TransmitStats& m_owner;
     const in_addr_t m_nAddressNet;
@@ -98,6 +110,7 @@ private:
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
     bool m_bAdopted = false; // the socket is a duplicate of the ping socket: one send buffer with that
     PublishedWord<int> m_nAdopted { -1 }; // the ping socket that it is a duplicate of
+    TrainRefusals m_refusals;
     PlainWord<bool> m_bHasLeft { false }; // set under the replicator lock, read by the sending threads
     char m_hostText[32] = ""; // the destination address in dotted form
 };
