@@ -12,6 +12,7 @@
 
 #include "arq/wire.h"
 #include "input/packet_buffer.h"
+#include "replicator/connected_socket.h"
 #include "replicator/datagram_send.h"
 #include "replicator/log_timestamp.h"
 #include "replicator/send_mode.h"
@@ -85,6 +86,32 @@ void MyArqSendCB::BindInterfaces(int32_t nInterfaces, uint32_t percent)
         BindToInterface(m_sockets[i].Load(), i);
     }
     m_chooser.UseInterfaces(count, percent);
+}
+
+void MyArqSendCB::UseConnectedSocket()
+{
+    m_bMayConnect = true;
+    FollowRoute();
+}
+
+// Senders see the flag before the socket is connected, and name the address once they are told that it is not: a
+// connected socket that they took for a plain one could report an earlier datagram's fate as this one's.
+void MyArqSendCB::FollowRoute()
+{
+    if (!m_bMayConnect || !m_holders[0].IsValid())
+        return;
+    const DatagramTarget target = Target();
+    if (!target.isConnected) {
+        m_bIsConnected = true;
+        m_bIsConnected = ConnectSocket(target.fd, target.address);
+        return;
+    }
+    const in_addr_t source = RoutedSource(target.address);
+    if (source == 0 || source == SourceOf(target.fd))
+        return;
+    const UniqueFd twin = ConnectedTwin(target.fd, target.address);
+    if (twin.IsValid())
+        (void)dup2(twin.Get(), target.fd); // in one step, as in AdoptSocket
 }
 
 bool MyArqSendCB::AdoptSocket(int pingSocket)
@@ -212,12 +239,13 @@ DatagramTarget MyArqSendCB::Target() const
     target.address.sin_family = AF_INET;
     target.address.sin_port = m_usPortNet;
     target.address.sin_addr.s_addr = m_nAddressNet;
+    target.isConnected = m_bIsConnected;
     return target;
 }
 
 int MyArqSendCB::SharedSocketKey() const
 {
-    if (!m_bIsAlive || m_chooser.Count() > 1)
+    if (!m_bIsAlive || m_bIsConnected || m_chooser.Count() > 1)
         return -1;
     const int adopted = m_nAdopted;
     return adopted >= 0 ? adopted : m_sockets[0].Load();

@@ -39,6 +39,12 @@ public:
     // and its socket left unbound.
     void BindInterfaces(int32_t nInterfaces, uint32_t percent);
 
+    // Lets the stream's own socket be connected, which its sends make use of as soon as there is a way to the receiver;
+    // see connected_socket.h. Only for one socket that nobody reads. FollowRoute, called now and then, connects it when
+    // that was not possible before, and again when datagrams would now have another source address.
+    void UseConnectedSocket();
+    void FollowRoute();
+
     // A share of socket `index`, which keeps it open; empty when there is none.
     SharedSocket ShareSocket(int32_t index) const { return m_holders[index]; }
     int32_t SocketNumber(int32_t index) const { return m_sockets[index].Load(); }
@@ -110,6 +116,8 @@ private:
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
     bool m_bAdopted = false; // the socket is a duplicate of the ping socket: one send buffer with that
     PublishedWord<int> m_nAdopted { -1 }; // the ping socket that it is a duplicate of
+    bool m_bMayConnect = false; // used under the replicator lock
+    PublishedWord<bool> m_bIsConnected { false }; // senders need not name the address
     TrainRefusals m_refusals;
     PlainWord<bool> m_bHasLeft { false }; // set under the replicator lock, read by the sending threads
     char m_hostText[32] = ""; // the destination address in dotted form

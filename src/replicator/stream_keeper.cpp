@@ -119,6 +119,8 @@ std::unique_ptr<MyArqSendCB> StreamKeeper::CreateConfigured(in_addr_t addressNet
     stream->m_life.MakeStatic();
     if (nInterfaces != 0)
         stream->BindInterfaces(nInterfaces, m_settings.stream1Percent);
+    else if (!SharesPorts() && !IN_MULTICAST(ntohl(addressNet)))
+        stream->UseConnectedSocket();
     stream->m_bIsAlive = true;
     LogStamped("AddStream: Added %s stream ID:0x%08x\n", stream->HostText(), 0U);
     return stream;
@@ -183,6 +185,7 @@ void StreamKeeper::VisitPlace(int32_t place, uint32_t nowMs)
 
 void StreamKeeper::VisitStream(MyArqSendCB& stream, uint32_t nowMs)
 {
+    stream.FollowRoute();
     switch (stream.m_life.OnVisit(stream.m_bIsAlive, nowMs)) {
     case StreamLife::VisitVerdict::Stays:
         break;

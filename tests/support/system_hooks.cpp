@@ -29,7 +29,7 @@ struct Failing {
     std::function<void()> onFailure {};
 };
 
-thread_local Failing failing[5];
+thread_local Failing failing[6];
 
 Failing& Of(SystemCall call)
 {
@@ -107,6 +107,11 @@ int __wrap_socket(int domain, int type, int protocol)
 int __wrap_dup(int fd)
 {
     return FailWithErrno(SystemCall::Duplicate) != 0 ? -1 : __real_dup(fd);
+}
+
+int __wrap_connect(int fd, const sockaddr* address, socklen_t addressBytes)
+{
+    return FailWithErrno(SystemCall::Connect) != 0 ? -1 : __real_connect(fd, address, addressBytes);
 }
 
 int __wrap_gethostbyname_r(

@@ -31,6 +31,7 @@ WRAPPED_CALL(int, socket, int, int, int);
 WRAPPED_CALL(int, close, int);
 WRAPPED_CALL(int, dup, int);
 WRAPPED_CALL(int, dup2, int, int);
+WRAPPED_CALL(int, connect, int, const sockaddr*, socklen_t);
 WRAPPED_CALL(int, bind, int, const sockaddr*, socklen_t);
 WRAPPED_CALL(int, setsockopt, int, int, int, const void*, socklen_t);
 WRAPPED_CALL(int, getsockopt, int, int, int, void*, socklen_t*);
