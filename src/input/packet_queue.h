@@ -12,8 +12,8 @@ struct PacketBuffer;
 
 // Bounded blocking FIFO of packet buffers. It holds pointers only; the buffers belong to their pool.
 //
-// Threads: one producer calls push, one consumer pop or popWait. Creation and destruction happen while
-// neither runs.
+// Threads: one producer calls push and pushBatch, one consumer pop, popWait and popBatch. Creation and destruction
+// happen while neither runs.
 class PacketQueue {
 public:
     // Told about a full or an empty queue, with the outer mutex held: it must not call back into it.
@@ -29,7 +29,14 @@ public:
     // Appends the buffer. When the queue is full, calls on-full and waits once for room, timeoutMs at
     // most. Returns 0 on time-out and 1 otherwise, even if a spurious wake-up found the queue still full
     // and the buffer was dropped.
-    int push(PacketBuffer* buffer, uint32_t timeoutMs) EXCLUDES(m_outerMutex);
+    int push(PacketBuffer* buffer, uint32_t timeoutMs) EXCLUDES(m_outerMutex)
+    {
+        return pushBatch(&buffer, 1, timeoutMs);
+    }
+
+    // As many pushes, one after the other and each with its own wait, but the lock is taken and the consumer woken
+    // once where there is room for all. Returns how many of them gave 1.
+    int32_t pushBatch(PacketBuffer* const* buffers, int32_t count, uint32_t timeoutMs) EXCLUDES(m_outerMutex);
 
     // Takes the oldest buffer. When the queue is empty, calls on-empty and waits once, timeoutMs at most.
     // Returns null with *okOut = 0 on time-out; otherwise *okOut = 1, and the result is null only after a
@@ -39,18 +46,25 @@ public:
     // pop without a limit.
     PacketBuffer* popWait() { return pop(nullptr, NO_LIMIT); }
 
+    // Waits as popWait does for the oldest buffer and takes with it what is there behind it, `most` at most, without
+    // waiting for any of that. Returns how many buffers stand in `out`, in their order: nulls among them are taken
+    // and left out, so that 0 means what popWait's null means.
+    int32_t popBatch(PacketBuffer** out, int32_t most) EXCLUDES(m_outerMutex);
+
 private:
+    static constexpr int32_t TIMED_OUT = -1;
+
+    int32_t Take(PacketBuffer** out, int32_t most, uint32_t timeoutMs) EXCLUDES(m_outerMutex);
+    int32_t PutWhenThereIsRoom(PacketBuffer* buffer, uint32_t timeoutMs) REQUIRES(m_outerMutex);
     bool WaitOnce(Condition& condition, uint32_t timeoutMs) REQUIRES(m_outerMutex);
-    bool IsFull() EXCLUDES(m_innerMutex);
-    bool IsEmpty() EXCLUDES(m_innerMutex);
-    void RingPut(PacketBuffer* buffer) EXCLUDES(m_innerMutex);
-    PacketBuffer* RingGet() EXCLUDES(m_innerMutex);
+    int32_t RingPut(PacketBuffer* const* buffers, int32_t count) EXCLUDES(m_innerMutex);
+    int32_t RingGet(PacketBuffer** out, int32_t most) EXCLUDES(m_innerMutex);
 
     Mutex m_innerMutex;
     PacketFifo m_ring GUARDED_BY(m_innerMutex);
     const Callback m_pOnFull;
     const Callback m_pOnEmpty;
-    Mutex m_outerMutex ACQUIRED_BEFORE(m_innerMutex); // one push or pop at a time
+    Mutex m_outerMutex ACQUIRED_BEFORE(m_innerMutex); // one call at a time
     Condition m_notFull;
     Condition m_notEmpty;
 };

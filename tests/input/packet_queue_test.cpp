@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -263,6 +264,169 @@ TEST_F(PacketQueueTest, APopWokenWhileStillEmptyReturnsNullWithOkSet)
     EXPECT_TRUE(hasMissed);
 }
 
+// ---- Several in one call
+
+using Buffers = std::vector<PacketBuffer*>;
+
+TEST_F(PacketQueueTest, ABatchOfPushesStandsInTheQueueInItsOrderBehindWhatWasThere)
+{
+    const auto queue = MakeQueue(8);
+    EXPECT_EQ(queue->push(Buffer(0), 0), 1);
+    PacketBuffer* const pushed[] = { Buffer(1), Buffer(2), Buffer(3) };
+    EXPECT_EQ(queue->pushBatch(pushed, 3, 0), 3);
+    for (size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(queue->pop(nullptr, 0), Buffer(i));
+    EXPECT_EQ(queue->pop(nullptr, 0), nullptr);
+}
+
+TEST_F(PacketQueueTest, ABatchOfPopsTakesWhatIsThereInItsOrderAndNoMoreThanItMay)
+{
+    const auto queue = MakeQueue(8);
+    for (size_t i = 0; i < 5; ++i)
+        EXPECT_EQ(queue->push(Buffer(i), 0), 1);
+    PacketBuffer* out[4] = {};
+    EXPECT_EQ(queue->popBatch(out, 3), 3);
+    EXPECT_EQ(Buffers(out, out + 4), (Buffers { Buffer(0), Buffer(1), Buffer(2), nullptr }));
+    EXPECT_EQ(queue->popBatch(out, 3), 2);
+    EXPECT_EQ(Buffers(out, out + 2), (Buffers { Buffer(3), Buffer(4) }));
+    EXPECT_EQ(s_emptyCalls, 0);
+}
+
+TEST_F(PacketQueueTest, BatchesKeepTheOrderAcrossTheWrapOfTheRing)
+{
+    const auto queue = MakeQueue(5);
+    Buffers received;
+    for (size_t next = 0; next < 60; next += 4) {
+        PacketBuffer* const pushed[] = { Buffer(next), Buffer(next + 1), Buffer(next + 2), Buffer(next + 3) };
+        EXPECT_EQ(queue->pushBatch(pushed, 4, 0), 4);
+        PacketBuffer* out[8] = {};
+        EXPECT_EQ(queue->popBatch(out, 8), 4);
+        received.insert(received.end(), out, out + 4);
+    }
+    for (size_t i = 0; i < received.size(); ++i)
+        EXPECT_EQ(received[i], Buffer(i));
+}
+
+// What the input pushes when it ends is to wake main, which has no packet then.
+TEST_F(PacketQueueTest, ABatchOfPopsLeavesOutNullsAndANullAloneEndsItsWait)
+{
+    const auto queue = MakeQueue(8);
+    PacketBuffer* const pushed[] = { nullptr, Buffer(1), nullptr, nullptr, Buffer(2), nullptr };
+    EXPECT_EQ(queue->pushBatch(pushed, 6, 0), 6);
+    PacketBuffer* out[8] = {};
+    ASSERT_EQ(queue->popBatch(out, 8), 2);
+    EXPECT_EQ(Buffers(out, out + 2), (Buffers { Buffer(1), Buffer(2) }));
+    int32_t count = -1;
+    std::thread consumer([&] { count = queue->popBatch(out, 8); });
+    s_emptyCalls.wait(0);
+    EXPECT_EQ(queue->push(nullptr, PacketQueue::NO_LIMIT), 1);
+    consumer.join();
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(queue->pop(nullptr, 0), nullptr);
+    EXPECT_EQ(s_emptyCalls, 2) << "the nulls are taken";
+}
+
+TEST_F(PacketQueueTest, ABatchOfPopsFromAnEmptyQueueWaitsOnceAndTakesWhatOneCallPushed)
+{
+    const auto queue = MakeQueue(8);
+    PacketBuffer* out[8] = {};
+    int32_t count = -1;
+    std::thread consumer([&] { count = queue->popBatch(out, 8); });
+    s_emptyCalls.wait(0);
+    PacketBuffer* const pushed[] = { Buffer(5), Buffer(6), Buffer(7) };
+    EXPECT_EQ(queue->pushBatch(pushed, 3, 0), 3);
+    consumer.join();
+    ASSERT_EQ(count, 3);
+    EXPECT_EQ(Buffers(out, out + 3), (Buffers { Buffer(5), Buffer(6), Buffer(7) }));
+    EXPECT_EQ(s_emptyCalls, 1);
+}
+
+TEST_F(PacketQueueTest, EachPushOfABatchThatFindsNoRoomCallsBackAndTimesOutByItself)
+{
+    const auto queue = MakeQueue(3);
+    EXPECT_EQ(queue->push(Buffer(0), 0), 1);
+    PacketBuffer* const pushed[] = { Buffer(1), Buffer(2), Buffer(3), Buffer(4) };
+    EXPECT_EQ(queue->pushBatch(pushed, 4, 0), 2);
+    EXPECT_EQ(s_fullCalls, 2);
+    PacketBuffer* out[8] = {};
+    ASSERT_EQ(queue->popBatch(out, 8), 3);
+    EXPECT_EQ(Buffers(out, out + 3), (Buffers { Buffer(0), Buffer(1), Buffer(2) }));
+}
+
+// The consumer sleeps while the queue is still empty: a batch longer than the queue waits for the room that this
+// consumer makes, so it has to be woken before.
+TEST_F(PacketQueueTest, ABatchLongerThanTheQueueWakesTheConsumerBeforeItWaitsForRoom)
+{
+    constexpr int32_t COUNT = 7;
+    for (const int32_t capacity : { 1, 2, 3 }) {
+        s_emptyCalls = 0;
+        const auto queue = MakeQueue(capacity);
+        Buffers pushed;
+        for (size_t i = 0; i < COUNT; ++i)
+            pushed.push_back(Buffer(i));
+        Buffers received;
+        std::thread consumer([&] {
+            for (int isInTime = 1; received.size() < COUNT && isInTime != 0;) {
+                PacketBuffer* buffer = queue->pop(&isInTime, 20000);
+                if (buffer != nullptr) // null: woken late, by the signal for one taken before
+                    received.push_back(buffer);
+            }
+        });
+        s_emptyCalls.wait(0);
+        EXPECT_EQ(queue->pushBatch(pushed.data(), COUNT, 20000), COUNT);
+        consumer.join();
+        EXPECT_EQ(received, pushed) << capacity;
+    }
+}
+
+TEST_F(PacketQueueTest, OneBatchOfPopsMakesRoomForTheRestOfABatchOfPushes)
+{
+    const auto queue = MakeQueue(4);
+    Buffers pushed;
+    for (size_t i = 0; i < 8; ++i)
+        pushed.push_back(Buffer(i));
+    int32_t accepted = -1;
+    std::thread producer([&] { accepted = queue->pushBatch(pushed.data(), 8, PacketQueue::NO_LIMIT); });
+    s_fullCalls.wait(0);
+    PacketBuffer* out[8] = {};
+    ASSERT_EQ(queue->popBatch(out, 8), 4);
+    producer.join();
+    EXPECT_EQ(accepted, 8);
+    ASSERT_EQ(queue->popBatch(out + 4, 4), 4);
+    EXPECT_EQ(Buffers(out, out + 8), pushed);
+    EXPECT_EQ(s_fullCalls, 1);
+}
+
+TEST_F(PacketQueueTest, BatchesOfPushesAndPopsPassEveryBufferOnceAndInOrder)
+{
+    constexpr size_t COUNT = 20000;
+    std::vector<PacketBuffer> buffers(COUNT);
+    Buffers pushed;
+    for (PacketBuffer& buffer : buffers)
+        pushed.push_back(&buffer);
+    const auto queue = MakeQueue(8);
+    int32_t accepted = 0;
+    std::atomic<bool> hasEnded { false };
+    std::thread producer([&] {
+        for (size_t done = 0, length = 1; done < COUNT; done += length, length = length % 13 + 1) {
+            length = std::min(length, COUNT - done);
+            accepted += queue->pushBatch(&pushed[done], static_cast<int32_t>(length), PacketQueue::NO_LIMIT);
+        }
+        hasEnded = true;
+        (void)queue->push(nullptr, PacketQueue::NO_LIMIT); // the consumer looks again
+    });
+    Buffers received;
+    while (!hasEnded) {
+        PacketBuffer* out[5] = {};
+        received.insert(received.end(), out, out + queue->popBatch(out, 5));
+    }
+    producer.join();
+    for (PacketBuffer* rest = queue->pop(nullptr, 0); rest != nullptr; rest = queue->pop(nullptr, 0))
+        received.push_back(rest);
+    EXPECT_EQ(accepted, static_cast<int32_t>(COUNT));
+    EXPECT_TRUE(received == pushed);
+}
+
 // The queue is full and empty again and again here, so that both sides wait and wake all the time.
 TEST_F(PacketQueueTest, EveryBufferPassesOnceAndInOrderBetweenTwoThreads)
 {
@@ -317,6 +481,9 @@ TEST_F(PacketQueueTest, PushAndPopAllocateNothing)
     for (int i = 0; i < 10; ++i) {
         (void)queue->push(Buffer(0), 0);
         (void)queue->pop(nullptr, 0);
+        PacketBuffer* several[] = { Buffer(1), Buffer(2) };
+        (void)queue->pushBatch(several, 2, 0);
+        (void)queue->popBatch(several, 2);
     }
     EXPECT_EQ(allocations.Count(), 0U);
 }
