@@ -6,6 +6,7 @@
 #include <ctime>
 #include <new>
 
+#include "base/most_together.h"
 #include "base/rtp.h"
 #include "control/control_thread.h"
 #include "input/udp_input.h"
@@ -161,18 +162,22 @@ void Proxy::Deliver()
 {
     if (m_settings.pacingBitrate >= 1)
         CreatePacer();
+    PacketBuffer* packets[MOST_TOGETHER];
     while (m_context.running) {
-        if (PacketBuffer* packet = m_queue->popWait())
-            DeliverPacket(packet);
+        const int32_t count = m_queue->popBatch(packets, MOST_TOGETHER);
+        if (count != 0)
+            DeliverPackets(packets, count);
     }
 }
 
-void Proxy::DeliverPacket(PacketBuffer* packet)
+void Proxy::DeliverPackets(PacketBuffer* const* packets, int32_t count)
 {
-    if (m_pPacerCB)
-        (void)m_pPacerCB->m_pPacer->Submit(packet);
-    else
-        (void)m_pReplicator->SendPacket(packet);
+    if (!m_pPacerCB) {
+        (void)m_pReplicator->SendPackets(packets, count);
+        return;
+    }
+    for (int32_t i = 0; i < count; ++i)
+        (void)m_pPacerCB->m_pPacer->Submit(packets[i]);
 }
 
 // Both threads see the cleared run flag soon, but the input thread may stand in a push: the queue is

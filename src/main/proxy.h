@@ -34,7 +34,7 @@ private:
     void StartThreads();
     void CreatePacer();
     void Deliver();
-    void DeliverPacket(PacketBuffer* packet);
+    void DeliverPackets(PacketBuffer* const* packets, int32_t count);
     void WaitForThreads();
     void ShutDown();
 
