@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <new>
 
+#include "base/most_together.h"
 #include "input/packet_buffer.h"
 
 CPacer::CPacer(bool& ok, CPacerSend* send, int32_t periodMs) : m_pSend(send), m_nPeriodMs(periodMs)
@@ -72,25 +73,42 @@ bool CPacer::Submit(PacketBuffer* packet)
     return m_pQueue->Push(packet);
 }
 
-// Peek and pop are two steps: an overflow on the submitting thread may take the head in between. What is
-// sent is what the pop gave, so none is skipped or sent twice; what is charged is the head that was seen.
 int CPacer::OnTimer()
 {
     if (!m_bRunning)
         return 0;
     m_nQuota = StartQuota(m_nCarry, m_ulQuotaBytes);
-    while (m_nQuota > 0) {
+    PacketBuffer* released[MOST_TOGETHER];
+    while (const int32_t count = Release(released, MostTogether()))
+        m_pSend->SendTogether(released, count);
+    m_nCarry = m_nQuota.Load();
+    return 0;
+}
+
+// When the queue overflows, the submitting thread sends what stands behind the packets in hand here. So that no
+// more than neighbours change places, a queue that is near to that is emptied one by one.
+int32_t CPacer::MostTogether()
+{
+    return m_pQueue->Count() > QUEUE_CAPACITY / 2 ? 1 : MOST_TOGETHER;
+}
+
+// Takes what the quota allows; how many those are. Peek and pop are two steps: an overflow on the submitting
+// thread may take the head in between. What is sent is what the pop gave, so none is skipped or sent twice; what
+// is charged is the head that was seen.
+int32_t CPacer::Release(PacketBuffer** out, int32_t most)
+{
+    int32_t count = 0;
+    while (count < most && m_nQuota > 0) {
         const PacketBuffer* head = m_pQueue->Peek();
         if (head == nullptr)
             break;
         const int32_t charge = head->TotalLength() - m_nHeaderBytes;
         PacketBuffer* packet = m_pQueue->Pop();
         if (packet != nullptr)
-            (void)m_pSend->Send(packet);
+            out[count++] = packet;
         m_nQuota = m_nQuota - charge;
     }
-    m_nCarry = m_nQuota.Load();
-    return 0;
+    return count;
 }
 
 uint32_t TickQuotaBytes(uint32_t bitsPerSecond, int32_t periodMs)

@@ -57,8 +57,8 @@ public:
     // Queues the packet. When the queue is full the oldest packet is sent at once and makes room.
     bool Submit(PacketBuffer* packet);
 
-    // One tick: releases packets while any quota is left. An overdraft is paid back by the next ticks, an
-    // unused rest is not saved up.
+    // One tick: releases packets while any quota is left, and sends those together that are there together. An
+    // overdraft is paid back by the next ticks, an unused rest is not saved up.
     int OnTimer() override;
 
     uint32_t Overflows() const { return m_nOverflows; }
@@ -67,6 +67,9 @@ public:
     PacketRing* Queue() { return m_pQueue.get(); }
 
 private:
+    int32_t MostTogether();
+    int32_t Release(PacketBuffer** out, int32_t most);
+
     uint32_t m_nOverflows = 0; // submissions that found the queue full
     PlainWord<bool> m_bRunning { false }; // the owner writes, the timer thread reads
     std::unique_ptr<PacketRing> m_pQueue;

@@ -1,6 +1,7 @@
 #include "pacing/c_pacer.h"
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -28,12 +29,23 @@ public:
         m_sent.push_back(packet);
         return true;
     }
+    void SendTogether(PacketBuffer* const* packets, int32_t count) override
+    {
+        m_together.push_back(count);
+        CPacerSend::SendTogether(packets, count);
+        if (m_onSend)
+            m_onSend();
+    }
     std::vector<PacketBuffer*> Sent()
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_sent;
     }
     size_t Count() { return Sent().size(); }
+
+    // For the tests that make the ticks themselves.
+    std::vector<int32_t> m_together; // packets of each call, in its order
+    std::function<void()> m_onSend; // done at the end of each call
 
 private:
     std::mutex m_mutex;
@@ -131,6 +143,64 @@ TEST_F(CPacerTest, ReleasesTenNineAndTenPacketsAtTheDefaultRate)
     const std::vector<PacketBuffer*> sent = m_send.Sent();
     for (size_t i = 0; i < sent.size(); ++i)
         EXPECT_EQ(sent[i], &m_packets[i]);
+}
+
+TEST_F(CPacerTest, WhatOneTickReleasesIsSentTogether)
+{
+    m_pacer->SetHeaderBytes(12);
+    Start();
+    Submit(40);
+    for (int i = 0; i < 3; ++i)
+        m_pacer->Tick();
+    EXPECT_EQ(m_send.m_together, (std::vector<int32_t> { 10, 9, 10 }));
+}
+
+TEST_F(CPacerTest, AnEmptyTickSendsNothing)
+{
+    Start();
+    m_pacer->Tick();
+    EXPECT_EQ(m_send.m_together, std::vector<int32_t> {});
+}
+
+TEST_F(CPacerTest, NoMoreThan32PacketsAreSentTogether)
+{
+    Start();
+    Submit(70, 100);
+    EXPECT_EQ(ReleasedByTick(), 70U);
+    EXPECT_EQ(m_send.m_together, (std::vector<int32_t> { 32, 32, 6 }));
+    EXPECT_EQ(m_pacer->Carry(), 12500 - 7000);
+    const std::vector<PacketBuffer*> sent = m_send.Sent();
+    for (size_t i = 0; i < sent.size(); ++i)
+        EXPECT_EQ(sent[i], &m_packets[i]);
+}
+
+TEST_F(CPacerTest, WhatComesWhileATickSendsIsReleasedByTheSameTick)
+{
+    Start();
+    Submit(1, 100);
+    m_send.m_onSend = [this] {
+        m_send.m_onSend = nullptr;
+        Submit(2, 100);
+    };
+    EXPECT_EQ(ReleasedByTick(), 3U);
+    EXPECT_EQ(m_send.m_together, (std::vector<int32_t> { 1, 2 }));
+}
+
+// An overflow meanwhile sends the oldest that is still queued: with many in hand it would overtake them all.
+TEST_F(CPacerTest, WhileTheQueueIsMoreThanHalfFullPacketsAreSentOneByOne)
+{
+    Start();
+    Submit(512 + 3, 100);
+    EXPECT_EQ(ReleasedByTick(), 125U);
+    EXPECT_EQ(m_send.m_together, (std::vector<int32_t> { 1, 1, 1, 32, 32, 32, 26 }));
+}
+
+TEST_F(CPacerTest, AnOverflowIsSentAloneOnTheSubmittingThread)
+{
+    Submit(1024);
+    Submit(2);
+    EXPECT_EQ(m_send.Count(), 2U);
+    EXPECT_EQ(m_send.m_together, std::vector<int32_t> {});
 }
 
 TEST_F(CPacerTest, WithoutHeaderAllowanceTheWholePacketIsCharged)

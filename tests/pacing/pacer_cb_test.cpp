@@ -65,4 +65,20 @@ TEST_F(PacerCBTest, APacketGoesToTheReplicatorsFanOut)
     EXPECT_EQ(RtpSeq(receiver.Next()), 9);
 }
 
+TEST_F(PacerCBTest, ThePacketsOfOneTickGoToTheReplicatorsFanOutInTheirOrder)
+{
+    m_settings.destAddress = "127.0.0.2";
+    Receiver receiver("127.0.0.2", m_pingLease.Port());
+    const CapturedOutput output;
+    (void)Build();
+    PacerCB callback(m_replicator.get());
+    OwnedPacket first(RtpPacket(9));
+    OwnedPacket second(RtpPacket(10));
+    OwnedPacket third(RtpPacket(11));
+    PacketBuffer* const packets[] = { first.Get(), second.Get(), third.Get() };
+    callback.SendTogether(packets, 3);
+    for (const int seq : { 9, 10, 11 })
+        EXPECT_EQ(RtpSeq(receiver.Next()), seq);
+}
+
 } // namespace
