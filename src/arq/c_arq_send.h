@@ -13,10 +13,12 @@
 class CArqSendCB;
 class NetSyncVid;
 class RequestList;
+class ResendTrain;
 
 // The ARQ send engine: remembers the last N packets of one output stream and sends again what the
 // receiver asks for, within a time window and a byte budget that its requests set. It never copies,
-// owns or frees a packet and never sends by itself: everything goes through the stream's callback.
+// owns or frees a packet and never sends by itself: everything goes through the stream's callback, what one
+// request asks for together where that is possible without waiting.
 //
 // Threads: as ArqSend. No lock anywhere: a slot may be overwritten while a request reads it. The comparison
 // of sequence numbers catches a slot that was reused. A packet that the engine built is rebuilt in place:
@@ -52,17 +54,33 @@ private:
     // What becomes of the rest of a request after one number.
     enum class Verdict { GoOn, OverBudget };
 
+    // How far the list of a request is answered.
+    struct ListPlace {
+        uint32_t next = 0; // index of the first number that is not
+        uint32_t run = 0; // consecutive numbers up to there
+        ByteBudget budget;
+    };
+
     uint32_t EchoPing(PacketBuffer* packet);
     uint32_t RejectPing();
     void TakeOverWindow(const RequestList& request);
     void AnswerList(const RequestList& request);
-    void CountRun(uint16_t seq, uint32_t& run);
+    void CountNumber(uint16_t seq, ListPlace& place);
+    // Answers numbers from the place on, as many as can be answered by what leaves in one go. Returns the end of
+    // the stretch that it looked at: what of that is left is answered one by one, then there is a next stretch.
+    uint32_t AnswerTogether(const RequestList& request, ListPlace& place);
+    uint32_t LookAhead(const RequestList& request, const ListPlace& place, ResendTrain& train);
+    bool LookAtNumber(uint16_t seq, uint32_t nowTicks, ByteBudget& budget, ResendTrain& train);
+    void CountAsAnswered(
+        const RequestList& request, ListPlace& place, const ResendTrain& train, uint32_t left);
     Verdict AnswerNumber(uint16_t seq, ByteBudget& budget);
     bool IsHeldOff(uint16_t seq, const ArqSlot& slot, uint32_t nowTicks) const;
     bool IsExpired(const ArqSlot& slot, uint32_t nowTicks) const;
     BuiltPacket* BuiltAt(uint16_t seq, const PacketBuffer* packet) const;
     void Expire(ArqSlot& slot, PacketBuffer* packet, const RebuildWatch& watch);
     Verdict Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet, ByteBudget& budget);
+    static void MarkAsResent(const PacketBuffer& packet);
+    void CountResend(uint16_t seq, ArqSlot& slot, uint32_t notBeforeTicks);
     ArqWindow Window() const { return { m_nRetries, m_nIntervalMs, m_nExtraMs }; }
 
     CArqSendCB* m_pCallback;

@@ -71,25 +71,29 @@ void CArqSend::TakeOverWindow(const RequestList& request)
 
 void CArqSend::AnswerList(const RequestList& request)
 {
-    ByteBudget budget { BudgetBytes(Window(), m_nBitRate) };
+    ListPlace place { .budget = { BudgetBytes(Window(), m_nBitRate) } };
     const uint32_t count = request.Count();
-    uint32_t run = 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint16_t seq = request[i];
-        ++m_nWork;
-        CountRun(seq, run);
-        if (AnswerNumber(seq, budget) == Verdict::OverBudget) {
-            m_nOverBudget.Add(count - i); // this number and all that follow are given up
-            return;
+    while (place.next < count) {
+        const bool isLast = place.next + 1 == count; // alone: nothing to go together with
+        const uint32_t end = isLast ? count : AnswerTogether(request, place);
+        while (place.next < end) {
+            const uint16_t seq = request[place.next];
+            CountNumber(seq, place);
+            if (AnswerNumber(seq, place.budget) == Verdict::OverBudget) {
+                m_nOverBudget.Add(count - place.next + 1); // this number and all that follow are given up
+                return;
+            }
         }
     }
 }
 
-void CArqSend::CountRun(uint16_t seq, uint32_t& run)
+void CArqSend::CountNumber(uint16_t seq, ListPlace& place)
 {
-    run = seq == m_nNextExpected ? run + 1 : 0;
-    if (run > m_nLongestRun)
-        m_nLongestRun = run;
+    ++place.next;
+    ++m_nWork;
+    place.run = seq == m_nNextExpected ? place.run + 1 : 0;
+    if (place.run > m_nLongestRun)
+        m_nLongestRun = place.run;
     m_nNextExpected = static_cast<uint16_t>(seq + 1);
 }
 
@@ -150,18 +154,28 @@ void CArqSend::Expire(ArqSlot& slot, PacketBuffer* packet, const RebuildWatch& w
         m_nExpired.Add(1);
 }
 
-// The header is changed in place: a packet that came with its header keeps the retransmission payload type
-// from here on.
 CArqSend::Verdict CArqSend::Resend(uint16_t seq, ArqSlot& slot, PacketBuffer* packet, ByteBudget& budget)
 {
     if (!budget.Spend(packet->TotalLength()))
         return Verdict::OverBudget;
-    WireByte& payloadType = HeaderOf(*packet).payloadType;
-    payloadType.Set(static_cast<uint8_t>((payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
-    m_nWork += SEND_WORK;
+    MarkAsResent(*packet);
     (void)m_pCallback->SendData(packet);
-    slot.resendNotBeforeTicks = m_pClock->LocalNow() + m_nHoldOffTicks;
+    CountResend(seq, slot, m_pClock->LocalNow() + m_nHoldOffTicks);
+    return Verdict::GoOn;
+}
+
+// The header is changed in place: a packet that came with its header keeps the retransmission payload type
+// from here on.
+void CArqSend::MarkAsResent(const PacketBuffer& packet)
+{
+    WireByte& payloadType = HeaderOf(packet).payloadType;
+    payloadType.Set(static_cast<uint8_t>((payloadType.Get() & RTP_MARKER_BIT) | RETRANSMIT_PAYLOAD_TYPE));
+}
+
+void CArqSend::CountResend(uint16_t seq, ArqSlot& slot, uint32_t notBeforeTicks)
+{
+    m_nWork += SEND_WORK;
+    slot.resendNotBeforeTicks = notBeforeTicks;
     m_ring.SetRetransmitted(seq);
     m_nRetransmitted.Add(1);
-    return Verdict::GoOn;
 }
