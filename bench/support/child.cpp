@@ -9,9 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
+
+#include "machine_load.h"
 
 namespace {
 
@@ -62,12 +63,7 @@ Child::~Child()
 
 int64_t Child::CpuNs() const
 {
-    int64_t total = 0;
-    for (const auto& task : std::filesystem::directory_iterator(ProcPath(m_nPid) + "/task")) {
-        int64_t onCpu = 0;
-        std::ifstream(task.path() / "schedstat") >> onCpu; // its first field; an ended thread has none
-        total += onCpu;
-    }
+    const int64_t total = ProcessCpuNs(m_nPid);
     if (total == 0)
         GiveUp("this kernel keeps no /proc/PID/task/*/schedstat");
     return total;

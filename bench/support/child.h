@@ -24,6 +24,8 @@ public:
 
     bool IsAlive() const;
 
+    pid_t Pid() const { return m_nPid; }
+
 private:
     pid_t m_nPid;
 };

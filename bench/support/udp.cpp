@@ -1,9 +1,11 @@
 #include "udp.h"
 
+#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "child.h"
@@ -52,6 +54,19 @@ sockaddr_in LoopbackAddress(uint16_t port)
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
+}
+
+std::vector<sockaddr_in> ReadAddresses(const std::string& list, uint16_t port)
+{
+    std::vector<sockaddr_in> addresses;
+    std::istringstream words(list);
+    for (std::string word; std::getline(words, word, ',');) {
+        sockaddr_in address = LoopbackAddress(port);
+        if (inet_pton(AF_INET, word.c_str(), &address.sin_addr) != 1)
+            GiveUp("no address: " + word);
+        addresses.push_back(address);
+    }
+    return addresses;
 }
 
 uint16_t FreePort()

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/unique_fd.h"
@@ -14,6 +15,9 @@
 // the proxy's own ping port.
 sockaddr_in ReceiverAddress(int32_t index, uint16_t port);
 sockaddr_in LoopbackAddress(uint16_t port);
+
+// The addresses of "ADDRESS,ADDRESS,...", dotted quads, with `port` in host order. Gives up on anything else.
+std::vector<sockaddr_in> ReadAddresses(const std::string& list, uint16_t port);
 
 // A UDP port that nobody is bound to, below the range from which the kernel gives ports by itself.
 uint16_t FreePort();

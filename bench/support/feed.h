@@ -1,0 +1,28 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+
+#include "base/unique_fd.h"
+#include "media.h"
+
+// A stream of MediaDatagrams to the input of a process under test, evenly spaced or in bursts of the same mean rate.
+class Feed {
+public:
+    Feed(uint16_t inputPort, int perSecond, int burst);
+
+    // Sends for `seconds`; returns the number of datagrams.
+    int64_t Run(double seconds);
+
+    // One datagram, at once.
+    void SendOne();
+
+private:
+    UniqueFd m_sender;
+    sockaddr_in m_input;
+    int64_t m_nPeriodNs; // from burst to burst
+    int m_nBurst;
+    MediaDatagram m_datagram {};
+    uint16_t m_usSeq = 1;
+};

@@ -1,0 +1,91 @@
+#include "outlet.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+
+#include <map>
+
+#include "child.h"
+#include "udp.h"
+
+namespace {
+
+// Everything is dropped at the socket, after the kernel has brought it there, and counted.
+void DropEverything(int fd)
+{
+    sock_filter dropAll { BPF_RET | BPF_K, 0, 0, 0 };
+    const sock_fprog program { 1, &dropAll };
+    if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)) != 0)
+        GiveUp("no socket filter");
+}
+
+int64_t DroppedAt(int fd)
+{
+    uint32_t figures[SK_MEMINFO_VARS] {};
+    socklen_t size = sizeof(figures);
+    if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, figures, &size) != 0)
+        GiveUp("this kernel does not count what a socket drops");
+    return figures[SK_MEMINFO_DROPS];
+}
+
+class LoopbackOutlet : public Outlet {
+public:
+    void Open(int32_t count, uint16_t port) override
+    {
+        std::vector<UniqueFd>& sockets = m_sockets[port];
+        for (int32_t i = static_cast<int32_t>(sockets.size()); i < count; ++i) {
+            sockets.push_back(BoundSocket(ReceiverAddress(i, port)));
+            DropEverything(sockets.back().Get());
+        }
+    }
+
+    in_addr AddressOf(int32_t index) const override { return ReceiverAddress(index, 0).sin_addr; }
+
+    int64_t Delivered(int32_t) const override
+    {
+        int64_t total = 0;
+        for (const auto& [port, sockets] : m_sockets) {
+            for (const UniqueFd& receiver : sockets)
+                total += DroppedAt(receiver.Get());
+        }
+        return total;
+    }
+
+    void Ping(int32_t count, uint16_t port, uint16_t pingPort) override
+    {
+        const sockaddr_in to = LoopbackAddress(pingPort);
+        for (int32_t i = 0; i < count; ++i) {
+            (void)sendto(m_sockets[port][static_cast<size_t>(i)].Get(), nullptr, 0, 0,
+                reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+        }
+    }
+
+    std::string Description() const override
+    {
+        return "loopback: sockets that drop everything, so a send also pays for the way to the receiver's socket";
+    }
+
+private:
+    std::map<uint16_t, std::vector<UniqueFd>> m_sockets; // by port
+};
+
+} // namespace
+
+std::string AddressList(const Outlet& outlet, int32_t count)
+{
+    std::string list;
+    for (int32_t i = 0; i < count; ++i) {
+        char text[INET_ADDRSTRLEN] = "";
+        const in_addr address = outlet.AddressOf(i);
+        (void)inet_ntop(AF_INET, &address, text, sizeof(text));
+        list += (i == 0 ? "" : ",") + std::string(text);
+    }
+    return list;
+}
+
+std::unique_ptr<Outlet> MakeLoopbackOutlet()
+{
+    return std::make_unique<LoopbackOutlet>();
+}
