@@ -1,5 +1,14 @@
 #include "replicator/crowd_gauge.h"
 
+bool CrowdGauge::OnArrivals(uint32_t count)
+{
+    m_nWithoutBreak += count;
+    if (m_nWithoutBreak < ARRIVALS_A_LOOK)
+        return false;
+    m_nWithoutBreak = 0;
+    return true;
+}
+
 void CrowdGauge::OnLook(uint32_t waitingBytes, uint32_t nowMs)
 {
     if (waitingBytes < CROWDED_BYTES)

@@ -14,8 +14,8 @@ public:
         = 32768; // of kernel memory; some 40 datagrams of the shortest kind
     static constexpr uint32_t HOLD_MS = 1000;
 
-    // A datagram was read. True when it is time for a look.
-    bool OnArrival() { return ++m_nWithoutBreak % ARRIVALS_A_LOOK == 0; }
+    // So many datagrams were read, and more may be there. True when it is time for a look.
+    bool OnArrivals(uint32_t count);
     // The socket was found empty.
     void OnEmpty() { m_nWithoutBreak = 0; }
     // A look has found so much kernel memory in use by what waits.
@@ -24,7 +24,7 @@ public:
     bool IsCrowded(uint32_t nowMs);
 
 private:
-    uint32_t m_nWithoutBreak = 0; // datagrams
+    uint32_t m_nWithoutBreak = 0; // datagrams since then or since the last look
     bool m_bCrowded = false;
     uint32_t m_nCrowdedMs = 0; // when it was last seen
 };

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -14,7 +15,7 @@ namespace {
 constexpr uint32_t STOP_WAIT_MS = 600; // longer than one wait for datagrams
 constexpr uint32_t SETTLE_MS = 50; // between making the sockets usable and the first wait
 constexpr int WAIT_MS = 250;
-// What each listener takes after one wait. Under a flood most of the time would go into waits that end at once.
+// What each listener passes on after one wait. Under a flood most of the time would go into waits that end at once.
 constexpr int MOST_TURNS = 32;
 // After so long there is another look at both sockets: a datagram that came meanwhile at the other one does not
 // wait for 32 answers to a receiver that blocks. A wait and this are what HeardClock counts of a round.
@@ -37,32 +38,45 @@ bool TakeOutClosed(Wanted& wanted)
     return hasTaken;
 }
 
-// True when something has come, false after the whole time without.
-bool WaitForDatagrams(Wanted& wanted)
+bool HoldsDatagram(const SocketListener* listener)
 {
-    int count = 0;
-    do {
-        count = poll(wanted.data(), wanted.size(), WAIT_MS);
-    } while (count > 0 && TakeOutClosed(wanted));
-    if (count < 0 && errno != EINTR)
-        (void)SleepMs(WAIT_MS); // whoever loops around this wait must not spin
-    return count > 0;
+    return listener != nullptr && listener->HoldsDatagram();
 }
 
-// Lets each listener that may have a datagram take one. False when none has more.
+// Marks the listeners that may have a datagram: what came within 250 ms, and what one still holds of what it has
+// read, which nobody waits for.
+void WaitForDatagrams(const SocketGroup::Listeners& listeners, Wanted& wanted)
+{
+    const bool mayWait = std::none_of(listeners.begin(), listeners.end(), HoldsDatagram);
+    int count = 0;
+    do {
+        count = poll(wanted.data(), wanted.size(), mayWait ? WAIT_MS : 0);
+    } while (count > 0 && TakeOutClosed(wanted));
+    if (count < 0 && errno != EINTR && mayWait)
+        (void)SleepMs(WAIT_MS); // whoever loops around this wait must not spin
+    for (size_t position = 0; position < listeners.size(); ++position) {
+        if (count <= 0)
+            wanted[position].revents = 0;
+        if (HoldsDatagram(listeners[position]))
+            wanted[position].revents = POLLIN;
+    }
+}
+
+// Lets each listener that may have a datagram pass one on. False when none has more.
 bool ServeReadable(const SocketGroup::Listeners& listeners, Wanted& wanted)
 {
-    bool hasServed = false;
+    bool hasMore = false;
     for (size_t position = 0; position < listeners.size(); ++position) {
         pollfd& one = wanted[position];
         if (one.revents == 0)
             continue;
-        if (listeners[position]->Receive())
-            hasServed = true;
+        (void)listeners[position]->Receive();
+        if (listeners[position]->MayHaveMore())
+            hasMore = true;
         else
             one.revents = 0;
     }
-    return hasServed;
+    return hasMore;
 }
 
 } // namespace
@@ -135,10 +149,9 @@ void ServeListeners(const SocketGroup::Listeners& listeners)
         const SocketListener* listener = listeners[position];
         wanted[position] = { listener != nullptr ? listener->Socket() : -1, POLLIN, 0 };
     }
-    if (!WaitForDatagrams(wanted))
-        return;
+    WaitForDatagrams(listeners, wanted);
     const uint32_t beginMs = GetSteadyMs();
-    for (int turn = 0; turn < MOST_TURNS && ServeReadable(listeners, wanted); ++turn) {
+    for (int turn = 1; ServeReadable(listeners, wanted) && turn < MOST_TURNS; ++turn) {
         if (GetSteadyMs() - beginMs >= MOST_SERVING_MS)
             return;
     }

@@ -52,7 +52,8 @@ sockaddr_in Address(in_addr_t addressNet, uint16_t port)
 SocketListener::SocketListener(SharedSocket socket, uint16_t port, bool& ok, uint32_t poolSize)
     : m_socket(std::move(socket)),
       m_usPort(port),
-      m_pool(PacketBufferPool::create(poolSize, PacketBufferPool::SLICE_BYTES, POOL_TAIL_BYTES))
+      m_pool(PacketBufferPool::create(poolSize, PacketBufferPool::SLICE_BYTES, POOL_TAIL_BYTES)),
+      m_batch(m_pool.get())
 {
     if (!m_pool) {
         ok = false;
@@ -111,26 +112,20 @@ void SocketListener::InitDuplicate(bool& ok)
 
 bool SocketListener::Receive()
 {
-    if (m_pNext == nullptr)
-        m_pNext = m_pool->get();
-    PacketBuffer* packet = m_pNext;
-    sockaddr_in source {};
-    socklen_t sourceBytes = sizeof(source);
-    const ssize_t received = recvfrom(Socket(), packet->Data(), PacketBufferPool::SLICE_BYTES, MSG_DONTWAIT,
-        reinterpret_cast<sockaddr*>(&source), &sourceBytes);
-    if (received < 0) { // poll may report a datagram that a bad checksum then takes away
-        m_crowd.OnEmpty();
+    if (!m_batch.HasNext())
+        Read();
+    if (!m_batch.HasNext())
         return false;
-    }
-    m_pNext = nullptr;
-    LookAtQueue();
-    packet->SetLength(static_cast<int32_t>(received));
-    (void)OnPacket(packet, source.sin_addr.s_addr, source.sin_port);
+    const DatagramBatch::Datagram datagram = m_batch.Next();
+    (void)OnPacket(datagram.packet, datagram.addressNet, datagram.portNet);
     return true;
 }
 
-void SocketListener::LookAtQueue()
+void SocketListener::Read()
 {
-    if (m_crowd.OnArrival())
+    m_batch.Read(Socket());
+    if (!m_batch.WasFull())
+        m_crowd.OnEmpty();
+    else if (m_crowd.OnArrivals(m_batch.Count()))
         m_crowd.OnLook(WaitingBytes(Socket()), GetSteadyMs());
 }

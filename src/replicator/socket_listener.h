@@ -7,6 +7,7 @@
 
 #include "input/packet_buffer.h"
 #include "replicator/crowd_gauge.h"
+#include "replicator/datagram_batch.h"
 #include "replicator/shared_socket.h"
 
 // One UDP socket on which receivers talk to the proxy, with a ring of buffers for what arrives.
@@ -31,8 +32,14 @@ public:
     // listener's and is reused after as many datagrams as the pool has buffers.
     virtual int OnPacket(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet) = 0;
 
-    // Reads one datagram and passes it to OnPacket. False when none is there; never waits for one.
+    // Passes one datagram to OnPacket, of those that one call has read; reads when it holds none. False when none is
+    // there; never waits for one.
     bool Receive();
+
+    // Whether it has read datagrams that it has not passed on yet: no wait tells of them.
+    bool HoldsDatagram() const { return m_batch.HasNext(); }
+    // Whether another Receive may have one; false when the socket was found empty and what was read is passed on.
+    bool MayHaveMore() const { return m_batch.HasNext() || m_batch.WasFull(); }
 
     // Whether datagrams keep waiting; see CrowdGauge. False on a system that does not tell.
     bool IsCrowded(uint32_t nowMs) { return m_crowd.IsCrowded(nowMs); }
@@ -45,13 +52,13 @@ public:
 
 private:
     void InitDuplicate(bool& ok);
-    void LookAtQueue();
+    void Read();
 
     SharedSocket m_socket;
     uint16_t m_usPort;
     bool m_bOwnsSocket = false; // Init made the socket or duplicated it
     bool m_bDuplicateMode = false; // never set by the replicator
     std::unique_ptr<PacketBufferPool> m_pool;
-    PacketBuffer* m_pNext = nullptr; // the pool's, for the next datagram; null: none was taken yet
+    DatagramBatch m_batch;
     CrowdGauge m_crowd;
 };

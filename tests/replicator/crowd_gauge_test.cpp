@@ -11,16 +11,25 @@ TEST(CrowdGauge, ALookIsDueAtEach16thDatagramWithoutABreak)
     CrowdGauge gauge;
     for (int look = 0; look < 3; ++look) {
         for (int i = 1; i < 16; ++i)
-            EXPECT_FALSE(gauge.OnArrival()) << i;
-        EXPECT_TRUE(gauge.OnArrival());
+            EXPECT_FALSE(gauge.OnArrivals(1)) << i;
+        EXPECT_TRUE(gauge.OnArrivals(1));
     }
+}
+
+TEST(CrowdGauge, ALookIsDueWheneverAReadingHasBrought16)
+{
+    CrowdGauge gauge;
+    for (int look = 0; look < 3; ++look)
+        EXPECT_TRUE(gauge.OnArrivals(16));
+    EXPECT_FALSE(gauge.OnArrivals(15));
+    EXPECT_TRUE(gauge.OnArrivals(15));
 }
 
 TEST(CrowdGauge, NoLookIsDueWhereTheSocketIsFoundEmptyBetween)
 {
     CrowdGauge gauge;
     for (int i = 0; i < 100; ++i) {
-        EXPECT_FALSE(gauge.OnArrival());
+        EXPECT_FALSE(gauge.OnArrivals(1));
         if (i % 15 == 14)
             gauge.OnEmpty();
     }

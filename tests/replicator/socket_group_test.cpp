@@ -27,8 +27,8 @@ using Times = std::vector<uint32_t>;
 
 class CountingListener : public SocketListener {
 public:
-    CountingListener(uint16_t port, bool& ok, SharedSocket socket = SharedSocket())
-        : SocketListener(std::move(socket), port, ok, 4)
+    CountingListener(uint16_t port, bool& ok, SharedSocket socket = SharedSocket(), uint32_t poolSize = 4)
+        : SocketListener(std::move(socket), port, ok, poolSize)
     {
     }
 
@@ -167,6 +167,87 @@ TEST_F(ServeListenersTest, WhatComesWhileAnAnswerTakesLongIsNotLeftUntilAllOther
     while (order.size() < 4)
         ServeListeners({ &m_listener0, &m_listener1 });
     EXPECT_EQ(order, "0010");
+}
+
+TEST_F(ServeListenersTest, WhatWasReadBeforeALongAnswerIsPassedOnWithoutAWait)
+{
+    CountingListener wide(m_lease0.Port(), m_ok, SharedSocket(), 64);
+    ASSERT_TRUE(InitListeners({ &wide, &m_listener1 }));
+    wide.m_onPacket = [] {
+        const uint32_t beginMs = GetSteadyMs();
+        while (GetSteadyMs() - beginMs < 50) {}
+    };
+    for (int i = 0; i < 3; ++i)
+        Send(m_lease0);
+    for (int served = 1; served <= 3; ++served) {
+        ServeListeners({ &wide, &m_listener1 });
+        EXPECT_EQ(wide.m_packets, served);
+    }
+    EXPECT_FALSE(wide.HasUnread());
+    EXPECT_EQ(m_waits.PollsMs(), (std::set<int> { 0, 250 }));
+}
+
+TEST_F(ServeListenersTest, WhatWasReadIsPassedOnWhereALookFails)
+{
+    CountingListener wide(m_lease0.Port(), m_ok, SharedSocket(), 64);
+    ASSERT_TRUE(InitListeners({ &wide, nullptr }));
+    wide.m_onPacket = [] {
+        const uint32_t beginMs = GetSteadyMs();
+        while (GetSteadyMs() - beginMs < 50) {}
+    };
+    for (int i = 0; i < 2; ++i)
+        Send(m_lease0);
+    ServeListeners({ &wide, nullptr });
+    const FailCalls polls(SystemCall::Poll, ENOMEM);
+    ServeListeners({ &wide, nullptr });
+    EXPECT_EQ(polls.Count(), 1);
+    EXPECT_EQ(wide.m_packets, 2);
+    EXPECT_TRUE(m_waits.SleepsMs().empty());
+}
+
+// A wait, a reading that brings fewer than asked for, and no second one.
+TEST_F(ServeListenersTest, ASocketThatIsNotFullIsReadOnceAfterAWait)
+{
+    CountingListener wide(m_lease0.Port(), m_ok, SharedSocket(), 64);
+    ASSERT_TRUE(InitListeners({ &wide, &m_listener1 }));
+    for (int i = 0; i < 15; ++i)
+        Send(m_lease0);
+    const FailCalls reads(SystemCall::ReceiveTogether, 0, 0, 0);
+    while (wide.m_packets < 15) // once where the machine is not busy
+        ServeListeners({ &wide, &m_listener1 });
+    EXPECT_EQ(reads.Calls(), 1) << "the other one has nothing and is not read";
+}
+
+TEST_F(ServeListenersTest, AFullReadingIsFollowedByTheNextWithoutAWait)
+{
+    CountingListener wide(m_lease0.Port(), m_ok, SharedSocket(), 64);
+    ASSERT_TRUE(InitListeners({ &wide, nullptr }));
+    for (int i = 0; i < 20; ++i)
+        Send(m_lease0);
+    const FailCalls reads(SystemCall::ReceiveTogether, 0, 0, 0);
+    const FailCalls polls(SystemCall::Poll, EINTR, 2, 100); // only the first one finds anything
+    for (int round = 0; round < 20 && wide.m_packets < 20; ++round)
+        ServeListeners({ &wide, nullptr });
+    EXPECT_EQ(wide.m_packets, 20);
+    EXPECT_EQ(reads.Calls(), 2);
+}
+
+TEST_F(ServeListenersTest, AFloodAtOneListenerLeavesTheOtherItsTurnAfter32Datagrams)
+{
+    CountingListener wide(m_lease0.Port(), m_ok, SharedSocket(), 64);
+    ASSERT_TRUE(InitListeners({ &wide, &m_listener1 }));
+    wide.m_onPacket = [&] {
+        Send(m_lease0); // there is always more
+        if (wide.m_packets == 1)
+            Send(m_lease1);
+    };
+    m_listener1.m_onPacket = [&] { EXPECT_LE(wide.m_packets, 33); };
+    for (int i = 0; i < 32; ++i)
+        Send(m_lease0);
+    ServeListeners({ &wide, &m_listener1 });
+    EXPECT_LE(wide.m_packets, 32);
+    ServeListeners({ &wide, &m_listener1 });
+    EXPECT_EQ(m_listener1.m_packets, 1);
 }
 
 TEST_F(ServeListenersTest, APositionMayBeEmpty)

@@ -227,6 +227,25 @@ TEST_F(SocketListenerTest, ItIsCrowdedWhileMoreWaitsThanIsReadAtOnce)
     EXPECT_TRUE(listener.IsCrowded(GetSteadyMs()));
 }
 
+TEST_F(SocketListenerTest, ItHoldsWhatOneReadingBroughtAndSaysWhetherThereMayBeMore)
+{
+    RecordingListener listener(SharedSocket(), m_lease.Port(), m_ok, 64);
+    Init(listener);
+    EXPECT_FALSE(listener.HoldsDatagram());
+    EXPECT_FALSE(listener.MayHaveMore());
+    Receiver sender("127.0.0.2");
+    for (uint8_t i = 0; i < 17; ++i)
+        sender.SendTo("127.0.0.1", m_lease.Port(), { i });
+    for (uint8_t i = 0; i < 17; ++i) {
+        EXPECT_TRUE(listener.Receive());
+        ASSERT_EQ(listener.m_arrivals.size(), i + 1U);
+        EXPECT_EQ(listener.m_arrivals.back().data, Bytes { i });
+        EXPECT_EQ(listener.HoldsDatagram(), i != 15 && i != 16) << i; // 16 are read at once
+        EXPECT_EQ(listener.MayHaveMore(), i != 16) << i;
+    }
+    EXPECT_FALSE(listener.Receive());
+}
+
 TEST_F(SocketListenerTest, TheReceiveBufferIsAsWideAsTheInputsOrAsTheSystemAllows)
 {
     const UniqueFd plain(socket(AF_INET, SOCK_DGRAM, 0));

@@ -29,7 +29,7 @@ struct Failing {
     std::function<void()> onFailure {};
 };
 
-thread_local Failing failing[6];
+thread_local Failing failing[static_cast<size_t>(SystemCall::ReceiveTogether) + 1]; // the last kind
 
 Failing& Of(SystemCall call)
 {
@@ -137,6 +137,13 @@ int __wrap_poll(pollfd* wanted, nfds_t count, int timeoutMs)
     if (cutters == 0 || count == 0)
         return __real_poll(wanted, count, timeoutMs);
     return __real_poll(wanted, count, NotePoll(timeoutMs) ? std::min(timeoutMs, 1) : timeoutMs);
+}
+
+int __wrap_recvmmsg(int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout)
+{
+    return FailWithErrno(SystemCall::ReceiveTogether) != 0
+        ? -1
+        : __real_recvmmsg(fd, messages, count, flags, timeout);
 }
 
 namespace test_support {

@@ -9,7 +9,7 @@ namespace test_support {
 
 // What FailCalls can make fail; each stands for one function of the C library. Polls without descriptors never
 // fail and are not counted.
-enum class SystemCall { CreateThread, OpenSocket, Duplicate, LookUpHost, Poll, Connect };
+enum class SystemCall { CreateThread, OpenSocket, Duplicate, LookUpHost, Poll, Connect, ReceiveTogether };
 
 // Makes calls of one kind by the calling thread fail with an error number, from the first-th to the last-th
 // after the object was made. One at a time a kind and thread.

@@ -40,6 +40,7 @@ WRAPPED_CALL(int, poll, pollfd*, nfds_t, int);
 WRAPPED_CALL(ssize_t, recvfrom, int, void*, size_t, int, sockaddr*, socklen_t*);
 WRAPPED_CALL(ssize_t, sendto, int, const void*, size_t, int, const sockaddr*, socklen_t);
 WRAPPED_CALL(ssize_t, send, int, const void*, size_t, int);
+WRAPPED_CALL(int, recvmmsg, int, mmsghdr*, unsigned, int, timespec*);
 WRAPPED_CALL(ssize_t, sendmsg, int, const msghdr*, int);
 WRAPPED_CALL(int, sendmmsg, int, mmsghdr*, unsigned, int);
 WRAPPED_CALL(int, gethostbyname_r, const char*, hostent*, char*, size_t, hostent**, int*);
