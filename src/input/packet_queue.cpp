@@ -55,6 +55,12 @@ int32_t PacketQueue::popBatch(PacketBuffer** out, int32_t most)
     return static_cast<int32_t>(std::remove(out, out + taken, nullptr) - out);
 }
 
+int32_t PacketQueue::Count()
+{
+    const MutexLock lock(m_innerMutex);
+    return m_ring.Count();
+}
+
 // How many were taken: 0 only after a spurious wake-up.
 int32_t PacketQueue::Take(PacketBuffer** out, int32_t most, uint32_t timeoutMs)
 {

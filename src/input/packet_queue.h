@@ -51,6 +51,9 @@ public:
     // and left out, so that 0 means what popWait's null means.
     int32_t popBatch(PacketBuffer** out, int32_t most) EXCLUDES(m_outerMutex);
 
+    // How many buffers are in it just now. For any thread.
+    int32_t Count() EXCLUDES(m_innerMutex);
+
 private:
     static constexpr int32_t TIMED_OUT = -1;
 

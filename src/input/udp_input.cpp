@@ -7,10 +7,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "base/unique_fd.h"
 #include "input/address.h"
 #include "input/data_callback_region.h"
+#include "input/datagram_reader.h"
 #include "input/packet_buffer.h"
 #include "input/packet_queue.h"
 
@@ -114,20 +116,64 @@ void Transform(const InputTransform& transform, const PacketBuffer& packet, int3
         (void)transform.callback(transform.session, packet.Data() + region.offset, region.length);
 }
 
-// Receives one datagram into the packet. False when there was none.
-bool ReceivePacket(int socket, const UdpInput& input, PacketBuffer& packet)
+// Makes the received datagram the packet's.
+void FillPacket(const UdpInput& input, const ReceivedDatagram& datagram, PacketBuffer& packet)
 {
-    sockaddr_in source {};
-    socklen_t sourceBytes = sizeof(source);
-    const auto received = static_cast<int32_t>(recvfrom(socket, packet.Data(), PacketBufferPool::SLICE_BYTES,
-        0, reinterpret_cast<sockaddr*>(&source), &sourceBytes));
-    if (received <= 0)
-        return false;
-    input.inputBytes.Add(static_cast<uint32_t>(received) + LOWER_HEADER_BYTES);
-    RecordSource(input, source);
-    Transform(input.transform, packet, received);
-    packet.SetLength(received);
-    return true;
+    input.inputBytes.Add(static_cast<uint32_t>(datagram.length) + LOWER_HEADER_BYTES);
+    RecordSource(input, datagram.source);
+    if (datagram.data != packet.Data())
+        std::memcpy(packet.Data(), datagram.data, static_cast<size_t>(datagram.length));
+    Transform(input.transform, packet, datagram.length);
+    packet.SetLength(datagram.length);
+}
+
+// Where datagrams go, one after the other: the packet in hand is filled and handed on, and the next one taken from
+// the pool.
+class InputSide {
+public:
+    explicit InputSide(const UdpInput& input) : m_input(input), m_packet(input.pool.get()) {}
+
+    uint8_t* Slice() { return m_packet->Data(); }
+
+    // An empty datagram is none, and its packet is the next one's.
+    void Take(const ReceivedDatagram& datagram)
+    {
+        if (datagram.length == 0)
+            return;
+        FillPacket(m_input, datagram, *m_packet);
+        m_filled[m_nFilled++] = m_packet;
+        m_packet = m_input.pool.get();
+        if (m_input.transform.session != nullptr)
+            HandOn(); // what transforms may take its time: no packet waits for the next one's
+    }
+
+    void HandOn()
+    {
+        if (m_nFilled != 0)
+            (void)m_input.queue.pushBatch(m_filled, m_nFilled, PacketQueue::NO_LIMIT);
+        m_nFilled = 0;
+    }
+
+private:
+    const UdpInput& m_input;
+    PacketBuffer* m_packet;
+    PacketBuffer* m_filled[MOST_TOGETHER] {};
+    int32_t m_nFilled = 0;
+};
+
+void ReceiveStream(int socket, const UdpInput& input)
+{
+    DatagramReader reader(socket);
+    InputSide side(input);
+    while (input.running) {
+        // While main keeps up datagrams come one by one, and more are not worth a look.
+        const bool isMainBehind = input.queue.Count() > 1;
+        const int32_t received
+            = isMainBehind ? reader.ReceiveMany(side.Slice()) : reader.ReceiveOne(side.Slice());
+        for (int32_t i = 0; i < received; ++i)
+            side.Take(reader.Datagram(i));
+        side.HandOn();
+    }
 }
 
 } // namespace
@@ -143,13 +189,7 @@ void RunUdpInput(const UdpInput& input)
         JoinGroup(socket.Get(), input.multicastGroup);
     EnlargeReceiveBuffer(socket.Get());
     LimitReceiveWait(socket.Get());
-    PacketBuffer* packet = input.pool.get();
-    while (input.running) {
-        if (!ReceivePacket(socket.Get(), input, *packet))
-            continue;
-        (void)input.queue.push(packet, PacketQueue::NO_LIMIT);
-        packet = input.pool.get();
-    }
+    ReceiveStream(socket.Get(), input);
     (void)input.queue.push(nullptr, PacketQueue::NO_LIMIT); // wakes main, which skips it and sees the flag
     if (isGroup)
         LeaveGroup(socket.Get(), input.multicastGroup);
