@@ -1,6 +1,5 @@
 #include "input/packet_buffer.h"
 
-#include <cstring>
 #include <new>
 #include <type_traits>
 
@@ -20,7 +19,10 @@ bool PacketBufferPool::Allocate(uint32_t count, uint32_t sliceSize, uint32_t tai
 {
     // malloc may answer a request for nothing with null: one spare byte tells an empty pool from a failure.
     const size_t sliceTotal = static_cast<size_t>(count) * sliceSize;
-    m_data.reset(static_cast<uint8_t*>(std::malloc(sliceTotal + tailBytes + 1)));
+    // Slices are left untouched, so that they take real memory only once a datagram has been in them. So is a tail:
+    // zeroed memory of that size comes untouched from the system.
+    void* data = tailBytes == 0 ? std::malloc(sliceTotal + 1) : std::calloc(sliceTotal + tailBytes + 1, 1);
+    m_data.reset(static_cast<uint8_t*>(data));
     if (!m_data)
         return false;
     m_descriptors.reset(static_cast<PacketBuffer*>(std::malloc(count * sizeof(PacketBuffer) + 1)));
@@ -29,8 +31,6 @@ bool PacketBufferPool::Allocate(uint32_t count, uint32_t sliceSize, uint32_t tai
     m_buffers.reset(static_cast<PacketBuffer**>(std::malloc(count * sizeof(PacketBuffer*) + 1)));
     if (!m_buffers)
         return false;
-    // Slices are left untouched, so that they take real memory only once a datagram has been in them.
-    std::memset(m_data.get() + sliceTotal, 0, tailBytes);
     m_nCount = count;
     return true;
 }
