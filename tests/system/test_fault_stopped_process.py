@@ -4,10 +4,8 @@ what was missed is neither made up for by a flood nor sent twice.
 TX_PROXY_STOPPED_SECONDS   how long it is stopped (default 10)
 """
 
-import contextlib
 import os
 import re
-import signal
 import socket
 import time
 
@@ -15,7 +13,7 @@ import pytest
 
 from txproxy import control, impairment, raw_control, reports, rtp
 from txproxy.model_receiver import start_media, wait_bound
-from txproxy.process import cpu_seconds, thread_state, threads
+from txproxy.process import cpu_seconds, stopped
 from txproxy.receiver import pump
 from txproxy.traffic import Steady, kernel_drops
 from txproxy.waiting import DEFAULT_TIMEOUT, scaled, wait_until
@@ -43,20 +41,6 @@ def media(number):
 def numbers(receiver):
     """The numbers of what arrived; first sendings only, told from each other beyond 16 bits."""
     return [int(rtp.payload(data)) for data in receiver.payloads if rtp.payload_type(data) == rtp.MEDIA_PAYLOAD_TYPE]
-
-
-@contextlib.contextmanager
-def stopped(proxy):
-    """All threads of the process stand still meanwhile."""
-    proxy.process.send_signal(signal.SIGSTOP)
-    wait_until(
-        lambda: {thread_state(proxy.pid, thread) for thread in threads(proxy.pid)} == {"T"},
-        "all threads to stand still",
-    )
-    try:
-        yield
-    finally:
-        proxy.process.send_signal(signal.SIGCONT)
 
 
 def stand(seconds, receiver):

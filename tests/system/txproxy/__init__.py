@@ -10,12 +10,15 @@ elf             what the program file says about itself
 log_pipe        a log reader of the test's own
 instances       further proxies beside the one of the fixtures
 refusal         system calls of the proxy that are made to fail
+audience        fifty receivers and one run of the proxy that sends to them
+audience_worlds where they stand
 receiver        UDP receivers, senders and the flow-controlled pump between them
 rtp             building and reading RTP datagrams
 mpegts          a real MPEG transport stream to send
 traffic         sending to proxies whose output does not follow their input at once
 flooding        a program that sends as fast as a core can
 send_faults     a stream, and what each receiver has of it while a send fails
+kernel_counts   what the kernel of a namespace has counted of UDP
 netns           network namespaces and interfaces of a test's own
 shaping         a cable of such a network that is too slow for what is sent
 model_receiver  the receiver's side of the protocol, and two models of receivers
@@ -29,5 +32,6 @@ programs        C and C++ programs and libraries of the tests
 preload         libraries that a proxy runs with before all others
 heap            what a running proxy holds on its heap
 refused_memory  allocations of a proxy that fail
+refused_sends   sends of a proxy that fail as if the kernel had refused them
 stepped_clock   a wall clock of a proxy's own
 """

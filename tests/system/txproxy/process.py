@@ -1,7 +1,11 @@
 """What the system says about a running process."""
 
+import contextlib
 import os
 import resource
+import signal
+
+from .waiting import wait_until
 
 CLOCK_TICKS_PER_SECOND = os.sysconf("SC_CLK_TCK")
 
@@ -27,6 +31,20 @@ def thread_state(pid, thread):
     """A letter: R runs, S waits, T is stopped, ..."""
     with open(f"/proc/{pid}/task/{thread}/stat", encoding="ascii", errors="replace") as stat:
         return stat.read().rpartition(")")[2].split()[0]
+
+
+@contextlib.contextmanager
+def stopped(proxy):
+    """All threads of the process stand still meanwhile."""
+    proxy.process.send_signal(signal.SIGSTOP)
+    wait_until(
+        lambda: {thread_state(proxy.pid, thread) for thread in threads(proxy.pid)} == {"T"},
+        "all threads to stand still",
+    )
+    try:
+        yield
+    finally:
+        proxy.process.send_signal(signal.SIGCONT)
 
 
 def running_nanoseconds(pid):

@@ -22,6 +22,11 @@ def binary():
     return str(pathlib.Path(path).resolve())
 
 
+def plain_binary():
+    """The same program without trains and connected sockets: each datagram leaves by a call of its own."""
+    return f"{binary()}_plain"
+
+
 def build_kind():
     return os.environ.get("TX_PROXY_BUILD_KIND", "")
 
@@ -84,11 +89,11 @@ class Proxy:
     """A started process.
 
     `namespace` is a netns.Namespace, `argv0` what the process sees as its own name, `env` is added to our
-    environment, `preexec` runs in the child first (see refusal.preexec).
+    environment, `preexec` runs in the child first (see refusal.preexec), `program` is another binary than usual.
     """
 
-    def __init__(self, *arguments, namespace=None, argv0=None, env=None, preexec=None):
-        command = [binary(), *map(str, arguments)]
+    def __init__(self, *arguments, namespace=None, argv0=None, env=None, preexec=None, program=None):
+        command = [program or binary(), *map(str, arguments)]
         executable = command[0]
         if namespace:
             command = ["ip", "netns", "exec", namespace.name, *command]
