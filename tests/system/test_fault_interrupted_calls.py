@@ -10,7 +10,9 @@ from txproxy.process import cpu_seconds
 from txproxy.receiver import pump
 from txproxy.waiting import scaled
 
-CALLS = ("recvfrom", "sendto", "sendmsg", "send", "poll", "accept", "read", "write", "nanosleep")
+CALLS = (
+    "recvfrom", "recvmmsg", "sendto", "sendmsg", "sendmmsg", "send", "poll", "accept", "read", "write", "nanosleep",
+)  # fmt: skip
 PACKETS = 1000
 REQUESTS = 50
 COMMANDS = 50

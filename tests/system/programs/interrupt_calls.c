@@ -13,7 +13,7 @@
 
 #include "shared_words.h"
 
-enum calls { RECVFROM, SENDTO, SENDMSG, SEND, POLL, ACCEPT, READ, WRITE, NANOSLEEP, CALLS };
+enum calls { RECVFROM, RECVMMSG, SENDTO, SENDMSG, SENDMMSG, SEND, POLL, ACCEPT, READ, WRITE, NANOSLEEP, CALLS };
 
 static int64_t* interrupted; /* shared with the test */
 static unsigned long every;
@@ -47,9 +47,11 @@ static int is_interrupted(enum calls call)
 
 WRAP(RECVFROM, ssize_t, recvfrom, (int s, void* b, size_t n, int f, struct sockaddr* a, socklen_t* l),
     (s, b, n, f, a, l))
+WRAP(RECVMMSG, int, recvmmsg, (int s, struct mmsghdr* m, unsigned n, int f, struct timespec* t), (s, m, n, f, t))
 WRAP(SENDTO, ssize_t, sendto, (int s, const void* b, size_t n, int f, const struct sockaddr* a, socklen_t l),
     (s, b, n, f, a, l))
 WRAP(SENDMSG, ssize_t, sendmsg, (int s, const struct msghdr* m, int f), (s, m, f))
+WRAP(SENDMMSG, int, sendmmsg, (int s, struct mmsghdr* m, unsigned n, int f), (s, m, n, f))
 WRAP(SEND, ssize_t, send, (int s, const void* b, size_t n, int f), (s, b, n, f))
 WRAP(POLL, int, poll, (struct pollfd * p, nfds_t n, int t), (p, n, t))
 WRAP(ACCEPT, int, accept, (int s, struct sockaddr* a, socklen_t* l), (s, a, l))
