@@ -10,7 +10,7 @@ import random
 import pytest
 
 from txproxy import impairment, proxy, rtp
-from txproxy.audience import FIRST_SEQ, LONGEST_INPUT, MOST_CALLS_SHARE, Run, packet
+from txproxy.audience import LONGEST_INPUT, MOST_CALLS_SHARE, Run, packet
 from txproxy.audience_worlds import RECEIVERS, Group, OneMachine, TwoCables
 
 BURST = 32
@@ -162,7 +162,7 @@ def test_streams_that_come_and_go_between_bursts_are_read_alike(act, streams):
 @pytest.mark.parametrize("streams", ["configured", "learnt", "equal_ports", "udp_configured", "udp_learnt", "both"])
 def test_answers_are_read_alike_and_leave_in_trains(act, streams):
     def play(run):
-        first = 1 if run.built else FIRST_SEQ
+        first = run.first_seq
         sent = media(BURST * 4)
         run.play(sent)
         run.sends = 0

@@ -8,6 +8,7 @@ import collections
 import itertools
 import re
 import socket
+import struct
 import time
 
 from . import control, impairment, model_receiver, proxy, receiver, reports, rtp
@@ -68,8 +69,10 @@ class Seat:
         return sum(map(len, self.reads.values()))
 
     def close(self):
+        """The port is closed: what is sent there meanwhile is lost."""
         for sock in self.sockets.values():
             sock.close()
+        self.sockets = {}
 
 
 class Run:
@@ -115,6 +118,11 @@ class Run:
         self._present.append(seat)
         return seat
 
+    @property
+    def first_seq(self):
+        """The number of the first datagram that was played."""
+        return 1 if self.built else FIRST_SEQ
+
     def joined(self):
         """Those who have come by a ping."""
         return [seat for seat in self._present if seat.port != self._net.destination]
@@ -148,6 +156,19 @@ class Run:
         before = len(self.proxy.stderr.find(gone))
         self._ping(seat, model_receiver.STOP_MAGIC)
         self.proxy.wait_stderr(gone, count=before + 1)
+
+    def reopen(self, seat):
+        """A receiver that has closed its port has it again."""
+        seat.sockets = self.world.listen(seat.address, seat.port)
+
+    def echo(self, seat):
+        """The receiver pings and asks for an echo, which tells that the proxy hears what it says."""
+        self._serial += 1
+        mark = model_receiver.echo_ping(struct.pack("<I", self._serial))
+        self._ping(seat, b"")
+        seat.sock.sendto(mark, (self.world.proxy_address, self._request_port))
+        seat.owed.append(rtp.payload(mark) if self.built else mark)
+        self._wait_all()
 
     def impair(self, **settings):
         """Switches the fixed pattern of loss on, or off again."""

@@ -54,7 +54,10 @@ class OneCable(OneMachine):
         self.addresses = [f"10.99.0.{1 + i}" for i in range(RECEIVERS)]
         self.ways = {"": None}
         self.outside.ip("route", "add", "local", "10.99.0.0/24", "dev", "lo")
-        self.namespace.ip("route", "add", "10.99.0.0/24", "via", netns.peer_address(0))
+        self.route()
+
+    def route(self, *how):
+        self.namespace.ip("route", "replace", "10.99.0.0/24", "via", netns.peer_address(0), *how)
 
     def close(self):
         self._lan.close()
