@@ -202,7 +202,6 @@ int SocketKernel::SendMany(int fd, mmsghdr* headers, unsigned count, int flags)
 
 ssize_t SocketKernel::Receive(int fd, msghdr& header, int flags)
 {
-    OnAsked();
     Socket* socket = sockets.Find(fd);
     if (socket != nullptr && !HasNews(*socket) && (flags & MSG_DONTWAIT) == 0) {
         WaitForDatagrams(socket->receiveTimeoutMs);
@@ -266,7 +265,6 @@ int SocketKernel::MarkReady(pollfd* wanted, nfds_t count) const
 
 int SocketKernel::Poll(pollfd* wanted, nfds_t count, int timeoutMs)
 {
-    OnAsked();
     const int ready = MarkReady(wanted, count);
     if (ready != 0 || timeoutMs == 0)
         return ready;

@@ -79,8 +79,7 @@ protected:
     // What became of the message, and so of each of its datagrams.
     virtual void OnMessage(const Attempt& attempt, Fate fate) = 0;
 
-    // Somebody asks for datagrams, and gets one: `count` bytes of it are in a buffer with that room.
-    virtual void OnAsked() {}
+    // Somebody gets a datagram: `count` bytes of it are in a buffer with that room.
     virtual void OnTaken(const Socket& /*socket*/, const ReceivedDatagram& /*datagram*/, uint8_t* /*buffer*/,
         size_t /*count*/, size_t /*room*/)
     {

@@ -4,14 +4,19 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <iterator>
 
 #include "input/packet_buffer.h"
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
 
 namespace simulation {
+
+using kernel_model::Attempt;
+using kernel_model::Fate;
 
 namespace {
 
@@ -113,9 +118,20 @@ void Checker::OnFilled(const PacketBuffer& packet, uint16_t seq)
     ++m_nInputs;
 }
 
-void Checker::BeginInput(const PacketBuffer& packet)
+void Checker::BeginInput(PacketBuffer* const* packets, int32_t count)
 {
     m_book.Compare();
+    m_input.fiber = m_machine.fibers.Current();
+    m_input.packets.clear();
+    m_input.receivers = m_book.Order();
+    m_input.next.assign(m_input.receivers.size(), 0);
+    m_input.dropsBefore = m_pReplicator->m_nDropPacket;
+    for (int32_t i = 0; i < count; ++i)
+        ExpectPacket(*packets[i]);
+}
+
+void Checker::ExpectPacket(const PacketBuffer& packet)
+{
     const int32_t buffer = BufferOf(packet);
     const BufferContent& content = m_contents[static_cast<size_t>(buffer)];
     ++m_nRxPackets;
@@ -128,7 +144,11 @@ void Checker::BeginInput(const PacketBuffer& packet)
     } else {
         CountLoss(seq);
     }
-    m_input = { m_machine.fibers.Current(), buffer, seq, NowTicks(), 0, m_pReplicator->m_nDropPacket };
+    Sending sending = Sending::Open;
+    if (!m_impairment.IsRandom())
+        sending = m_impairment.Step() ? Sending::Withheld : Sending::Leaves;
+    m_input.packets.push_back({ buffer, seq, NowTicks(), sending });
+    m_input.newestSeq = seq;
 }
 
 void Checker::CountLoss(uint16_t seq)
@@ -146,16 +166,28 @@ void Checker::CountLoss(uint16_t seq)
 
 void Checker::EndInput()
 {
+    CheckSettled();
     const int32_t drops = m_pReplicator->m_nDropPacket - m_input.dropsBefore;
-    const int32_t expected = m_impairment.IsRandom() ? drops : (m_impairment.Step() ? 1 : 0);
-    REQUIRE_THAT(drops == expected && drops <= 1, "%d packets withheld instead of %d", drops, expected);
+    const bool isKnown = !m_impairment.IsRandom() || !m_input.receivers.empty();
+    int32_t withheld = 0;
+    for (const Packet& packet : m_input.packets) {
+        if (packet.sending == Sending::Leaves)
+            continue;
+        ++withheld;
+        if (isKnown)
+            m_machine.Note(Happened::Withheld, m_contents[static_cast<size_t>(packet.buffer)].input);
+    }
+    REQUIRE_THAT(drops == withheld || (!isKnown && drops <= withheld), "%d packets withheld instead of %d",
+        drops, withheld);
     m_nDropped += drops;
-    if (drops != 0)
-        m_machine.Note(Happened::Withheld, m_contents[static_cast<size_t>(m_input.buffer)].input);
-    const size_t wanted = drops != 0 ? 0 : m_book.Order().size();
-    REQUIRE_THAT(m_input.sent == wanted, "a packet went to %zu streams instead of %zu", m_input.sent, wanted);
-    for (const int receiver : m_book.Order())
-        m_book.Of(receiver).engine->Store(m_input.seq, m_input.buffer, m_input.ticks);
+    for (size_t place = 0; place < m_input.receivers.size(); ++place) {
+        REQUIRE_THAT(HasAll(place, m_input.packets.size()), "receiver %d did not get all of %zu packets",
+            m_input.receivers[place], m_input.packets.size());
+    }
+    for (const Packet& packet : m_input.packets) {
+        for (const int receiver : m_book.Order())
+            m_book.Of(receiver).engine->Store(packet.seq, packet.buffer, packet.ticks);
+    }
     m_input.fiber = Fibers::NONE;
 }
 
@@ -189,15 +221,34 @@ void Checker::EndDelete(int receiver)
     m_book.Compare();
     m_book.AllowLeave(receiver, false);
     m_book.OnLockHeld(m_machine.clock.NowUs() - m_deleting.beganUs);
+    CheckSettled();
     REQUIRE_THAT(!m_book.Of(receiver).inTable, "receiver %d is still there after Delete", receiver);
     const int wanted = m_deleting.isExpected ? 5 : 0;
     REQUIRE_THAT(m_deleting.stops == wanted, "%d stop messages instead of %d", m_deleting.stops, wanted);
     m_deleting = {};
 }
 
-void Checker::OnServe(uint16_t port, const ReceivedDatagram& datagram)
+void Checker::OnRead(uint16_t port, const kernel_model::ReceivedDatagram& datagram)
+{
+    auto& read = port == DEST_PORT ? m_readPings : m_readRequests;
+    m_sends.readTogether += read.empty() ? 0 : 1;
+    read.push_back(datagram);
+}
+
+void Checker::OnWaiting()
+{
+    REQUIRE_THAT(m_readPings.empty() && m_readRequests.empty(),
+        "%zu pings and %zu requests are read and not served", m_readPings.size(), m_readRequests.size());
+}
+
+void Checker::OnServe(uint16_t port, const kernel_model::ReceivedDatagram& datagram)
 {
     m_book.Compare();
+    auto& read = port == DEST_PORT ? m_readPings : m_readRequests;
+    REQUIRE_THAT(!read.empty() && read.front().addressNet == datagram.addressNet
+            && read.front().portNet == datagram.portNet && read.front().bytes == datagram.bytes,
+        "what is served at port %d is not what was read there next", port);
+    read.pop_front();
     const int receiver
         = (ntohs(datagram.portNet) - ReceiverIdentity::FIRST_PORT) / ReceiverIdentity::PORTS_EACH;
     m_serving = { m_machine.fibers.Current(), port == DEST_PORT, false, receiver, datagram.portNet,
@@ -210,7 +261,7 @@ void Checker::OnServe(uint16_t port, const ReceivedDatagram& datagram)
         ServeRequest(datagram);
 }
 
-void Checker::ServePing(const ReceivedDatagram& datagram)
+void Checker::ServePing(const kernel_model::ReceivedDatagram& datagram)
 {
     m_serving.isStop = HasMagic(datagram.bytes, STOP_MAGIC);
     m_machine.Note(Happened::TakesPing, static_cast<uint64_t>(m_serving.receiver), ntohs(datagram.portNet),
@@ -227,6 +278,7 @@ void Checker::OnServed()
         return;
     if (m_serving.isPing)
         PingServed();
+    CheckSettled();
     REQUIRE_THAT(m_nNextExpected == m_expected.size(), "%zu of %zu answers to receiver %d are missing",
         m_expected.size() - m_nNextExpected, m_expected.size(), m_serving.receiver);
     m_serving.fiber = Fibers::NONE;
@@ -248,7 +300,7 @@ void Checker::PingServed()
         m_book.OnPingServed(receiver, m_serving.portNet, m_serving.atUs);
 }
 
-void Checker::ServeRequest(const ReceivedDatagram& datagram)
+void Checker::ServeRequest(const kernel_model::ReceivedDatagram& datagram)
 {
     m_machine.Note(Happened::TakesRequest, static_cast<uint64_t>(m_serving.receiver), datagram.bytes.size());
     const uint32_t streamId = IdOf(datagram.bytes);
@@ -279,7 +331,7 @@ void Checker::ExpectResends(int receiver, const uint8_t* bytes, size_t length)
     for (size_t i = 0; i < Word16(bytes) && 10 + 2 * i + 1 < length; ++i)
         request.seqs.push_back(Word16(bytes + 10 + 2 * i));
     StreamModel& stream = m_book.Of(receiver);
-    const uint16_t newest = m_input.seq;
+    const uint16_t newest = m_input.newestSeq;
     stream.engine->Answer(request, m_contents, NowTicks(),
         [&](uint16_t seq, EngineModel::Verdict verdict, const std::optional<ExpectedResend>& resend) {
             m_postman.TellVerdict(receiver, seq, verdict);
@@ -342,15 +394,43 @@ std::string Checker::ExpectedReply(const std::string& command) const
     return "command not implemented";
 }
 
-int Checker::OnSend(int fd, const sockaddr_in& destination, const uint8_t* bytes, size_t length)
+int Checker::Refuse(const Attempt& attempt)
+{
+    constexpr int TRAIN_ERRORS[] = { EIO, EINVAL, EMSGSIZE, EPERM, ENOBUFS };
+    if (!m_bFaults)
+        return 0;
+    if (!attempt.mayWait && m_socketRandom.Chance(m_config.fullPermille))
+        return EAGAIN;
+    if (attempt.message.IsTrain() && m_socketRandom.Chance(m_config.refusedTrainPermille))
+        return TRAIN_ERRORS[m_socketRandom.Between(0, std::size(TRAIN_ERRORS) - 1)];
+    return m_socketRandom.Chance(m_config.refusedPermille) ? ENOBUFS : 0;
+}
+
+void Checker::OnMessage(const Attempt& attempt, Fate fate)
+{
+    const auto onFirst
+        = [&](const uint8_t* bytes, size_t length) { return Recognise(attempt, bytes, length); };
+    const auto onLeft = [&](const Delivery& delivery, size_t length) {
+        m_txBytes.sum += delivery.kind != Delivery::Kind::Stop ? length : 0;
+        m_postman.SendDown(delivery);
+    };
+    if (fate != Fate::Left)
+        m_machine.Note(Happened::SendRefused, static_cast<uint64_t>(ReceiverAt(attempt.destination)));
+    const char* wrong = m_refused.Take(attempt, fate, onFirst, onLeft);
+    REQUIRE_THAT(wrong == nullptr, "a datagram to receiver %d: %s", ReceiverAt(attempt.destination), wrong);
+    CountMessage(attempt, fate);
+}
+
+Delivery Checker::Recognise(const Attempt& attempt, const uint8_t* bytes, size_t length)
 {
     const int fiber = m_machine.fibers.Current();
-    const int receiver = ReceiverAt(destination);
-    const StreamModel& stream = m_book.Of(receiver);
+    const uint16_t portNet = attempt.destination.sin_port;
+    const int receiver = ReceiverAt(attempt.destination);
+    StreamModel& stream = m_book.Of(receiver);
     REQUIRE_THAT(stream.inTable, "a datagram to receiver %d, who has no stream", receiver);
-    REQUIRE_THAT(destination.sin_port == stream.portNet, "a datagram to receiver %d at port %d instead of %d",
-        receiver, ntohs(destination.sin_port), ntohs(stream.portNet));
-    CheckSocket(fd, stream, receiver);
+    REQUIRE_THAT(portNet == stream.portNet, "a datagram to receiver %d at port %d instead of %d", receiver,
+        ntohs(portNet), ntohs(stream.portNet));
+    CheckSocket(attempt.socket, stream, receiver);
     Delivery delivery {};
     if (fiber == m_input.fiber)
         delivery = CheckMedia(receiver, bytes, length);
@@ -361,18 +441,37 @@ int Checker::OnSend(int fd, const sockaddr_in& destination, const uint8_t* bytes
     else
         Fail(Outcome::BrokenInvariant, "a datagram to receiver %d without a reason", receiver);
     m_machine.trace.AddBytes(bytes, length);
-    const bool isCounted = delivery.kind != Delivery::Kind::Stop;
-    m_nTxPackets += isCounted ? 1 : 0;
-    if (m_bFaults && m_socketRandom.Chance(m_config.refusedPermille)) {
-        m_machine.Note(Happened::SendRefused, static_cast<uint64_t>(receiver));
-        return ENOBUFS;
-    }
-    m_txBytes.sum += isCounted ? length : 0;
-    m_postman.SendDown(delivery);
-    return 0;
+    m_nTxPackets += delivery.kind != Delivery::Kind::Stop ? 1 : 0;
+    return delivery;
 }
 
-void Checker::OnSocketMade(int /*fd*/)
+// A receiver whose port is closed, or a router on the way, may tell so: whoever has a socket for that receiver alone
+// hears of it.
+void Checker::CountMessage(const Attempt& attempt, Fate fate)
+{
+    constexpr int ANSWERS[] = { ECONNREFUSED, EHOSTUNREACH, EMSGSIZE };
+    const uint64_t count = attempt.message.Datagrams();
+    if (count > 1 && fate != Fate::Left)
+        ++m_sends.refusedTrains;
+    if (fate != Fate::Left)
+        return;
+    if (count > 1) {
+        ++m_sends.trains;
+        m_sends.inTrains += count;
+    }
+    if (!attempt.socket.peer || !m_bFaults || !m_socketRandom.Chance(m_config.answeredPermille))
+        return;
+    ++m_sends.pendingErrors;
+    m_machine.sockets.Find(attempt.fd)->pendingError
+        = ANSWERS[m_socketRandom.Between(0, std::size(ANSWERS) - 1)];
+}
+
+void Checker::CheckSettled() const
+{
+    REQUIRE_THAT(m_refused.IsEmpty(), "datagrams that were refused are lost, without a try of their own");
+}
+
+void Checker::OnSocketMade()
 {
     m_book.OnSocketMade();
 }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
+#include "kernel_model/refused_datagrams.h"
 #include "simulation/config.h"
 #include "simulation/engine_model.h"
 #include "simulation/impairment_model.h"
@@ -24,6 +26,8 @@ struct Delivery {
     int receiver;
     uint16_t portNet; // of the receiver that it goes to
     uint16_t seq;
+
+    int Owner() const { return receiver; }
 };
 
 // Where recognised datagrams and the fate of requested numbers go: the links and receivers.
@@ -38,8 +42,26 @@ public:
     virtual void TellVerdict(int receiver, uint16_t seq, EngineModel::Verdict verdict) = 0;
 };
 
+// What left in how many calls.
+struct SendCounts {
+    uint64_t trains = 0; // of two datagrams at least
+    uint64_t inTrains = 0; // datagrams
+    uint64_t refusedTrains = 0;
+    uint64_t pendingErrors = 0; // of an earlier datagram, that a call was told of
+    uint64_t readTogether = 0; // datagrams of receivers that were read while others waited to be served
+
+    void Add(const SendCounts& other)
+    {
+        trains += other.trains;
+        inTrains += other.inTrains;
+        refusedTrains += other.refusedTrains;
+        pendingErrors += other.pendingErrors;
+        readTogether += other.readTogether;
+    }
+};
+
 // Knows what the proxy must do next and sees what it does. Every datagram is expected: its receiver, port, socket
-// and bytes; every expected one is sent; every counter is counted a second time.
+// and bytes; every expected one is sent, once, in whatever company; every counter is counted a second time.
 class Checker : public Outside {
 public:
     Checker(Machine& machine, const Config& config, const std::vector<ReceiverIdentity>& receivers,
@@ -51,9 +73,9 @@ public:
     void Detach();
     void EndFaults() { m_bFaults = false; }
 
-    // Input: the buffer now holds that packet; it is handed to the fan-out; the fan-out is done with it.
+    // Input: the buffer now holds that packet; some are handed to the fan-out together; it is done with them.
     void OnFilled(const PacketBuffer& packet, uint16_t seq);
-    void BeginInput(const PacketBuffer& packet);
+    void BeginInput(PacketBuffer* const* packets, int32_t count);
     void EndInput();
 
     // Operator. Receivers are StreamBook's.
@@ -71,10 +93,14 @@ public:
 
     StreamBook& Book() { return m_book; }
     uint64_t Inputs() const { return m_nInputs; }
+    const SendCounts& Sends() const { return m_sends; }
 
-    int OnSend(int fd, const sockaddr_in& destination, const uint8_t* bytes, size_t length) override;
-    void OnSocketMade(int fd) override;
-    void OnServe(uint16_t port, const ReceivedDatagram& datagram) override;
+    int Refuse(const kernel_model::Attempt& attempt) override;
+    void OnMessage(const kernel_model::Attempt& attempt, kernel_model::Fate fate) override;
+    void OnSocketMade() override;
+    void OnRead(uint16_t port, const kernel_model::ReceivedDatagram& datagram) override;
+    void OnWaiting() override;
+    void OnServe(uint16_t port, const kernel_model::ReceivedDatagram& datagram) override;
     void OnServed() override;
     void OnTimeOfDay() override;
     void OnSteadyTime() override;
@@ -89,13 +115,20 @@ private:
         std::vector<uint8_t> echo;
         ExpectedResend resend;
     };
+    enum class Sending { Open, Leaves, Withheld }; // Open: the first stream's datagrams will tell
+    struct Packet {
+        int32_t buffer;
+        uint16_t seq;
+        uint32_t ticks;
+        Sending sending;
+    };
     struct Input {
-        int fiber = Fibers::NONE; // NONE: no packet is being sent
-        int32_t buffer = 0;
-        uint16_t seq = 0;
-        uint32_t ticks = 0;
-        size_t sent = 0;
+        int fiber = Fibers::NONE; // NONE: no packets are being sent
+        std::vector<Packet> packets; // that are sent together
+        std::vector<int> receivers; // they go to, in the order of the table
+        std::vector<size_t> next; // of each receiver: the packet that was not tried yet
         int32_t dropsBefore = 0;
+        uint16_t newestSeq = 0;
     };
     struct Serving {
         int fiber = Fibers::NONE;
@@ -116,14 +149,21 @@ private:
     int32_t BufferOf(const PacketBuffer& packet) const;
     uint8_t* BytesOf(int32_t buffer) { return &m_bytes[static_cast<size_t>(buffer) * SLICE_BYTES]; }
     int ReceiverAt(const sockaddr_in& destination) const;
-    void CheckSocket(int fd, const StreamModel& stream, int receiver) const;
+    void CheckSocket(const kernel_model::Socket& socket, StreamModel& stream, int receiver) const;
+    void ExpectPacket(const PacketBuffer& packet);
+    Delivery Recognise(const kernel_model::Attempt& attempt, const uint8_t* bytes, size_t length);
     Delivery CheckMedia(int receiver, const uint8_t* bytes, size_t length);
+    size_t FindPacket(size_t place, int receiver, const uint8_t* bytes, size_t length);
+    bool HasAll(size_t place, size_t packets) const;
+    std::vector<uint8_t> Expect(int receiver, int32_t buffer, uint16_t seq, uint32_t ticks, bool isResend);
+    void CountMessage(const kernel_model::Attempt& attempt, kernel_model::Fate fate);
+    void CheckSettled() const;
     Delivery CheckAnswer(int receiver, const uint8_t* bytes, size_t length);
     Delivery CheckStop(int receiver, const uint8_t* bytes, size_t length);
     void CheckPacket(int receiver, int32_t buffer, uint16_t seq, uint32_t ticks, bool isResend,
         const uint8_t* bytes, size_t length);
-    void ServeRequest(const ReceivedDatagram& datagram);
-    void ServePing(const ReceivedDatagram& datagram);
+    void ServeRequest(const kernel_model::ReceivedDatagram& datagram);
+    void ServePing(const kernel_model::ReceivedDatagram& datagram);
     void ExpectEcho(int receiver, const uint8_t* bytes, size_t length);
     void ExpectResends(int receiver, const uint8_t* bytes, size_t length);
     void PingServed();
@@ -155,7 +195,11 @@ private:
     uint16_t m_usBuiltSeq = 0;
     std::vector<uint64_t> m_lastInput; // of each receiver: the last input that was sent to it, plus 1
     Input m_input;
+    kernel_model::RefusedDatagrams<Delivery> m_refused;
+    SendCounts m_sends;
 
+    std::deque<kernel_model::ReceivedDatagram> m_readRequests; // and not served yet
+    std::deque<kernel_model::ReceivedDatagram> m_readPings;
     Serving m_serving;
     std::vector<Expected> m_expected; // of the request that is being served
     size_t m_nNextExpected = 0;

@@ -1,6 +1,7 @@
 // What is sent, byte by byte, and what is counted.
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
 
@@ -37,25 +38,70 @@ int Checker::ReceiverAt(const sockaddr_in& destination) const
     Fail(Outcome::BrokenInvariant, "a datagram to port %d at an address where no such receiver is", port);
 }
 
-// Media to who pings leave from the port that was pinged, all others from a port of their own.
-void Checker::CheckSocket(int fd, const StreamModel& stream, int receiver) const
+// Media to who pings leave from the port that was pinged, all others from a port of their own, always the same.
+void Checker::CheckSocket(const kernel_model::Socket& socket, StreamModel& stream, int receiver) const
 {
-    const VirtualSockets::Socket* socket = m_machine.sockets.Find(fd);
-    const uint16_t wanted = stream.isStatic ? 0 : DEST_PORT;
-    REQUIRE_THAT(socket->port == wanted, "a datagram to receiver %d leaves from port %d instead of %d",
-        receiver, socket->port, wanted);
+    if (stream.sourcePort == 0)
+        stream.sourcePort = stream.isStatic ? socket.port : DEST_PORT;
+    REQUIRE_THAT(socket.port == stream.sourcePort && (socket.port == DEST_PORT) != stream.isStatic,
+        "a datagram to receiver %d leaves from port %d instead of %d", receiver, socket.port,
+        stream.sourcePort);
+}
+
+// Whether the receiver at that place of the table has got what it gets of the first packets.
+bool Checker::HasAll(size_t place, size_t packets) const
+{
+    sockaddr_in destination {};
+    const int receiver = m_input.receivers[place];
+    destination.sin_addr.s_addr = m_receivers[static_cast<size_t>(receiver)].addressNet;
+    destination.sin_port = m_book.Of(receiver).portNet;
+    size_t open = m_refused.Count(destination, receiver);
+    for (size_t i = 0; i < packets; ++i) {
+        if (m_input.packets[i].sending == Sending::Leaves && i >= m_input.next[place])
+            ++open;
+    }
+    // What was refused are the last that were tried.
+    for (size_t i = packets; i < m_input.next[place] && open > 0; ++i)
+        open -= m_input.packets[i].sending == Sending::Leaves ? 1 : 0;
+    return open == 0;
+}
+
+// The packet that a datagram is, of those that the receiver has not got. At random any may be withheld, from all.
+size_t Checker::FindPacket(size_t place, int receiver, const uint8_t* bytes, size_t length)
+{
+    size_t i = m_input.next[place];
+    for (; i < m_input.packets.size(); ++i) {
+        Packet& packet = m_input.packets[i];
+        if (packet.sending == Sending::Leaves)
+            break;
+        if (packet.sending == Sending::Withheld)
+            continue;
+        const std::vector<uint8_t> wanted = Expect(receiver, packet.buffer, packet.seq, packet.ticks, false);
+        const bool isIt = std::equal(wanted.begin(), wanted.end(), bytes, bytes + length);
+        packet.sending = isIt ? Sending::Leaves : Sending::Withheld;
+        if (isIt)
+            break;
+    }
+    REQUIRE_THAT(i < m_input.packets.size(), "receiver %d gets more than the %zu packets that are sent",
+        receiver, m_input.packets.size());
+    return i;
 }
 
 Delivery Checker::CheckMedia(int receiver, const uint8_t* bytes, size_t length)
 {
-    const uint64_t input = m_contents[static_cast<size_t>(m_input.buffer)].input;
-    uint64_t& last = m_lastInput[static_cast<size_t>(receiver)];
-    REQUIRE_THAT(last != input + 1, "input %" PRIu64 " goes to receiver %d twice", input, receiver);
-    last = input + 1;
-    m_machine.Note(Happened::SendsMedia, static_cast<uint64_t>(receiver), m_input.seq, input);
-    CheckPacket(receiver, m_input.buffer, m_input.seq, m_input.ticks, false, bytes, length);
-    ++m_input.sent;
-    return { Delivery::Kind::Media, receiver, m_book.Of(receiver).portNet, m_input.seq };
+    const auto found = std::find(m_input.receivers.begin(), m_input.receivers.end(), receiver);
+    REQUIRE_THAT(
+        found != m_input.receivers.end(), "receiver %d joined behind the packets that it gets", receiver);
+    const auto place = static_cast<size_t>(found - m_input.receivers.begin());
+    const size_t index = FindPacket(place, receiver, bytes, length);
+    REQUIRE_THAT(place == 0 || HasAll(place - 1, index + 1), "receiver %d gets packet %zu before receiver %d",
+        receiver, index, m_input.receivers[place - 1]);
+    m_input.next[place] = index + 1;
+    const Packet& packet = m_input.packets[index];
+    m_machine.Note(Happened::SendsMedia, static_cast<uint64_t>(receiver), packet.seq,
+        m_contents[static_cast<size_t>(packet.buffer)].input);
+    CheckPacket(receiver, packet.buffer, packet.seq, packet.ticks, false, bytes, length);
+    return { Delivery::Kind::Media, receiver, m_book.Of(receiver).portNet, packet.seq };
 }
 
 Delivery Checker::CheckAnswer(int receiver, const uint8_t* bytes, size_t length)
@@ -94,33 +140,33 @@ Delivery Checker::CheckStop(int receiver, const uint8_t* bytes, size_t length)
 
 // The payload is as it came; the header too, but for the time of the first sending and, in a resend, the mark of
 // one. A built header is written out whole.
+std::vector<uint8_t> Checker::Expect(
+    int receiver, int32_t buffer, uint16_t seq, uint32_t ticks, bool isResend)
+{
+    const uint8_t* payload = BytesOf(buffer);
+    std::vector<uint8_t> wanted(payload, payload + m_contents[static_cast<size_t>(buffer)].length);
+    if (m_config.udpInputMode) {
+        const uint8_t built[HEADER_BYTES] = { 0x80, 0x21 };
+        wanted.insert(wanted.begin(), built, built + sizeof(built));
+        std::memcpy(&wanted[8], &m_book.Of(receiver).ssrc, 4);
+    }
+    PutBig(&wanted[2], seq, 2);
+    PutBig(&wanted[4], ticks, 4);
+    if (isResend)
+        wanted[1] = static_cast<uint8_t>((wanted[1] & 0x80) | 122);
+    return wanted;
+}
+
 void Checker::CheckPacket(int receiver, int32_t buffer, uint16_t seq, uint32_t ticks, bool isResend,
     const uint8_t* bytes, size_t length)
 {
-    const auto wanted = static_cast<size_t>(m_contents[static_cast<size_t>(buffer)].length);
-    const uint8_t* payload = BytesOf(buffer);
-    uint8_t header[HEADER_BYTES] = { 0x80, 0x21 };
-    size_t payloadBytes = wanted;
-    if (m_config.udpInputMode) {
-        std::memcpy(header + 8, &m_book.Of(receiver).ssrc, 4);
-    } else {
-        std::memcpy(header, payload, sizeof(header));
-        payload += sizeof(header);
-        payloadBytes -= sizeof(header);
-    }
-    PutBig(header + 2, seq, 2);
-    PutBig(header + 4, ticks, 4);
-    if (isResend)
-        header[1] = static_cast<uint8_t>((header[1] & 0x80) | 122);
-    REQUIRE_THAT(length == payloadBytes + HEADER_BYTES,
-        "number %d to receiver %d has %zu bytes instead of %zu", seq, receiver, length,
-        payloadBytes + HEADER_BYTES);
-    for (size_t i = 0; i < HEADER_BYTES; ++i)
-        REQUIRE_THAT(bytes[i] == header[i],
-            "number %d to receiver %d has 0x%02x in byte %zu of its header instead of 0x%02x", seq, receiver,
-            bytes[i], i, header[i]);
-    REQUIRE_THAT(std::memcmp(bytes + HEADER_BYTES, payload, payloadBytes) == 0,
-        "number %d to receiver %d has another payload", seq, receiver);
+    const std::vector<uint8_t> wanted = Expect(receiver, buffer, seq, ticks, isResend);
+    REQUIRE_THAT(length == wanted.size(), "number %d to receiver %d has %zu bytes instead of %zu", seq,
+        receiver, length, wanted.size());
+    for (size_t i = 0; i < length; ++i)
+        REQUIRE_THAT(bytes[i] == wanted[i],
+            "number %d to receiver %d has 0x%02x in byte %zu instead of 0x%02x", seq, receiver, bytes[i], i,
+            wanted[i]);
 }
 
 // The status thread reads the time of day once a second to turn bytes into rates, and once before the first.

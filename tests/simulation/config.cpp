@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <iterator>
+
+#include "base/most_together.h"
 
 namespace simulation {
 
@@ -92,6 +95,7 @@ Config::Config(uint64_t seedNumber) : seed(seedNumber)
     DrawReceivers(random);
     DrawFaults(random);
     DrawClocks(random);
+    DrawTrains(random);
 }
 
 void Config::DrawShape(Random& random)
@@ -206,6 +210,27 @@ void Config::DrawClocks(Random& random)
     largestStepUs = steps[random.Between(0, pacingBitRate != 0 ? 2 : 3)];
 }
 
+// Bursts leave the rate as it is, for a longer gap is behind them, but where packets are seconds apart anyway.
+void Config::DrawTrains(Random& random)
+{
+    constexpr int64_t MTUS[] = { 1500, 1500, 1300, 9000 };
+    const bool isSparse = packetGapUs >= SECOND;
+    if (random.Chance(700)) {
+        burstPermille = random.Chance(300) && !isSparse ? 1000 : random.Between(5, isSparse ? 50 : 300);
+        longestBurst = random.Between(2, MOST_TOGETHER);
+    }
+    if (random.Chance(500))
+        equalPermille = random.Chance(500) ? 1000 : random.Between(500, 990);
+    if (random.Chance(400))
+        refusedTrainPermille = random.Chance(150) ? 1000 : random.Between(1, 200);
+    if (random.Chance(300))
+        fullPermille = random.Chance(100) ? 1000 : random.Between(1, 200);
+    if (random.Chance(400))
+        answeredPermille = random.Chance(300) ? 1000 : random.Between(1, 200);
+    mtuBytes = MTUS[random.Between(0, std::size(MTUS) - 1)];
+    isOldKernel = random.Chance(300);
+}
+
 void Config::Print(FILE* stream) const
 {
     fprintf(stream,
@@ -232,6 +257,11 @@ void Config::Print(FILE* stream) const
         "\n",
         refusedPermille, inputLossPermille, inputRepeatPermille, stopsPermille, silentPermille, movePermille,
         leavePermille, greedyPermille, noisePermille);
+    fprintf(stream,
+        "  bursts %" PRId64 " of up to %" PRId64 ", equal sizes %" PRId64 "; trains refused %" PRId64
+        ", sends that would wait %" PRId64 ", answers to connected sockets %" PRId64 "; MTU %" PRId64 "%s\n",
+        burstPermille, longestBurst, equalPermille, refusedTrainPermille, fullPermille, answeredPermille,
+        mtuBytes, isOldKernel ? ", older kernel" : "");
     fprintf(stream,
         "  oversleep %" PRId64 " us, stalls %" PRId64 "; wall %" PRId64 " us, steady %" PRId64
         " us, %d steps of up to %" PRId64 " us; a command every %" PRId64

@@ -46,16 +46,24 @@ struct Config {
     int64_t packetGapUs = 0; // on average
     int64_t smallestPayload = 0;
     int64_t largestPayload = 0;
+    int64_t equalPermille = 0; // of the packets are as long as the one before
     int64_t inputLossPermille = 0;
     int64_t inputRepeatPermille = 0;
     uint16_t firstSeq = 0;
     int64_t stopsPermille = 0; // of the packets: the input pauses behind one
+    int64_t burstPermille = 0; // of the packets begin a burst
+    int64_t longestBurst = 1; // packets that come at once
 
     // Links.
     int64_t delayUs = 0; // the shortest, one way
     LinkFaults downlink;
     LinkFaults uplink;
     int64_t refusedPermille = 0; // of the sends fail with an error
+    int64_t refusedTrainPermille = 0; // of the trains do so
+    int64_t fullPermille = 0; // of the sends that must not wait would have to
+    int64_t answeredPermille = 0; // of the sends from connected sockets have an answer that they failed
+    int64_t mtuBytes = 1500;
+    bool isOldKernel = false; // says something else to trains of pieces that are too long
 
     // Machine and clocks.
     Machine::Faults machine;
@@ -86,6 +94,7 @@ private:
     void DrawReceivers(Random& random);
     void DrawFaults(Random& random);
     void DrawClocks(Random& random);
+    void DrawTrains(Random& random);
 };
 
 } // namespace simulation

@@ -1,9 +1,8 @@
 #include "simulation/machine.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
+#include "simulation/failure.h"
 #include "support/wrapped_calls.h"
 
 namespace simulation {
@@ -11,13 +10,6 @@ namespace simulation {
 namespace {
 
 constexpr int64_t STALL_US = 20000;
-
-int CountReadable(const VirtualSockets& sockets, pollfd* wanted, size_t count)
-{
-    return MarkReadable(
-        wanted, count, [&](int fd) { return sockets.Find(fd) != nullptr; },
-        [&](int fd) { return !sockets.Find(fd)->received.empty(); });
-}
 
 } // namespace
 
@@ -30,11 +22,13 @@ Machine::Machine(uint64_t seed, int64_t steadyStartUs, int64_t wallStartUs, cons
       m_faults(faults)
 {
     s_current = this;
+    SetCurrent(this);
 }
 
 Machine::~Machine()
 {
     s_current = nullptr;
+    SetCurrent(nullptr);
 }
 
 bool Machine::Step()
@@ -76,54 +70,53 @@ void Machine::UnlockMutex(pthread_mutex_t* mutex)
     fibers.Wake(fiber);
 }
 
-bool Machine::Deliver(uint16_t port, const ReceivedDatagram& datagram)
+bool Machine::Deliver(uint16_t port, const kernel_model::ReceivedDatagram& datagram)
 {
-    VirtualSockets::Socket* socket = sockets.FindBound(port);
-    if (socket == nullptr)
+    if (!Put(port, datagram))
         return false;
-    socket->received.push_back(datagram);
-    if (m_nPollingFiber != Fibers::NONE)
-        fibers.Wake(m_nPollingFiber);
+    if (m_nWaitingFiber != Fibers::NONE)
+        fibers.Wake(m_nWaitingFiber);
     return true;
 }
 
-int Machine::Poll(pollfd* wanted, size_t count, int timeoutMs)
+void Machine::WaitForDatagrams(int64_t ms)
 {
-    m_pOutside->OnServed();
-    int ready = CountReadable(sockets, wanted, count);
-    if (ready != 0 || timeoutMs == 0)
-        return ready;
-    m_nPollingFiber = fibers.Current();
-    (void)fibers.Wait(static_cast<int64_t>(timeoutMs) * 1000);
-    m_nPollingFiber = Fibers::NONE;
-    return CountReadable(sockets, wanted, count);
+    m_pOutside->OnWaiting();
+    m_nWaitingFiber = fibers.Current();
+    (void)fibers.Wait(ms < 0 ? -1 : ms * 1000);
+    m_nWaitingFiber = Fibers::NONE;
 }
 
-ssize_t Machine::Receive(int fd, void* buffer, size_t room, sockaddr_in* source)
+void Machine::OnTaken(const kernel_model::Socket& socket, const kernel_model::ReceivedDatagram& datagram,
+    uint8_t* /*buffer*/, size_t /*count*/, size_t /*room*/)
 {
-    m_pOutside->OnServed();
-    VirtualSockets::Socket* socket = sockets.Find(fd);
-    if (socket == nullptr || socket->received.empty()) {
-        errno = socket == nullptr ? EBADF : EAGAIN;
-        return -1;
+    m_pOutside->OnRead(socket.port, datagram);
+}
+
+void Machine::OnDescriptor(kernel_model::Descriptor change, int fd, int other)
+{
+    using kernel_model::Descriptor;
+    const auto number = static_cast<uint64_t>(fd);
+    switch (change) {
+    case Descriptor::Made:
+        Note(Happened::SocketMade, number, static_cast<uint64_t>(fibers.Current()));
+        m_pOutside->OnSocketMade();
+        break;
+    case Descriptor::Duplicated:
+        Note(Happened::SocketDuplicated, number, static_cast<uint64_t>(other));
+        break;
+    case Descriptor::Closed:
+        Note(Happened::SocketClosed, number);
+        break;
+    case Descriptor::Shut:
+        Note(Happened::SocketShut, number);
+        break;
     }
-    const ReceivedDatagram datagram = std::move(socket->received.front());
-    socket->received.pop_front();
-    const size_t length = std::min(room, datagram.bytes.size());
-    if (length != 0)
-        std::memcpy(buffer, datagram.bytes.data(), length);
-    *source = {};
-    source->sin_family = AF_INET;
-    source->sin_addr.s_addr = datagram.addressNet;
-    source->sin_port = datagram.portNet;
-    m_pOutside->OnServe(socket->port, datagram);
-    return static_cast<ssize_t>(length);
 }
 
-ssize_t Machine::Send(int fd, const sockaddr_in& destination, const uint8_t* bytes, size_t length)
+void Machine::OnMisuse(const char* promise)
 {
-    errno = sockets.Find(fd) == nullptr ? EBADF : m_pOutside->OnSend(fd, destination, bytes, length);
-    return errno == 0 ? static_cast<ssize_t>(length) : -1;
+    Fail(Outcome::BrokenInvariant, "broken promise: %s", promise);
 }
 
 } // namespace simulation

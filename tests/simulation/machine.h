@@ -1,7 +1,5 @@
 #pragma once
 
-#include <netinet/in.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/types.h>
 
@@ -9,12 +7,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "kernel_model/socket_kernel.h"
 #include "simulation/event_queue.h"
 #include "simulation/fibers.h"
 #include "simulation/random.h"
 #include "simulation/trace.h"
 #include "simulation/virtual_clock.h"
-#include "simulation/virtual_sockets.h"
 
 namespace simulation {
 
@@ -27,13 +25,18 @@ public:
     Outside& operator=(const Outside&) = delete;
     virtual ~Outside() = default;
 
-    // One datagram. Returns 0, or the error number with which the call is to fail.
-    virtual int OnSend(int fd, const sockaddr_in& destination, const uint8_t* bytes, size_t length) = 0;
+    // A message is to leave: 0, or the error number with which the call is to fail.
+    virtual int Refuse(const kernel_model::Attempt& attempt) = 0;
+    // It has left or was refused.
+    virtual void OnMessage(const kernel_model::Attempt& attempt, kernel_model::Fate fate) = 0;
     // A descriptor of a socket of its own was made.
-    virtual void OnSocketMade(int fd) = 0;
-    // The listen thread has taken a datagram from a port (host order) and serves it until it asks for more.
-    virtual void OnServe(uint16_t port, const ReceivedDatagram& datagram) = 0;
+    virtual void OnSocketMade() = 0;
+    // The listen thread has read a datagram from a port (host order); later it serves it, and is done with it. It
+    // waits for others only when it is done with all.
+    virtual void OnRead(uint16_t port, const kernel_model::ReceivedDatagram& datagram) = 0;
+    virtual void OnServe(uint16_t port, const kernel_model::ReceivedDatagram& datagram) = 0;
     virtual void OnServed() = 0;
+    virtual void OnWaiting() = 0;
     // The time of day, or the steady clock, was read by the thread that runs.
     virtual void OnTimeOfDay() = 0;
     virtual void OnSteadyTime() = 0;
@@ -41,7 +44,7 @@ public:
 
 // The machine on which the proxy runs: its clocks, threads, mutexes and sockets. The wrapped calls find it
 // through Current.
-class Machine {
+class Machine : public kernel_model::SocketKernel {
 public:
     struct Faults {
         int64_t oversleepUs = 0; // a sleep may take up to so much longer
@@ -51,7 +54,7 @@ public:
     Machine(uint64_t seed, int64_t steadyStartUs, int64_t wallStartUs, const Faults& faults);
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
-    ~Machine();
+    ~Machine() override;
 
     // The one that runs; null between two.
     static Machine* Current() { return s_current; }
@@ -73,20 +76,25 @@ public:
     void UnlockMutex(pthread_mutex_t* mutex);
 
     // A datagram arrives for a port of the proxy (host order). False when no socket is bound to it.
-    bool Deliver(uint16_t port, const ReceivedDatagram& datagram);
-    // Waits until one of the descriptors is readable; the number of those that are.
-    int Poll(pollfd* wanted, size_t count, int timeoutMs);
-    // Takes a datagram; -1 when there is none.
-    ssize_t Receive(int fd, void* buffer, size_t room, sockaddr_in* source);
-    ssize_t Send(int fd, const sockaddr_in& destination, const uint8_t* bytes, size_t length);
+    bool Deliver(uint16_t port, const kernel_model::ReceivedDatagram& datagram);
 
     VirtualClock clock;
     EventQueue queue;
     Trace trace;
     Fibers fibers;
-    VirtualSockets sockets;
 
 private:
+    int Refuse(const kernel_model::Attempt& attempt) override { return m_pOutside->Refuse(attempt); }
+    void OnMessage(const kernel_model::Attempt& attempt, kernel_model::Fate fate) override
+    {
+        m_pOutside->OnMessage(attempt, fate);
+    }
+    void OnTaken(const kernel_model::Socket& socket, const kernel_model::ReceivedDatagram& datagram,
+        uint8_t* buffer, size_t count, size_t room) override;
+    void WaitForDatagrams(int64_t ms) override;
+    void OnDescriptor(kernel_model::Descriptor change, int fd, int other) override;
+    void OnMisuse(const char* promise) override;
+
     struct MutexWaiter {
         pthread_mutex_t* mutex;
         int fiber;
@@ -98,7 +106,7 @@ private:
     Faults m_faults;
     Outside* m_pOutside = nullptr;
     std::vector<MutexWaiter> m_mutexWaiters; // in the order in which they came
-    int m_nPollingFiber = Fibers::NONE;
+    int m_nWaitingFiber = Fibers::NONE; // for datagrams
 };
 
 } // namespace simulation

@@ -36,6 +36,7 @@ struct Totals {
     uint64_t recovered = 0;
     double virtualDays = 0;
     WrapCounts wraps;
+    SendCounts sends;
 };
 
 [[noreturn]] void PrintUsage()
@@ -104,6 +105,7 @@ void Add(Totals& totals, const RunResult& result)
     totals.recovered += result.recovered;
     totals.virtualDays += static_cast<double>(result.virtualUs) / 86400e6;
     totals.wraps.Add(result.wraps);
+    totals.sends.Add(result.sends);
 }
 
 void RunAndRepeat(uint64_t seed, const Options& options, Totals& totals)
@@ -131,6 +133,11 @@ void PrintTotals(const Totals& totals, double seconds)
         " seeds run twice\n",
         totals.seeds, seconds, totals.virtualDays, totals.datagrams, totals.mostDatagrams, totals.recovered,
         totals.events, totals.repeated);
+    fprintf(Report(),
+        "%" PRIu64 " datagrams in %" PRIu64 " trains, %" PRIu64 " trains refused; %" PRIu64
+        " answers to connected sockets; %" PRIu64 " datagrams of receivers read together\n",
+        totals.sends.inTrains, totals.sends.trains, totals.sends.refusedTrains, totals.sends.pendingErrors,
+        totals.sends.readTogether);
     fprintf(Report(), "wraps passed:");
     for (size_t i = 0; i < WRAP_KINDS; ++i)
         fprintf(Report(), "%s %s %" PRIu64, i == 0 ? "" : ",", WRAP_NAMES[i], totals.wraps.passed[i]);

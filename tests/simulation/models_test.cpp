@@ -5,7 +5,6 @@
 #include "simulation/impairment_model.h"
 #include "simulation/pacer_model.h"
 #include "simulation/virtual_clock.h"
-#include "simulation/virtual_sockets.h"
 #include "simulation/wraps.h"
 
 namespace simulation {
@@ -128,20 +127,6 @@ TEST(SimulationWraps, BothTheWrapAndTheSignAreSeen)
     counts.Watch(1, 2, Wrap::WallMs, Wrap::WallMsSign);
     EXPECT_EQ(counts.passed[static_cast<size_t>(Wrap::WallMs)], 1U);
     EXPECT_EQ(counts.passed[static_cast<size_t>(Wrap::WallMsSign)], 1U);
-}
-
-TEST(SimulationSockets, ADuplicateKeepsTheSocketWhenTheFirstDescriptorIsClosed)
-{
-    VirtualSockets sockets;
-    const int first = sockets.Make();
-    const int second = sockets.Make();
-    sockets.Find(first)->port = 7;
-    EXPECT_EQ(sockets.Duplicate(first, second), second);
-    EXPECT_TRUE(sockets.Close(first));
-    EXPECT_FALSE(sockets.Close(first));
-    EXPECT_EQ(sockets.FindBound(7), sockets.Find(second));
-    EXPECT_EQ(sockets.Open(), 1);
-    EXPECT_EQ(sockets.Make(), first) << "the lowest free number is given out";
 }
 
 } // namespace simulation

@@ -45,7 +45,7 @@ private:
         Direction direction;
         Delivery delivery;
         uint16_t toPort;
-        ReceivedDatagram datagram;
+        kernel_model::ReceivedDatagram datagram;
     };
 
     void Send(LinkModel& link, int receiver, const Message& message);

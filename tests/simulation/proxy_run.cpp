@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "arq/arq_settings.h"
+#include "base/most_together.h"
 #include "pacing/c_pacer.h"
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
@@ -42,20 +43,35 @@ std::string ListOf(const std::vector<ReceiverIdentity>& receivers)
 
 } // namespace
 
-bool ProxyRun::WatchedSend::Send(PacketBuffer* packet)
+void ProxyRun::WatchedSend::TakeFromModel(const PacketBuffer& packet)
 {
     uint64_t wanted = 0;
     REQUIRE_THAT(m_run.m_pacerModel->TakeNext(&wanted), "the pacer sends what it was not given");
-    REQUIRE_THAT(NumberIn(*packet) == wanted, "the pacer sends input %" PRIu64 " instead of %" PRIu64,
-        NumberIn(*packet), wanted);
+    REQUIRE_THAT(NumberIn(packet) == wanted, "the pacer sends input %" PRIu64 " instead of %" PRIu64,
+        NumberIn(packet), wanted);
     if (m_run.m_bOverflows)
         m_run.m_bOverflows = false;
     else
         ++m_run.m_nSentByTick;
-    m_run.m_checker.BeginInput(*packet);
+}
+
+bool ProxyRun::WatchedSend::Send(PacketBuffer* packet)
+{
+    TakeFromModel(*packet);
+    m_run.m_checker.BeginInput(&packet, 1);
     const bool isSent = PacerCB::Send(packet);
     m_run.m_checker.EndInput();
     return isSent;
+}
+
+void ProxyRun::WatchedSend::SendTogether(PacketBuffer* const* packets, int32_t count)
+{
+    REQUIRE_THAT(count <= MOST_TOGETHER, "%d packets leave the pacer together", count);
+    for (int32_t i = 0; i < count; ++i)
+        TakeFromModel(*packets[i]);
+    m_run.m_checker.BeginInput(packets, count);
+    PacerCB::SendTogether(packets, count);
+    m_run.m_checker.EndInput();
 }
 
 int ProxyRun::WatchedPacer::OnTimer()
@@ -132,31 +148,59 @@ void ProxyRun::CreatePacer()
 
 void ProxyRun::Deliver()
 {
+    int64_t count = 1;
     while (m_machine.clock.NowUs() < m_config.InputEndUs()) {
-        (void)m_machine.fibers.Wait(NextGapUs());
-        HandIn();
+        (void)m_machine.fibers.Wait(NextGapUs(count));
+        count = BurstLength();
+        HandIn(count);
     }
 }
 
-int64_t ProxyRun::NextGapUs()
+// So long behind the last `packets` of them the next ones come.
+int64_t ProxyRun::NextGapUs(int64_t packets)
 {
-    const int64_t gapUs = m_random.Between(m_config.packetGapUs / 2, m_config.packetGapUs * 3 / 2);
+    if (m_config.packetGapUs >= SECOND)
+        packets = 1;
+    const int64_t gapUs = packets * m_random.Between(m_config.packetGapUs / 2, m_config.packetGapUs * 3 / 2);
     return m_bFaults && m_random.Chance(m_config.stopsPermille) ? gapUs + m_random.Between(0, 3 * SECOND)
                                                                 : gapUs;
 }
 
-void ProxyRun::HandIn()
+int64_t ProxyRun::BurstLength()
 {
-    PacketBuffer* packet = FillPacket();
-    if (!m_pPacerCB) {
-        m_checker.BeginInput(*packet);
-        (void)m_pReplicator->SendPacket(packet);
-        m_checker.EndInput();
+    return m_bFaults && m_random.Chance(m_config.burstPermille) ? m_random.Between(2, m_config.longestBurst)
+                                                                : 1;
+}
+
+void ProxyRun::HandIn(int64_t count)
+{
+    std::vector<PacketBuffer*> packets;
+    for (int64_t i = 0; i < count; ++i)
+        packets.push_back(FillPacket());
+    if (m_pPacerCB) {
+        for (PacketBuffer* packet : packets)
+            Submit(packet);
         return;
     }
+    const auto together = static_cast<int32_t>(count);
+    m_checker.BeginInput(packets.data(), together);
+    (void)m_pReplicator->SendPackets(packets.data(), together);
+    m_checker.EndInput();
+}
+
+void ProxyRun::Submit(PacketBuffer* packet)
+{
     m_bOverflows = m_pacerModel->Submit(NumberIn(*packet), packet->Length());
     REQUIRE_THAT(m_pPacerCB->m_pPacer->Submit(packet), "the pacer takes no packet");
     REQUIRE_THAT(!m_bOverflows, "the pacer overflows and sends nothing");
+}
+
+int32_t ProxyRun::PayloadBytes()
+{
+    if (m_nPayloadBytes == 0 || !m_random.Chance(m_config.equalPermille))
+        m_nPayloadBytes
+            = static_cast<int32_t>(m_random.Between(m_config.smallestPayload, m_config.largestPayload));
+    return m_nPayloadBytes;
 }
 
 PacketBuffer* ProxyRun::FillPacket()
@@ -164,8 +208,7 @@ PacketBuffer* ProxyRun::FillPacket()
     PacketBuffer* packet = m_pReplicator->PacketPool().get();
     const uint64_t input = m_checker.Inputs();
     std::memcpy(packet->userWords, &input, sizeof(input));
-    const auto payload
-        = static_cast<int32_t>(m_random.Between(m_config.smallestPayload, m_config.largestPayload));
+    const int32_t payload = PayloadBytes();
     const int32_t header = m_config.udpInputMode ? 0 : HEADER_BYTES;
     uint8_t* bytes = packet->Data();
     Random filler(input + m_config.seed);

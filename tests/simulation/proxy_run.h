@@ -38,8 +38,11 @@ private:
     public:
         WatchedSend(ProxyRun& run, ArqSendReplicator* replicator) : PacerCB(replicator), m_run(run) {}
         bool Send(PacketBuffer* packet) override;
+        void SendTogether(PacketBuffer* const* packets, int32_t count) override;
 
     private:
+        void TakeFromModel(const PacketBuffer& packet);
+
         ProxyRun& m_run;
     };
     class WatchedPacer : public CPacer {
@@ -59,11 +62,14 @@ private:
     void Build();
     void CreatePacer();
     void Deliver();
-    void HandIn();
+    void HandIn(int64_t count);
+    void Submit(PacketBuffer* packet);
+    int64_t BurstLength();
+    int32_t PayloadBytes();
     void TakeDown();
     PacketBuffer* FillPacket();
     uint16_t NextSeq();
-    int64_t NextGapUs();
+    int64_t NextGapUs(int64_t packets);
 
     Machine& m_machine;
     const Config& m_config;
@@ -80,6 +86,7 @@ private:
     int64_t m_nTicks = 0;
     int64_t m_nPacerStartUs = 0; // wall clock
     uint16_t m_usNextSeq;
+    int32_t m_nPayloadBytes = 0; // of the last packet
 };
 
 } // namespace simulation

@@ -42,6 +42,7 @@ struct StreamModel {
     bool inTable = false;
     bool isStatic = false;
     uint16_t portNet = 0; // where its datagrams go
+    uint16_t sourcePort = 0; // where they come from, host order; 0: none has been sent
     uint32_t ssrc = 0; // of built headers
     int64_t lastPingUs = 0;
     int64_t lockHeldUs = 0; // as LockHeldUs was then

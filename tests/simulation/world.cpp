@@ -1,5 +1,6 @@
 #include "simulation/world.h"
 
+#include <cerrno>
 #include <cinttypes>
 
 #include "replicator/arq_send_replicator.h"
@@ -27,6 +28,8 @@ World::World(const Config& config)
       m_clockRandom(config.seed, Purpose::Clock)
 {
     m_machine.SetOutside(&m_checker);
+    m_machine.mtuBytes = static_cast<size_t>(config.mtuBytes);
+    m_machine.tooLongError = config.isOldKernel ? EINVAL : EMSGSIZE;
     for (const ReceiverIdentity& receiver : m_receivers)
         m_models.push_back(std::make_unique<ModelReceiver>(m_machine, m_config, receiver, m_network));
 }
@@ -148,6 +151,7 @@ RunResult World::Result() const
         result.recovered += model->Recovered();
     result.virtualUs = m_machine.clock.NowUs();
     result.wraps = m_wraps;
+    result.sends = m_checker.Sends();
     return result;
 }
 

@@ -24,6 +24,7 @@ struct RunResult {
     uint64_t recovered = 0; // packets that receivers missed and then got
     int64_t virtualUs = 0;
     WrapCounts wraps;
+    SendCounts sends;
 };
 
 // One seed: the proxy, its receivers, the links between them, the clock and the operator. First there are faults,
