@@ -74,7 +74,7 @@ void Step(World& world, InputReader& input, Loss& loss)
     case 5:
         return world.Advance(input.Byte());
     case 6:
-        return world.FailSends(input.Byte() % 8);
+        return world.FailSends(input.Byte());
     case 7:
         return world.SendPing("", World::Address(input), input.Byte());
     default:

@@ -93,7 +93,7 @@ void Step(World& world, InputReader& input, Budget& budget)
     case 6:
         return world.StepWallClock(static_cast<int32_t>(input.Long()));
     default:
-        return world.FailSends(input.Byte() % 8);
+        return world.FailSends(input.Byte());
     }
 }
 

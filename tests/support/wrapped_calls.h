@@ -53,21 +53,3 @@ WRAPPED_CALL(int, stat, const char*, struct stat*);
 WRAPPED_CALL(int, open, const char*, int, ...);
 }
 // NOLINTEND(bugprone-reserved-identifier)
-
-// Marks what poll would mark, for a kernel of a test's own; how many of the descriptors have something to tell.
-template <typename IsOpen, typename IsReadable>
-int MarkReadable(pollfd* wanted, nfds_t count, IsOpen isOpen, IsReadable isReadable)
-{
-    int ready = 0;
-    for (nfds_t i = 0; i < count; ++i) {
-        wanted[i].revents = 0;
-        if (wanted[i].fd < 0)
-            continue;
-        if (!isOpen(wanted[i].fd))
-            wanted[i].revents = POLLNVAL;
-        else if (isReadable(wanted[i].fd))
-            wanted[i].revents = POLLIN;
-        ready += wanted[i].revents != 0 ? 1 : 0;
-    }
-    return ready;
-}

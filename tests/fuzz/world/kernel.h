@@ -3,39 +3,39 @@
 #include <netinet/in.h>
 #include <sys/time.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <memory>
-#include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "fuzz/world/fibers.h"
+#include "kernel_model/socket_kernel.h"
 
 // What the code under test takes for the system: sockets without a network, threads without concurrency, a clock
 // that the input moves. kernel_calls.cpp leads the calls of the C library here while a kernel is entered. Nothing
-// leaves the process: a send is handed to onSend.
+// leaves the process: a message is handed to onMessage.
 //
 // Threads: the one that made it.
-class Kernel {
+class Kernel : public kernel_model::SocketKernel {
 public:
     // Whoever is in between is served by this kernel.
     class Entered {
     public:
-        explicit Entered(Kernel& kernel) { s_pCurrent = &kernel; }
+        explicit Entered(Kernel& kernel) { SetCurrent(&kernel); }
         Entered(const Entered&) = delete;
         Entered& operator=(const Entered&) = delete;
-        ~Entered() { s_pCurrent = nullptr; }
+        ~Entered() { SetCurrent(nullptr); }
     };
-    static Kernel* Current() { return s_pCurrent; }
+    static Kernel* Current() { return static_cast<Kernel*>(SocketKernel::Current()); }
 
     Kernel();
 
-    // Called with the bytes of each datagram that is sent. Returns 0, or the error that the send ends with.
-    std::function<int(std::string_view datagram, const sockaddr_in& destination)> onSend;
+    // Called with each message that is to be sent. Returns 0, or the error that the call ends with.
+    std::function<int(const kernel_model::Attempt&)> onRefuse;
+    // Called with what became of it.
+    std::function<void(const kernel_model::Attempt&, kernel_model::Fate)> onMessage;
     // The addresses of host names: 0 for an unknown one.
     std::function<in_addr_t(const char* name)> onLookUp;
 
@@ -54,45 +54,20 @@ public:
     // Datagrams were received into these pieces of memory; they are cleared.
     void ClearReceived();
 
-    size_t OpenCount() const { return m_nOpen; }
-
-    // The system calls, as kernel_calls.cpp has them; negative results are error numbers.
-    int Open();
-    int Duplicate(int fd);
-    int DuplicateTo(int fd, int place);
-    int Close(int fd);
-    int Bind(int fd, uint16_t port);
-    int ShutDown(int fd);
-    int Send(int fd, std::string_view datagram, const sockaddr_in& destination);
-    ssize_t Receive(int fd, uint8_t* buffer, size_t size, bool waits, sockaddr_in* source);
-    bool IsReadable(int fd) const;
-    static bool IsOurs(int fd) { return fd >= FIRST_FD && fd < FIRST_FD + FD_COUNT; }
-    bool IsOpen(int fd) const { return IsOurs(fd) && At(fd) != nullptr; }
+    size_t OpenCount() const { return static_cast<size_t>(sockets.Open()); }
 
     Fibers fibers;
 
 private:
-    static constexpr int FIRST_FD = 5000;
-    static constexpr int FD_COUNT = 1000;
+    int Refuse(const kernel_model::Attempt& attempt) override { return onRefuse ? onRefuse(attempt) : 0; }
+    void OnMessage(const kernel_model::Attempt& attempt, kernel_model::Fate fate) override;
+    void OnTaken(const kernel_model::Socket& socket, const kernel_model::ReceivedDatagram& datagram,
+        uint8_t* buffer, size_t count, size_t room) override;
+    void WaitForDatagrams(int64_t ms) override;
+    // As if there were always too many of them.
+    int64_t WaitingBytes(const kernel_model::Socket& /*socket*/) override { return 212992; }
+    void OnMisuse(const char* promise) override;
 
-    struct Datagram {
-        std::string bytes;
-        in_addr_t sourceNet;
-        uint16_t sourcePortNet;
-    };
-    struct Socket {
-        uint16_t port = 0; // host order; 0: not bound
-        bool isShutDown = false;
-        std::deque<Datagram> inbox;
-    };
-
-    const std::shared_ptr<Socket>& At(int fd) const { return m_sockets[static_cast<size_t>(fd - FIRST_FD)]; }
-    std::shared_ptr<Socket>& At(int fd) { return m_sockets[static_cast<size_t>(fd - FIRST_FD)]; }
-    int Put(const std::shared_ptr<Socket>& socket);
-
-    static thread_local Kernel* s_pCurrent;
-    std::array<std::shared_ptr<Socket>, FD_COUNT> m_sockets;
-    size_t m_nOpen = 0;
     std::string_view m_leftOver;
     std::vector<std::pair<uint8_t*, size_t>> m_received;
     int64_t m_nWallUs = 0; // what the wall clock is ahead of the fibers' time

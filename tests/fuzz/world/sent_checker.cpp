@@ -65,57 +65,117 @@ void SentChecker::Forget()
 {
     for (Stored& stored : m_ring)
         stored.isThere = false;
+    m_refused.Forget();
     m_bIsFirst = true;
 }
 
-void SentChecker::BeginMedia(std::string_view packet, std::vector<const MyArqSendCB*> streams, uint32_t ticks)
+void SentChecker::BeginMedia(const std::vector<std::string_view>& packets,
+    std::vector<const MyArqSendCB*> streams, bool mayBeWithheld, uint32_t ticks)
 {
     m_phase = Phase::Media;
-    m_packet = packet;
-    m_first.clear();
+    m_packets.clear();
+    m_bMayBeWithheld = mayBeWithheld;
     m_streams = std::move(streams);
+    m_next.assign(m_streams.size(), 0);
     m_nTicks = ticks;
-    m_nSent = 0;
-    if (!m_bUdpInput)
-        PutTime(m_packet, ticks);
+    for (const std::string_view packet : packets) {
+        m_packets.push_back({ std::string(packet), "", false });
+        if (!m_bUdpInput)
+            PutTime(m_packets.back().bytes, ticks);
+    }
 }
 
-void SentChecker::CheckMedia(std::string_view datagram, const sockaddr_in& destination)
+bool SentChecker::IsMadeOf(std::string_view datagram, const Packet& packet) const
 {
-    Require(m_nSent < m_streams.size(), "an input packet is sent once to each stream");
-    Require(GoesTo(*m_streams[m_nSent], destination), "media go to the streams, in their order");
-    if (!m_bUdpInput)
-        Require(datagram == m_packet, "a first sending is the input but for its time");
-    else
-        Require(IsBuilt(datagram, m_packet, m_nTicks), "a first sending is a header and the input");
-    if (m_first.empty())
-        m_first = datagram;
-    Require(datagram.substr(0, std::min<size_t>(8, datagram.size()))
-            == std::string_view(m_first).substr(0, std::min<size_t>(8, datagram.size())),
-        "all streams get the same number");
+    const size_t numbered = std::min<size_t>(8, datagram.size());
+    if (!packet.first.empty()
+        && datagram.substr(0, numbered) != std::string_view(packet.first).substr(0, numbered))
+        return false; // all streams get the same number
+    return m_bUdpInput ? IsBuilt(datagram, packet.bytes, m_nTicks) : datagram == packet.bytes;
 }
 
-void SentChecker::EndMedia(
-    const PacketBuffer& packet, std::vector<const MyArqSendCB*> holders, bool mayBeWithheld)
+// Whether the datagram is the next packet of the stream at that place, behind the stream before it. What one stream
+// does not get is withheld from all.
+bool SentChecker::TakePacket(size_t place, std::string_view datagram)
+{
+    size_t index = m_next[place];
+    const auto mayLack = [this](const Packet& packet) {
+        return packet.isWithheld || (m_bMayBeWithheld && packet.first.empty());
+    };
+    while (
+        index < m_packets.size() && (m_packets[index].isWithheld || !IsMadeOf(datagram, m_packets[index]))) {
+        if (!mayLack(m_packets[index++]))
+            return false;
+    }
+    if (index == m_packets.size() || (place != 0 && !HasAll(place - 1, index + 1)))
+        return false;
+    for (size_t i = m_next[place]; i < index; ++i)
+        m_packets[i].isWithheld = true;
+    m_next[place] = index + 1;
+    if (m_packets[index].first.empty())
+        m_packets[index].first = datagram;
+    return true;
+}
+
+// Whether the stream at that place has got what it gets of the first packets.
+bool SentChecker::HasAll(size_t place, size_t packets) const
+{
+    sockaddr_in destination {};
+    destination.sin_addr.s_addr = m_streams[place]->AddressNet();
+    destination.sin_port = m_streams[place]->DestinationPortNet();
+    size_t refused = m_refused.Count(destination, static_cast<int>(place));
+    for (size_t i = m_next[place]; i > packets && refused > 0; --i)
+        refused -= m_packets[i - 1].isWithheld ? 0 : 1;
+    for (size_t i = m_next[place]; i < packets; ++i) {
+        const bool mayLack = m_packets[i].isWithheld || (m_bMayBeWithheld && m_packets[i].first.empty());
+        if (!mayLack)
+            return false;
+    }
+    return refused == 0;
+}
+
+// Several streams may have one address and port.
+SentChecker::Tried SentChecker::CheckMedia(std::string_view datagram, const sockaddr_in& destination)
+{
+    for (size_t place = 0; place < m_streams.size(); ++place) {
+        if (GoesTo(*m_streams[place], destination) && TakePacket(place, datagram))
+            return { place };
+    }
+    Require(false,
+        "each stream gets each packet once, in their order and behind the streams before it, but for its "
+        "time or with a header");
+    return {};
+}
+
+void SentChecker::EndMedia(PacketBuffer* const* packets, const std::vector<const MyArqSendCB*>& holders)
 {
     m_phase = Phase::Silence;
-    Require(m_nSent == m_streams.size() || (mayBeWithheld && m_nSent == 0), "every stream gets the packet");
-    if (m_bUdpInput && m_first.empty())
+    Require(m_refused.IsEmpty(), "what was refused comes again");
+    for (size_t place = 0; place < m_streams.size(); ++place)
+        Require(HasAll(place, m_packets.size()), "every stream gets every packet");
+    for (size_t i = 0; i < m_packets.size(); ++i)
+        Store(m_packets[i], *packets[i], holders);
+}
+
+void SentChecker::Store(
+    const Packet& packet, const PacketBuffer& buffer, const std::vector<const MyArqSendCB*>& holders)
+{
+    if (m_bUdpInput && packet.first.empty())
         return; // without a stream nobody has built a header
     // A packet that is shorter than its header has the rest of it in its slice.
-    std::string header(reinterpret_cast<const char*>(packet.Data()), HEADER);
+    std::string header(reinterpret_cast<const char*>(buffer.Data()), HEADER);
     if (m_bUdpInput)
-        header = m_first;
+        header = packet.first;
     const auto seq = static_cast<uint16_t>(ByteAt(header, 2) << 8 | ByteAt(header, 3));
     if (std::exchange(m_bIsFirst, false))
         m_usLastSeq = static_cast<uint16_t>(seq - 1);
     Stored& stored = m_ring[seq % RING];
     stored.isThere = true;
-    stored.bytes = m_bUdpInput ? m_first : m_packet;
+    stored.bytes = m_bUdpInput ? packet.first : packet.bytes;
     stored.seq = seq;
     stored.ticks = m_nTicks;
     stored.requestsBefore = m_nRequests;
-    stored.holders = std::move(holders);
+    stored.holders = holders;
     stored.resent.clear();
 }
 
@@ -205,6 +265,7 @@ void SentChecker::CheckResend(std::string_view datagram)
 void SentChecker::EndRequest()
 {
     m_phase = Phase::Silence;
+    Require(m_refused.IsEmpty(), "an answer that was refused comes again");
     Require(!(m_asked.isEcho && m_pStream != nullptr && m_pStream->m_bIsAlive) || m_nSent == 1,
         "a ping on the request port is echoed");
     Require(!MustBeAnswered() || m_nSent != 0, "what is missed is sent again");
@@ -235,21 +296,30 @@ void SentChecker::EndDelete()
 {
     constexpr size_t STOP_MESSAGES = 5;
     m_phase = Phase::Silence;
+    Require(m_refused.IsEmpty(), "a stop message that was refused comes again");
     Require(m_nSent == (m_pStream != nullptr ? STOP_MESSAGES : 0), "who is deleted is told five times");
 }
 
-void SentChecker::OnSend(std::string_view datagram, const sockaddr_in& destination)
+void SentChecker::OnMessage(const kernel_model::Attempt& attempt, kernel_model::Fate fate)
+{
+    const auto onFirst = [&](const uint8_t* bytes, size_t count) {
+        return OnDatagram({ reinterpret_cast<const char*>(bytes), count }, attempt.destination);
+    };
+    const char* broken = m_refused.Take(attempt, fate, onFirst, [](const Tried&, size_t) {});
+    Require(broken == nullptr, broken);
+}
+
+SentChecker::Tried SentChecker::OnDatagram(std::string_view datagram, const sockaddr_in& destination)
 {
     Require(m_phase != Phase::Silence, "nothing is sent unasked");
-    if (m_phase == Phase::Media) {
-        CheckMedia(datagram, destination);
-    } else {
-        Require(m_pStream != nullptr && GoesTo(*m_pStream, destination),
-            "an answer goes to the stream's receiver");
-        if (m_phase == Phase::Request)
-            CheckAnswer(datagram);
-        else
-            Require(datagram == STOP, "who is deleted gets the stop message");
-    }
+    if (m_phase == Phase::Media)
+        return CheckMedia(datagram, destination);
+    Require(
+        m_pStream != nullptr && GoesTo(*m_pStream, destination), "an answer goes to the stream's receiver");
+    if (m_phase == Phase::Request)
+        CheckAnswer(datagram);
+    else
+        Require(datagram == STOP, "who is deleted gets the stop message");
     ++m_nSent;
+    return {};
 }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 
 #include "arq/arq_settings.h"
@@ -117,12 +116,9 @@ World::World(Setup setup) : m_setup(setup), m_sent(SettingsFor(setup).udpInputMo
 {
     const Kernel::Entered entered(m_kernel);
     m_kernel.onLookUp = LookUp;
-    m_kernel.onSend = [this](std::string_view datagram, const sockaddr_in& destination) {
-        m_sent.OnSend(datagram, destination);
-        if (m_nFailures == 0)
-            return 0;
-        --m_nFailures;
-        return ENOBUFS;
+    m_kernel.onRefuse = [this](const kernel_model::Attempt& attempt) { return m_refusals.Next(attempt); };
+    m_kernel.onMessage = [this](const kernel_model::Attempt& attempt, kernel_model::Fate fate) {
+        m_sent.OnMessage(attempt, fate);
     };
     g_nArqBufferCount = SentChecker::RING;
     bool ok = false;
@@ -137,7 +133,8 @@ World::~World() = default;
 
 void World::End()
 {
-    m_nFailures = 0;
+    m_refusals = {};
+    m_kernel.sockets.RaiseErrors(0);
     CheckStreams();
     if (m_input)
         EndInput();
@@ -213,46 +210,75 @@ void World::EndInput()
     m_input.reset();
 }
 
-void World::ReceiveMedia(std::string_view packet)
+void World::ReceiveMedia(const std::vector<std::string_view>& packets)
 {
     if (!m_input)
         StartInput();
     const uint32_t before = m_input->bytes;
-    Require(m_kernel.Deliver(INPUT_PORT, packet, htonl(0xC0000263U), 0x3412), "the input is open");
-    constexpr uint32_t LOWER_HEADERS = 42;
-    const size_t received = std::min<size_t>(packet.size(), PacketBufferPool::SLICE_BYTES);
-    Require(
-        m_input->bytes - before == (received == 0 ? 0 : received + LOWER_HEADERS), "every byte is counted");
-    if (received == 0)
-        return;
+    uint32_t bytes = 0;
+    for (const std::string_view packet : packets) {
+        constexpr uint32_t LOWER_HEADERS = 42;
+        const size_t received = std::min<size_t>(packet.size(), PacketBufferPool::SLICE_BYTES);
+        Require(m_kernel.Put(INPUT_PORT, { htonl(0xC0000263U), 0x3412, { packet.begin(), packet.end() } }),
+            "the input is open");
+        bytes += received == 0 ? 0 : static_cast<uint32_t>(received) + LOWER_HEADERS;
+    }
+    m_kernel.fibers.Wake();
+    Require(m_input->bytes - before == bytes, "every byte is counted");
+    std::vector<PacketBuffer*> queued;
+    for (const std::string_view packet : packets) {
+        if (!packet.empty())
+            queued.push_back(TakeReceived(packet));
+    }
+    Deliver(queued);
+}
+
+PacketBuffer* World::TakeReceived(std::string_view packet)
+{
     PacketBuffer* queued = m_input->queue.popWait();
     Require(queued != nullptr, "what was received is queued");
     Require(
         std::string_view(reinterpret_cast<const char*>(queued->Data()), static_cast<size_t>(queued->Length()))
-            == packet.substr(0, received),
+            == packet.substr(0, PacketBufferPool::SLICE_BYTES),
         "what was received is what is queued");
-    Deliver(queued);
+    return queued;
 }
 
-void World::SendMedia(std::string_view packet)
+void World::SendMedia(const std::vector<std::string_view>& packets)
 {
-    PacketBuffer* buffer = m_replicator->PacketPool().get();
-    const size_t length = std::min<size_t>(packet.size(), PacketBufferPool::SLICE_BYTES);
-    std::memset(buffer->Data(), 0, PacketBufferPool::SLICE_BYTES);
-    std::memcpy(buffer->Data(), packet.data(), length);
-    buffer->SetLength(static_cast<int32_t>(length));
-    Deliver(buffer);
+    std::vector<PacketBuffer*> buffers;
+    for (const std::string_view packet : packets) {
+        PacketBuffer* buffer = m_replicator->PacketPool().get();
+        const size_t length = std::min<size_t>(packet.size(), PacketBufferPool::SLICE_BYTES);
+        std::memset(buffer->Data(), 0, PacketBufferPool::SLICE_BYTES);
+        std::memcpy(buffer->Data(), packet.data(), length);
+        buffer->SetLength(static_cast<int32_t>(length));
+        buffers.push_back(buffer);
+    }
+    Deliver(buffers);
 }
 
-void World::Deliver(PacketBuffer* packet)
+void World::Deliver(const std::vector<PacketBuffer*>& packets)
 {
-    const auto length = static_cast<size_t>(packet->Length());
+    if (packets.empty())
+        return;
+    std::vector<std::string_view> bytes;
+    for (const PacketBuffer* packet : packets)
+        bytes.emplace_back(
+            reinterpret_cast<const char*>(packet->Data()), static_cast<size_t>(packet->Length()));
     m_sent.BeginMedia(
-        { reinterpret_cast<const char*>(packet->Data()), length }, FirstReceivers(), m_kernel.Ticks());
+        bytes, FirstReceivers(), m_replicator->m_impair.m_mode != IMPAIRMENT_OFF, m_kernel.Ticks());
     const uint64_t before = m_replicator->RxStats().m_nRxPackets;
-    (void)m_replicator->SendPacket(packet);
-    Require(m_replicator->RxStats().m_nRxPackets == before + 1, "every input packet is counted");
-    m_sent.EndMedia(*packet, Holders(), m_replicator->m_impair.m_mode != IMPAIRMENT_OFF);
+    (void)m_replicator->SendPackets(packets.data(), static_cast<int32_t>(packets.size()));
+    Require(m_replicator->RxStats().m_nRxPackets == before + packets.size(), "every input packet is counted");
+    m_sent.EndMedia(packets.data(), Holders());
+}
+
+void World::FailSends(uint8_t plan)
+{
+    m_refusals = Refusals(plan);
+    if (m_refusals.ArePending())
+        m_kernel.sockets.RaiseErrors(m_refusals.Error());
 }
 
 std::vector<const MyArqSendCB*> World::FirstReceivers() const

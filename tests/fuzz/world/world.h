@@ -12,6 +12,7 @@
 #include "fuzz/world/datagrams.h"
 #include "fuzz/world/input_reader.h"
 #include "fuzz/world/kernel.h"
+#include "fuzz/world/refusals.h"
 #include "fuzz/world/sent_checker.h"
 #include "replicator/arq_send_replicator.h"
 
@@ -37,8 +38,11 @@ public:
     void End();
 
     // Input: through SendPacket at once, or through the input's socket and queue.
-    void SendMedia(std::string_view packet);
-    void ReceiveMedia(std::string_view packet);
+    void SendMedia(std::string_view packet) { SendMedia(std::vector<std::string_view> { packet }); }
+    void ReceiveMedia(std::string_view packet) { ReceiveMedia(std::vector<std::string_view> { packet }); }
+    // Likewise some that come at once, MOST_TOGETHER at most.
+    void SendMedia(const std::vector<std::string_view>& packets);
+    void ReceiveMedia(const std::vector<std::string_view>& packets);
     // From receivers. Address and port in network order.
     void SendRequest(std::string_view datagram, in_addr_t addressNet, uint16_t portNet);
     void SendPing(std::string_view datagram, in_addr_t addressNet, uint16_t portNet);
@@ -47,8 +51,8 @@ public:
 
     void Advance(uint32_t ms);
     void StepWallClock(int32_t ms) { m_kernel.StepWallClock(ms); }
-    // The next sends end with an error.
-    void FailSends(uint32_t count) { m_nFailures = count; }
+    // The next sends end with errors, of which the byte says how many and which.
+    void FailSends(uint8_t plan);
 
     // Some streams have few addresses, so that inputs meet.
     static in_addr_t Address(InputReader& input);
@@ -75,7 +79,8 @@ private:
     MyArqSendCB* Find(in_addr_t addressNet, uint32_t streamId) const;
     std::vector<const MyArqSendCB*> FirstReceivers() const;
     std::vector<const MyArqSendCB*> Holders() const;
-    void Deliver(PacketBuffer* packet);
+    void Deliver(const std::vector<PacketBuffer*>& packets);
+    PacketBuffer* TakeReceived(std::string_view packet);
 
     const Setup m_setup;
     Kernel m_kernel;
@@ -84,6 +89,6 @@ private:
     std::unique_ptr<Input> m_input;
     std::unordered_map<const MyArqSendCB*, uint64_t> m_pings; // when each learnt stream pinged last, in ms
     size_t m_nOpenAtRest = 0;
-    uint32_t m_nFailures = 0;
+    Refusals m_refusals;
     std::unique_ptr<Kernel::Entered> m_entered;
 };
