@@ -1,5 +1,6 @@
-// Forwarding and nothing else: no ring, no clock, no answers. Each technique of the kernel's is a switch, so that what
-// it costs or saves can be measured alone. The first row of the benchmarks, B, is this program with --threads 1.
+// Forwarding and nothing else: no ring, no clock, no answers. Each technique of the kernel's is a switch, so
+// that what it costs or saves can be measured alone. The first row of the benchmarks, B, is this program with
+// --threads 1.
 #include <linux/futex.h>
 #include <netinet/in.h>
 #include <netinet/udp.h>
@@ -30,6 +31,7 @@ namespace {
 constexpr size_t SLICE_BYTES = 1536;
 constexpr uint32_t SLOTS = 512; // the proxy's queue
 constexpr uint32_t MOST_AT_ONCE = 64; // of one call: recvmmsg, and the pieces of a train
+constexpr size_t MOST_BYTES = 65507; // of a train
 
 constexpr char USAGE[]
     = "Usage: floors [switches] INPUT_PORT DEST_PORT ADDRESS,ADDRESS,...\n"
@@ -63,7 +65,8 @@ struct Packet {
     uint8_t data[SLICE_BYTES];
 };
 
-// Packets from the receiving to the sending thread, one of each. A slot is free again once its packet was sent.
+// Packets from the receiving to the sending thread, one of each. A slot is free again once its packet was
+// sent.
 class Handover {
 public:
     explicit Handover(bool wakeByCondition) : m_slots(SLOTS), m_bWakeByCondition(wakeByCondition) {}
@@ -140,9 +143,13 @@ public:
     uint32_t Build(PacketAt packetAt, uint32_t first, uint32_t count)
     {
         const size_t size = packetAt(first).length;
+        size_t sum = 0;
         uint32_t taken = 0;
         while (taken < count && packetAt(first + taken).length <= size) {
             Packet& packet = packetAt(first + taken);
+            sum += packet.length;
+            if (sum > MOST_BYTES)
+                break;
             m_pieces[taken++] = { packet.data, packet.length };
             if (packet.length < size)
                 break;

@@ -39,7 +39,7 @@ int RunBenchmark(const std::function<void()>& body)
     return EXIT_SUCCESS;
 }
 
-Child::Child(const std::vector<std::string>& arguments) : m_nPid(-1)
+Child::Child(const std::vector<std::string>& arguments, Output output) : m_nPid(-1)
 {
     std::vector<char*> argv;
     for (const std::string& argument : arguments)
@@ -47,8 +47,11 @@ Child::Child(const std::vector<std::string>& arguments) : m_nPid(-1)
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
-    for (const int fd : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO })
-        (void)posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
+    (void)posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    for (const int fd : { STDOUT_FILENO, STDERR_FILENO }) {
+        if (output == Output::NONE)
+            (void)posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
+    }
     const int error = posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), environ);
     (void)posix_spawn_file_actions_destroy(&actions);
     if (error != 0)
@@ -57,7 +60,12 @@ Child::Child(const std::vector<std::string>& arguments) : m_nPid(-1)
 
 Child::~Child()
 {
+    constexpr int POLLS = 100;
+    constexpr useconds_t POLL_US = 10000;
     (void)kill(m_nPid, SIGTERM);
+    for (int i = 0; i < POLLS && IsAlive(); ++i)
+        (void)usleep(POLL_US);
+    (void)kill(m_nPid, SIGKILL); // one that does not listen
     (void)waitpid(m_nPid, nullptr, 0);
 }
 
@@ -88,4 +96,12 @@ bool Child::IsAlive() const
     siginfo_t info {};
     return waitid(P_PID, static_cast<id_t>(m_nPid), &info, WEXITED | WNOHANG | WNOWAIT) == 0
         && info.si_pid == 0;
+}
+
+int Child::WaitForExit() const
+{
+    siginfo_t info {};
+    if (waitid(P_PID, static_cast<id_t>(m_nPid), &info, WEXITED | WNOWAIT) != 0)
+        GiveUp("cannot wait for a process");
+    return info.si_code == CLD_EXITED ? info.si_status : -1;
 }

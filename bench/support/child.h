@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
-// A process under test, started without output and killed with this object.
+// A process under test, killed with this object.
 class Child {
 public:
+    enum class Output { NONE, SHOWN };
+
     // Runs `arguments` (the first is the path). Gives up when that fails.
-    explicit Child(const std::vector<std::string>& arguments);
+    explicit Child(const std::vector<std::string>& arguments, Output output = Output::NONE);
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
     ~Child();
@@ -23,6 +25,9 @@ public:
     int64_t ResidentKib() const;
 
     bool IsAlive() const;
+
+    // Waits until it ends by itself; its exit status, -1 when a signal ended it.
+    int WaitForExit() const;
 
     pid_t Pid() const { return m_nPid; }
 

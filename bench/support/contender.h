@@ -12,13 +12,16 @@
 struct Entry {
     enum class Kind {
         FLOOR, // bench/floors with `words`
-        PROXY, // tx_proxy at `program` with `words`, the receivers in -a
-        LEARNT, // the same, the receivers have pinged
+        PROXY, // a tx_proxy with `words`, its receivers in -a
+        LEARNT, // the same, its receivers have pinged
+        PEER, // another program. In its words {input} is the input port, {clients} ADDRESS:PORT,... of all
+        // receivers, {tee} the same for ffmpeg, {first} the first address, {link} a port of its own there
     };
     std::string name;
     Kind kind;
-    std::string program;
+    std::string program; // its path
     std::vector<std::string> words;
+    std::vector<std::string> receiver; // command line of a process that must answer it; empty: none
 };
 
 // An entry that runs, with ports of its own.
@@ -32,21 +35,30 @@ public:
 
     const std::string& Name() const { return m_name; }
     const Child& Process() const { return *m_pChild; }
+    // Everything that runs for this contender; Process() is the only one whose time is measured.
+    std::vector<pid_t> Pids() const;
+
+    int32_t ReceiverCount() const { return m_nReceivers; }
     uint16_t InputPort() const { return m_usInputPort; }
+    uint16_t DestPort() const { return m_usDestPort; }
 
     // Keeps learnt receivers alive; to be called every few seconds at least.
     void StayKnown();
 
 private:
     std::vector<std::string> CommandLine(const Entry& entry);
+    std::vector<std::string> Filled(const std::vector<std::string>& words) const;
     void WaitUntilForwarding();
+    void WaitUntilSettled();
 
     std::string m_name;
     Outlet& m_outlet;
     int32_t m_nReceivers;
     uint16_t m_usInputPort;
     uint16_t m_usDestPort;
+    uint16_t m_usLinkPort;
     bool m_bLearnt;
     int m_nInstance = 0; // of a proxy
+    std::unique_ptr<Child> m_pReceiver;
     std::unique_ptr<Child> m_pChild;
 };

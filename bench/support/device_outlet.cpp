@@ -55,8 +55,8 @@ bool MakeOwnDev()
     return true;
 }
 
-// A dummy device counts what it drops as sent, an ifb device, to which nothing is redirected, as received. Both take
-// trains whole, as most network cards do.
+// A dummy device counts what it drops as sent, an ifb device, to which nothing is redirected, as received.
+// Both take trains whole, as most network cards do.
 bool MakeDevice(std::string& kind)
 {
     for (const char* candidate : { "dummy", "ifb" }) {
@@ -114,7 +114,7 @@ public:
     }
 
     // A train is one packet to the device, with one set of headers.
-    int64_t Delivered(int32_t payloadBytes) const override
+    int64_t Delivered(int32_t payloadBytes) override
     {
         const Counters counters = ReadCounters();
         return (counters.bytes - counters.packets * HEADER_BYTES) / payloadBytes;

@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "figures.h"
 #include "paced_stream.h"
 #include "udp.h"
@@ -16,11 +18,14 @@ Feed::Feed(uint16_t inputPort, int perSecond, int burst)
 
 int64_t Feed::Run(double seconds)
 {
+    constexpr int64_t TOGETHER_NS = 100000;
     const auto bursts = static_cast<int64_t>(seconds * 1e9 / static_cast<double>(m_nPeriodNs));
+    const int64_t together = std::max(TOGETHER_NS / m_nPeriodNs, int64_t { 1 });
     int64_t due = WallNs();
     for (int64_t burst = 0; burst < bursts; ++burst) {
         due += m_nPeriodNs;
-        SleepUntil(due);
+        if (burst % together == 0)
+            SleepUntil(due);
         for (int i = 0; i < m_nBurst; ++i)
             SendOne();
     }

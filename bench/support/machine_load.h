@@ -17,8 +17,8 @@ public:
     // Begins a stretch.
     void Begin();
 
-    // Processors' worth of other use since Begin: 0 on a quiet machine, 1 for one processor kept busy. What another
-    // machine takes from this virtual one is in it, and the work for interrupts.
+    // Processors' worth of other use since Begin: 0 on a quiet machine, 1 for one processor kept busy. What
+    // another machine takes from this virtual one is in it, and the work for interrupts.
     double Others() const;
 
 private:

@@ -43,7 +43,7 @@ public:
 
     in_addr AddressOf(int32_t index) const override { return ReceiverAddress(index, 0).sin_addr; }
 
-    int64_t Delivered(int32_t) const override
+    int64_t Delivered(int32_t) override
     {
         int64_t total = 0;
         for (const auto& [port, sockets] : m_sockets) {
@@ -55,9 +55,10 @@ public:
 
     void Ping(int32_t count, uint16_t port, uint16_t pingPort) override
     {
+        static constexpr char NOTHING = 0;
         const sockaddr_in to = LoopbackAddress(pingPort);
         for (int32_t i = 0; i < count; ++i) {
-            (void)sendto(m_sockets[port][static_cast<size_t>(i)].Get(), nullptr, 0, 0,
+            (void)sendto(m_sockets[port][static_cast<size_t>(i)].Get(), &NOTHING, 0, 0,
                 reinterpret_cast<const sockaddr*>(&to), sizeof(to));
         }
     }
@@ -73,15 +74,18 @@ private:
 
 } // namespace
 
+std::string AddressText(in_addr address)
+{
+    char text[INET_ADDRSTRLEN] = "";
+    (void)inet_ntop(AF_INET, &address, text, sizeof(text));
+    return text;
+}
+
 std::string AddressList(const Outlet& outlet, int32_t count)
 {
     std::string list;
-    for (int32_t i = 0; i < count; ++i) {
-        char text[INET_ADDRSTRLEN] = "";
-        const in_addr address = outlet.AddressOf(i);
-        (void)inet_ntop(AF_INET, &address, text, sizeof(text));
-        list += (i == 0 ? "" : ",") + std::string(text);
-    }
+    for (int32_t i = 0; i < count; ++i)
+        list += (i == 0 ? "" : ",") + AddressText(outlet.AddressOf(i));
     return list;
 }
 
