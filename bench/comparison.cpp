@@ -26,6 +26,12 @@ constexpr Section SECTIONS[] {
     { "cpu", MeasureCpu },
     { "trains", MeasureTrains },
     { "growth", MeasureGrowth },
+    { "rate", MeasureTopRate },
+    { "encoder", MeasureEncoder },
+    { "latency", MeasureLatency },
+    { "memory", MeasureMemory },
+    { "links", MeasureLinks },
+    { "requests", MeasureRequests },
 };
 
 std::vector<std::string> SectionNames()

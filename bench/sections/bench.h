@@ -21,3 +21,9 @@ struct Bench {
 void MeasureCpu(Bench& bench); // per delivered datagram, against floors and other programs
 void MeasureTrains(Bench& bench); // what the limit of a train's length is worth
 void MeasureGrowth(Bench& bench); // processor time against the number of receivers
+void MeasureLatency(Bench& bench); // added, over loopback
+void MeasureTopRate(Bench& bench); // the highest input rate without loss
+void MeasureEncoder(Bench& bench); // a real encoder's bursts
+void MeasureMemory(Bench& bench); // resident, with 50 streams
+void MeasureLinks(Bench& bench); // programs whose receivers must answer, over loopback
+void MeasureRequests(Bench& bench); // runs the retransmission benchmark
