@@ -14,6 +14,7 @@
 #include "support/media.h"
 #include "support/outlet.h"
 #include "support/scratch_folder.h"
+#include "support/udp.h"
 
 namespace {
 
@@ -73,6 +74,7 @@ int main(int argc, char** argv)
     return RunBenchmark([=] {
         const Settings settings = ReadSettings(argc, argv, SectionNames());
         const std::unique_ptr<Outlet> outlet = MakeOutlet(settings);
+        CheckCounting(*outlet, FreePort());
         const ScratchFolder scratch;
         (void)setenv("HOME", scratch.Path().c_str(), 1); // where other programs keep what they remember
         (void)setenv("XDG_CACHE_HOME", scratch.Path().c_str(), 1);

@@ -13,9 +13,13 @@ constexpr int64_t POOL_ROUND
     = 4096 + 1024 + 100; // datagrams after which every buffer and every slot has been used
 constexpr double KIB_PER_MIB = 1024;
 
-void FeedFor(const Contender& contender, double seconds)
+// What it has in use after `seconds` of a stream, in MiB.
+double MibAfter(const Contender& contender, double seconds)
 {
     (void)Feed(contender.InputPort(), PER_SECOND, 1).Run(seconds);
+    if (!contender.Process().IsAlive())
+        GiveUp(contender.Name() + " ended by itself");
+    return static_cast<double>(contender.Process().ResidentKib()) / KIB_PER_MIB;
 }
 
 } // namespace
@@ -28,11 +32,9 @@ void MeasureMemory(Bench& bench)
              std::tuple("-u", std::vector<std::string> { "-u" }, 32.0) }) {
         for (const Entry& entry : Proxies(bench.settings, options)) {
             Contender contender(entry, bench.outlet, STREAMS);
-            FeedFor(contender, fillS);
+            const double mib = MibAfter(contender, fillS);
             contender.StayKnown();
-            const double mib = static_cast<double>(contender.Process().ResidentKib()) / KIB_PER_MIB;
-            FeedFor(contender, fillS);
-            const double later = static_cast<double>(contender.Process().ResidentKib()) / KIB_PER_MIB;
+            const double later = MibAfter(contender, fillS);
             printf("  %-36s %-4s %8.2f MiB %8.2f MiB\n", entry.name.c_str(), name, mib, later);
             bench.targets.Add(std::string("resident MiB, ") + name + ", " + entry.name,
                 Targets::Kind::AT_MOST, bound, later);

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <linux/filter.h>
 #include <linux/sock_diag.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 
 #include <map>
@@ -73,6 +74,33 @@ private:
 };
 
 } // namespace
+
+void CheckCounting(Outlet& outlet, uint16_t port)
+{
+    constexpr int SINGLES = 10;
+    constexpr int PIECES = 8; // of a train, if the kernel takes one
+    constexpr uint16_t BYTES = 1328;
+    outlet.Open(1, port);
+    const UniqueFd sender(socket(AF_INET, SOCK_DGRAM, 0));
+    const std::vector<uint8_t> bytes(size_t { BYTES } * PIECES);
+    sockaddr_in to = LoopbackAddress(port);
+    to.sin_addr = outlet.AddressOf(0);
+    const auto send = [&](size_t length) {
+        return sendto(
+            sender.Get(), bytes.data(), length, 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    };
+    const int64_t before = outlet.Delivered(BYTES);
+    int64_t sent = 0;
+    for (; sent < SINGLES; ++sent)
+        (void)send(BYTES);
+    const int size = BYTES;
+    if (setsockopt(sender.Get(), IPPROTO_UDP, UDP_SEGMENT, &size, sizeof(size)) == 0
+        && send(bytes.size()) > 0)
+        sent += PIECES;
+    const int64_t counted = outlet.Delivered(BYTES) - before;
+    if (counted != sent)
+        GiveUp("of " + std::to_string(sent) + " datagrams " + std::to_string(counted) + " were counted");
+}
 
 std::string AddressText(in_addr address)
 {

@@ -33,6 +33,10 @@ public:
     virtual std::string Description() const = 0;
 };
 
+// Sends known numbers of single datagrams and of trains to destination 0 on `port`. Gives up when another
+// number is counted.
+void CheckCounting(Outlet& outlet, uint16_t port);
+
 // The dotted quad.
 std::string AddressText(in_addr address);
 
