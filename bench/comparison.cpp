@@ -25,6 +25,7 @@ struct Section {
 
 constexpr Section SECTIONS[] {
     { "cpu", MeasureCpu },
+    { "handover", MeasureHandover },
     { "trains", MeasureTrains },
     { "growth", MeasureGrowth },
     { "rate", MeasureTopRate },

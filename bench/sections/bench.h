@@ -19,6 +19,7 @@ struct Bench {
 
 // Sections: each prints its tables and adds what has a bound to the targets.
 void MeasureCpu(Bench& bench); // per delivered datagram, against floors and other programs
+void MeasureHandover(Bench& bench); // from the receiving to the sending thread, and what adds to it
 void MeasureTrains(Bench& bench); // what the limit of a train's length is worth
 void MeasureGrowth(Bench& bench); // processor time against the number of receivers
 void MeasureLatency(Bench& bench); // added, over loopback

@@ -72,12 +72,14 @@ std::vector<Field::Turn> Field::OneRound(int round)
 void Field::TakePiece(Turn& turn, Lane& lane)
 {
     constexpr int64_t LATEST_NS = 2000000000; // a link keeps its packets for a while
+    lane.contender->Work();
     const int64_t cpuBefore = lane.contender->Process().CpuNs();
     const int64_t before = m_outlet.Delivered(sizeof(MediaDatagram));
     const int64_t sent = lane.feed->Run(std::min(PIECE_S, m_settings.seconds));
     turn.delivered += AwaitDelivery(m_outlet, before, sent * lane.contender->ReceiverCount(), LATEST_NS);
     turn.cpuNs += lane.contender->Process().CpuNs() - cpuBefore;
     turn.sent += sent;
+    lane.contender->Rest();
 }
 
 void Field::Record(const std::vector<Turn>& turns)

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <csignal>
 #include <utility>
 
 #include "feed.h"
@@ -52,7 +53,8 @@ Contender::Contender(const Entry& entry, Outlet& outlet, int32_t nReceivers)
       m_usInputPort(FreePort()),
       m_usDestPort(FreeEvenPort()),
       m_usLinkPort(FreeEvenPort()),
-      m_bLearnt(entry.kind == Entry::Kind::LEARNT)
+      m_bLearnt(entry.kind == Entry::Kind::LEARNT),
+      m_bMayRest(entry.kind == Entry::Kind::PEER && entry.receiver.empty())
 {
     outlet.Open(nReceivers, m_usDestPort);
     if (!entry.receiver.empty())
@@ -61,10 +63,12 @@ Contender::Contender(const Entry& entry, Outlet& outlet, int32_t nReceivers)
     WaitUntilForwarding();
     if (m_pReceiver)
         WaitUntilSettled();
+    Rest();
 }
 
 Contender::~Contender()
 {
+    Work(); // so that it can end
     m_pChild.reset();
     if (m_nInstance != 0)
         (void)unlink(("/dev/arq_tx_ctrl" + std::to_string(m_nInstance)).c_str()); // SIGTERM leaves it behind
@@ -76,6 +80,18 @@ std::vector<pid_t> Contender::Pids() const
     if (m_pReceiver)
         pids.push_back(m_pReceiver->Pid());
     return pids;
+}
+
+void Contender::Rest() const
+{
+    if (m_bMayRest)
+        (void)kill(m_pChild->Pid(), SIGSTOP);
+}
+
+void Contender::Work() const
+{
+    if (m_bMayRest)
+        (void)kill(m_pChild->Pid(), SIGCONT);
 }
 
 void Contender::StayKnown()

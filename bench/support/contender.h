@@ -42,6 +42,12 @@ public:
     uint16_t InputPort() const { return m_usInputPort; }
     uint16_t DestPort() const { return m_usDestPort; }
 
+    // Between Rest and Work another program does not run: some of them talk to their receivers all the time,
+    // which would be counted for whoever has its turn. The proxy and links that must be kept up are left
+    // alone.
+    void Rest() const;
+    void Work() const;
+
     // Keeps learnt receivers alive; to be called every few seconds at least.
     void StayKnown();
 
@@ -58,6 +64,7 @@ private:
     uint16_t m_usDestPort;
     uint16_t m_usLinkPort;
     bool m_bLearnt;
+    bool m_bMayRest;
     int m_nInstance = 0; // of a proxy
     std::unique_ptr<Child> m_pReceiver;
     std::unique_ptr<Child> m_pChild;
