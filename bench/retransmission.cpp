@@ -1,361 +1,242 @@
-// The request path of the proxy's own binary on loopback: how many requests it answers and what a
-// retransmitted datagram costs, against bare sendto calls; and what requests do to the media's latency.
-#include <sys/socket.h>
-
-#include <atomic>
+// What a retransmitted datagram costs the proxy's own binary, against bare sendto calls. The destinations swallow what
+// they get: nobody has to read it, and no socket is ever full.
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <ctime>
-#include <random>
-#include <string>
-#include <thread>
-#include <utility>
+#include <memory>
 #include <vector>
 
-#include "input/packet_buffer.h"
+#include "support/asker.h"
+#include "support/bare_answerer.h"
+#include "support/bare_sender.h"
 #include "support/child.h"
-#include "support/command_line.h"
+#include "support/contender.h"
+#include "support/feed.h"
 #include "support/figures.h"
+#include "support/machine_load.h"
+#include "support/outlet.h"
 #include "support/paced_stream.h"
-#include "support/proxy_run.h"
-#include "support/request_datagram.h"
+#include "support/retransmission_settings.h"
 #include "support/udp.h"
 
 namespace {
 
 constexpr int64_t NS_PER_S = 1000000000;
+constexpr double NS_PER_US = 1000;
 constexpr int32_t RING_SIZE = 4096; // the proxy's default
-constexpr int FILL_RATE = 2000; // datagrams/s
 
-void SendTo(int fd, const void* data, size_t length, const sockaddr_in& destination)
-{
-    (void)sendto(fd, data, length, 0, reinterpret_cast<const sockaddr*>(&destination), sizeof(destination));
-}
+constexpr int32_t RECEIVERS = 16;
+constexpr Habit HABITS[] = {
+    { "16 ask at once, 1 number", RECEIVERS, 1, 1000000 },
+    { "16 ask at once, 10 numbers", RECEIVERS, 10, 2000000 },
+    { "16 ask at once, 64 numbers", RECEIVERS, 64, 10000000 },
+    { "one asks, 1 number", 1, 1, 500000 },
+    { "one asks, 10 numbers", 1, 10, 2000000 },
+    { "one asks, 64 numbers", 1, 64, 10000000 },
+};
 
-// Takes in `wanted` datagrams, busily; gives up on those that have not come after 100 ms.
-int64_t Await(Receivers& receivers, int64_t wanted)
+// Calls act() once in a period, for one piece of a turn; returns how often. What a busy machine delays is not made up
+// for: numbers that come again too soon are held off.
+template <typename Action>
+int64_t OncePerPeriod(int64_t periodNs, Action act)
 {
-    constexpr int64_t LATEST_NS = 100000000;
-    int64_t got = 0;
-    const int64_t end = WallNs() + LATEST_NS;
-    while (got < wanted && WallNs() < end) {
-        got += receivers.Drain([](const Arrival&) {});
+    const auto count = static_cast<int64_t>(PIECE_S * static_cast<double>(NS_PER_S)) / periodNs;
+    int64_t due = WallNs();
+    for (int64_t i = 0; i < count; ++i) {
+        due = std::max(due + periodNs, WallNs());
+        SleepUntil(due);
+        act();
     }
-    return got;
+    return count;
 }
 
-// Receivers that ask for the numbers in the ring in turn, each `nNumbers` a request. One receiver may ask
-// for a number again only after the hold-off of 100 ms, so there are many of them.
-class Askers {
+struct Side {
+    double cpuNs = 0;
+    int64_t asked = 0;
+    int64_t sent = 0;
+
+    double CostNs() const { return cpuNs / static_cast<double>(sent); }
+};
+
+// One habit: a proxy whose ring is full, and a bare sender.
+class AnswerBench {
 public:
-    Askers(Receivers& receivers, const sockaddr_in& requests, uint16_t firstInRing, uint16_t nNumbers)
-        : m_receivers(receivers),
-          m_requests(requests),
-          m_usFirst(firstInRing),
-          m_usNumbers(nNumbers)
+    AnswerBench(Outlet& outlet, const std::string& program, const Habit& habit)
+        : m_outlet(outlet),
+          m_habit(habit),
+          m_proxy({ "tx_proxy", Entry::Kind::PROXY, program, {}, {} }, outlet, RECEIVERS),
+          m_feed(m_proxy.InputPort(), FILL_RATE, 1),
+          m_asker(outlet, habit.askers, m_proxy.RequestPort()),
+          m_least(OpenPort(outlet), RING_SIZE),
+          m_leastAsker(outlet, habit.askers, m_least.RequestPort()),
+          m_bare(outlet, habit, RING_SIZE)
     {
     }
 
-    // One request from each receiver; returns how many retransmissions came back.
-    int64_t AskOnce()
+    // Lets the proxy send and remember as many datagrams as its ring has room for, and a few more.
+    void FillRing()
     {
-        const std::vector<uint8_t> request
-            = RequestDatagram(static_cast<uint16_t>(m_usFirst + m_nPlace), m_usNumbers);
-        for (int32_t i = 0; i < m_receivers.Count(); ++i)
-            SendTo(m_receivers.Socket(i), request.data(), request.size(), m_requests);
-        m_nPlace += m_usNumbers;
-        if (m_nPlace + m_usNumbers > RING_SIZE)
+        constexpr double FILL_S = 1.0 * (RING_SIZE + 100) / FILL_RATE;
+        constexpr int TRIES = 5; // on a busy machine some may be lost before they reach the proxy
+        for (int i = 0; i < TRIES; ++i) {
+            const int64_t before = Delivered();
+            const int64_t sent = m_feed.Run(FILL_S);
+            m_nFed += sent;
+            if (WaitFor(sent * RECEIVERS, [&] { return Delivered() - before; }) != sent * RECEIVERS)
+                continue;
+            m_usFirst = static_cast<uint16_t>(m_nFed + 1 - RING_SIZE);
             m_nPlace = 0;
-        return Await(m_receivers, int64_t { m_receivers.Count() } * m_usNumbers);
+            return;
+        }
+        GiveUp("the proxy does not get all that it is to remember");
+    }
+
+    pid_t ProxyPid() const { return m_proxy.Process().Pid(); }
+
+    void TakePiece(Side& proxy, Side& least, Side& bare, bool proxyFirst)
+    {
+        if (proxyFirst)
+            TakeProxyPiece(proxy);
+        TakeBarePiece(bare);
+        TakeLeastPiece(least);
+        if (!proxyFirst)
+            TakeProxyPiece(proxy);
     }
 
 private:
-    Receivers& m_receivers;
-    const sockaddr_in m_requests;
-    const uint16_t m_usFirst;
-    const uint16_t m_usNumbers;
+    static constexpr int FILL_RATE = 4000; // datagrams/s
+
+    static uint16_t OpenPort(Outlet& outlet)
+    {
+        const uint16_t port = FreePort();
+        outlet.Open(RECEIVERS, port);
+        return port;
+    }
+
+    int64_t Delivered() const { return m_outlet.Delivered(sizeof(MediaDatagram)); }
+
+    void TakeProxyPiece(Side& side)
+    {
+        TakeAskingPiece(side, m_asker, [this] { return m_proxy.Process().CpuNs(); });
+    }
+
+    void TakeLeastPiece(Side& side)
+    {
+        TakeAskingPiece(side, m_leastAsker, [this] { return m_least.CpuNs(); });
+    }
+
+    template <typename CpuNs>
+    void TakeAskingPiece(Side& side, Asker& asker, CpuNs cpuNs)
+    {
+        const int64_t cpuBefore = cpuNs();
+        const int64_t before = Delivered();
+        const int64_t asked = OncePerPeriod(m_habit.periodNs, [&] { AskOnce(asker); }) * m_habit.Datagrams();
+        side.sent += WaitFor(asked, [&] { return Delivered() - before; });
+        side.asked += asked;
+        side.cpuNs += static_cast<double>(cpuNs() - cpuBefore);
+    }
+
+    void TakeBarePiece(Side& side)
+    {
+        const int64_t cpuBefore = m_bare.CpuNs();
+        const int64_t before = m_bare.Sent();
+        const int64_t wanted
+            = OncePerPeriod(m_habit.periodNs, [this] { m_bare.SendOnce(); }) * m_habit.Datagrams();
+        side.sent += WaitFor(wanted, [&] { return m_bare.Sent() - before; });
+        side.cpuNs += static_cast<double>(m_bare.CpuNs() - cpuBefore);
+    }
+
+    // Until all that is wanted has come; what has not after half a second is lost.
+    template <typename Count>
+    static int64_t WaitFor(int64_t wanted, Count count)
+    {
+        constexpr int64_t POLL_NS = 5000000;
+        constexpr int POLLS = 100;
+        int64_t got = count();
+        for (int i = 0; i < POLLS && got < wanted; ++i) {
+            SleepUntil(WallNs() + POLL_NS);
+            got = count();
+        }
+        return got;
+    }
+
+    void AskOnce(Asker& asker)
+    {
+        for (int32_t i = 0; i < m_habit.askers; ++i)
+            asker.Ask(i, static_cast<uint16_t>(m_usFirst + m_nPlace), m_habit.numbers);
+        m_nPlace += m_habit.numbers;
+        if (m_nPlace + m_habit.numbers > RING_SIZE)
+            m_nPlace = 0;
+    }
+
+    Outlet& m_outlet;
+    const Habit m_habit;
+    Contender m_proxy;
+    Feed m_feed;
+    Asker m_asker;
+    BareAnswerer m_least;
+    Asker m_leastAsker;
+    BareSender m_bare;
+    int64_t m_nFed = 0; // datagrams; the last one has this number
+    uint16_t m_usFirst = 0; // the oldest number in the ring
     int32_t m_nPlace = 0;
 };
 
-// A thread that does nothing but sendto, to the same receivers and from as much memory as the proxy's pool.
-class BareSender {
-public:
-    BareSender(Receivers& receivers, uint16_t nNumbers)
-        : m_pPool(PacketBufferPool::createDefault(RING_SIZE)),
-          m_nNumbers(nNumbers),
-          m_thread([this, count = receivers.Count(), port = receivers.Port()] { Run(count, port); })
-    {
-    }
-    BareSender(const BareSender&) = delete;
-    BareSender& operator=(const BareSender&) = delete;
-    ~BareSender()
-    {
-        m_bEnd = true;
-        SendOnce();
-        m_thread.join();
-    }
+void PrintBeside(const std::vector<double>& bareNs, const std::vector<double>& otherNs)
+{
+    const PairedFigures figures { bareNs, otherNs };
+    printf(" %6.2f us %5.2f (%.2f to %.2f)", Median(otherNs) / NS_PER_US, figures.MedianRatio(),
+        figures.LowestRatio(), figures.HighestRatio());
+}
 
-    // Lets the thread send one batch: `nNumbers` datagrams to each receiver.
-    void SendOnce()
-    {
-        m_nBatches.fetch_add(1);
-        m_nBatches.notify_one();
-    }
-
-    // Processor time of the calls so far; only while no batch is on its way.
-    int64_t CpuNs() const { return m_nCpuNs.load(); }
-
-private:
-    static int64_t ThreadCpuNs()
-    {
-        timespec now {};
-        (void)clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-        return now.tv_sec * NS_PER_S + now.tv_nsec;
-    }
-
-    void Run(int32_t nReceivers, uint16_t port)
-    {
-        const UniqueFd sender(socket(AF_INET, SOCK_DGRAM, 0));
-        for (uint64_t done = 0;; ++done) {
-            m_nBatches.wait(done);
-            if (m_bEnd)
-                return;
-            std::vector<PacketBuffer*> batch;
-            for (uint16_t i = 0; i < m_nNumbers; ++i)
-                batch.push_back(m_pPool->get());
-            const int64_t before = ThreadCpuNs();
-            for (int32_t receiver = 0; receiver < nReceivers; ++receiver) {
-                for (const PacketBuffer* packet : batch)
-                    SendTo(
-                        sender.Get(), packet->Data(), sizeof(MediaDatagram), ReceiverAddress(receiver, port));
-            }
-            m_nCpuNs.fetch_add(ThreadCpuNs() - before);
+void Measure(
+    Outlet& outlet, const RetransmissionSettings& settings, const std::string& program, const Habit& habit)
+{
+    constexpr int TRIES_A_ROUND = 3;
+    AnswerBench bench(outlet, program, habit);
+    LoadMeter meter({ bench.ProxyPid() });
+    std::vector<double> bareNs; // per datagram, one entry a round, as the next two
+    std::vector<double> leastNs;
+    std::vector<double> proxyNs;
+    int64_t unanswered = 0;
+    int rejected = 0;
+    int busy = 0;
+    for (int tries = 0; static_cast<int>(proxyNs.size()) < settings.rounds; ++tries) {
+        Side proxy;
+        Side least;
+        Side bare;
+        bench.FillRing();
+        meter.Begin();
+        for (int piece = 0; piece < PiecesOf(settings.seconds); ++piece)
+            bench.TakePiece(proxy, least, bare, (tries + piece) % 2 == 0);
+        if (proxy.sent == 0 || least.sent == 0 || bare.sent == 0)
+            GiveUp("no request was answered");
+        const bool isBusy = meter.Others() > settings.quietBelow;
+        if (tries == 0 || (isBusy && rejected < (TRIES_A_ROUND - 1) * settings.rounds)) {
+            rejected += tries == 0 ? 0 : 1; // first touches cost page faults
+            continue;
         }
+        busy += isBusy ? 1 : 0;
+        unanswered += proxy.asked - proxy.sent;
+        bareNs.push_back(bare.CostNs());
+        leastNs.push_back(least.CostNs());
+        proxyNs.push_back(proxy.CostNs());
     }
-
-    std::unique_ptr<PacketBufferPool> m_pPool;
-    const uint16_t m_nNumbers;
-    std::atomic<uint64_t> m_nBatches { 0 };
-    std::atomic<int64_t> m_nCpuNs { 0 };
-    std::atomic<bool> m_bEnd { false };
-    std::thread m_thread;
-};
-
-struct AnswerFigures {
-    PairedFigures cpuNs; // per datagram; baseline: sendto
-    std::vector<double> requestsPerS;
-    std::vector<double> resentPerS;
-    int64_t asked = 0;
-    int64_t resent = 0;
-};
-
-void AskForOneTurn(AnswerFigures& figures, const Child& proxy, Askers& askers, int32_t nReceivers,
-    uint16_t nNumbers, double seconds)
-{
-    const int64_t start = WallNs();
-    const int64_t before = proxy.CpuNs();
-    int64_t requests = 0;
-    int64_t resent = 0;
-    while (static_cast<double>(WallNs() - start) < seconds * static_cast<double>(NS_PER_S)) {
-        resent += askers.AskOnce();
-        requests += nReceivers;
-    }
-    const double tookS = static_cast<double>(WallNs() - start) / static_cast<double>(NS_PER_S);
-    if (resent == 0)
-        GiveUp("no request was answered");
-    figures.cpuNs.measured.push_back(
-        static_cast<double>(proxy.CpuNs() - before) / static_cast<double>(resent));
-    figures.requestsPerS.push_back(static_cast<double>(requests) / tookS);
-    figures.resentPerS.push_back(static_cast<double>(resent) / tookS);
-    figures.asked += requests * nNumbers;
-    figures.resent += resent;
-}
-
-void SendBareForOneTurn(
-    AnswerFigures& figures, BareSender& sender, Receivers& receivers, uint16_t nNumbers, double seconds)
-{
-    const int64_t start = WallNs();
-    const int64_t before = sender.CpuNs();
-    int64_t sent = 0;
-    while (static_cast<double>(WallNs() - start) < seconds * static_cast<double>(NS_PER_S)) {
-        sender.SendOnce();
-        sent += Await(receivers, int64_t { receivers.Count() } * nNumbers);
-    }
-    figures.cpuNs.baseline.push_back(
-        static_cast<double>(sender.CpuNs() - before) / static_cast<double>(sent));
-}
-
-AnswerFigures MeasureAnswers(uint16_t nNumbers, const BenchSettings& settings)
-{
-    constexpr int32_t RECEIVERS = 16;
-    Receivers receivers(RECEIVERS, FreePort());
-    const uint16_t input = FreePort();
-    const ProxyRun proxy(receivers, input);
-    PacedStream stream(receivers, input, FILL_RATE);
-    stream.Fill(RING_SIZE);
-    Askers askers(
-        receivers, proxy.RequestAddress(), static_cast<uint16_t>(stream.NextSeq() - RING_SIZE), nNumbers);
-    BareSender sender(receivers, nNumbers);
-    AnswerFigures figures;
-    for (int round = 0; round < settings.rounds; ++round) {
-        for (int turn = 0; turn < 2; ++turn) {
-            if ((round + turn) % 2 == 0)
-                SendBareForOneTurn(figures, sender, receivers, nNumbers, settings.seconds);
-            else
-                AskForOneTurn(figures, proxy.Process(), askers, RECEIVERS, nNumbers, settings.seconds);
-        }
-    }
-    return figures;
-}
-
-void PrintAnswers(uint16_t nNumbers, const AnswerFigures& figures)
-{
-    constexpr double NS_PER_US = 1000;
-    constexpr double PERCENT = 100;
-    printf("  %7d %12.0f %12.0f %9.2f us %9.2f us %6.2f  (%.2f to %.2f) %8.1f %%\n", nNumbers,
-        Median(figures.requestsPerS), Median(figures.resentPerS), Median(figures.cpuNs.baseline) / NS_PER_US,
-        Median(figures.cpuNs.measured) / NS_PER_US, figures.cpuNs.MedianRatio(), figures.cpuNs.LowestRatio(),
-        figures.cpuNs.HighestRatio(),
-        PERCENT * static_cast<double>(figures.resent) / static_cast<double>(figures.asked));
+    printf("  %-27s %6.2f us", habit.name, Median(bareNs) / NS_PER_US);
+    PrintBeside(bareNs, leastNs);
+    PrintBeside(bareNs, proxyNs);
+    printf(" %6lld %8d %6d\n", static_cast<long long>(unanswered), rejected, busy);
     (void)fflush(stdout);
 }
 
-// Receivers that each miss every twentieth packet and ask for it, alone, some 50 ms after it was sent. They
-// send at random moments: real receivers do not wait for the fan-out to be over. The first requests are for
-// packets from before the beginning, so that there are requests all the time.
-class Losers {
-public:
-    // Plans for a stream of `count` datagrams, `perSecond`, that begins now with `firstSeq`.
-    Losers(Receivers& receivers, const sockaddr_in& requests, uint16_t firstSeq, int64_t count, int perSecond)
-        : m_receivers(receivers),
-          m_requests(requests),
-          m_nCount(count),
-          m_nPeriodNs(NS_PER_S / perSecond),
-          m_usFirst(static_cast<uint16_t>(firstSeq - DELAY_NS / m_nPeriodNs)),
-          m_nStartNs(WallNs()),
-          m_thread([this] { Run(); })
-    {
-    }
-    Losers(const Losers&) = delete;
-    Losers& operator=(const Losers&) = delete;
-    ~Losers() { (void)Finish(); }
-
-    // Waits for the end; returns the number of requests sent.
-    int64_t Finish()
-    {
-        if (m_thread.joinable())
-            m_thread.join();
-        return m_nAsked;
-    }
-
-private:
-    static constexpr int64_t DELAY_NS = 50000000;
-    static constexpr int64_t MARGIN_NS = 10000000;
-    static constexpr int32_t LOSES_ONE_IN = 20;
-
-    // Ends a little before the stream, so that every answer comes while it runs.
-    void Run()
-    {
-        std::minstd_rand random(1);
-        const int64_t last = m_nCount - MARGIN_NS / m_nPeriodNs;
-        for (int64_t i = 0; i < last; ++i) {
-            const auto seq = static_cast<uint16_t>(m_usFirst + i);
-            const std::vector<uint8_t> request = RequestDatagram(seq, 1);
-            const auto asking = static_cast<int32_t>(i % LOSES_ONE_IN);
-            const int64_t share = m_nPeriodNs / (m_receivers.Count() / LOSES_ONE_IN + 1);
-            int64_t from = m_nStartNs + i * m_nPeriodNs;
-            for (int32_t receiver = asking; receiver < m_receivers.Count(); receiver += LOSES_ONE_IN) {
-                SleepUntil(from + static_cast<int64_t>(random()) % share);
-                SendTo(m_receivers.Socket(receiver), request.data(), request.size(), m_requests);
-                ++m_nAsked;
-                from += share;
-            }
-        }
-    }
-
-    Receivers& m_receivers;
-    const sockaddr_in m_requests;
-    const int64_t m_nCount;
-    const int64_t m_nPeriodNs;
-    const uint16_t m_usFirst;
-    const int64_t m_nStartNs;
-    int64_t m_nAsked = 0; // the thread's until it has been joined
-    std::thread m_thread;
-};
-
-struct LatencyFigures {
-    PairedFigures median; // us, over all receivers; the baseline is a turn without requests
-    PairedFigures p99;
-    int64_t asked = 0;
-    int64_t resent = 0;
-    int64_t lost = 0;
-};
-
-void RecordLatency(
-    LatencyFigures& figures, const TurnResult& quiet, const TurnResult& asking, int32_t nReceivers)
+std::unique_ptr<Outlet> MakeOutlet(const RetransmissionSettings& settings)
 {
-    constexpr double P99 = 0.99;
-    figures.median.baseline.push_back(Median(quiet.anyReceiverUs));
-    figures.median.measured.push_back(Median(asking.anyReceiverUs));
-    figures.p99.baseline.push_back(Percentile(quiet.anyReceiverUs, P99));
-    figures.p99.measured.push_back(Percentile(asking.anyReceiverUs, P99));
-    figures.resent += asking.resent;
-    figures.lost += asking.sent * nReceivers - asking.delivered;
-}
-
-// In a control turn the same requests go to a port where nobody reads: what the requests' senders take from
-// this machine's processors is no cost of the proxy.
-void MeasureLatency(LatencyFigures& figures, LatencyFigures& control, const BenchSettings& settings)
-{
-    constexpr int32_t RECEIVERS = 50;
-    constexpr int64_t WARM_UP = 200; // datagrams that the first requests can ask for
-    Receivers receivers(RECEIVERS, FreePort());
-    const uint16_t input = FreePort();
-    const ProxyRun proxy(receivers, input);
-    const sockaddr_in deaf = LoopbackAddress(FreePort());
-    const UniqueFd deafSocket = BoundSocket(deaf);
-    PacedStream(receivers, input, FILL_RATE).Fill(RING_SIZE + 1024 + 100); // first touches cost page faults
-    PacedStream stream(receivers, input, settings.perSecond);
-    stream.Fill(WARM_UP);
-    const int pieces = PiecesOf(settings.seconds);
-    const auto count = static_cast<int64_t>(PIECE_S * settings.perSecond);
-    const auto asking = [&](LatencyFigures& target, TurnResult& turn, const sockaddr_in& requests) {
-        Losers losers(receivers, requests, stream.NextSeq(), count, settings.perSecond);
-        turn.Append(stream.Run(PIECE_S));
-        target.asked += losers.Finish();
-    };
-    for (int round = 0; round < settings.rounds; ++round) {
-        TurnResult quietTurn;
-        TurnResult askingTurn;
-        TurnResult controlTurn;
-        for (int piece = 0; piece < 3 * pieces; ++piece) {
-            switch ((round + piece) % 3) {
-            case 0:
-                quietTurn.Append(stream.Run(PIECE_S));
-                break;
-            case 1:
-                asking(figures, askingTurn, proxy.RequestAddress());
-                break;
-            default:
-                asking(control, controlTurn, deaf);
-                break;
-            }
-        }
-        RecordLatency(figures, quietTurn, askingTurn, RECEIVERS);
-        RecordLatency(control, quietTurn, controlTurn, RECEIVERS);
-    }
-}
-
-void PrintLatency(const char* name, const LatencyFigures& figures)
-{
-    for (const auto& [what, paired] :
-        { std::pair("median", &figures.median), std::pair("p99", &figures.p99) }) {
-        printf("  %-24s %-7s %9.2f us %9.2f us %6.2f  (%.2f to %.2f)\n", name, what, Median(paired->baseline),
-            Median(paired->measured), paired->MedianRatio(), paired->LowestRatio(), paired->HighestRatio());
-    }
-    printf("  %-24s requests %lld, retransmissions %lld, media lost %lld\n", "",
-        static_cast<long long>(figures.asked), static_cast<long long>(figures.resent),
-        static_cast<long long>(figures.lost));
+    if (settings.loopback)
+        return MakeLoopbackOutlet();
+    std::string why;
+    std::unique_ptr<Outlet> outlet = MakeDeviceOutlet(why);
+    if (outlet == nullptr)
+        GiveUp(why + "; --loopback needs neither");
+    return outlet;
 }
 
 } // namespace
@@ -363,22 +244,18 @@ void PrintLatency(const char* name, const LatencyFigures& figures)
 int main(int argc, char** argv)
 {
     return RunBenchmark([=] {
-        const BenchSettings settings = ReadBenchSettings(argc, argv);
-        printf("%d paired rounds, turns of %g s, datagrams of %zu bytes\n\n", settings.rounds,
-            settings.seconds, sizeof(MediaDatagram));
+        const RetransmissionSettings settings = ReadRetransmissionSettings(argc, argv);
+        const std::unique_ptr<Outlet> outlet = MakeOutlet(settings);
         printf(
-            "16 receivers ask as fast as they are answered; CPU per retransmitted datagram\n"
-            "  numbers   requests/s     resent/s  bare sendto     tx_proxy  ratio                 answered\n");
-        for (const int nNumbers : { 1, 10, 40 })
-            PrintAnswers(
-                static_cast<uint16_t>(nNumbers), MeasureAnswers(static_cast<uint16_t>(nNumbers), settings));
-        printf("\nMedia latency, %d datagrams/s to 50 receivers, each of which asks for 5 %% of the stream\n"
-               "                                    without         with  ratio\n",
-            settings.perSecond);
-        LatencyFigures figures;
-        LatencyFigures control;
-        MeasureLatency(figures, control, settings);
-        PrintLatency("requests", figures);
-        PrintLatency("control: to a deaf port", control);
+            "%s\n%d rounds, turns of %g s, datagrams of %zu bytes; ratio to sendto, median and range of the rounds\n",
+            outlet->Description().c_str(), settings.rounds, settings.seconds, sizeof(MediaDatagram));
+        for (const std::string& program : settings.proxies) {
+            printf("\nCPU per retransmitted datagram, %s\n"
+                   "                                sendto       wait, read, sendto                 tx_proxy"
+                   "            lost rejected   busy\n",
+                program.c_str());
+            for (const Habit& habit : HABITS)
+                Measure(*outlet, settings, program, habit);
+        }
     });
 }

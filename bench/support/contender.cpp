@@ -117,7 +117,8 @@ std::vector<std::string> Contender::CommandLine(const Entry& entry)
     case Entry::Kind::PROXY:
     case Entry::Kind::LEARNT:
         m_nInstance = FreeInstance();
-        add({ "-I", std::to_string(m_nInstance), "-p", destPort, "-r", std::to_string(FreePort()) });
+        m_usRequestPort = FreePort();
+        add({ "-I", std::to_string(m_nInstance), "-p", destPort, "-r", std::to_string(m_usRequestPort) });
         if (!m_bLearnt)
             add({ "-a", AddressList(m_outlet, m_nReceivers) });
         add({ input });

@@ -41,6 +41,7 @@ public:
     int32_t ReceiverCount() const { return m_nReceivers; }
     uint16_t InputPort() const { return m_usInputPort; }
     uint16_t DestPort() const { return m_usDestPort; }
+    uint16_t RequestPort() const { return m_usRequestPort; } // of a proxy
 
     // Between Rest and Work another program does not run: some of them talk to their receivers all the time,
     // which would be counted for whoever has its turn. The proxy and links that must be kept up are left
@@ -63,6 +64,7 @@ private:
     uint16_t m_usInputPort;
     uint16_t m_usDestPort;
     uint16_t m_usLinkPort;
+    uint16_t m_usRequestPort = 0;
     bool m_bLearnt;
     bool m_bMayRest;
     int m_nInstance = 0; // of a proxy
