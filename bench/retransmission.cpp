@@ -28,10 +28,10 @@ constexpr int32_t RECEIVERS = 16;
 constexpr Habit HABITS[] = {
     { "16 ask at once, 1 number", RECEIVERS, 1, 1000000 },
     { "16 ask at once, 10 numbers", RECEIVERS, 10, 2000000 },
-    { "16 ask at once, 64 numbers", RECEIVERS, 64, 10000000 },
+    { "16 ask at once, 64 numbers", RECEIVERS, 64, 6500000 },
     { "one asks, 1 number", 1, 1, 500000 },
-    { "one asks, 10 numbers", 1, 10, 2000000 },
-    { "one asks, 64 numbers", 1, 64, 10000000 },
+    { "one asks, 10 numbers", 1, 10, 500000 },
+    { "one asks, 64 numbers", 1, 64, 2000000 },
 };
 
 // Calls act() once in a period, for one piece of a turn; returns how often. What a busy machine delays is not made up

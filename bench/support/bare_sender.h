@@ -12,8 +12,8 @@
 #include "outlet.h"
 
 // How receivers ask: this many of them at the same moment, each for so many numbers, once in a period. The ring is
-// asked for in turn, so slowly that no number is held off and nobody's quota is spent, and with a pause in which the
-// listen thread goes to sleep.
+// asked for in turn, so slowly that no number is held off and that nobody's quota is spent where requests of others
+// wait, and with a pause in which the listen thread goes to sleep.
 struct Habit {
     const char* name;
     int32_t askers;
