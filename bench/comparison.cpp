@@ -34,6 +34,7 @@ constexpr Section SECTIONS[] {
     { "memory", MeasureMemory },
     { "links", MeasureLinks },
     { "requests", MeasureRequests },
+    { "asking", MeasureAsking },
 };
 
 std::vector<std::string> SectionNames()

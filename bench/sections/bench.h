@@ -27,4 +27,5 @@ void MeasureTopRate(Bench& bench); // the highest input rate without loss
 void MeasureEncoder(Bench& bench); // a real encoder's bursts
 void MeasureMemory(Bench& bench); // resident, with 50 streams
 void MeasureLinks(Bench& bench); // programs whose receivers must answer, over loopback
-void MeasureRequests(Bench& bench); // runs the retransmission benchmark
+void MeasureRequests(Bench& bench); // per retransmitted datagram
+void MeasureAsking(Bench& bench); // the media's latency while receivers ask

@@ -39,7 +39,7 @@ int RunBenchmark(const std::function<void()>& body)
     return EXIT_SUCCESS;
 }
 
-Child::Child(const std::vector<std::string>& arguments, Output output) : m_nPid(-1)
+Child::Child(const std::vector<std::string>& arguments) : m_nPid(-1)
 {
     std::vector<char*> argv;
     for (const std::string& argument : arguments)
@@ -47,11 +47,8 @@ Child::Child(const std::vector<std::string>& arguments, Output output) : m_nPid(
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     (void)posix_spawn_file_actions_init(&actions);
-    (void)posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    for (const int fd : { STDOUT_FILENO, STDERR_FILENO }) {
-        if (output == Output::NONE)
-            (void)posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
-    }
+    for (const int fd : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO })
+        (void)posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0);
     const int error = posix_spawn(&m_nPid, argv[0], &actions, nullptr, argv.data(), environ);
     (void)posix_spawn_file_actions_destroy(&actions);
     if (error != 0)

@@ -7,13 +7,11 @@
 #include <string>
 #include <vector>
 
-// A process under test, killed with this object.
+// A process under test, started without output and killed with this object.
 class Child {
 public:
-    enum class Output { NONE, SHOWN };
-
     // Runs `arguments` (the first is the path). Gives up when that fails.
-    explicit Child(const std::vector<std::string>& arguments, Output output = Output::NONE);
+    explicit Child(const std::vector<std::string>& arguments);
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
     ~Child();

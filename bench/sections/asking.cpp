@@ -1,25 +1,30 @@
-// What requests do to the media's latency: the proxy's own binary on loopback, with and without receivers that ask.
 #include <sys/socket.h>
 
 #include <cstdio>
 #include <random>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "support/child.h"
-#include "support/command_line.h"
-#include "support/figures.h"
-#include "support/paced_stream.h"
-#include "support/proxy_run.h"
-#include "support/request_datagram.h"
-#include "support/udp.h"
+#include "../support/child.h"
+#include "../support/contender.h"
+#include "../support/figures.h"
+#include "../support/paced_stream.h"
+#include "../support/reading_outlet.h"
+#include "../support/request_datagram.h"
+#include "../support/udp.h"
+#include "bench.h"
+#include "entries.h"
+#include "rounds.h"
 
 namespace {
 
 constexpr int64_t NS_PER_S = 1000000000;
 constexpr int32_t RING_SIZE = 4096; // the proxy's default
+constexpr int32_t RECEIVERS = 50;
 constexpr int FILL_RATE = 2000; // datagrams/s
+constexpr int PER_SECOND = 800; // as in the table of latencies
 
 void SendTo(int fd, const void* data, size_t length, const sockaddr_in& destination)
 {
@@ -109,47 +114,72 @@ void RecordLatency(
     figures.lost += asking.sent * nReceivers - asking.delivered;
 }
 
+// A proxy with its receivers on loopback and a stream to it.
+struct Scene {
+    Scene(const Entry& entry, int32_t nReceivers)
+        : contender(entry, outlet, nReceivers),
+          receivers(outlet.At(contender.DestPort())),
+          stream(receivers, contender.InputPort(), PER_SECOND)
+    {
+    }
+
+    ReadingOutlet outlet;
+    Contender contender;
+    Receivers& receivers;
+    PacedStream stream;
+};
+
+// A piece of a turn in which receivers ask.
+void TakeAskingPiece(LatencyFigures& figures, TurnResult& turn, Scene& scene, const sockaddr_in& requests)
+{
+    const auto count = static_cast<int64_t>(PIECE_S * PER_SECOND);
+    Losers losers(scene.receivers, requests, scene.stream.NextSeq(), count, PER_SECOND);
+    turn.Append(scene.stream.Run(PIECE_S));
+    figures.asked += losers.Finish();
+}
+
 // In a control turn the same requests go to a port where nobody reads: what the requests' senders take from
 // this machine's processors is no cost of the proxy.
-void MeasureLatency(LatencyFigures& figures, LatencyFigures& control, const BenchSettings& settings)
+std::string MeasureLatency(
+    LatencyFigures& figures, LatencyFigures& control, const Settings& settings, const Entry& entry)
 {
-    constexpr int32_t RECEIVERS = 50;
     constexpr int64_t WARM_UP = 200; // datagrams that the first requests can ask for
-    Receivers receivers(RECEIVERS, FreePort());
-    const uint16_t input = FreePort();
-    const ProxyRun proxy(receivers, input);
+    Scene scene(entry, RECEIVERS);
     const sockaddr_in deaf = LoopbackAddress(FreePort());
+    const sockaddr_in asked = LoopbackAddress(scene.contender.RequestPort());
     const UniqueFd deafSocket = BoundSocket(deaf);
-    PacedStream(receivers, input, FILL_RATE).Fill(RING_SIZE + 1024 + 100); // first touches cost page faults
-    PacedStream stream(receivers, input, settings.perSecond);
-    stream.Fill(WARM_UP);
-    const int pieces = PiecesOf(settings.seconds);
-    const auto count = static_cast<int64_t>(PIECE_S * settings.perSecond);
-    const auto asking = [&](LatencyFigures& target, TurnResult& turn, const sockaddr_in& requests) {
-        Losers losers(receivers, requests, stream.NextSeq(), count, settings.perSecond);
-        turn.Append(stream.Run(PIECE_S));
-        target.asked += losers.Finish();
-    };
-    for (int round = 0; round < settings.rounds; ++round) {
-        TurnResult quietTurn;
-        TurnResult askingTurn;
-        TurnResult controlTurn;
-        for (int piece = 0; piece < 3 * pieces; ++piece) {
+    if (!settings.quick) // first touches cost page faults
+        PacedStream(scene.receivers, scene.contender.InputPort(), FILL_RATE).Fill(RING_SIZE + 1024 + 100);
+    scene.stream.Fill(WARM_UP);
+    TurnResult quietTurn;
+    TurnResult askingTurn;
+    TurnResult controlTurn;
+    const auto measure = [&](int round) {
+        quietTurn = {};
+        askingTurn = {};
+        controlTurn = {};
+        for (int piece = 0; piece < 3 * PiecesOf(settings.seconds); ++piece) {
             switch ((round + piece) % 3) {
             case 0:
-                quietTurn.Append(stream.Run(PIECE_S));
+                quietTurn.Append(scene.stream.Run(PIECE_S));
                 break;
             case 1:
-                asking(figures, askingTurn, proxy.RequestAddress());
+                TakeAskingPiece(figures, askingTurn, scene, asked);
                 break;
             default:
-                asking(control, controlTurn, deaf);
+                TakeAskingPiece(control, controlTurn, scene, deaf);
                 break;
             }
         }
+        if (askingTurn.delivered == 0 || askingTurn.resent == 0)
+            GiveUp("no request was answered while media flowed");
+    };
+    Rounds rounds(settings, scene.contender.Pids());
+    rounds.Repeat(measure, [&] {
         RecordLatency(figures, quietTurn, askingTurn, RECEIVERS);
         RecordLatency(control, quietTurn, controlTurn, RECEIVERS);
-    }
+    });
+    return rounds.Report();
 }
 
 void PrintLatency(const char* name, const LatencyFigures& figures)
@@ -166,19 +196,21 @@ void PrintLatency(const char* name, const LatencyFigures& figures)
 
 } // namespace
 
-int main(int argc, char** argv)
+void MeasureAsking(Bench& bench)
 {
-    return RunBenchmark([=] {
-        const BenchSettings settings = ReadBenchSettings(argc, argv);
-        printf("%d paired rounds, turns of %g s, datagrams of %zu bytes\n\n", settings.rounds,
-            settings.seconds, sizeof(MediaDatagram));
-        printf("Media latency, %d datagrams/s to 50 receivers, each of which asks for 5 %% of the stream\n"
-               "                                    without         with  ratio\n",
-            settings.perSecond);
+    for (const Entry& entry : Proxies(bench.settings)) {
+        if (entry.kind != Entry::Kind::PROXY)
+            continue;
         LatencyFigures figures;
         LatencyFigures control;
-        MeasureLatency(figures, control, settings);
+        const std::string report = MeasureLatency(figures, control, bench.settings, entry);
+        printf(
+            "\nMedia latency of %s over loopback, %d datagrams/s to %d receivers, each of which asks for 5 %% of "
+            "the stream\n                                       without         with  ratio\n",
+            entry.name.c_str(), PER_SECOND, RECEIVERS);
         PrintLatency("requests", figures);
         PrintLatency("control: to a deaf port", control);
-    });
+        printf("%s\n", report.c_str());
+        (void)fflush(stdout);
+    }
 }
