@@ -9,12 +9,12 @@
 namespace {
 
 // A test picture at a constant 20 Mbit/s. Empty when ffmpeg cannot make it.
-std::string MakeTestStream(const std::string& ffmpeg, const std::string& folder)
+std::string MakeTestStream(const std::string& ffmpeg, const std::string& folder, const char* seconds)
 {
     std::string file = folder + "/test.ts";
     const std::vector<std::string> arguments { ffmpeg, "-nostdin", "-v", "error", "-y", "-f", "lavfi", "-i",
-        "testsrc2=size=1280x720:rate=25", "-t", "6", "-c:v", "mpeg2video", "-b:v", "19M", "-minrate", "19M",
-        "-maxrate", "19M", "-bufsize", "4M", "-f", "mpegts", "-muxrate", "20M", file };
+        "testsrc2=size=1280x720:rate=25", "-t", seconds, "-c:v", "mpeg2video", "-b:v", "19M", "-minrate",
+        "19M", "-maxrate", "19M", "-bufsize", "4M", "-f", "mpegts", "-muxrate", "20M", file };
     return Child(arguments).WaitForExit() == 0 ? file : "";
 }
 
@@ -37,12 +37,12 @@ private:
 double TakeTurn(Bench& bench, Lane& lane, const std::string& ffmpeg, const std::string& file)
 {
     constexpr int64_t START_NS = 5000000000;
-    constexpr int64_t SETTLE_NS = 300000000; // its start is faster than real time
+    const int64_t settleNs = bench.settings.quick ? 0 : 300000000; // its start is faster than real time
     const int64_t beforeStart = bench.outlet.Delivered(sizeof(MediaDatagram));
     const Encoder encoder(ffmpeg, file, lane.contender->InputPort());
     if (AwaitDelivery(bench.outlet, beforeStart, 1, START_NS) < 1)
         GiveUp("nothing of ffmpeg's stream came out of " + lane.contender->Name());
-    SleepUntil(WallNs() + SETTLE_NS);
+    SleepUntil(WallNs() + settleNs);
     const int64_t cpuBefore = lane.contender->Process().CpuNs();
     const int64_t before = bench.outlet.Delivered(sizeof(MediaDatagram));
     SleepUntil(WallNs() + static_cast<int64_t>(bench.settings.seconds * 1e9));
@@ -94,7 +94,8 @@ void MeasureWith(Bench& bench, const std::string& ffmpeg, const std::string& fil
 void MeasureEncoder(Bench& bench)
 {
     const std::string ffmpeg = FindProgram("ffmpeg");
-    const std::string file = ffmpeg.empty() ? "" : MakeTestStream(ffmpeg, bench.scratch);
+    const std::string file
+        = ffmpeg.empty() ? "" : MakeTestStream(ffmpeg, bench.scratch, bench.settings.quick ? "1" : "6");
     if (file.empty())
         printf("\nNo figures with a real encoder: there is no ffmpeg that makes MPEG-2 video\n");
     else

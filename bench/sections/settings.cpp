@@ -38,7 +38,7 @@ void MakeQuick(Settings& settings)
     settings.quick = true;
     settings.peers = false;
     settings.rounds = 1;
-    settings.seconds = 0.1;
+    settings.seconds = 0.05;
     settings.quietBelow = NEVER;
     settings.receivers = { 2 };
 }
