@@ -73,7 +73,9 @@ void PrintHead(const Bench& bench)
 
 int main(int argc, char** argv)
 {
+    (void)setvbuf(stdout, nullptr, _IOLBF, 0); // each line is there when it is known
     return RunBenchmark([=] {
+        StopOnSignals();
         const Settings settings = ReadSettings(argc, argv, SectionNames());
         const std::unique_ptr<Outlet> outlet = MakeOutlet(settings);
         CheckCounting(*outlet, FreePort());

@@ -211,6 +211,5 @@ void MeasureAsking(Bench& bench)
         PrintLatency("requests", figures);
         PrintLatency("control: to a deaf port", control);
         printf("%s\n", report.c_str());
-        (void)fflush(stdout);
     }
 }

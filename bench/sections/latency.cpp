@@ -120,7 +120,6 @@ void MeasureFor(Bench& bench, int32_t nReceivers)
         PER_SECOND);
     Print(lanes);
     printf("%s\n", rounds.Report().c_str());
-    (void)fflush(stdout);
     AddTargets(bench, lanes, entries, nReceivers);
 }
 

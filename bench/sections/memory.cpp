@@ -40,5 +40,4 @@ void MeasureMemory(Bench& bench)
                 Targets::Kind::AT_MOST, bound, later);
         }
     }
-    (void)fflush(stdout);
 }

@@ -238,7 +238,6 @@ void MeasureHabit(Bench& bench, const Entry& entry, const Habit& habit)
     PrintBeside(costs.bare, costs.least);
     PrintBeside(costs.bare, costs.proxy);
     printf(" %6lld\n%s\n", static_cast<long long>(costs.unanswered), rounds.Report().c_str());
-    (void)fflush(stdout);
     AddTarget(bench, entry, habit, costs);
 }
 

@@ -130,7 +130,6 @@ void MeasureFor(Bench& bench, int32_t nReceivers)
                 Targets::Kind::AT_LEAST, bound->second, ratios);
     }
     printf("%s\n", rounds.Report().c_str());
-    (void)fflush(stdout);
 }
 
 } // namespace

@@ -21,6 +21,14 @@ std::string ProcPath(pid_t pid)
     return "/proc/" + std::to_string(pid);
 }
 
+// Children that are stopped or busy would outlive this process if it just ended.
+volatile std::sig_atomic_t s_stopAsked = 0;
+
+void AskToStop(int)
+{
+    s_stopAsked = 1;
+}
+
 } // namespace
 
 void GiveUp(const std::string& why)
@@ -37,6 +45,20 @@ int RunBenchmark(const std::function<void()>& body)
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;
+}
+
+void StopOnSignals()
+{
+    for (const int signal : { SIGINT, SIGTERM, SIGHUP })
+        (void)std::signal(signal, AskToStop);
+}
+
+void StopIfAsked()
+{
+    if (s_stopAsked == 0 || gettid() != getpid())
+        return;
+    s_stopAsked = 0; // what is cleaned up on the way may sleep, too
+    GiveUp("stopped by a signal");
 }
 
 Child::Child(const std::vector<std::string>& arguments) : m_nPid(-1)

@@ -39,3 +39,9 @@ private:
 
 // Runs body() and returns the exit status: 0, or 1 after a message when something in it gave up.
 int RunBenchmark(const std::function<void()>& body);
+
+// From now on SIGINT, SIGTERM and SIGHUP end the benchmark by a GiveUp at the next StopIfAsked.
+void StopOnSignals();
+
+// Gives up when a signal has asked for it. Does nothing on any thread but main's.
+void StopIfAsked();

@@ -4,13 +4,16 @@
 
 #include <ctime>
 
+#include "child.h"
 #include "figures.h"
 
 void SleepUntil(int64_t wallNs)
 {
     constexpr int64_t NS_PER_S = 1000000000;
     const timespec until { static_cast<time_t>(wallNs / NS_PER_S), static_cast<long>(wallNs % NS_PER_S) };
-    while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &until, nullptr) != 0) {}
+    while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &until, nullptr) != 0)
+        StopIfAsked();
+    StopIfAsked();
 }
 
 void TurnResult::Append(const TurnResult& piece)
