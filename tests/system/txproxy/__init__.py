@@ -18,6 +18,8 @@ mpegts          a real MPEG transport stream to send
 traffic         sending to proxies whose output does not follow their input at once
 flooding        a program that sends as fast as a core can
 send_faults     a stream, and what each receiver has of it while a send fails
+capture         the frames that leave by an interface of it
+forged_icmp     what routers and receivers say about datagrams that they could not deliver
 kernel_counts   what the kernel of a namespace has counted of UDP
 netns           network namespaces and interfaces of a test's own
 shaping         a cable of such a network that is too slow for what is sent
