@@ -1,15 +1,18 @@
 """Every system call of a running proxy: on the path of a packet there are those described, and no other.
 
-ALLOWED below names each thread and what it may call at all. The tests then count: one receive a packet, one send
-for each receiver, one send for each number that is asked for. The clocks are read without a system call; a machine
-whose clock source needs one fails here, and is slower for it.
+ALLOWED below names each thread and what it may call at all. The tests then count. A packet that comes alone costs one
+receive and one send for each receiver, or one for all who share a socket; a request that comes alone one wait, one
+read and one send for all of its numbers. What waits is received and sent together, and nothing is read in vain. The
+clocks are read without a system call; a machine whose clock source needs one fails here, and is slower for it.
 """
 
+import collections
+import itertools
 import re
 
 import pytest
 
-from txproxy import rtp
+from txproxy import process, rtp
 from txproxy.model_receiver import start_media, wait_bound
 from txproxy.ports import instance_files
 from txproxy.receiver import pump
@@ -21,19 +24,29 @@ pytestmark = pytest.mark.release_only
 PACKETS = 200
 PAYLOAD = bytes(800)
 CONFIGURED = ("127.0.0.2", "127.0.0.3", "127.0.0.4")
+LEARNT = ("127.0.0.6", "127.0.0.7", "127.0.0.8")
+BURST, BURSTS = 32, 8
+ASKED = [1] * 20 + [64] + [8] * 10  # numbers, of each request
+MOST_CALLS_SHARE = 1 / 2  # of one send for each datagram: strace may let main keep up at times
+VISIT_SECONDS = 5.0  # the keep-alive looks at each stream so often
+BUILT_HEADER_BYTES = 12
 
 INPUT_WAIT, LISTEN_WAIT, CONTROL_WAIT, TOGGLE_LOOK = 0.25, 0.25, 0.5, 1.0  # seconds
 SLEEP, TICK = 0.1, 0.01
 
 # What each thread may call. A futex is a lock or a wait: the queue's for main and input.
+SENDS = ("sendto", "sendmsg", "sendmmsg")
+READS = ("recvfrom", "recvmmsg")
+# How the way to a receiver is looked up, once a visit.
+LOOK_AT_A_ROUTE = {"socket": 1, "connect": 1, "getsockname": 2, "close": 1}
 ALLOWED = {
-    "main": {"futex", "sendto", "sendmsg"},
-    "input": {"recvfrom", "futex"},
-    "listen": {"poll", "recvfrom", "sendto", "sendmsg", "futex"},
-    "keep-alive": {"clock_nanosleep", "futex"},
+    "main": {"futex", *SENDS},
+    "input": {"futex", *READS},
+    "listen": {"poll", *READS, *SENDS, "futex"},
+    "keep-alive": {"clock_nanosleep", "futex", *LOOK_AT_A_ROUTE},
     "status": {"clock_nanosleep"},
     "control": {"poll", "access"},
-    "timer": {"clock_nanosleep", "sendto", "sendmsg", "futex"},
+    "timer": {"clock_nanosleep", *SENDS, "futex"},
     "log writer": {"futex"},
 }
 UNPACED = {"main", "input", "listen", "keep-alive", "status", "control"}
@@ -45,7 +58,9 @@ QUEUE_BYTES = 512  # all words that main and input wait at lie in the one queue
 # The replicator lock, when a ping and the look at a stream meet.
 LOCKS_AT_A_PING = 2
 
-FIRST_BYTES = re.compile(r'"((?:\\x[0-9a-f]{2})+)"')
+# A piece of a datagram: its first bytes, and how many it has.
+PIECE = re.compile(r'"((?:\\x[0-9a-f]{2})+)"(?:\.\.\.)?, (?:iov_len=)?(\d+)')
+DESCRIPTOR = re.compile(r"(\d+), ")
 ADDRESS = re.compile(r'inet_addr\("([\d.]+)"\)')
 SLEPT = re.compile(r"CLOCK_\w+, 0, \{tv_sec=(\d+), tv_nsec=(\d+)\}")
 POLLED = re.compile(r"\[.*\], (\d), (\d+)")
@@ -65,7 +80,7 @@ def role(thread, pid, calls):
     if "poll" in names:
         places = {POLLED.match(call.arguments)[1] for call in calls if call.name == "poll"}
         return "listen" if places == {"2"} else "control"
-    if "recvfrom" in names:
+    if names & set(READS):
         return "input"
     if "clock_nanosleep" in names:
         return "timer" if max(sleeps(calls)) <= TICK else "sleeper"
@@ -78,6 +93,7 @@ class Seen:
 
     def __init__(self, trace):
         self.seconds = trace.seconds
+        self._peers = process.peers(trace.pid)
         self.calls = {}
         sleepers = []
         for thread, calls in trace.calls.items():
@@ -103,12 +119,35 @@ class Seen:
 
     def sent(self, thread):
         """(sequence number, address) of every datagram that the thread has sent, in order."""
+        return [datagram for call in self.of(thread, *SENDS) for datagram in self._datagrams(call)]
+
+    def _datagrams(self, call):
+        assert call.result.isdecimal(), call
+        messages = call.arguments.split("msg_hdr=")[1:][: int(call.result)] if call.name == "sendmmsg" else [
+            call.arguments
+        ]  # fmt: skip
+        peer = self._peers.get(int(DESCRIPTOR.match(call.arguments)[1]))
         found = []
-        for call in self.of(thread, "sendto", "sendmsg"):
-            assert call.result.isdecimal(), call
-            begin = bytes.fromhex(FIRST_BYTES.search(call.arguments)[1].replace("\\x", ""))
-            found.append((rtp.seq(begin), ADDRESS.search(call.arguments)[1]))
+        for message in messages:
+            named = ADDRESS.search(message)
+            found += [(number, named[1] if named else peer) for number in numbers(message)]
         return found
+
+
+def numbers(message):
+    """The sequence numbers of the datagrams of one message. A header that the proxy has built is a piece of its own."""
+    pieces = PIECE.findall(message)
+    if int(pieces[0][1]) == BUILT_HEADER_BYTES:
+        pieces = pieces[::2]
+    return [rtp.seq(bytes.fromhex(begin.replace("\\x", ""))) for begin, _ in pieces]
+
+
+def by_address(sent):
+    """{address: the numbers that were sent there, in order}"""
+    found = collections.defaultdict(list)
+    for number, address in sent:
+        found[address].append(number)
+    return dict(found)
 
 
 def expect_nothing_else(seen, names):
@@ -135,11 +174,15 @@ def expect_periods(seen):
     assert all(re.match(r'"/var/run/tx_proxy\d+\.imp", F_OK', look.arguments) for look in looks)
 
 
+def datagrams_read(call):
+    return 1 if call.name == "recvfrom" else int(call.result)
+
+
 def expect_input(seen, packets):
-    """One receive a packet; the only others are those that end without a datagram, four a second."""
-    receives = [call for call in seen.of("input", "recvfrom") if call.result]
+    """Each packet is received once; the only empty receives are those that time out, four a second."""
+    receives = [call for call in seen.of("input", *READS) if call.result]
     empty = [call for call in receives if call.result.startswith("-1 ")]
-    assert len(receives) - len(empty) == packets
+    assert sum(datagrams_read(call) for call in receives if call not in empty) == packets
     assert all(re.match("-1 (EAGAIN|EINTR) ", call.result) for call in empty)  # the trace's own begin: EINTR
     assert len(empty) <= seen.at_most_every(INPUT_WAIT)
 
@@ -155,20 +198,27 @@ def expect_queue_only(seen, packets):
 
 
 def expect_requests(seen, datagrams):
-    """Each datagram is read once, and after a wait that has reported one at most one read finds nothing more.
+    """Each datagram is read once and nothing is read in vain: every read follows a wait that has reported one.
 
     The listen thread wakes without a datagram four times a second.
     """
-    reads = seen.of("listen", "recvfrom")
-    read = [call for call in reads if call.result.isdecimal()]
-    assert len(read) == datagrams
+    reads = seen.of("listen", *READS)
+    assert all(call.result.isdecimal() for call in reads)
+    assert sum(map(datagrams_read, reads)) == datagrams
     assert all("MSG_DONTWAIT" in call.arguments for call in reads)
     waits = seen.of("listen", "poll")
-    reported = sum(bool(re.match("[12] ", call.result)) for call in waits)
-    assert reported <= datagrams
-    assert len(reads) - len(read) <= 2 * (reported + 1)  # two sockets; the trace began within a wait
+    reported = sum(int(call.result.split()[0]) for call in waits if re.match("[12] ", call.result))
+    assert reported + 1 >= len(reads)  # the trace began within a wait
     assert sum(call.result.startswith("0 ") for call in waits) <= seen.at_most_every(LISTEN_WAIT)
     assert len(waits) <= datagrams + seen.at_most_every(LISTEN_WAIT)
+
+
+def expect_looks_at_routes(seen, streams):
+    """Once a visit, of each stream whose socket is connected."""
+    visits = len(seen.of("keep-alive", "socket"))
+    assert visits <= streams * (seen.seconds / VISIT_SECONDS + 2)
+    for name, calls in LOOK_AT_A_ROUTE.items():
+        assert len(seen.of("keep-alive", name)) == calls * visits
 
 
 def media(first, count=PACKETS):
@@ -213,48 +263,107 @@ def traced(tmp_path):
     return trace_while
 
 
+def one_by_one(proxy, sender, receivers):
+    """What sends the media so that each packet finds all threads asleep."""
+
+    def send():
+        for data in media(PACKETS):
+            pump(sender, receivers, [data])
+            proxy.wait_asleep()
+
+    return send
+
+
+def learn_all(learn, proxy):
+    return [start_media(proxy, learn(address)) for address in LEARNT]
+
+
 @pytest.mark.parametrize("options, call", [((), "sendto"), (("-u",), "sendmsg")])
-def test_a_packet_costs_one_receive_and_one_send_for_each_receiver_and_no_other_call(
+def test_a_packet_that_comes_alone_costs_one_receive_and_one_send_for_each_receiver_and_no_other_call(
     running, traced, sender, options, call
 ):
     proxy, receivers = running(*options)
     pump(sender, receivers, media(0))  # what is set up once is behind us
-    seen = traced(proxy, lambda: pump(sender, receivers, media(PACKETS)))
+    seen = traced(proxy, one_by_one(proxy, sender, receivers))
     expect_nothing_else(seen, UNPACED)
     expect_periods(seen)
     expect_input(seen, PACKETS)
     expect_queue_only(seen, PACKETS)
     expect_requests(seen, 0)
+    expect_looks_at_routes(seen, len(CONFIGURED))
     first = PACKETS + 1 if options else PACKETS  # the proxy's own numbers begin with 1
     assert seen.sent("main") == to_each(range(first, first + PACKETS))
-    assert {one.name for one in seen.of("main", "sendto", "sendmsg")} == {call}
+    assert [one.name for one in seen.of("main", *SENDS)] == [call] * len(CONFIGURED) * PACKETS
+    assert [one.name for one in seen.of("input", *READS) if one.result.isdecimal()] == ["recvfrom"] * PACKETS
     assert seen.of("listen", "futex") == seen.of("keep-alive", "futex") == []
-
-
-def test_a_packet_that_finds_main_asleep_is_handed_over_by_one_call_of_the_input_thread_and_two_of_main(
-    running, traced, sender
-):
-    proxy, receivers = running()
-
-    def one_by_one():
-        for data in media(PACKETS):
-            pump(sender, receivers, [data])
-            proxy.wait_asleep()
-
-    pump(sender, receivers, media(0))
-    seen = traced(proxy, one_by_one)
-    expect_nothing_else(seen, UNPACED)
-    expect_input(seen, PACKETS)
-    assert seen.sent("main") == to_each(range(PACKETS, 2 * PACKETS))
     # The input thread wakes main. Main waits; having waited it holds the lock as one that others may wait for, and
     # so wakes whoever does. Where a lock is met held both have one call more, which is rare.
     assert PACKETS <= len(seen.of("input", "futex")) <= PACKETS * 1.1
     assert 2 * PACKETS <= len(seen.of("main", "futex")) <= 2 * PACKETS * 1.1
 
 
-def test_a_request_costs_one_read_and_one_send_for_each_number_and_media_nothing_more(
-    running, traced, sender, learn
+def test_a_packet_that_comes_alone_costs_one_send_for_all_who_share_a_socket(running, traced, sender, learn):
+    proxy, receivers = running()
+    receivers += learn_all(learn, proxy)
+    pump(sender, receivers, media(0))
+    seen = traced(proxy, one_by_one(proxy, sender, receivers))
+    expect_nothing_else(seen, UNPACED)
+    assert seen.sent("main") == to_each(range(PACKETS, 2 * PACKETS), (*CONFIGURED, *LEARNT))
+    calls = [one.name for one in seen.of("main", *SENDS)]
+    assert calls == [*["sendto"] * len(CONFIGURED), "sendmmsg"] * PACKETS
+
+
+@pytest.mark.parametrize("options", [(), ("-u",)])
+def test_packets_that_wait_are_received_together_and_cost_one_send_for_each_receiver(
+    running, traced, sender, learn, options
 ):
+    proxy, receivers = running(*options)
+    receivers += learn_all(learn, proxy)
+    pump(sender, receivers, media(0))
+
+    def bursts():
+        for start in range(0, BURST * BURSTS, BURST):
+            pump(sender, receivers, media(PACKETS + start, BURST))
+
+    seen = traced(proxy, bursts)
+    expect_nothing_else(seen, UNPACED)
+    expect_periods(seen)
+    expect_input(seen, BURST * BURSTS)
+    expect_queue_only(seen, BURST * BURSTS)
+    expect_requests(seen, 0)
+    first = PACKETS + 1 if options else PACKETS
+    everything = list(range(first, first + BURST * BURSTS))
+    assert by_address(seen.sent("main")) == {address: everything for address in (*CONFIGURED, *LEARNT)}
+    assert len(seen.of("main", *SENDS)) < MOST_CALLS_SHARE * BURST * BURSTS * len(receivers)
+    assert sum(call.result.isdecimal() for call in seen.of("input", *READS)) < BURST * BURSTS / 2
+
+
+def test_a_request_that_comes_alone_costs_one_wait_one_read_and_one_send(running, traced, sender, learn):
+    proxy, receivers = running()
+    asking = start_media(proxy, learn())
+    receivers.append(asking)
+    pump(sender, receivers, media(0))
+    ends = list(itertools.accumulate(ASKED))
+    wanted = [range(end - count, end) for end, count in zip(ends, ASKED)]
+
+    def requests():
+        for numbers_ in wanted:
+            before = asking.count()
+            asking.ask(list(numbers_))
+            asking.wait_count(before + len(numbers_))
+            proxy.wait_asleep()
+
+    seen = traced(proxy, requests)
+    expect_nothing_else(seen, UNPACED)
+    expect_periods(seen)
+    expect_requests(seen, len(ASKED))
+    assert seen.sent("listen") == [(number, "127.0.0.5") for numbers_ in wanted for number in numbers_]
+    assert len(seen.of("listen", *SENDS)) == len(seen.of("listen", *READS)) == len(ASKED)
+    assert 0 <= len(ASKED) - sum(call.result.startswith("1 ") for call in seen.of("listen", "poll")) <= 1  # as above
+    assert seen.of("listen", "futex") == []
+
+
+def test_requests_cost_one_send_each_whatever_they_ask_for_and_media_nothing_more(running, traced, sender, learn):
     proxy, receivers = running()
     asking = start_media(proxy, learn())
     receivers.append(asking)
@@ -262,8 +371,8 @@ def test_a_request_costs_one_read_and_one_send_for_each_number_and_media_nothing
     wanted = [range(0, 10), range(20, 23), range(50, 51)]
 
     def media_and_requests():
-        for numbers in wanted:
-            asking.ask(list(numbers))
+        for numbers_ in wanted:
+            asking.ask(list(numbers_))
         pump(sender, receivers[:-1], media(PACKETS))
         asking.wait_count(2 * PACKETS + sum(map(len, wanted)))
 
@@ -273,8 +382,10 @@ def test_a_request_costs_one_read_and_one_send_for_each_number_and_media_nothing
     expect_input(seen, PACKETS)
     expect_queue_only(seen, PACKETS)
     expect_requests(seen, len(wanted))
-    assert seen.sent("listen") == [(number, "127.0.0.5") for numbers in wanted for number in numbers]
-    assert seen.sent("main") == to_each(range(PACKETS, 2 * PACKETS), (*CONFIGURED, "127.0.0.5"))
+    assert seen.sent("listen") == [(number, "127.0.0.5") for numbers_ in wanted for number in numbers_]
+    assert len(seen.of("listen", *SENDS)) == len(wanted)
+    everything = list(range(PACKETS, 2 * PACKETS))
+    assert by_address(seen.sent("main")) == {address: everything for address in (*CONFIGURED, "127.0.0.5")}
     assert seen.of("listen", "futex") == seen.of("keep-alive", "futex") == []
 
 
@@ -296,9 +407,10 @@ def test_a_ping_that_keeps_a_stream_costs_one_read_and_no_send(running, traced, 
     expect_periods(seen)
     expect_input(seen, pings)
     expect_requests(seen, pings + 1)
-    assert len(seen.of("listen", "sendto")) == 1  # the echo by which the test knows that all pings were read
+    assert len(seen.of("listen", *SENDS)) == 1  # the echo by which the test knows that all pings were read
+    meetings = 1 + len(seen.of("keep-alive", "socket"))  # a look at a route takes its time
     for name in ("listen", "keep-alive"):
-        assert len(seen.of(name, "futex")) <= LOCKS_AT_A_PING
+        assert len(seen.of(name, "futex")) <= LOCKS_AT_A_PING * meetings
 
 
 def test_with_pacing_the_timer_sends_in_main_s_place_and_only_sleeps_besides(running, traced, sender):
@@ -309,8 +421,10 @@ def test_with_pacing_the_timer_sends_in_main_s_place_and_only_sleeps_besides(run
     expect_periods(seen)
     expect_input(seen, PACKETS)
     expect_requests(seen, 0)
-    assert seen.sent("timer") == to_each(range(PACKETS, 2 * PACKETS))
-    assert seen.of("main", "sendto", "sendmsg") == []
+    assert by_address(seen.sent("timer")) == {address: list(range(PACKETS, 2 * PACKETS)) for address in CONFIGURED}
+    # One train for each receiver and tick.
+    assert len(seen.of("timer", *SENDS)) <= len(CONFIGURED) * len(sleeps(seen.calls["timer"]))
+    assert seen.of("main", *SENDS) == []
     assert set(sleeps(seen.calls["timer"])) <= {TICK}
     assert 1 <= len(sleeps(seen.calls["timer"])) <= seen.at_most_every(TICK)
     for name in ("main", "input", "timer"):

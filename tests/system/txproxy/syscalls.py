@@ -57,7 +57,7 @@ class Trace:
     def __enter__(self):
         strace = shutil.which("strace")
         assert strace, "strace is not installed: scripts/install_packages does it"
-        command = [strace, "-f", "-ttt", "-x", "-s", STRING_BYTES, "-e", "signal=none"]
+        command = [strace, "-f", "-v", "-ttt", "-x", "-s", STRING_BYTES, "-e", "signal=none"]
         command += ["-o", self._file, "-p", self.pid]
         with open(self._messages, "wb") as messages:
             self._strace = subprocess.Popen(list(map(str, command)), stdin=subprocess.DEVNULL, stderr=messages)
