@@ -131,7 +131,8 @@ class Run:
         if time.monotonic() > self._pinged + PING_SECONDS:
             self._pinged = time.monotonic()
             for seat in self.joined():
-                self._ping(seat, b"")
+                if seat.sockets:
+                    self._ping(seat, b"")
 
     def _ping(self, seat, data):
         seat.sock.sendto(data, (self.world.proxy_address, self._ping_port))
