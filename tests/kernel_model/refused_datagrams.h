@@ -69,8 +69,7 @@ template <typename OnFirst, typename OnLeft>
 const char* RefusedDatagrams<Token>::Take(const Attempt& attempt, Fate fate, OnFirst onFirst, OnLeft onLeft)
 {
     Queue& queue = m_waiting[KeyOf(attempt.destination)];
-    // Who tries again because of an error that may be another datagram's names the receiver.
-    if (!attempt.IsNamed())
+    if (!attempt.MayBeSecond())
         std::erase_if(queue, [](const Refused& refused) { return !refused.mustCome; });
     const char* wrong = nullptr;
     size_t at = 0; // behind the place of the message's last datagram

@@ -22,8 +22,10 @@ Fate FateOf(const Attempt& attempt, int error, bool isPending)
         return Fate::Left;
     if (attempt.message.IsTrain() || attempt.isOneOfMany || isPending)
         return Fate::MustComeAgain;
+    if (attempt.IsNamed() && attempt.socket.peer)
+        return Fate::MayComeAgain;
     if (attempt.IsNamed())
-        return attempt.socket.peer ? Fate::MayComeAgain : Fate::Lost;
+        return attempt.mayWait ? Fate::Lost : Fate::MustComeAgain;
     return error == EAGAIN ? Fate::MayComeAgain : Fate::MustComeAgain;
 }
 

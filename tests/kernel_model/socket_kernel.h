@@ -19,7 +19,9 @@ enum class Fate {
     Left,
     Lost, // refused by a call for it alone: the caller knows why, and that is the end of it
     MayComeAgain, // likewise on a connected socket, where the error may be another datagram's
-    MustComeAgain, // refused with others, without a word why, or in place of an earlier one: nothing may be lost by it
+    // Refused together with others, or without a word why, or in place of an earlier one, or by a call that must not
+    // wait: nothing may be lost by it.
+    MustComeAgain,
 };
 
 // What happens to a descriptor; a duplicate has that of another one.
@@ -35,6 +37,8 @@ struct Attempt {
     bool isOneOfMany; // of a sendmmsg
 
     bool IsNamed() const { return message.destination.has_value(); }
+    // Whether it may be another try: from a connected socket that names the receiver, from any other one it waits.
+    bool MayBeSecond() const { return socket.peer ? IsNamed() : mayWait; }
 };
 
 // The socket calls of a kernel without a network, with the semantics of Linux. Who derives from it decides what is

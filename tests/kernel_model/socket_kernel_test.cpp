@@ -103,7 +103,7 @@ public:
 
     long Send() const { return Said(send(m_nFd, "x", 1, MSG_DONTWAIT)); }
     // `bytes` to that port (0: where it is connected to), cut into pieces of `segment` (below 0: not at all).
-    long SendTrain(uint16_t port, size_t bytes, int segment) const
+    long SendTrain(uint16_t port, size_t bytes, int segment, int flags = MSG_DONTWAIT) const
     {
         std::vector<char> payload(bytes, 'p');
         iovec piece { payload.data(), bytes };
@@ -126,7 +126,7 @@ public:
             first->cmsg_len = CMSG_LEN(sizeof(size));
             std::memcpy(CMSG_DATA(first), &size, sizeof(size));
         }
-        return Said(sendmsg(m_nFd, &header, MSG_DONTWAIT));
+        return Said(sendmsg(m_nFd, &header, flags));
     }
     long SendPortZero() const
     {
@@ -488,10 +488,13 @@ TEST(KernelModel, WhoIsToldWhyADatagramAloneWasRefusedMayGiveItUp)
     Loopback loopback;
     const Udp from;
     loopback.refusals = { ENOBUFS, EIO, 0, EPERM };
-    EXPECT_EQ(from.SendTrain(9, 1, -1), -ENOBUFS);
-    EXPECT_EQ(from.SendTrain(9, 8, 4), -EIO);
+    EXPECT_EQ(from.SendTrain(9, 1, -1, 0), -ENOBUFS);
+    EXPECT_EQ(from.SendTrain(9, 8, 4, 0), -EIO);
     EXPECT_EQ(from.SendMany({ 9, 9 }), 1);
-    const std::vector<Fate> fates { Fate::Lost, Fate::MustComeAgain, Fate::Left, Fate::MustComeAgain };
+    loopback.refusals = { EAGAIN };
+    EXPECT_EQ(from.SendTrain(9, 1, -1), -EAGAIN);
+    const std::vector<Fate> fates { Fate::Lost, Fate::MustComeAgain, Fate::Left, Fate::MustComeAgain,
+        Fate::MustComeAgain };
     EXPECT_EQ(loopback.fates, fates);
 }
 

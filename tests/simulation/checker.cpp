@@ -414,6 +414,9 @@ void Checker::OnMessage(const Attempt& attempt, Fate fate)
         m_txBytes.sum += delivery.kind != Delivery::Kind::Stop ? length : 0;
         m_postman.SendDown(delivery);
     };
+    const bool isStop = m_machine.fibers.Current() == m_deleting.fiber;
+    if (isStop && fate == Fate::MustComeAgain && attempt.IsNamed())
+        fate = Fate::MayComeAgain; // a stop message never waits, and others follow
     if (fate != Fate::Left)
         m_machine.Note(Happened::SendRefused, static_cast<uint64_t>(ReceiverAt(attempt.destination)));
     const char* wrong = m_refused.Take(attempt, fate, onFirst, onLeft);

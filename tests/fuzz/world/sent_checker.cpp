@@ -305,6 +305,8 @@ void SentChecker::OnMessage(const kernel_model::Attempt& attempt, kernel_model::
     const auto onFirst = [&](const uint8_t* bytes, size_t count) {
         return OnDatagram({ reinterpret_cast<const char*>(bytes), count }, attempt.destination);
     };
+    if (m_phase == Phase::Delete && fate == kernel_model::Fate::MustComeAgain && attempt.IsNamed())
+        fate = kernel_model::Fate::MayComeAgain; // a stop message never waits, and others follow
     const char* broken = m_refused.Take(attempt, fate, onFirst, [](const Tried&, size_t) {});
     Require(broken == nullptr, broken);
 }
