@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "fuzz/world/require.h"
 #include "fuzz/world/world.h"
@@ -32,24 +34,32 @@ bool IsRtp(const World& world)
     return world.GetSetup() != World::Setup::UdpInput && world.GetSetup() != World::Setup::MulticastUdpInput;
 }
 
-void SendMedia(World& world, InputReader& input, Loss& loss)
+void CountLoss(const std::string& packet, Loss& loss)
+{
+    if (packet.size() >= 4)
+        loss.Count(SeqOf(packet));
+    else
+        loss.isKnown = loss.isKnown && packet.empty();
+}
+
+// Packets with rising numbers, some of which come at once. Their lengths are equal, or so but for the last of those
+// that come at once, or each another.
+void SendMedia(World& world, InputReader& input, int together, Loss& loss)
 {
     constexpr size_t TOO_LONG = 40; // the rest of a longer datagram is cut off
-    const uint8_t count = 1 + input.Byte() % 96;
+    constexpr uint8_t MOST = 96;
+    const uint8_t shape = input.Byte();
     const uint8_t gap = input.Byte();
     std::string packet = TakeDatagram(input, PacketBufferPool::SLICE_BYTES + TOO_LONG, 7);
-    for (uint8_t i = 0; i < count && loss.left > 0; ++i, --loss.left) {
-        world.ReceiveMedia(packet);
-        if (packet.size() < 4) {
-            loss.isKnown = loss.isKnown && packet.empty();
-            continue;
+    for (int left = 1 + shape % MOST; left > 0 && loss.left > 0;) {
+        std::vector<std::string> burst;
+        for (; left > 0 && loss.left > 0 && static_cast<int>(burst.size()) < together; --left, --loss.left) {
+            const bool isLast = left == 1 || static_cast<int>(burst.size()) + 1 == together;
+            burst.push_back(Shortened(packet, shape / MOST, burst.size(), isLast));
+            CountLoss(burst.back(), loss);
+            Renumber(packet, static_cast<uint16_t>(SeqOf(packet) + gap));
         }
-        auto seq
-            = static_cast<uint16_t>(static_cast<uint8_t>(packet[2]) << 8 | static_cast<uint8_t>(packet[3]));
-        loss.Count(seq);
-        seq = static_cast<uint16_t>(seq + gap);
-        packet[2] = static_cast<char>(seq >> 8);
-        packet[3] = static_cast<char>(seq);
+        world.ReceiveMedia(std::vector<std::string_view>(burst.begin(), burst.end()));
     }
 }
 
@@ -68,7 +78,8 @@ void AskAgain(World& world, InputReader& input)
 
 void Step(World& world, InputReader& input, Loss& loss)
 {
-    switch (input.Byte() & 7) {
+    const uint8_t step = input.Byte();
+    switch (step & 7) {
     case 4:
         return AskAgain(world, input);
     case 5:
@@ -78,7 +89,7 @@ void Step(World& world, InputReader& input, Loss& loss)
     case 7:
         return world.SendPing("", World::Address(input), input.Byte());
     default:
-        return SendMedia(world, input, loss);
+        return SendMedia(world, input, 1 + step / 8, loss);
     }
 }
 

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <iterator>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "fuzz/world/world.h"
 
@@ -44,19 +46,22 @@ void SendRequest(World& world, InputReader& input, uint8_t step, Budget& budget)
     world.SendRequest(datagram, addressNet, 0x7856);
 }
 
-// Packets with rising numbers, as a source sends them.
-void SendMedia(World& world, InputReader& input, Budget& budget)
+// Packets with rising numbers, as a source sends them; some come at once.
+void SendMedia(World& world, InputReader& input, size_t together, Budget& budget)
 {
-    const uint8_t count = input.Byte() % 96;
+    constexpr uint8_t MOST = 96;
+    const uint8_t shape = input.Byte();
     const uint16_t first = input.Word();
     std::string packet = TakeDatagram(input, PacketBufferPool::SLICE_BYTES, 7);
-    for (uint8_t i = 0; i < count && budget.packets > 0; ++i, --budget.packets) {
-        const auto seq = static_cast<uint16_t>(first + i);
-        if (packet.size() >= 4) {
-            packet[2] = static_cast<char>(seq >> 8);
-            packet[3] = static_cast<char>(seq);
-        }
-        world.SendMedia(packet);
+    std::vector<std::string> burst;
+    for (uint8_t i = 0; i < shape % MOST && budget.packets > 0; ++i, --budget.packets) {
+        Renumber(packet, static_cast<uint16_t>(first + i));
+        const bool isLast = i + 1 == shape % MOST || budget.packets == 1 || burst.size() + 1 == together;
+        burst.push_back(Shortened(packet, shape / MOST, burst.size(), isLast));
+        if (!isLast)
+            continue;
+        world.SendMedia(std::vector<std::string_view>(burst.begin(), burst.end()));
+        burst.clear();
     }
 }
 
@@ -85,7 +90,7 @@ void Step(World& world, InputReader& input, Budget& budget)
     case 2:
         return SendRequest(world, input, step, budget);
     case 3:
-        return SendMedia(world, input, budget);
+        return SendMedia(world, input, size_t { 1 } + step / 8, budget);
     case 4:
         return SendPing(world, input);
     case 5:

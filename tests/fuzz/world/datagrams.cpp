@@ -71,3 +71,24 @@ void Rebase(std::string& datagram, uint16_t base)
         datagram[at + 1] = static_cast<char>(number >> 8);
     }
 }
+
+uint16_t SeqOf(std::string_view packet)
+{
+    if (packet.size() < 4)
+        return 0;
+    return static_cast<uint16_t>(static_cast<uint8_t>(packet[2]) << 8 | static_cast<uint8_t>(packet[3]));
+}
+
+void Renumber(std::string& packet, uint16_t seq)
+{
+    if (packet.size() < 4)
+        return;
+    packet[2] = static_cast<char>(seq >> 8);
+    packet[3] = static_cast<char>(seq);
+}
+
+std::string Shortened(const std::string& packet, int shape, size_t index, bool isLast)
+{
+    const size_t less = shape == 0 ? 0 : shape == 1 ? isLast : index % 3;
+    return packet.substr(0, packet.size() > 4 + less ? packet.size() - less : packet.size());
+}

@@ -22,3 +22,10 @@ std::string TakeDatagram(InputReader& input, size_t most, uint8_t filler);
 void RepairChecksum(std::string& datagram);
 // Counts the numbers of the request's list from `base`.
 void Rebase(std::string& datagram, uint16_t base);
+
+// The number of an input packet with an RTP header; one that is too short for it has 0 and keeps it.
+uint16_t SeqOf(std::string_view packet);
+void Renumber(std::string& packet, uint16_t seq);
+// A packet of some that come at once, the how manieth and whether it is the last one, in one of these shapes: all of a
+// length, all but the last, no two alike.
+std::string Shortened(const std::string& packet, int shape, size_t index, bool isLast);

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "arq/arq_settings.h"
+#include "base/most_together.h"
 #include "fuzz/world/require.h"
 #include "input/packet_queue.h"
 #include "input/udp_input.h"
@@ -53,7 +54,8 @@ in_addr_t LookUp(const char* name)
 
 struct World::Input {
     static constexpr int32_t QUEUE_CAPACITY = 64;
-    static constexpr uint32_t POOL_COUNT = SentChecker::RING + 16; // more than the engines refer to
+    // More than the engines refer to, and than may come and wait besides.
+    static constexpr uint32_t POOL_COUNT = SentChecker::RING + 3 * MOST_TOGETHER;
 
     Input() : pool(PacketBufferPool::createDefault(POOL_COUNT)), queue(ok, QUEUE_CAPACITY, nullptr, nullptr)
     {
