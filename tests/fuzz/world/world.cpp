@@ -205,10 +205,10 @@ void World::EndInput()
 {
     RemoveAll(); // the engines refer to the pool
     const size_t others = m_kernel.fibers.Count() - 1;
+    m_kernel.ClearReceived(); // as long as the input has that memory
     m_input->running = 0;
     m_kernel.Advance(SETTLED_MS);
     Require(m_kernel.fibers.Count() == others, "the input ends when it is told to");
-    m_kernel.ClearReceived();
     m_input.reset();
 }
 
@@ -227,22 +227,29 @@ void World::ReceiveMedia(const std::vector<std::string_view>& packets)
     }
     m_kernel.fibers.Wake();
     Require(m_input->bytes - before == bytes, "every byte is counted");
-    std::vector<PacketBuffer*> queued;
-    for (const std::string_view packet : packets) {
-        if (!packet.empty())
-            queued.push_back(TakeReceived(packet));
-    }
-    Deliver(queued);
+    Deliver(TakeReceived(packets));
 }
 
-PacketBuffer* World::TakeReceived(std::string_view packet)
+// What main takes from the queue after its wait: all that came at once.
+std::vector<PacketBuffer*> World::TakeReceived(const std::vector<std::string_view>& packets)
 {
-    PacketBuffer* queued = m_input->queue.popWait();
-    Require(queued != nullptr, "what was received is queued");
-    Require(
-        std::string_view(reinterpret_cast<const char*>(queued->Data()), static_cast<size_t>(queued->Length()))
-            == packet.substr(0, PacketBufferPool::SLICE_BYTES),
-        "what was received is what is queued");
+    std::vector<PacketBuffer*> queued(MOST_TOGETHER);
+    size_t wanted = 0;
+    for (const std::string_view packet : packets)
+        wanted += packet.empty() ? 0 : 1;
+    queued.resize(
+        wanted == 0 ? 0 : static_cast<size_t>(m_input->queue.popBatch(queued.data(), MOST_TOGETHER)));
+    Require(queued.size() == wanted && m_input->queue.Count() == 0, "what was received is queued");
+    auto next = queued.begin();
+    for (const std::string_view packet : packets) {
+        if (packet.empty())
+            continue;
+        const auto* bytes = reinterpret_cast<const char*>((*next)->Data());
+        Require(std::string_view(bytes, static_cast<size_t>((*next)->Length()))
+                == packet.substr(0, PacketBufferPool::SLICE_BYTES),
+            "what was received is what is queued");
+        ++next;
+    }
     return queued;
 }
 

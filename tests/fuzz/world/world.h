@@ -80,7 +80,7 @@ private:
     std::vector<const MyArqSendCB*> FirstReceivers() const;
     std::vector<const MyArqSendCB*> Holders() const;
     void Deliver(const std::vector<PacketBuffer*>& packets);
-    PacketBuffer* TakeReceived(std::string_view packet);
+    std::vector<PacketBuffer*> TakeReceived(const std::vector<std::string_view>& packets);
 
     const Setup m_setup;
     Kernel m_kernel;
