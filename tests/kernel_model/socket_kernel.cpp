@@ -20,7 +20,7 @@ Fate FateOf(const Attempt& attempt, int error, bool isPending)
 {
     if (error == 0)
         return Fate::Left;
-    if (attempt.message.IsTrain() || attempt.isOneOfMany || isPending)
+    if (attempt.message.IsTrain() || attempt.index >= 0 || isPending)
         return Fate::MustComeAgain;
     if (attempt.IsNamed() && attempt.socket.peer)
         return Fate::MayComeAgain;
@@ -169,7 +169,7 @@ int SocketKernel::Judge(Socket& socket, const Attempt& attempt, bool* isPending)
     return error != 0 ? error : Refuse(attempt);
 }
 
-ssize_t SocketKernel::Send(int fd, const msghdr& header, int flags, bool isOneOfMany)
+ssize_t SocketKernel::Send(int fd, const msghdr& header, int flags, int index)
 {
     Socket* socket = sockets.Find(fd);
     if (socket == nullptr) {
@@ -181,7 +181,7 @@ ssize_t SocketKernel::Send(int fd, const msghdr& header, int flags, bool isOneOf
         return -EDESTADDRREQ;
     sockets.GivePort(*socket);
     const Attempt attempt { fd, *socket, m_message.destination ? *m_message.destination : *socket->peer,
-        m_message, (flags & MSG_DONTWAIT) == 0, isOneOfMany };
+        m_message, (flags & MSG_DONTWAIT) == 0, index };
     bool isPending = false;
     if (error == 0)
         error = Judge(*socket, attempt, &isPending);
@@ -194,7 +194,7 @@ int SocketKernel::SendMany(int fd, mmsghdr* headers, unsigned count, int flags)
 {
     count = std::min(count, MOST_MESSAGES);
     for (unsigned i = 0; i < count; ++i) {
-        const ssize_t sent = Send(fd, headers[i].msg_hdr, flags, true);
+        const ssize_t sent = Send(fd, headers[i].msg_hdr, flags, static_cast<int>(i));
         if (sent < 0)
             return i != 0 ? static_cast<int>(i) : static_cast<int>(sent);
         headers[i].msg_len = static_cast<unsigned>(sent);

@@ -34,7 +34,7 @@ struct Attempt {
     sockaddr_in destination;
     const UdpMessage& message;
     bool mayWait; // without MSG_DONTWAIT
-    bool isOneOfMany; // of a sendmmsg
+    int index; // in its sendmmsg; below 0: a call of its own
 
     bool IsNamed() const { return message.destination.has_value(); }
     // Whether it may be another try: from a connected socket that names the receiver, from any other one it waits.
@@ -66,7 +66,7 @@ public:
     int ShutDown(int fd);
     int SetOption(int fd, int level, int name, const void* value, socklen_t bytes);
     int GetOption(int fd, int level, int name, void* value, socklen_t* bytes);
-    ssize_t Send(int fd, const msghdr& header, int flags, bool isOneOfMany = false);
+    ssize_t Send(int fd, const msghdr& header, int flags, int index = -1);
     int SendMany(int fd, mmsghdr* headers, unsigned count, int flags);
     ssize_t Receive(int fd, msghdr& header, int flags);
     int ReceiveMany(int fd, mmsghdr* headers, unsigned count, int flags);

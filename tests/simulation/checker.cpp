@@ -399,8 +399,10 @@ int Checker::Refuse(const Attempt& attempt)
     constexpr int TRAIN_ERRORS[] = { EIO, EINVAL, EMSGSIZE, EPERM, ENOBUFS };
     if (!m_bFaults)
         return 0;
-    if (!attempt.mayWait && m_socketRandom.Chance(m_config.fullPermille))
+    if (!attempt.mayWait && m_socketRandom.Chance(m_config.fullPermille)) {
+        ++m_sends.wouldWait;
         return EAGAIN;
+    }
     if (attempt.message.IsTrain() && m_socketRandom.Chance(m_config.refusedTrainPermille))
         return TRAIN_ERRORS[m_socketRandom.Between(0, std::size(TRAIN_ERRORS) - 1)];
     return m_socketRandom.Chance(m_config.refusedPermille) ? ENOBUFS : 0;
@@ -456,6 +458,8 @@ void Checker::CountMessage(const Attempt& attempt, Fate fate)
     const uint64_t count = attempt.message.Datagrams();
     if (count > 1 && fate != Fate::Left)
         ++m_sends.refusedTrains;
+    if (attempt.index > 0 && fate != Fate::Left)
+        ++m_sends.partialMany;
     if (fate != Fate::Left)
         return;
     if (count > 1) {

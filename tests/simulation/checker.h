@@ -47,6 +47,8 @@ struct SendCounts {
     uint64_t trains = 0; // of two datagrams at least
     uint64_t inTrains = 0; // datagrams
     uint64_t refusedTrains = 0;
+    uint64_t partialMany = 0; // of many messages in one call one was refused that was not the first
+    uint64_t wouldWait = 0;
     uint64_t pendingErrors = 0; // of an earlier datagram, that a call was told of
     uint64_t readTogether = 0; // datagrams of receivers that were read while others waited to be served
 
@@ -55,6 +57,8 @@ struct SendCounts {
         trains += other.trains;
         inTrains += other.inTrains;
         refusedTrains += other.refusedTrains;
+        partialMany += other.partialMany;
+        wouldWait += other.wouldWait;
         pendingErrors += other.pendingErrors;
         readTogether += other.readTogether;
     }

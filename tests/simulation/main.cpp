@@ -16,6 +16,7 @@ namespace {
 
 constexpr uint64_t REPEATED_SHARE = 8; // one of so many seeds is run twice
 constexpr uint64_t ENOUGH_FOR_WRAPS = 300; // seeds after which every kind of wrap has been passed
+constexpr uint64_t ENOUGH_FOR_TRAINS = 16; // seeds in which some of what leaves in company does so
 constexpr double NO_LIMIT = 1e9;
 
 struct Options {
@@ -124,6 +125,29 @@ void RunAndRepeat(uint64_t seed, const Options& options, Totals& totals)
             result.hash, second.hash);
 }
 
+// Datagrams must have left in trains, and all that may happen to them have happened.
+void PrintSends(const Totals& totals)
+{
+    const SendCounts& sends = totals.sends;
+    const struct {
+        uint64_t count;
+        const char* text;
+    } wanted[] = { { sends.inTrains, "datagrams in trains" }, { sends.trains, "trains" },
+        { sends.refusedTrains, "trains refused" },
+        { sends.partialMany, "calls that took some of their messages" },
+        { sends.wouldWait, "sends that would have had to wait" },
+        { sends.pendingErrors, "answers to connected sockets" },
+        { sends.readTogether, "datagrams of receivers read behind others" } };
+    fprintf(Report(), "sends:");
+    for (const auto& [count, text] : wanted)
+        fprintf(Report(), "%s %s %" PRIu64, text == wanted[0].text ? "" : ",", text, count);
+    fprintf(Report(), "\n");
+    for (const auto& [count, text] : wanted) {
+        if (totals.seeds >= ENOUGH_FOR_TRAINS && count == 0)
+            Fail(Outcome::BrokenInvariant, "no seed had %s", text);
+    }
+}
+
 // Every kind of counter must have come round where there were seeds enough for it.
 void PrintTotals(const Totals& totals, double seconds)
 {
@@ -133,11 +157,7 @@ void PrintTotals(const Totals& totals, double seconds)
         " seeds run twice\n",
         totals.seeds, seconds, totals.virtualDays, totals.datagrams, totals.mostDatagrams, totals.recovered,
         totals.events, totals.repeated);
-    fprintf(Report(),
-        "%" PRIu64 " datagrams in %" PRIu64 " trains, %" PRIu64 " trains refused; %" PRIu64
-        " answers to connected sockets; %" PRIu64 " datagrams of receivers read together\n",
-        totals.sends.inTrains, totals.sends.trains, totals.sends.refusedTrains, totals.sends.pendingErrors,
-        totals.sends.readTogether);
+    PrintSends(totals);
     fprintf(Report(), "wraps passed:");
     for (size_t i = 0; i < WRAP_KINDS; ++i)
         fprintf(Report(), "%s %s %" PRIu64, i == 0 ? "" : ",", WRAP_NAMES[i], totals.wraps.passed[i]);
