@@ -162,6 +162,8 @@ int SocketKernel::Judge(Socket& socket, const Attempt& attempt, bool* isPending)
         OnMisuse("nothing is sent to a stream that was cut off");
         return EPIPE;
     }
+    if (sockets.routedSourceNet == 0)
+        return ENETUNREACH;
     // The address that the socket was connected with is not this machine's any more.
     if (socket.peer && !attempt.message.choosesSource && socket.sourceNet != sockets.routedSourceNet)
         return EINVAL;

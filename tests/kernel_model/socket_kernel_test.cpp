@@ -515,6 +515,19 @@ TEST(KernelModel, OnAConnectedSocketNoRefusalIsTheLastWord)
     EXPECT_EQ(loopback.fates, fates);
 }
 
+TEST(KernelModel, WithoutAWayNothingLeavesAndNothingIsConnected)
+{
+    Loopback loopback;
+    const Udp connected;
+    EXPECT_EQ(connected.Connect(9), 0);
+    loopback.sockets.routedSourceNet = 0;
+    const Udp other;
+    EXPECT_EQ(other.Connect(9), -ENETUNREACH);
+    EXPECT_EQ(other.Send(), -EDESTADDRREQ);
+    EXPECT_EQ(other.SendTrain(9, 1, -1), -ENETUNREACH);
+    EXPECT_EQ(connected.Send(), -ENETUNREACH);
+}
+
 TEST(KernelModel, ASourceAddressThatThisMachineHasNoMoreSendsNothingUnlessAnotherIsChosen)
 {
     Loopback loopback;

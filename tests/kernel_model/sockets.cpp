@@ -88,6 +88,8 @@ int Sockets::Connect(int fd, const sockaddr_in& peer)
         return 0;
     }
     GivePort(*socket);
+    if (routedSourceNet == 0)
+        return -ENETUNREACH;
     socket->peer = peer;
     socket->sourceNet = routedSourceNet;
     return 0; // an error that is pending stays so

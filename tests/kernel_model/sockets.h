@@ -38,6 +38,7 @@ struct Socket {
 class Sockets {
 public:
     static constexpr int FIRST = 5000;
+    static constexpr in_addr_t FIRST_ADDRESS = 0x0A000001; // 10.0.0.1, of this machine; host order
 
     // No number at all is ours too: nobody else's socket is meant by it.
     static bool IsOurs(int fd) { return fd >= FIRST || fd < 0; }
@@ -66,8 +67,9 @@ public:
     int Open() const; // open descriptors
     int Made() const { return m_nMade; } // descriptors ever given out
 
-    // The address that routing chooses for what is sent, and that a socket keeps once it is connected.
-    in_addr_t routedSourceNet = htonl(0x0A000001); // 10.0.0.1
+    // The address that routing chooses for what is sent, and that a socket keeps once it is connected; 0: there is no
+    // way to anybody.
+    in_addr_t routedSourceNet = htonl(FIRST_ADDRESS);
 
 private:
     int Give(std::shared_ptr<Socket> socket);

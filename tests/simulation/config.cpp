@@ -229,6 +229,8 @@ void Config::DrawTrains(Random& random)
         answeredPermille = random.Chance(300) ? 1000 : random.Between(1, 200);
     mtuBytes = MTUS[random.Between(0, std::size(MTUS) - 1)];
     isOldKernel = random.Chance(300);
+    if (random.Chance(200))
+        routePermille = random.Between(1, 200);
 }
 
 void Config::Print(FILE* stream) const
@@ -259,9 +261,10 @@ void Config::Print(FILE* stream) const
         leavePermille, greedyPermille, noisePermille);
     fprintf(stream,
         "  bursts %" PRId64 " of up to %" PRId64 ", equal sizes %" PRId64 "; trains refused %" PRId64
-        ", sends that would wait %" PRId64 ", answers to connected sockets %" PRId64 "; MTU %" PRId64 "%s\n",
+        ", sends that would wait %" PRId64 ", answers to connected sockets %" PRId64 "; MTU %" PRId64
+        "%s, other routes %" PRId64 "\n",
         burstPermille, longestBurst, equalPermille, refusedTrainPermille, fullPermille, answeredPermille,
-        mtuBytes, isOldKernel ? ", older kernel" : "");
+        mtuBytes, isOldKernel ? ", older kernel" : "", routePermille);
     fprintf(stream,
         "  oversleep %" PRId64 " us, stalls %" PRId64 "; wall %" PRId64 " us, steady %" PRId64
         " us, %d steps of up to %" PRId64 " us; a command every %" PRId64

@@ -62,6 +62,7 @@ struct Config {
     int64_t refusedTrainPermille = 0; // of the trains do so
     int64_t fullPermille = 0; // of the sends that must not wait would have to
     int64_t answeredPermille = 0; // of the sends from connected sockets have an answer that they failed
+    int64_t routePermille = 0; // of the seconds bring another source address, or none and no way
     int64_t mtuBytes = 1500;
     bool isOldKernel = false; // says something else to trains of pieces that are too long
 

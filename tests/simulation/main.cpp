@@ -38,6 +38,7 @@ struct Totals {
     double virtualDays = 0;
     WrapCounts wraps;
     SendCounts sends;
+    uint64_t routes = 0;
 };
 
 [[noreturn]] void PrintUsage()
@@ -107,6 +108,7 @@ void Add(Totals& totals, const RunResult& result)
     totals.virtualDays += static_cast<double>(result.virtualUs) / 86400e6;
     totals.wraps.Add(result.wraps);
     totals.sends.Add(result.sends);
+    totals.routes += result.routes;
 }
 
 void RunAndRepeat(uint64_t seed, const Options& options, Totals& totals)
@@ -137,7 +139,8 @@ void PrintSends(const Totals& totals)
         { sends.partialMany, "calls that took some of their messages" },
         { sends.wouldWait, "sends that would have had to wait" },
         { sends.pendingErrors, "answers to connected sockets" },
-        { sends.readTogether, "datagrams of receivers read behind others" } };
+        { sends.readTogether, "datagrams of receivers read behind others" },
+        { totals.routes, "changes of the route" } };
     fprintf(Report(), "sends:");
     for (const auto& [count, text] : wanted)
         fprintf(Report(), "%s %s %" PRIu64, text == wanted[0].text ? "" : ",", text, count);

@@ -6,7 +6,18 @@ namespace simulation {
 
 // Who draws. Each purpose and each of its members has a generator of its own, so that a new draw in one place
 // leaves what happens elsewhere as it was.
-enum class Purpose : uint32_t { Config, Input, Uplink, Downlink, Receiver, Clock, Operator, Sleep, Socket };
+enum class Purpose : uint32_t {
+    Config,
+    Input,
+    Uplink,
+    Downlink,
+    Receiver,
+    Clock,
+    Operator,
+    Sleep,
+    Socket,
+    Route
+};
 
 // A generator of our own (SplitMix64): the distributions of the standard library differ between libraries, and a
 // seed has to mean the same run everywhere.

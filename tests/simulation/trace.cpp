@@ -31,6 +31,7 @@ constexpr const char* TEXTS[] = {
     "stream of receiver %" PRIu64 " leaves",
     "command %" PRIu64 " for receiver %" PRIu64,
     "wall clock stepped, new time %" PRIu64 " us",
+    "another route, source address %" PRIu64,
     "impairment mode %" PRIu64 ", drop %" PRIu64 ", distance %" PRIu64,
     "pacer tick, %" PRIu64 " released",
     "calm",

@@ -29,6 +29,7 @@ enum class Happened : uint8_t {
     Leaves,
     Command,
     ClockStep,
+    RouteChanges,
     Impairment,
     Tick,
     Calm,

@@ -25,7 +25,8 @@ World::World(const Config& config)
       m_network(m_machine, m_config, m_receivers, *this),
       m_proxy(m_machine, m_config, m_checker, m_receivers),
       m_operator(m_machine, m_config, m_checker, m_proxy, m_receivers),
-      m_clockRandom(config.seed, Purpose::Clock)
+      m_clockRandom(config.seed, Purpose::Clock),
+      m_routeRandom(config.seed, Purpose::Route)
 {
     m_machine.SetOutside(&m_checker);
     m_machine.mtuBytes = static_cast<size_t>(config.mtuBytes);
@@ -97,6 +98,8 @@ void World::EverySecond()
     if (m_bOver || m_proxy.Replicator() == nullptr)
         return;
     m_checker.CheckCounters();
+    if (m_bFaults && m_routeRandom.Chance(m_config.routePermille))
+        ChangeRoute();
     m_machine.queue.Put(m_machine.clock.NowUs() + SECOND, *this, SECOND_OVER);
 }
 
@@ -107,8 +110,22 @@ void World::StepClock()
     m_machine.Note(Happened::ClockStep, static_cast<uint64_t>(m_machine.clock.WallUs()));
 }
 
+// What is sent from now on has another source address, which a connected socket does not have; or there is no way.
+void World::ChangeRoute()
+{
+    kernel_model::Sockets& sockets = m_machine.sockets;
+    const auto other = static_cast<in_addr_t>(m_routeRandom.Between(0, 3));
+    const bool isLost = m_bFaults && m_routeRandom.Chance(300);
+    sockets.routedSourceNet = isLost ? 0 : htonl(kernel_model::Sockets::FIRST_ADDRESS + other);
+    ++m_nRoutes;
+    m_machine.Note(Happened::RouteChanges, m_machine.sockets.routedSourceNet);
+}
+
 void World::BeginCalm()
 {
+    m_bFaults = false;
+    if (m_machine.sockets.routedSourceNet == 0)
+        ChangeRoute();
     m_machine.Note(Happened::Calm);
     m_machine.EndFaults();
     m_checker.EndFaults();
@@ -152,6 +169,7 @@ RunResult World::Result() const
     result.virtualUs = m_machine.clock.NowUs();
     result.wraps = m_wraps;
     result.sends = m_checker.Sends();
+    result.routes = m_nRoutes;
     return result;
 }
 

@@ -25,6 +25,7 @@ struct RunResult {
     int64_t virtualUs = 0;
     WrapCounts wraps;
     SendCounts sends;
+    uint64_t routes = 0; // changes of the route
 };
 
 // One seed: the proxy, its receivers, the links between them, the clock and the operator. First there are faults,
@@ -55,6 +56,7 @@ private:
     void PlanMoments();
     void EverySecond();
     void StepClock();
+    void ChangeRoute();
     void BeginCalm();
     void CheckSilenceOver();
     void CheckEnd();
@@ -70,6 +72,9 @@ private:
     OperatorRun m_operator;
     std::vector<std::unique_ptr<ModelReceiver>> m_models;
     Random m_clockRandom;
+    Random m_routeRandom;
+    bool m_bFaults = true;
+    uint64_t m_nRoutes = 0;
     bool m_bOver = false; // the proxy may end
 };
 
