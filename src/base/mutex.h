@@ -2,8 +2,6 @@
 
 #include <pthread.h>
 
-#include <ctime>
-
 // Clang's thread-safety annotations; other compilers ignore them.
 #if defined(__clang__)
 #define TX_THREAD_ANNOTATION(x) __attribute__((x))
@@ -36,7 +34,6 @@ public:
     void Unlock() RELEASE() { (void)pthread_mutex_unlock(&m_mutex); }
 
 private:
-    friend class Condition;
     pthread_mutex_t m_mutex {};
 };
 
@@ -50,28 +47,4 @@ public:
 
 private:
     Mutex& m_mutex;
-};
-
-// A default POSIX condition variable: its deadlines are wall-clock times.
-class Condition {
-public:
-    Condition() { (void)pthread_cond_init(&m_condition, nullptr); }
-    Condition(const Condition&) = delete;
-    Condition& operator=(const Condition&) = delete;
-    ~Condition() { (void)pthread_cond_destroy(&m_condition); }
-
-    // Waits once; may return without a signal (spurious wake-up).
-    void Wait(Mutex& mutex) REQUIRES(mutex) { (void)pthread_cond_wait(&m_condition, &mutex.m_mutex); }
-
-    // Waits once, to the deadline at most. Returns 0 when woken, an error number (ETIMEDOUT) otherwise.
-    int WaitUntil(Mutex& mutex, const timespec& deadline) REQUIRES(mutex)
-    {
-        return pthread_cond_timedwait(&m_condition, &mutex.m_mutex, &deadline);
-    }
-
-    // Wakes one waiter; needs no lock held.
-    void Signal() { (void)pthread_cond_signal(&m_condition); }
-
-private:
-    pthread_cond_t m_condition {};
 };

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "base/condition.h"
 #include "base/mutex.h"
 #include "input/packet_fifo.h"
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/condition.h"
 #include "base/mutex.h"
 #include "base/plain_word.h"
 #include "main/log_buffer.h"

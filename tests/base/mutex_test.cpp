@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <thread>
 
 namespace {
@@ -22,35 +21,6 @@ TEST(Mutex, KeepsTwoThreadsOutOfOneBlock)
     work();
     other.join();
     EXPECT_EQ(count, 2 * ROUNDS);
-}
-
-TEST(Condition, SignalWakesAWaiter)
-{
-    Mutex mutex;
-    Condition condition;
-    bool isReady = false;
-    std::thread other([&] {
-        {
-            const MutexLock lock(mutex);
-            isReady = true;
-        }
-        condition.Signal();
-    });
-    {
-        const MutexLock lock(mutex);
-        while (!isReady)
-            condition.Wait(mutex);
-    }
-    other.join();
-    EXPECT_TRUE(isReady);
-}
-
-TEST(Condition, ADeadlineInThePastTimesOutAtOnce)
-{
-    Mutex mutex;
-    Condition condition;
-    const MutexLock lock(mutex);
-    EXPECT_EQ(condition.WaitUntil(mutex, timespec { 1, 0 }), ETIMEDOUT);
 }
 
 } // namespace
