@@ -10,6 +10,12 @@ void TrainRefusals::OnRefused(size_t pieceBytes, int error, uint32_t nowMs)
     m_nRefusedBytes = std::min(m_nRefusedBytes.Load(), from);
 }
 
+void TrainRefusals::OnFull(uint32_t nowMs)
+{
+    m_nSinceMs = nowMs;
+    m_nRefusedBytes = 0;
+}
+
 bool TrainRefusals::HasEnded(uint32_t nowMs)
 {
     if (nowMs - m_nSinceMs < HOLD_MS)

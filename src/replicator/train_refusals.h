@@ -25,6 +25,10 @@ public:
     // A train of such pieces was refused with this error number; larger ones would be too.
     void OnRefused(size_t pieceBytes, int error, uint32_t nowMs);
 
+    // The send buffer is full. More datagrams fit in when they come in trains, and whoever waits until half of it is
+    // empty would wait for more of them: so for a while they come one by one.
+    void OnFull(uint32_t nowMs);
+
 private:
     static constexpr size_t NONE = SIZE_MAX;
 

@@ -54,8 +54,10 @@ private:
     {
         if (error == EINTR)
             return true;
-        if (error == EAGAIN)
+        if (error == EAGAIN) {
+            m_refusals.OnFull(GetSteadyMs());
             return EndWith(TrainEnd::WouldWait);
+        }
         if (m_target.isConnected && IsOfEarlierDatagram(error) && ++m_nErrors <= MOST_ERRORS_OF_EARLIER)
             return true;
         if (m_messages.PacketsOf(0) == 1)

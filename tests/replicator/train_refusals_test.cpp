@@ -86,4 +86,14 @@ TEST(TrainRefusals, TheMillisecondsMayWrapInBetween)
     EXPECT_TRUE(AllowsAt(refusals, 1328, 4744));
 }
 
+// More datagrams fit into a send buffer in trains, and whoever waits for room would wait for more of them.
+TEST(TrainRefusals, AFullSendBufferRefusesAllSizesForAsLong)
+{
+    TrainRefusals refusals;
+    refusals.OnFull(NOW);
+    EXPECT_FALSE(AllowsAt(refusals, 1, NOW));
+    EXPECT_FALSE(AllowsAt(refusals, 1328, NOW + TrainRefusals::HOLD_MS - 1));
+    EXPECT_TRUE(AllowsAt(refusals, 1328, NOW + TrainRefusals::HOLD_MS));
+}
+
 } // namespace

@@ -64,12 +64,13 @@ protected:
             EXPECT_EQ(SeqsAt(*receiver), seqs);
     }
 
-    // A train to B with pieces of that size, or any, would have to wait.
-    WatchedSends::Refusal BWaits(size_t pieceBytes = 0)
+    // What is sent to B, datagrams of that size or any, would have to wait.
+    WatchedSends::Refusal BWaits(size_t datagramBytes = 0)
     {
-        return [port = m_b.Port(), pieceBytes](const SentMessage& message) {
-            const bool isMeant = pieceBytes == 0 || message.segmentBytes == pieceBytes;
-            return message.port == port && message.segmentBytes != 0 && isMeant ? EAGAIN : 0;
+        return [port = m_b.Port(), datagramBytes](const SentMessage& message) {
+            const size_t bytes = message.segmentBytes != 0 ? message.segmentBytes : message.bytes.size();
+            const bool isMeant = datagramBytes == 0 || bytes == datagramBytes;
+            return message.port == port && !message.mayWait && isMeant ? EAGAIN : 0;
         };
     }
 

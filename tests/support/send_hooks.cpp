@@ -129,6 +129,8 @@ WatchedSends::~WatchedSends()
 
 WatchedSends::Verdict WatchedSends::OnCall(SendCall call)
 {
+    for (SentMessage& message : call.messages)
+        message.mayWait = (call.flags & MSG_DONTWAIT) == 0;
     m_calls.push_back(std::move(call));
     const std::vector<SentMessage>& messages = m_calls.back().messages;
     for (size_t i = 0; i < messages.size() && m_refusal; ++i) {

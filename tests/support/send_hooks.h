@@ -13,6 +13,7 @@ namespace test_support {
 struct SentMessage {
     Bytes bytes;
     size_t segmentBytes = 0; // of the pieces of a train; 0: it is one datagram
+    bool mayWait = true; // the call waits while the send buffer is full
     bool isNamed = false; // the receiver's address is given
     uint16_t port = 0; // of that address, in host order
     bool isRouted = false; // the source address is left to routing, whatever the socket's own is
