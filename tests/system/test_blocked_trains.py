@@ -102,7 +102,8 @@ def test_a_destination_that_blocks_lets_the_others_through_as_soon_as_with_plain
     print(text)
     record_property("the others", text)
     assert wait <= LONGEST_WAITS_SHARE * plain_wait
-    assert lead >= SMALLEST_LEADS_SHARE * plain_lead
+    # What the slow one still has before it is the others' lead, less the datagrams that wait for it.
+    assert lead >= SMALLEST_LEADS_SHARE * max(wait, plain_wait)
     for names in together + plain:
         counts = collections.Counter(names)
         assert all(counts[other] >= counts[SLOW] for other in OTHERS)
