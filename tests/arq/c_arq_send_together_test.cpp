@@ -339,7 +339,7 @@ public:
 
     Outcome Run()
     {
-        constexpr int TURNS = 40;
+        constexpr int TURNS = 25;
         for (int turn = 0; turn < TURNS; ++turn) {
             for (uint32_t count = Draw(150); count > 0; --count)
                 StoreNext();
@@ -401,7 +401,7 @@ private:
     std::vector<std::unique_ptr<test_support::TestPacket>> m_packets;
 };
 
-constexpr unsigned SEEDS = 8;
+constexpr unsigned SEEDS = 4;
 
 TEST(ArqTogetherOutcomeTest, HoweverManyLeaveTogetherTheSameIsSentAndCounted)
 {
