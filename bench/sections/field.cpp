@@ -6,26 +6,13 @@
 #include "../support/media.h"
 #include "../support/paced_stream.h"
 
-namespace {
-
-// The first use of each of the proxy's buffers costs a page fault.
-void UseWholePool(Contender& contender)
-{
-    constexpr int PER_SECOND = 5000;
-    constexpr double POOL_ROUND = 4096 + 1024 + 100; // datagrams after which every one has been used
-    (void)Feed(contender.InputPort(), PER_SECOND, 1).Run(POOL_ROUND / PER_SECOND);
-    contender.StayKnown();
-}
-
-} // namespace
-
 void Field::Add(const Entry& entry, int32_t nReceivers, int burst)
 {
     Lane lane;
     lane.contender = std::make_unique<Contender>(entry, m_outlet, nReceivers);
     lane.feed = std::make_unique<Feed>(lane.contender->InputPort(), m_settings.perSecond, burst);
-    if (!m_settings.quick && (entry.kind == Entry::Kind::PROXY || entry.kind == Entry::Kind::LEARNT))
-        UseWholePool(*lane.contender);
+    if (!m_settings.quick)
+        UseWholePool(entry, *lane.contender);
     m_lanes.push_back(std::move(lane));
     KeepAllKnown();
 }
@@ -119,4 +106,14 @@ int64_t AwaitDelivery(Outlet& outlet, int64_t before, int64_t delivered, int64_t
             return got;
         SleepUntil(WallNs() + POLL_NS);
     }
+}
+
+void UseWholePool(const Entry& entry, Contender& contender)
+{
+    constexpr int PER_SECOND = 5000;
+    constexpr double POOL_ROUND = 4096 + 1024 + 100; // datagrams after which every buffer has been used
+    if (entry.kind != Entry::Kind::PROXY && entry.kind != Entry::Kind::LEARNT)
+        return;
+    (void)Feed(contender.InputPort(), PER_SECOND, 1).Run(POOL_ROUND / PER_SECOND);
+    contender.StayKnown();
 }

@@ -68,3 +68,6 @@ private:
 // Waits until `delivered` datagrams more than `before` have reached the outlet, `latestNs` at most; returns
 // how many more there are.
 int64_t AwaitDelivery(Outlet& outlet, int64_t before, int64_t delivered, int64_t latestNs);
+
+// Lets a proxy use each of its buffers once: the first use costs a page fault. Nothing where `entry` is no proxy.
+void UseWholePool(const Entry& entry, Contender& contender);

@@ -2,10 +2,12 @@
 #include <cstdio>
 #include <map>
 
+#include "../support/media.h"
 #include "../support/paced_stream.h"
 #include "../support/reading_outlet.h"
 #include "bench.h"
 #include "entries.h"
+#include "field.h"
 #include "rounds.h"
 
 namespace {
@@ -95,6 +97,9 @@ void MeasureFor(Bench& bench, int32_t nReceivers)
         lane.contender = std::make_unique<Contender>(entry, outlet, nReceivers);
         lane.stream = std::make_unique<PacedStream>(
             outlet.At(lane.contender->DestPort()), lane.contender->InputPort(), PER_SECOND);
+        if (!bench.settings.quick)
+            UseWholePool(entry, *lane.contender);
+        (void)outlet.Delivered(sizeof(MediaDatagram)); // nothing of it stays in a receiver's socket
         pids.push_back(lane.contender->Process().Pid());
         lanes.push_back(std::move(lane));
         keepAllKnown();

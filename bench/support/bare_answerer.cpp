@@ -62,12 +62,12 @@ void BareAnswerer::Run()
 
 void BareAnswerer::Serve()
 {
-    uint8_t requests[BATCH][PacketBufferPool::SLICE_BYTES / 4];
+    static uint8_t s_requests[BATCH][PacketBufferPool::SLICE_BYTES / 4]; // one answerer at a time
     sockaddr_in sources[BATCH] {};
     iovec pieces[BATCH] {};
     mmsghdr messages[BATCH] {};
     for (unsigned i = 0; i < BATCH; ++i) {
-        pieces[i] = { requests[i], sizeof(requests[i]) };
+        pieces[i] = { s_requests[i], sizeof(s_requests[i]) };
         messages[i].msg_hdr.msg_name = &sources[i];
         messages[i].msg_hdr.msg_namelen = sizeof(sources[i]);
         messages[i].msg_hdr.msg_iov = &pieces[i];
@@ -75,7 +75,7 @@ void BareAnswerer::Serve()
     }
     const int count = recvmmsg(m_requests.Get(), messages, BATCH, MSG_DONTWAIT, nullptr);
     for (int i = 0; i < count; ++i)
-        Answer(requests[i], sources[i].sin_addr);
+        Answer(s_requests[i], sources[i].sin_addr);
 }
 
 void BareAnswerer::Answer(const uint8_t* request, in_addr to)
