@@ -182,6 +182,7 @@ int ArqSendReplicator::ProcessPing(
 int ArqSendReplicator::ProcessRequest(PacketBuffer* packet, in_addr_t addressNet, uint16_t /*portNet*/,
     uint32_t streamId, const RequestTime& time)
 {
+    m_fanOut->WaitForBatch(); // what this receiver misses may be in it
     RouteRequest(Streams(), packet, addressNet, streamId, time);
     return 1;
 }

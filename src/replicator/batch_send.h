@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "base/most_together.h"
+#include "replicator/batch_progress.h"
 #include "replicator/my_arq_send_cb.h"
 #include "replicator/stream_table.h"
 
@@ -38,7 +39,13 @@ struct StreamShare {
 template <typename Batch>
 class BatchSend {
 public:
-    BatchSend(const StreamTable::View& view, Batch& batch) : m_view(view), m_batch(batch) {}
+    // The mark, which may be null, ends where this thread is about to wait.
+    BatchSend(const StreamTable::View& view, Batch& batch, BatchMark* mark)
+        : m_view(view),
+          m_batch(batch),
+          m_pMark(mark)
+    {
+    }
 
     void Run()
     {
@@ -66,6 +73,8 @@ private:
 
     void SendPlainly(int32_t i)
     {
+        if (m_share && m_pMark != nullptr)
+            m_pMark->End();
         if (m_share && m_share->numbers[m_nDone] == i)
             (void)m_view.At(m_nServed).SendData(m_share->packets[m_nDone++]);
         for (int32_t stream = m_nServed + 1; stream < m_view.Count(); ++stream) {
@@ -77,6 +86,7 @@ private:
 
     const StreamTable::View& m_view;
     Batch& m_batch;
+    BatchMark* m_pMark;
     int32_t m_nServed = 0; // streams that have everything
     std::optional<StreamShare> m_share; // of the next one, once it had to wait; some of it may be done
     int32_t m_nDone = 0; // of the share; less than the whole

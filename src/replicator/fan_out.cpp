@@ -7,6 +7,7 @@
 #include "arq/media_header.h"
 #include "arq/net_sync_vid.h"
 #include "input/packet_buffer.h"
+#include "replicator/batch_progress.h"
 #include "replicator/batch_send.h"
 #include "replicator/my_arq_send_cb.h"
 #include "replicator/shared_send.h"
@@ -85,13 +86,16 @@ void Remember(MyArqSendCB& stream, RawBatch& batch)
 
 // With a multicast destination only the group gets first sendings; the table's streams remember them.
 template <typename Batch>
-void SendToGroup(const StreamTable::View& view, MyArqSendCB& group, Batch& batch)
+void SendToGroup(const StreamTable::View& view, MyArqSendCB& group, Batch& batch, BatchMark* mark)
 {
     const StreamShare share(group, batch);
     for (int32_t done = 0; done < share.count;) {
         done += group.SendUnlessWaiting(share.packets + done, share.count - done);
-        if (done < share.count)
-            (void)group.SendData(share.packets[done++]);
+        if (done == share.count)
+            break;
+        if (mark != nullptr)
+            mark->End();
+        (void)group.SendData(share.packets[done++]);
     }
     for (int32_t i = 0; i < batch.Count(); ++i)
         batch.OnSent(view, i);
@@ -114,9 +118,9 @@ void SendRawBatch(const StreamTable& table, MyArqSendCB* group, RawBatch& batch)
     const StreamTable::View view(table);
     if (group != nullptr) {
         view.ForEach([&batch](MyArqSendCB& stream) { Remember(stream, batch); });
-        SendToGroup(view, *group, batch);
+        SendToGroup(view, *group, batch, nullptr);
     } else if (batch.Count() > 1) {
-        BatchSend(view, batch).Run();
+        BatchSend(view, batch, nullptr).Run();
     } else {
         view.ForEach([&batch](MyArqSendCB& stream) { SendOnly(stream, batch); });
     }
@@ -147,10 +151,11 @@ void FanOut::SendTogether(PacketBuffer* const* packets, int32_t count)
         batch.Add(packets[i], DecideDrop());
     }
     const StreamTable::View view(m_parts.table);
+    BatchMark mark(batch.Count() > 1 ? &m_progress : nullptr);
     if (m_pMulticastStream != nullptr) {
-        SendToGroup(view, *m_pMulticastStream, batch);
+        SendToGroup(view, *m_pMulticastStream, batch, &mark);
     } else if (batch.Count() > 1) {
-        BatchSend(view, batch).Run();
+        BatchSend(view, batch, &mark).Run();
     } else if (batch.Count() == 1) {
         if (batch.IsPassed(0))
             SendToEach(view, packets[0]);

@@ -5,6 +5,7 @@
 
 #include "base/plain_word.h"
 #include "control/impairment.h"
+#include "replicator/batch_progress.h"
 #include "replicator/stream_table.h"
 #include "replicator/traffic_stats.h"
 
@@ -45,6 +46,10 @@ public:
     // The same for a raw payload, which gets its RTP header here. Always returns 1.
     int SendRaw(uint8_t* data, int32_t length);
 
+    // For who serves requests: returns once the packets that are being sent together at this moment are remembered,
+    // or, should that take long, a little later. At once when a single packet is being sent.
+    void WaitForBatch() const { m_progress.WaitForBegun(); }
+
     // The number that was given last in UDP input mode.
     uint16_t SeqNum() const { return m_usSeqNum.load(std::memory_order_relaxed); }
 
@@ -57,6 +62,7 @@ private:
     bool DecideDrop();
 
     const Parts m_parts;
+    BatchProgress m_progress;
     MyArqSendCB* m_pMulticastStream = nullptr;
     // Not a PlainWord: with pacing two threads draw numbers, and no number may be given twice.
     std::atomic<uint16_t> m_usSeqNum { 0 };
