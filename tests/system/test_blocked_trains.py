@@ -61,6 +61,12 @@ def blocked(start_proxy, make_lan, net, closing):
         wait_until(taken, "the slow one to take")
         flow.close()
         process.stop()
+        # What this test reads late may be missing yet.
+        wait_until(
+            lambda: min(collections.Counter(datagram.interface for datagram in everything.datagrams).values())
+            >= names.count(SLOW),
+            "the others to have what the slow one has",
+        )
         return names
 
     return run
@@ -104,6 +110,3 @@ def test_a_destination_that_blocks_lets_the_others_through_as_soon_as_with_plain
     assert wait <= LONGEST_WAITS_SHARE * plain_wait
     # What the slow one still has before it is the others' lead, less the datagrams that wait for it.
     assert lead >= SMALLEST_LEADS_SHARE * max(wait, plain_wait)
-    for names in together + plain:
-        counts = collections.Counter(names)
-        assert all(counts[other] >= counts[SLOW] for other in OTHERS)
