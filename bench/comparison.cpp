@@ -13,6 +13,7 @@
 #include "support/child.h"
 #include "support/media.h"
 #include "support/outlet.h"
+#include "support/paced_stream.h"
 #include "support/scratch_folder.h"
 #include "support/udp.h"
 
@@ -83,6 +84,7 @@ int main(int argc, char** argv)
         (void)setenv("HOME", scratch.Path().c_str(), 1); // where other programs keep what they remember
         (void)setenv("XDG_CACHE_HOME", scratch.Path().c_str(), 1);
         (void)prctl(PR_SET_TIMERSLACK, 1); // an even stream is even
+        FeedAsleep(settings.sleep);
         Bench bench { settings, *outlet, scratch.Path(), {} };
         PrintHead(bench);
         for (const Section& section : SECTIONS) {

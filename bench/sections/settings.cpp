@@ -28,6 +28,7 @@ namespace {
           "  --seconds N          length of one turn in a round (1)\n"
           "  --rate N             datagrams/s (2000)\n"
           "  --quiet-below N      a round counts while other programs use less than N processors (0.15)\n"
+          "  --sleep              the sender sleeps between datagrams instead of waiting awake\n"
           "  --loopback           not in a network namespace of its own\n"
           "  --quick              one short round of everything of ours: whether it works, not how fast");
 }
@@ -63,6 +64,7 @@ Settings ReadSettings(int argc, char** argv, const std::vector<std::string>& sec
 {
     Settings settings;
     const std::map<std::string, std::function<void()>> flags {
+        { "--sleep", [&] { settings.sleep = true; } },
         { "--loopback", [&] { settings.loopback = true; } },
         { "--no-floors", [&] { settings.floors = false; } },
         { "--no-peers", [&] { settings.peers = false; } },

@@ -11,6 +11,7 @@ struct Settings {
     int perSecond = 2000; // datagrams of 1328 bytes
     double quietBelow = 0.15; // processors' worth of other use above which a round is taken again
     bool loopback = false;
+    bool sleep = false; // the sender sleeps between two datagrams
     bool floors = true;
     bool peers = true;
     bool quick = false; // a smoke run: does everything work?

@@ -16,6 +16,25 @@ void SleepUntil(int64_t wallNs)
     StopIfAsked();
 }
 
+namespace {
+
+bool s_feedAsleep = false; // main sets it before any feed runs
+
+} // namespace
+
+void FeedAsleep(bool asleep)
+{
+    s_feedAsleep = asleep;
+}
+
+void WaitUntilDue(int64_t wallNs)
+{
+    if (s_feedAsleep)
+        SleepUntil(wallNs);
+    while (WallNs() < wallNs)
+        StopIfAsked();
+}
+
 void TurnResult::Append(const TurnResult& piece)
 {
     sent += piece.sent;
@@ -51,10 +70,10 @@ TurnResult PacedStream::RunCount(int64_t count)
     TurnResult result;
     int64_t due = WallNs() + m_nPeriodNs;
     while (result.sent < count) {
-        SleepUntil(due);
+        WaitUntilDue(due);
         SendOne();
         if (++result.sent % COLLECT_EVERY == 0) {
-            SleepUntil(due + m_nPeriodNs / 2);
+            WaitUntilDue(due + m_nPeriodNs / 2);
             Collect(result);
         }
         due += m_nPeriodNs;

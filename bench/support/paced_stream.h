@@ -63,3 +63,8 @@ private:
 
 // Sleeps until `wallNs` on the wall clock.
 void SleepUntil(int64_t wallNs);
+
+// Waits until a datagram is due: awake, so that one processor never idles and waking a thread does not cost
+// what a virtual machine takes for an idle processor; or asleep, after FeedAsleep(true).
+void WaitUntilDue(int64_t wallNs);
+void FeedAsleep(bool asleep);
