@@ -2,6 +2,7 @@
 // (bench/floors) and beside other programs, all under the same traffic in the same rounds.
 #include <sys/prctl.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -75,6 +76,7 @@ void PrintHead(const Bench& bench)
 int main(int argc, char** argv)
 {
     (void)setvbuf(stdout, nullptr, _IOLBF, 0); // each line is there when it is known
+    (void)std::signal(SIGPIPE, SIG_IGN); // who stops reading does not leave our processes behind
     return RunBenchmark([=] {
         StopOnSignals();
         const Settings settings = ReadSettings(argc, argv, SectionNames());
