@@ -55,6 +55,14 @@ TEST_F(BatchSendUdp, EachReceiverGetsAllOfThemNumberedInTheirOrderByOneCall)
     EXPECT_EQ(m_tx.m_nTxBytes, 12U * 200U);
 }
 
+TEST_F(BatchSendUdp, ASinglePayloadIsSentToEachByACallThatWaits)
+{
+    MakePayloads(1);
+    const WatchedSends sends;
+    EXPECT_EQ(SendAll(), 1);
+    EXPECT_EQ(CallsOf(sends), (Texts { "A1", "B1", "C1" }));
+}
+
 TEST_F(BatchSendUdp, AWithheldPayloadTakesANumberAndMayBeAskedFor)
 {
     WithholdEveryOtherPacket();

@@ -316,6 +316,18 @@ TEST_F(TrainSend, WhatMayBeSaidOfAnEarlierDatagramIsNoRefusalUnlessItIsSaidAgain
     ExpectArrived(4);
 }
 
+TEST_F(TrainSend, WhatLeavesInBetweenShowsThatTheErrorsWereOfEarlierDatagrams)
+{
+    Connect();
+    Make({ 10, 10, 20, 20, 30, 30 });
+    int tries = 0;
+    const WatchedSends sends([&tries](const SentMessage&) { return ++tries % 3 != 0 ? ECONNREFUSED : 0; });
+    ExpectAllTaken(Send());
+    EXPECT_EQ(tries, 9) << "two refusals before each train";
+    EXPECT_TRUE(HasRefusedNothing());
+    ExpectArrived(6);
+}
+
 TEST_F(TrainSend, AWayThatStaysClosedEndsIt)
 {
     Connect();
