@@ -107,6 +107,16 @@ TEST_F(BatchSend, AStreamThatWouldWaitAndThoseBehindItGetTheOldestPacketPlainlyB
     EXPECT_EQ(m_tx.m_nTxPackets, 9U);
 }
 
+TEST_F(BatchSend, OnceItNeedNotWaitAnyMoreTheRestGoesTogetherAgainToItAndThoseBehindIt)
+{
+    MakeRtp({ 188, 188, 188 });
+    const WatchedSends sends(BWaitsOnce());
+    EXPECT_EQ(SendAll(), 1);
+    EXPECT_EQ(CallsOf(sends), (Texts { "A*0", "B*0", "B0", "C0", "B*1B*2", "C*1" }));
+    ExpectEachGot({ 0, 1, 2 });
+    EXPECT_EQ(m_tx.m_nTxPackets, 9U);
+}
+
 TEST_F(BatchSend, WhatTheStreamThatWouldWaitHasTakenItGetsNoSecondTime)
 {
     MakeRtp({ 188, 188, 100, 100 }); // the 100 bytes behind the 188 end that train

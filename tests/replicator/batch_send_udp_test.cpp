@@ -86,6 +86,18 @@ TEST_F(BatchSendUdp, AStreamThatWouldWaitAndThoseBehindItGetTheOldestPayloadPlai
     }
 }
 
+TEST_F(BatchSendUdp, OnceItNeedNotWaitAnyMoreTheRestIsBuiltAndSentTogetherAgain)
+{
+    const RecordingEngine& engine = ReplaceEngine(Stream(2));
+    MakePayloads(3);
+    const WatchedSends sends(BWaitsOnce());
+    EXPECT_EQ(SendAll(), 1);
+    EXPECT_EQ(sends.Calls().size(), 6U);
+    EXPECT_EQ(engine.m_builtSeqs, (Seqs { 1, 2, 3 }));
+    for (size_t i = 0; i < 3; ++i)
+        ExpectNext(m_b, static_cast<uint16_t>(i + 1), m_packets[i]->Data());
+}
+
 TEST_F(BatchSendUdp, EveryEngineBuildsEachRecordOnceAndInOrderWhoeverWouldWait)
 {
     RecordingEngine* engines[] { &ReplaceEngine(Stream(0)), &ReplaceEngine(Stream(1)),

@@ -74,6 +74,16 @@ protected:
         };
     }
 
+    // The first message to B would have to wait, and what follows it would not.
+    WatchedSends::Refusal BWaitsOnce()
+    {
+        return [port = m_b.Port(), hasWaited = false](const SentMessage& message) mutable {
+            const bool waits = message.port == port && !hasWaited;
+            hasWaited = hasWaited || waits;
+            return waits ? EAGAIN : 0;
+        };
+    }
+
     // A call as the receivers' letters, "*" behind those of a call that does not wait, and the number of the
     // first packet: "A*0", "B2".
     std::string Text(const SendCall& call)
