@@ -136,7 +136,7 @@ KINDS = {
 
 
 def descriptors_without_clients(proxy, instance):
-    """How many the proxy has but for that of the one client that it serves."""
+    """How many the proxy has but for that of the one client that it serves; a look at a route has one for a moment."""
     with raw_control.connected(instance) as client:
         assert raw_control.ask(client, "List") == "127.0.0.2"
         return len(descriptors(proxy.pid)) - 1
@@ -157,7 +157,7 @@ def test_a_bad_client_stops_neither_stream_nor_toggles_and_the_next_one_is_serve
     proxy = start_proxy("-a", "127.0.0.2")
     receiver = receive()
     impairment.write_settings(net.instance, mode=9)  # withholds nothing
-    usual = descriptors_without_clients(proxy, net.instance)
+    usual = min(descriptors_without_clients(proxy, net.instance) for _ in range(3))
     with KINDS[kind](net.instance):
         for turn in (1, 2):
             stream_runs(sender, receiver)
@@ -169,7 +169,9 @@ def test_a_bad_client_stops_neither_stream_nor_toggles_and_the_next_one_is_serve
     began = time.monotonic()
     assert request(net.instance, "List") == "127.0.0.2"
     assert time.monotonic() - began < scaled(NEXT_CLIENT_SECONDS)
-    assert descriptors_without_clients(proxy, net.instance) == usual
+    wait_until(
+        lambda: descriptors_without_clients(proxy, net.instance) == usual, "the clients' descriptors to be closed"
+    )
     used, began = cpu_seconds(proxy.pid), time.monotonic()
     time.sleep(scaled(IDLE_SECONDS))  # a span to look at, not a wait
     assert cpu_seconds(proxy.pid) - used < LARGEST_PROCESSOR_SHARE * (time.monotonic() - began)
@@ -180,7 +182,7 @@ def test_two_thousand_connects_in_a_row_leave_nothing_behind_and_every_later_cli
 ):
     proxy = start_proxy("-a", "127.0.0.2")
     receiver = receive()
-    usual = descriptors_without_clients(proxy, net.instance)
+    usual = min(descriptors_without_clients(proxy, net.instance) for _ in range(3))
     for number in range(CONNECTS):
         with raw_control.connected(net.instance) as client:
             if number % 3 == 1:
@@ -192,7 +194,9 @@ def test_two_thousand_connects_in_a_row_leave_nothing_behind_and_every_later_cli
     began = time.monotonic()
     assert request(net.instance, "List") == "127.0.0.2"
     assert time.monotonic() - began < scaled(NEXT_CLIENT_SECONDS)
-    assert descriptors_without_clients(proxy, net.instance) == usual
+    wait_until(
+        lambda: descriptors_without_clients(proxy, net.instance) == usual, "the clients' descriptors to be closed"
+    )
     stream_runs(sender, receiver)
 
 
