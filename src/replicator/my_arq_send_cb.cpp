@@ -110,8 +110,9 @@ void MyArqSendCB::FollowRoute()
     if (source == 0 || source == SourceOf(target.fd))
         return;
     const UniqueFd twin = ConnectedTwin(target.fd, target.address);
-    if (twin.IsValid())
-        (void)dup2(twin.Get(), target.fd); // in one step, as in AdoptSocket
+    const UniqueFd old(dup(target.fd));
+    if (twin.IsValid() && old.IsValid() && dup2(twin.Get(), target.fd) >= 0) // in one step, as in AdoptSocket
+        (void)shutdown(old.Get(), SHUT_WR); // who stands in a send on it goes on with the new one
 }
 
 bool MyArqSendCB::AdoptSocket(int pingSocket)

@@ -112,6 +112,17 @@ TEST_F(ConnectedStream, ANewSourceAddressMeansANewSocketOnTheSamePortBehindTheSa
     EXPECT_EQ(m_receiver.SourcePort(), port);
 }
 
+TEST_F(ConnectedStream, WhoStandsInASendOnTheSocketThatIsReplacedIsLetGo)
+{
+    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", 0));
+    m_stream->UseConnectedSocket();
+    const UniqueFd old(dup(Fd())); // as the kernel holds it for that sender
+    m_stream->FollowRoute();
+    EXPECT_EQ(send(old.Get(), "", 0, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EPIPE);
+    ExpectSent(SendKind::Send);
+}
+
 TEST_F(ConnectedStream, WithoutAWayOrATwinTheSocketStays)
 {
     ASSERT_TRUE(Bind(Fd(), "127.0.0.9", 0));
