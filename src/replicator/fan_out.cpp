@@ -146,9 +146,10 @@ void FanOut::SendTogether(PacketBuffer* const* packets, int32_t count)
 {
     RtpBatch batch;
     for (int32_t i = 0; i < count && m_parts.bRunning; ++i) {
-        CountInput(*packets[i]);
-        StampAndCount(*packets[i]);
-        batch.Add(packets[i], DecideDrop());
+        PacketBuffer* packet = packets[i];
+        CountInput(*packet);
+        StampAndCount(*packet);
+        batch.Add(packet, DecideDrop());
     }
     const StreamTable::View view(m_parts.table);
     BatchMark mark(batch.Count() > 1 ? &m_progress : nullptr);
@@ -167,8 +168,9 @@ void FanOut::SendRawTogether(PacketBuffer* const* packets, int32_t count)
 {
     RawBatch batch;
     for (int32_t i = 0; i < count && m_parts.bRunning; ++i) {
-        CountInput(*packets[i]);
-        batch.Add(packets[i]->Data(), packets[i]->Length(), NextSeq(), DecideDrop());
+        const PacketBuffer& packet = *packets[i];
+        CountInput(packet);
+        batch.Add(packet.Data(), packet.Length(), NextSeq(), DecideDrop());
     }
     SendRawBatch(m_parts.table, m_pMulticastStream, batch);
 }

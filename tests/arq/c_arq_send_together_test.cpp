@@ -336,6 +336,8 @@ public:
     {
         m_callback.m_nTakes = takes;
     }
+    Play(const Play&) = delete;
+    Play& operator=(const Play&) = delete;
 
     Outcome Run()
     {
