@@ -39,17 +39,22 @@ public:
     bool WasFull() const { return m_bWasFull; }
 
 private:
-    void TakeBuffers();
     int ReadTogether(int socket);
     int ReadOne(int socket);
 
+    static constexpr uint32_t ROOM_BYTES = PacketBufferPool::SLICE_BYTES;
+
     PacketBufferPool* m_pPool;
-    const uint32_t m_nMost; // buffers held
-    uint32_t m_nCount; // buffers that the last reading has filled, from the first on
+    const uint32_t m_nMost; // datagrams of one reading
+    uint32_t m_nCount; // datagrams of the last reading
     uint32_t m_nNext; // index of the next datagram
     bool m_bWasFull = false;
     bool m_bOneByOne = false; // the kernel has no call for several
-    PacketBuffer* m_buffers[MOST_DATAGRAMS] {}; // in ring order
+    PacketBuffer* m_pFirst
+        = nullptr; // the pool's, for the first datagram of a reading; null: none was taken yet
+    // The others wait here. They come into their buffers when they are handed on: a request that claims more numbers
+    // than it has is read on behind its end, where the next buffers are, and those are to hold what came long before.
+    uint8_t m_room[MOST_DATAGRAMS][ROOM_BYTES];
     sockaddr_in m_sources[MOST_DATAGRAMS] {};
     iovec m_pieces[MOST_DATAGRAMS] {};
     mmsghdr m_messages[MOST_DATAGRAMS] {};

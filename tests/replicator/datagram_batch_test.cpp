@@ -71,6 +71,21 @@ TEST_F(DatagramBatchTest, AReadingTakesWhatIsThereInItsOrderAndKnowsThatThereIsN
     EXPECT_EQ(HandOn(batch), Numbers(1, 15));
 }
 
+// A request that claims more numbers than it has is read on behind its end.
+TEST_F(DatagramBatchTest, WhatWasReadTogetherStandsInItsBufferOnlyWhenItIsHandedOn)
+{
+    for (uint32_t i = 0; i < 64; ++i)
+        *m_pool->get()->Data() = 0xEE;
+    DatagramBatch batch(m_pool.get());
+    SendNumbers(1, 2);
+    batch.Read(m_socket.Fd());
+    ASSERT_EQ(batch.Count(), 2U);
+    const uint8_t* next = batch.Next().packet->Data() + PacketBufferPool::SLICE_BYTES;
+    EXPECT_EQ(*next, 0xEE);
+    EXPECT_EQ(batch.Next().packet->Data(), next);
+    EXPECT_EQ(*next, 2);
+}
+
 TEST_F(DatagramBatchTest, AReadingTakes16AtMostAndThenThereMayBeMore)
 {
     DatagramBatch batch(m_pool.get());
