@@ -15,7 +15,7 @@ from txproxy import proxy
 from txproxy.waiting import scaled
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.append(str(ROOT / "tools"))
+sys.path.append(str(ROOT / "tools" / "soak"))
 
 import soak_curves  # noqa: E402
 import soak_figures  # noqa: E402

@@ -23,8 +23,8 @@ import sys
 import tempfile
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.path[:0] = [str(ROOT / "tests" / "system"), str(ROOT / "tools")]
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests" / "system"))
 
 import soak_curves  # noqa: E402
 import soak_figures  # noqa: E402
