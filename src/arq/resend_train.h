@@ -32,7 +32,6 @@ public:
     // Whether a packet of that slot is taken. May say so of another slot, but never misses one.
     bool MayHave(uint32_t slotIndex) const { return m_slots[slotIndex % m_slots.size()]; }
 
-    bool IsFull() const { return m_nNumbers == MOST_NUMBERS; }
     uint32_t Numbers() const { return m_nNumbers; }
     Finding At(uint32_t number) const { return m_findings[number]; }
 

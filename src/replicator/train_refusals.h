@@ -15,11 +15,11 @@ public:
     // After so long the way may be another one.
     static constexpr uint32_t HOLD_MS = 5000;
 
-    // Whether a train of pieces of that size may be tried. `nowMs` is asked for only while something is refused.
+    // Whether a train of pieces of that size may be tried. `nowMs` is asked for only where that size is refused.
     template <typename Clock>
     bool Allows(size_t pieceBytes, Clock nowMs)
     {
-        return m_nRefusedBytes == NONE || pieceBytes < m_nRefusedBytes || HasEnded(nowMs());
+        return pieceBytes < m_nRefusedBytes || HasEnded(nowMs());
     }
 
     // A train of such pieces was refused with this error number; larger ones would be too.
@@ -30,7 +30,7 @@ public:
     void OnFull(uint32_t nowMs);
 
 private:
-    static constexpr size_t NONE = SIZE_MAX;
+    static constexpr size_t NONE = SIZE_MAX; // larger than any piece
 
     bool HasEnded(uint32_t nowMs);
 
