@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
+#include "base/most_together.h"
 #include "base/unique_fd.h"
 #include "input/address.h"
 #include "input/data_callback_region.h"
@@ -121,8 +121,7 @@ void FillPacket(const UdpInput& input, const ReceivedDatagram& datagram, PacketB
 {
     input.inputBytes.Add(static_cast<uint32_t>(datagram.length) + LOWER_HEADER_BYTES);
     RecordSource(input, datagram.source);
-    if (datagram.data != packet.Data())
-        std::memcpy(packet.Data(), datagram.data, static_cast<size_t>(datagram.length));
+    datagram.PutInto(packet.Data());
     Transform(input.transform, packet, datagram.length);
     packet.SetLength(datagram.length);
 }
@@ -163,13 +162,13 @@ private:
 
 void ReceiveStream(int socket, const UdpInput& input)
 {
-    DatagramReader reader(socket);
+    DatagramReader reader(MOST_TOGETHER);
     InputSide side(input);
     while (input.running) {
         // While main keeps up datagrams come one by one, and more are not worth a look.
         const bool isMainBehind = input.queue.Count() > 1;
-        const int32_t received
-            = isMainBehind ? reader.ReceiveMany(side.Slice()) : reader.ReceiveOne(side.Slice());
+        const int32_t received = isMainBehind ? reader.ReceiveMany(socket, side.Slice())
+                                              : reader.ReceiveOne(socket, side.Slice());
         for (int32_t i = 0; i < received; ++i)
             side.Take(reader.Datagram(i));
         side.HandOn();

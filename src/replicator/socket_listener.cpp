@@ -126,6 +126,6 @@ void SocketListener::Read()
     m_batch.Read(Socket());
     if (!m_batch.WasFull())
         m_crowd.OnEmpty();
-    else if (m_crowd.OnArrivals(m_batch.Count()))
+    else if (m_crowd.OnArrivals(static_cast<uint32_t>(m_batch.Count())))
         m_crowd.OnLook(WaitingBytes(Socket()), GetSteadyMs());
 }

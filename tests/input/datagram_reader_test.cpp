@@ -4,6 +4,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 #include <vector>
@@ -22,9 +23,10 @@ constexpr uint8_t UNTOUCHED = 0xA5;
 
 class DatagramReaderTest : public testing::Test {
 protected:
-    DatagramReaderTest()
+    DatagramReaderTest() { LimitWait({ 0, 50000 }); }
+
+    void LimitWait(const timeval& limit)
     {
-        const timeval limit { 0, 50000 };
         EXPECT_EQ(setsockopt(m_end.Fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
     }
 
@@ -50,13 +52,13 @@ protected:
     Receiver m_end { "127.0.0.2" };
     Receiver m_sender { "127.0.0.3" };
     Bytes m_slice = Bytes(PacketBufferPool::SLICE_BYTES, UNTOUCHED);
-    DatagramReader m_reader { m_end.Fd() };
+    DatagramReader m_reader { 32 };
 };
 
 TEST_F(DatagramReaderTest, OneIsReceivedIntoTheSliceWithItsSourceAndNothingBehindItIsTouched)
 {
     Send(1, 2);
-    ASSERT_EQ(m_reader.ReceiveOne(m_slice.data()), 1);
+    ASSERT_EQ(m_reader.ReceiveOne(m_end.Fd(), m_slice.data()), 1);
     const ReceivedDatagram datagram = m_reader.Datagram(0);
     EXPECT_EQ(datagram.data, m_slice.data());
     EXPECT_EQ(BytesOf(datagram), Numbered(1));
@@ -72,7 +74,7 @@ TEST_F(DatagramReaderTest, ManyTakesWhatWaitsInItsOrderAndTheFirstIntoTheSlice)
     Send(1, 2);
     Receiver other("127.0.0.4");
     other.SendTo("127.0.0.2", m_end.Port(), Numbered(3));
-    ASSERT_EQ(m_reader.ReceiveMany(m_slice.data()), 3);
+    ASSERT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 3);
     ExpectNumbered(1, 3);
     EXPECT_EQ(m_reader.Datagram(0).data, m_slice.data());
     EXPECT_EQ(m_reader.Datagram(1).source.sin_addr.s_addr, Net("127.0.0.3"));
@@ -84,21 +86,59 @@ TEST_F(DatagramReaderTest, ManyTakesWhatWaitsInItsOrderAndTheFirstIntoTheSlice)
 TEST_F(DatagramReaderTest, NoMoreThan32AreReceivedTogether)
 {
     Send(1, 40);
-    ASSERT_EQ(m_reader.ReceiveMany(m_slice.data()), 32);
+    ASSERT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 32);
     ExpectNumbered(1, 32);
-    ASSERT_EQ(m_reader.ReceiveMany(m_slice.data()), 8);
+    ASSERT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 8);
     ExpectNumbered(33, 8);
+}
+
+TEST_F(DatagramReaderTest, NoMoreThanAskedForAreReceivedTogether)
+{
+    for (const int32_t most : { 1, 3 }) {
+        DatagramReader reader(most);
+        EXPECT_EQ(reader.Most(), most);
+        Send(1, 6);
+        for (int32_t done = 0; done < 6; done += most) {
+            ASSERT_EQ(reader.ReceiveMany(m_end.Fd(), m_slice.data()), most);
+            for (int32_t i = 0; i < most; ++i)
+                EXPECT_EQ(BytesOf(reader.Datagram(i)), Numbered(static_cast<uint8_t>(1 + done + i)));
+        }
+    }
+}
+
+TEST_F(DatagramReaderTest, WithTheFlagForItNobodyWaitsForADatagram)
+{
+    LimitWait({ 5, 0 });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(m_reader.ReceiveOne(m_end.Fd(), m_slice.data(), MSG_DONTWAIT), 0);
+    EXPECT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data(), MSG_DONTWAIT), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    Send(1, 2);
+    EXPECT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data(), MSG_DONTWAIT), 2);
+}
+
+TEST_F(DatagramReaderTest, WhatIsPutIntoItsOwnSliceStaysAndWhatIsPutIntoAnotherOneIsCopied)
+{
+    Send(1, 2);
+    ASSERT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 2);
+    m_reader.Datagram(0).PutInto(m_slice.data());
+    EXPECT_EQ(BytesOf(m_reader.Datagram(0)), Numbered(1));
+    Bytes other(m_slice.size(), UNTOUCHED);
+    m_reader.Datagram(1).PutInto(other.data());
+    Bytes expected = Numbered(2);
+    expected.resize(other.size(), UNTOUCHED);
+    EXPECT_EQ(other, expected);
 }
 
 TEST_F(DatagramReaderTest, ADatagramLongerThanASliceIsCutWhereverItStands)
 {
     for (const size_t length : { 1536U, 1537U, 1536U, 9000U })
         Send(Payload(length));
-    ASSERT_EQ(m_reader.ReceiveMany(m_slice.data()), 4);
+    ASSERT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 4);
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(BytesOf(m_reader.Datagram(i)), Payload(1536)) << i;
     Send(Payload(1537));
-    ASSERT_EQ(m_reader.ReceiveOne(m_slice.data()), 1);
+    ASSERT_EQ(m_reader.ReceiveOne(m_end.Fd(), m_slice.data()), 1);
     EXPECT_EQ(BytesOf(m_reader.Datagram(0)), Payload(1536));
 }
 
@@ -107,37 +147,38 @@ TEST_F(DatagramReaderTest, AnEmptyDatagramIsOneOfLengthZero)
     Send({});
     Send(1, 1);
     Send({});
-    ASSERT_EQ(m_reader.ReceiveMany(m_slice.data()), 3);
+    ASSERT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 3);
     EXPECT_EQ(m_reader.Datagram(0).length, 0);
     EXPECT_EQ(BytesOf(m_reader.Datagram(1)), Numbered(1));
     EXPECT_EQ(m_reader.Datagram(2).length, 0);
     Send({});
-    ASSERT_EQ(m_reader.ReceiveOne(m_slice.data()), 1);
+    ASSERT_EQ(m_reader.ReceiveOne(m_end.Fd(), m_slice.data()), 1);
     EXPECT_EQ(m_reader.Datagram(0).length, 0);
 }
 
 TEST_F(DatagramReaderTest, WithoutADatagramBothEndWithTheReceiveTimeOut)
 {
-    EXPECT_EQ(m_reader.ReceiveOne(m_slice.data()), 0);
+    EXPECT_EQ(m_reader.ReceiveOne(m_end.Fd(), m_slice.data()), 0);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(m_reader.ReceiveMany(m_slice.data()), 0);
+    EXPECT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 0);
     EXPECT_EQ(errno, EAGAIN);
     Send(1, 2);
-    EXPECT_EQ(m_reader.ReceiveMany(m_slice.data()), 2) << "a wait without a datagram changes nothing";
+    EXPECT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 2)
+        << "a wait without a datagram changes nothing";
 }
 
-// After one failed call the datagrams come one by one, and none is missing.
 TEST_F(DatagramReaderTest, WhereTheCallForManyIsRefusedTheyAreReceivedOneByOne)
 {
     for (const int error : { ENOSYS, EPERM }) {
-        DatagramReader reader(m_end.Fd());
+        DatagramReader reader(32);
         Send(1, 3);
         std::thread([&] {
             RefuseCallForGood(SYS_recvmmsg, error);
-            EXPECT_EQ(reader.ReceiveMany(m_slice.data()), 0);
+            EXPECT_EQ(reader.Most(), 32);
             for (uint8_t number = 1; number <= 3; ++number) {
-                ASSERT_EQ(reader.ReceiveMany(m_slice.data()), 1) << error;
+                ASSERT_EQ(reader.ReceiveMany(m_end.Fd(), m_slice.data()), 1) << error;
                 EXPECT_EQ(BytesOf(reader.Datagram(0)), Numbered(number));
+                EXPECT_EQ(reader.Most(), 1);
             }
         }).join();
     }
@@ -146,11 +187,10 @@ TEST_F(DatagramReaderTest, WhereTheCallForManyIsRefusedTheyAreReceivedOneByOne)
 TEST_F(DatagramReaderTest, AfterAnotherFailureManyAreReceivedTogetherAgain)
 {
     Send(1, 3);
-    DatagramReader noSocket(-1);
-    EXPECT_EQ(noSocket.ReceiveMany(m_slice.data()), 0);
-    EXPECT_EQ(noSocket.ReceiveOne(m_slice.data()), 0);
-    EXPECT_EQ(m_reader.ReceiveMany(nullptr), 0) << "EFAULT, and the datagram is gone";
-    EXPECT_EQ(m_reader.ReceiveMany(m_slice.data()), 2);
+    EXPECT_EQ(m_reader.ReceiveMany(-1, m_slice.data()), 0);
+    EXPECT_EQ(m_reader.ReceiveOne(-1, m_slice.data()), 0);
+    EXPECT_EQ(m_reader.ReceiveMany(m_end.Fd(), nullptr), 0) << "EFAULT, and the datagram is gone";
+    EXPECT_EQ(m_reader.ReceiveMany(m_end.Fd(), m_slice.data()), 2);
     ExpectNumbered(2, 2);
 }
 
@@ -158,10 +198,11 @@ TEST_F(DatagramReaderTest, WithoutMemoryForTheOthersTheyAreReceivedOneByOne)
 {
     Send(1, 2);
     const FailNthAllocation failure(1);
-    DatagramReader reader(m_end.Fd());
+    DatagramReader reader(32);
     ASSERT_TRUE(failure.Fired());
+    EXPECT_EQ(reader.Most(), 1);
     for (uint8_t number = 1; number <= 2; ++number) {
-        ASSERT_EQ(reader.ReceiveMany(m_slice.data()), 1);
+        ASSERT_EQ(reader.ReceiveMany(m_end.Fd(), m_slice.data()), 1);
         EXPECT_EQ(BytesOf(reader.Datagram(0)), Numbered(number));
     }
 }

@@ -66,7 +66,7 @@ TEST_F(DatagramBatchTest, AReadingTakesWhatIsThereInItsOrderAndKnowsThatThereIsN
     DatagramBatch batch(m_pool.get());
     SendNumbers(1, 15);
     batch.Read(m_socket.Fd());
-    EXPECT_EQ(batch.Count(), 15U);
+    EXPECT_EQ(batch.Count(), 15);
     EXPECT_FALSE(batch.WasFull());
     EXPECT_EQ(HandOn(batch), Numbers(1, 15));
 }
@@ -79,7 +79,7 @@ TEST_F(DatagramBatchTest, WhatWasReadTogetherStandsInItsBufferOnlyWhenItIsHanded
     DatagramBatch batch(m_pool.get());
     SendNumbers(1, 2);
     batch.Read(m_socket.Fd());
-    ASSERT_EQ(batch.Count(), 2U);
+    ASSERT_EQ(batch.Count(), 2);
     const uint8_t* next = batch.Next().packet->Data() + PacketBufferPool::SLICE_BYTES;
     EXPECT_EQ(*next, 0xEE);
     EXPECT_EQ(batch.Next().packet->Data(), next);
@@ -121,7 +121,7 @@ TEST_F(DatagramBatchTest, EachDatagramComesWithItsLengthAndItsSourceInNetworkOrd
     other.SendTo("127.0.0.1", m_socket.Port(), {});
     Send(Payload(9000)); // cut
     batch.Read(m_socket.Fd());
-    ASSERT_EQ(batch.Count(), 3U);
+    ASSERT_EQ(batch.Count(), 3);
     DatagramBatch::Datagram datagram = batch.Next();
     EXPECT_EQ(BytesOf(*datagram.packet), Payload(1535));
     EXPECT_EQ(datagram.addressNet, Net("127.0.0.2"));
@@ -152,21 +152,14 @@ TEST_F(DatagramBatchTest, BuffersAreUsedInRingOrderWithoutAGap)
     }
 }
 
-TEST_F(DatagramBatchTest, APoolOfFewBuffersIsReadThatManyAtATime)
+TEST_F(DatagramBatchTest, APoolOfFewerBuffersThanWereReadServesThemInTurn)
 {
-    for (const uint32_t size : { 1U, 4U }) {
-        m_pool = PacketBufferPool::createDefault(size);
-        DatagramBatch batch(m_pool.get());
-        SendNumbers(1, 5);
-        Bytes numbers;
-        for (uint32_t left = 5; left > 0; left -= batch.Count()) {
-            batch.Read(m_socket.Fd());
-            EXPECT_EQ(batch.Count(), std::min(left, size));
-            EXPECT_EQ(batch.WasFull(), batch.Count() == size);
-            numbers = test_support::Concat({ numbers, HandOn(batch) });
-        }
-        EXPECT_EQ(numbers, Numbers(1, 5));
-    }
+    m_pool = PacketBufferPool::createDefault(4);
+    DatagramBatch batch(m_pool.get());
+    SendNumbers(1, 6);
+    batch.Read(m_socket.Fd());
+    EXPECT_EQ(HandOn(batch), Numbers(1, 6));
+    EXPECT_EQ(m_buffers[4], m_buffers[0]);
 }
 
 TEST_F(DatagramBatchTest, AReadingThatFailsBringsNothing)
@@ -178,7 +171,7 @@ TEST_F(DatagramBatchTest, AReadingThatFailsBringsNothing)
     batch.Read(-1);
     EXPECT_FALSE(batch.HasNext());
     EXPECT_FALSE(batch.WasFull());
-    EXPECT_EQ(batch.Count(), 0U);
+    EXPECT_EQ(batch.Count(), 0);
 }
 
 TEST_F(DatagramBatchTest, AnInterruptedReadingLeavesWhatIsThere)
@@ -204,7 +197,7 @@ TEST_F(DatagramBatchTest, WithoutACallForSeveralEachIsReadByItself)
     other.SendTo("127.0.0.1", m_socket.Port(), { 4 });
     for (const Bytes& expected : { Bytes { 1, 2, 3 }, Bytes { 4 } }) {
         batch.Read(m_socket.Fd());
-        EXPECT_EQ(batch.Count(), 1U);
+        EXPECT_EQ(batch.Count(), 1);
         EXPECT_TRUE(batch.WasFull());
         const DatagramBatch::Datagram datagram = batch.Next();
         EXPECT_EQ(BytesOf(*datagram.packet), expected);
