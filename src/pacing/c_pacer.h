@@ -20,7 +20,7 @@ public:
     // Sends one packet. Called on the timer thread and, when the queue overflows, on the submitting thread.
     virtual bool Send(PacketBuffer* packet) = 0;
 
-    // Sends the packets of one tick, MOST_TOGETHER at most, in their order. Called on the timer thread.
+    // Sends packets that one tick releases, MOST_TOGETHER at most, in their order. Called on the timer thread.
     virtual void SendTogether(PacketBuffer* const* packets, int32_t count)
     {
         for (int32_t i = 0; i < count; ++i)

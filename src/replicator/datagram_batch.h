@@ -17,8 +17,7 @@
 // Threads: one, which is the pool's.
 class DatagramBatch {
 public:
-    static constexpr int32_t MOST_DATAGRAMS
-        = 16; // a system call costs less than a sixteenth of these answers
+    static constexpr int32_t MOST_DATAGRAMS = 16; // one call costs little beside so many answers
 
     struct Datagram {
         PacketBuffer* packet; // the pool's, in ring order

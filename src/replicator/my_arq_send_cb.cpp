@@ -123,18 +123,15 @@ bool MyArqSendCB::AdoptSocket(int pingSocket)
             perror("dup2 failed");
             return false;
         }
-        m_bAdopted = true;
-        m_nAdopted = pingSocket;
-        return true;
+    } else {
+        SharedSocket duplicate(dup(pingSocket));
+        if (!duplicate.IsValid()) {
+            perror("dup failed");
+            return false;
+        }
+        SetSocket(current, std::move(duplicate));
+        m_bOwnsSockets = true;
     }
-    SharedSocket duplicate(dup(pingSocket));
-    if (!duplicate.IsValid()) {
-        perror("dup failed");
-        return false;
-    }
-    SetSocket(current, std::move(duplicate));
-    m_bOwnsSockets = true;
-    m_bAdopted = true;
     m_nAdopted = pingSocket;
     return true;
 }
@@ -219,7 +216,7 @@ void MyArqSendCB::Leave()
 // Shutting the socket down ends that wait.
 void MyArqSendCB::CutOff()
 {
-    if (!m_bOwnsSockets || m_bAdopted)
+    if (!m_bOwnsSockets || m_nAdopted >= 0)
         return;
     for (const SharedSocket& socket : m_holders) {
         if (socket.IsValid() && !socket.IsShared())

@@ -114,8 +114,8 @@ private:
     SharedSocket m_holders[SocketChooser::MAX_SOCKETS];
     SocketChooser m_chooser;
     bool m_bOwnsSockets = false; // the sockets were made for this stream, not borrowed from stream 0
-    bool m_bAdopted = false; // the socket is a duplicate of the ping socket: one send buffer with that
-    PublishedWord<int> m_nAdopted { -1 }; // the ping socket that it is a duplicate of
+    // The ping socket, if the socket is a duplicate of that and shares its send buffer; -1 if not.
+    PublishedWord<int> m_nAdopted { -1 };
     bool m_bMayConnect = false; // used under the replicator lock
     PublishedWord<bool> m_bIsConnected { false }; // senders need not name the address
     TrainRefusals m_refusals;

@@ -119,7 +119,7 @@ std::unique_ptr<MyArqSendCB> StreamKeeper::CreateConfigured(in_addr_t addressNet
     stream->m_life.MakeStatic();
     if (nInterfaces != 0)
         stream->BindInterfaces(nInterfaces, m_settings.stream1Percent);
-    else if (!SharesPorts() && !IN_MULTICAST(ntohl(addressNet)))
+    else if (!SharesPorts() && !IsMulticast(addressNet))
         stream->UseConnectedSocket();
     stream->m_bIsAlive = true;
     LogStamped("AddStream: Added %s stream ID:0x%08x\n", stream->HostText(), 0U);
