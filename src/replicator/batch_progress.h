@@ -3,8 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
-// Tells the listen thread when packets that are being sent together can be asked for. They are remembered after the
-// last receiver's train has left, and the first receiver may miss one and ask for it before that.
+// Tells the listen thread when packets that are being sent together can be asked for. They are remembered
+// after the last receiver's train has left, and the first receiver may miss one and ask for it before that.
 //
 // Threads: sending threads begin and end, the listen thread waits. No lock.
 class BatchProgress {
@@ -15,8 +15,8 @@ public:
     void Begin() { m_nBegun.fetch_add(1); }
     void End() { m_nEnded.fetch_add(1); }
 
-    // Returns when as many batches have ended as had begun at the time of the call, LONGEST_WAIT_MS later at the
-    // latest; at once while none is under way.
+    // Returns when as many batches have ended as had begun at the time of the call, LONGEST_WAIT_MS later at
+    // the latest; at once while none is under way.
     void WaitForBegun() const;
 
 private:

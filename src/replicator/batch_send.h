@@ -12,7 +12,7 @@
 //   int32_t Count() const                                 its packets, MOST_TOGETHER at most
 //   bool IsPassed(int32_t i) const                        packet i is not withheld
 //   PacketBuffer* Record(MyArqSendCB& stream, int32_t i)  what that stream sends for it; asked once, in order
-//   void OnSent(const StreamTable::View& view, int32_t i) packet i is through with all streams; called in order
+//   void OnSent(const StreamTable::View& view, int32_t i) packet i is through with all streams; in order
 
 // What one stream is to send of a batch from packet `first` on.
 struct StreamShare {
@@ -33,9 +33,10 @@ struct StreamShare {
     int32_t count = 0;
 };
 
-// Goes through the streams in table order, each gets all packets at once. Where a stream would have to wait, it and
-// those behind it get the oldest packet that they lack by plain sends, which do wait, before the same is tried with
-// the rest: so a receiver that takes nothing holds up the others no longer than if packets came one by one.
+// Goes through the streams in table order, each gets all packets at once. Where a stream would have to
+// wait, it and those behind it get the oldest packet that they lack by plain sends, which do wait,
+// before the same is tried with the rest: so a receiver that takes nothing holds up the others no
+// longer than if packets came one by one.
 template <typename Batch>
 class BatchSend {
 public:

@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-// Tells whether datagrams keep waiting at a socket, so that soon the kernel will drop some, anybody's. Looking
-// costs a system call, so it is done only where datagrams come without a break. What was crowded once counts so
-// for a while: under a flood the queue is short for a moment after each time that it was emptied.
+// Tells whether datagrams keep waiting at a socket, so that soon the kernel will drop some, anybody's.
+// Looking costs a system call, so it is done only where datagrams come without a break. What was crowded once
+// counts so for a while: under a flood the queue is short for a moment after each time that it was emptied.
 //
 // Threads: the listen thread. Times are milliseconds of a steady clock.
 class CrowdGauge {

@@ -8,7 +8,8 @@ void DatagramBatch::Read(int socket)
 {
     if (m_pFirst == nullptr)
         m_pFirst = m_pPool->get();
-    // None though poll has reported one: it does so for a datagram whose bad checksum is found only by reading.
+    // None though poll has reported one: it does so for a datagram whose bad
+    // checksum is found only by reading.
     m_nCount = m_reader.ReceiveMany(socket, m_pFirst->Data(), MSG_DONTWAIT);
     m_nNext = 0;
 }

@@ -113,7 +113,8 @@ void SendToEach(const StreamTable::View& view, PacketBuffer* packet)
     }
 }
 
-// Nobody has to wait for such a batch before asking for it: what the engines build is remembered before it leaves.
+// Nobody has to wait for such a batch before asking for it: what the engines
+// build is remembered before it leaves.
 void SendRawBatch(const StreamTable& table, MyArqSendCB* group, RawBatch& batch)
 {
     const StreamTable::View view(table);

@@ -15,8 +15,8 @@ struct PacketBuffer;
 // The packet path: one input packet is stamped or numbered, counted, perhaps withheld, sent to every output
 // stream and remembered in every stream's ARQ engine.
 //
-// Threads: main or the pacer's timer calls SendPacket (both, with pacing). No lock and no allocation: one view
-// of the table keeps the streams alive while others join and leave.
+// Threads: main or the pacer's timer calls SendPacket (both, with pacing). No lock and no allocation: one
+// view of the table keeps the streams alive while others join and leave.
 class FanOut {
 public:
     // What the packet path works on; all of it outlives the fan-out.
@@ -39,15 +39,15 @@ public:
     // engines until as many newer ones have come as they keep. Always returns 1.
     int SendPacket(PacketBuffer* packet) { return SendPackets(&packet, 1); }
 
-    // The same for `count` packets, MOST_TOGETHER at most, which waited already: each receiver gets them in this
-    // order, as trains where the way to it takes them.
+    // The same for `count` packets, MOST_TOGETHER at most, which waited already: each receiver gets them in
+    // this order, as trains where the way to it takes them.
     int SendPackets(PacketBuffer* const* packets, int32_t count);
 
     // The same for a raw payload, which gets its RTP header here. Always returns 1.
     int SendRaw(uint8_t* data, int32_t length);
 
-    // For who serves requests: returns once the packets that are being sent together at this moment are remembered,
-    // or, should that take long, a little later. At once when a single packet is being sent.
+    // For who serves requests: returns once the packets that are being sent together at this moment are
+    // remembered, or, should that take long, a little later. At once when a single packet is being sent.
     void WaitForBatch() const { m_progress.WaitForBegun(); }
 
     // The number that was given last in UDP input mode.

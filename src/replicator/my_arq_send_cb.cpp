@@ -94,8 +94,9 @@ void MyArqSendCB::UseConnectedSocket()
     FollowRoute();
 }
 
-// Senders see the flag before the socket is connected, and name the address once they are told that it is not: a
-// connected socket that they took for a plain one could report an earlier datagram's fate as this one's.
+// Senders see the flag before the socket is connected, and name the address once they are
+// told that it is not: a connected socket that they took for a plain one could report an
+// earlier datagram's fate as this one's.
 void MyArqSendCB::FollowRoute()
 {
     if (!m_bMayConnect || !m_holders[0].IsValid())

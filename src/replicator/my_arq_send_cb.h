@@ -19,8 +19,9 @@
 // One output stream: an entry of the replicator's table and the callback through which the stream's own
 // ARQ engine puts datagrams on the wire.
 //
-// Threads: the sending threads (media) and the listen thread (retransmissions) send, ask for the way and count
-// without a lock. All else is called by whoever holds the replicator lock, or before the stream is in the table.
+// Threads: the sending threads (media) and the listen thread (retransmissions) send, ask for the
+// way and count without a lock. All else is called by whoever holds the replicator lock, or
+// before the stream is in the table.
 class MyArqSendCB : public CArqSendCB {
 public:
     // A stream to `addressNet`:`port` (network order; host order), not yet alive unless the address is
@@ -39,9 +40,10 @@ public:
     // and its socket left unbound.
     void BindInterfaces(int32_t nInterfaces, uint32_t percent);
 
-    // Lets the stream's own socket be connected, which its sends make use of as soon as there is a way to the receiver;
-    // see connected_socket.h. Only for one socket that nobody reads. FollowRoute, called now and then, connects it when
-    // that was not possible before, and again when datagrams would now have another source address.
+    // Lets the stream's own socket be connected, which its sends make use of as soon as there is a way
+    // to the receiver; see connected_socket.h. Only for one socket that nobody reads. FollowRoute,
+    // called now and then, connects it when that was not possible before, and again when datagrams
+    // would now have another source address.
     void UseConnectedSocket();
     void FollowRoute();
 
@@ -62,13 +64,14 @@ public:
         return SendSome(packets, count).taken;
     }
 
-    // Sends packets in their order, like SendData each, up to the first one that would have to wait. Returns how many
-    // are done with: sent, or refused and reported.
+    // Sends packets in their order, like SendData each, up to the first one that would have to wait. Returns
+    // how many are done with: sent, or refused and reported.
     int32_t SendUnlessWaiting(PacketBuffer* const* packets, int32_t count);
 
     // The way of the next datagram.
     DatagramTarget Target() const;
-    // Tells which streams send from one and the same socket: equal values. -1 when this one's datagrams go alone.
+    // Tells which streams send from one and the same socket: equal values. -1
+    // when this one's datagrams go alone.
     int SharedSocketKey() const;
     // Counts what has left to this stream or others of the same owner.
     void CountSent(int32_t packets, size_t bytes);
@@ -92,8 +95,8 @@ public:
 
     RequestQuota m_quota; // the listen thread's own
     StreamLife m_life; // used under the replicator lock
-    // Datagrams are sent only while set. Changed under the replicator lock, read without it; set last, so that
-    // who sees it sees the socket and the port that it is for.
+    // Datagrams are sent only while set. Changed under the replicator lock, read without it; set last, so
+    // that who sees it sees the socket and the port that it is for.
     PublishedWord<bool> m_bIsAlive { false };
 
 private:

@@ -6,8 +6,8 @@
 
 #include "input/packet_buffer.h"
 
-// The memory of one datagram: a packet of one part is that part, any other is part 0 followed by part 1. Read once:
-// a packet that is sent again may be reused meanwhile, and what was counted must be what is sent.
+// The memory of one datagram: a packet of one part is that part, any other is part 0 followed by part 1. Read
+// once: a packet that is sent again may be reused meanwhile, and what was counted must be what is sent.
 struct PacketPieces {
     explicit PacketPieces(const PacketBuffer& packet) : count(packet.partCount == 1 ? 1 : MOST_PIECES)
     {

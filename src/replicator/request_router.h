@@ -13,9 +13,9 @@ struct RequestTime {
     bool isCrowded; // datagrams of others wait
 };
 
-// Finds the stream that a datagram on the request port belongs to, by the stream ID of its tag (0: none) or by
-// its sender's address (network order), and hands it, without the tag, to the stream's ARQ engine. Requests of
-// unknown receivers are ignored in silence.
+// Finds the stream that a datagram on the request port belongs to, by the stream ID of its tag (0: none) or
+// by its sender's address (network order), and hands it, without the tag, to the stream's ARQ engine.
+// Requests of unknown receivers are ignored in silence.
 //
 // Where datagrams of others wait, those of a receiver beyond its quota are dropped unread: see RequestQuota.
 //

@@ -15,10 +15,11 @@ namespace {
 constexpr uint32_t STOP_WAIT_MS = 600; // longer than one wait for datagrams
 constexpr uint32_t SETTLE_MS = 50; // between making the sockets usable and the first wait
 constexpr int WAIT_MS = 250;
-// What each listener passes on after one wait. Under a flood most of the time would go into waits that end at once.
+// What each listener passes on after one wait. Under a flood most of the time
+// would go into waits that end at once.
 constexpr int MOST_TURNS = 32;
-// After so long there is another look at both sockets: a datagram that came meanwhile at the other one does not
-// wait for 32 answers to a receiver that blocks. A wait and this are what HeardClock counts of a round.
+// After so long there is another look at both sockets: a datagram that came meanwhile at the other one does
+// not wait for 32 answers to a receiver that blocks. A wait and this are what HeardClock counts of a round.
 constexpr uint32_t MOST_SERVING_MS = 50;
 static_assert(WAIT_MS + MOST_SERVING_MS <= HeardClock::ROUND_MS);
 
@@ -43,8 +44,8 @@ bool HoldsDatagram(const SocketListener* listener)
     return listener != nullptr && listener->HoldsDatagram();
 }
 
-// Marks the listeners that may have a datagram: what came within 250 ms, and what one still holds of what it has
-// read, which nobody waits for.
+// Marks the listeners that may have a datagram: what came within 250 ms, and what one still holds of what it
+// has read, which nobody waits for.
 void WaitForDatagrams(const SocketGroup::Listeners& listeners, Wanted& wanted)
 {
     const bool mayWait = std::none_of(listeners.begin(), listeners.end(), HoldsDatagram);

@@ -17,7 +17,8 @@ namespace {
 constexpr uint32_t POOL_TAIL_BYTES = 131072;
 static_assert(POOL_TAIL_BYTES >= LONGEST_REQUEST_LIST_BYTES);
 
-// Room for what comes while the listen thread waits for its turn on a busy machine. The kernel may grant less.
+// Room for what comes while the listen thread waits for its turn on a busy
+// machine. The kernel may grant less.
 constexpr int WANTED_RECEIVE_BUFFER_BYTES = 524288;
 
 void WidenReceiveBuffer(int fd)

@@ -32,13 +32,14 @@ public:
     // listener's and is reused after as many datagrams as the pool has buffers.
     virtual int OnPacket(PacketBuffer* packet, in_addr_t addressNet, uint16_t portNet) = 0;
 
-    // Passes one datagram to OnPacket, of those that one call has read; reads when it holds none. False when none is
-    // there; never waits for one.
+    // Passes one datagram to OnPacket, of those that one call has read; reads when it holds none. False when
+    // none is there; never waits for one.
     bool Receive();
 
     // Whether it has read datagrams that it has not passed on yet: no wait tells of them.
     bool HoldsDatagram() const { return m_batch.HasNext(); }
-    // Whether another Receive may have one; false when the socket was found empty and what was read is passed on.
+    // Whether another Receive may have one; false when the socket was found
+    // empty and what was read is passed on.
     bool MayHaveMore() const { return m_batch.HasNext() || m_batch.WasFull(); }
 
     // Whether datagrams keep waiting; see CrowdGauge. False on a system that does not tell.

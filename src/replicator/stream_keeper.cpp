@@ -29,8 +29,8 @@ in_addr_t Resolve(const char* text)
     return addressNet;
 }
 
-// Media leave from the port that the receiver pinged, so that they find their way back through its NAT. Without
-// a descriptor for that the stream stays as it is, and the next ping tries again.
+// Media leave from the port that the receiver pinged, so that they find their way back through its NAT.
+// Without a descriptor for that the stream stays as it is, and the next ping tries again.
 void StartMedia(MyArqSendCB& stream, uint16_t portNet, int pingSocket)
 {
     if (!stream.AdoptSocket(pingSocket))

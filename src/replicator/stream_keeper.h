@@ -25,9 +25,9 @@ struct Ping {
 // Keeps the output streams: creates, adds, deletes, lists and finds them, and carries out and reports what
 // StreamLife decides.
 //
-// Threads: the listen thread calls ServePing; the control thread adds, deletes, lists and reads statistics; the
-// keep-alive thread calls VisitPlace; the status thread calls DestroyRemoved. Each operation but the last holds
-// the table's lock, and none of them waits for a thread that stands in a send.
+// Threads: the listen thread calls ServePing; the control thread adds, deletes, lists and reads statistics;
+// the keep-alive thread calls VisitPlace; the status thread calls DestroyRemoved. Each operation but the last
+// holds the table's lock, and none of them waits for a thread that stands in a send.
 class StreamKeeper {
 public:
     struct Settings {
@@ -49,8 +49,8 @@ public:
     // For readers, who take a View.
     const StreamTable& Table() const { return m_table; }
 
-    // Serves a ping: adds, starts, moves or removes the receiver's stream, or only counts it. Media that start
-    // leave from a duplicate of `pingSocket`.
+    // Serves a ping: adds, starts, moves or removes the receiver's stream, or only counts it. Media that
+    // start leave from a duplicate of `pingSocket`.
     void ServePing(const Ping& ping, int pingSocket, uint32_t nowMs) EXCLUDES(m_table.m_mutex);
 
     // Adds a configured stream to an address or host name, spread over `nInterfaces` interfaces if that is
@@ -61,7 +61,8 @@ public:
     // The stream to a multicast destination, which does not stand in the table; null as above.
     std::unique_ptr<MyArqSendCB> CreateMulticastStream(const char* text) EXCLUDES(m_table.m_mutex);
 
-    // Tells the receiver to stop and removes its stream without ID; takes 100 ms. Returns 1 when there was one.
+    // Tells the receiver to stop and removes its stream without ID; takes 100
+    // ms. Returns 1 when there was one.
     int DeleteStream(const char* text) EXCLUDES(m_table.m_mutex);
 
     // Writes the streams' addresses, separated by ",", as a C text of at most `room` bytes: as many whole
@@ -72,7 +73,8 @@ public:
     int GetStreamStats(ArqSendStats* out, int32_t index) EXCLUDES(m_table.m_mutex);
     void ClearStreamStats(int32_t index) EXCLUDES(m_table.m_mutex);
 
-    // One step of the keep-alive thread: resumes, ends or leaves alone the streams at that place of the round.
+    // One step of the keep-alive thread: resumes, ends or leaves alone the
+    // streams at that place of the round.
     void VisitPlace(int32_t place, uint32_t nowMs) EXCLUDES(m_table.m_mutex);
 
     // One look after removed streams: destroys those that nobody can be using any more. Takes no lock.

@@ -8,8 +8,8 @@
 // Threads: none of its own; used under the replicator lock.
 class StreamLife {
 public:
-    // Silence that ends a stream, and how often each stream is looked at. A receiver that pings at least every
-    // 4.9 s stays; one that falls silent is gone 5 to 10 s later.
+    // Silence that ends a stream, and how often each stream is looked at. A receiver that pings at least
+    // every 4.9 s stays; one that falls silent is gone 5 to 10 s later.
     static constexpr uint32_t SILENCE_MS = 5000;
     static constexpr int32_t PLACES = 50; // in a round of looks; one place follows the other
     static constexpr uint32_t VISIT_MS = 100; // from one place to the next

@@ -50,12 +50,12 @@ private:
 class StreamTable {
 public:
     static constexpr int32_t MAX_STREAMS = 50;
-    // Removed streams that may wait to be destroyed, each with the state of the table that it was last seen in.
-    // A stream joins only while its own removal will find a free state, so that a removal never fails.
+    // Removed streams that may wait to be destroyed, each with the state of the table that it was last seen
+    // in. A stream joins only while its own removal will find a free state, so that a removal never fails.
     static constexpr int32_t MAX_WAITING = 150;
 
-    // Holds the lock for the length of a block. Not inside a View: media and requests never wait for management,
-    // and what they look at could not be destroyed meanwhile.
+    // Holds the lock for the length of a block. Not inside a View: media and requests never wait for
+    // management, and what they look at could not be destroyed meanwhile.
     class SCOPED_CAPABILITY Lock {
     public:
         explicit Lock(StreamTable& table) ACQUIRE(table.m_mutex) EXCLUDES(table.m_sections);

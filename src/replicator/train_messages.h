@@ -11,8 +11,8 @@
 struct PacketBuffer;
 class TrainRefusals;
 
-// Packets to one receiver, laid out as messages for one sendmmsg: trains where sizes allow it, single datagrams in
-// between. Lives on the stack of one send; some 5 KB.
+// Packets to one receiver, laid out as messages for one sendmmsg: trains where sizes allow it, single
+// datagrams in between. Lives on the stack of one send; some 5 KB.
 class TrainMessages {
 public:
     static constexpr int32_t MOST_PACKETS = 64;
@@ -23,7 +23,7 @@ public:
     TrainMessages(const TrainMessages&) = delete;
     TrainMessages& operator=(const TrainMessages&) = delete;
 
-    // Lays out what comes from packet `first` on, as far as the messages reach, and returns how many they are.
+    // Lays out what comes from packet `first` on, as far as the messages reach; returns how many they are.
     int32_t LayOut(int32_t first, TrainRefusals& refusals);
 
     mmsghdr* Messages() { return m_messages; }

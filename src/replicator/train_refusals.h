@@ -5,17 +5,17 @@
 
 #include "base/plain_word.h"
 
-// What one way to a receiver has refused as a train, for a while: a path whose datagrams are cut into fragments takes
-// them one by one only, a device without checksums none at all. Plain sends are not affected.
+// What one way to a receiver has refused as a train, for a while: a path whose datagrams are cut into
+// fragments takes them one by one only, a device without checksums none at all. Plain sends are not affected.
 //
-// Threads: the sending threads and the listen thread ask and tell. An update lost between two of them costs one more
-// refusal, after which the same datagrams leave plainly.
+// Threads: the sending threads and the listen thread ask and tell. An update lost between two of them costs
+// one more refusal, after which the same datagrams leave plainly.
 class TrainRefusals {
 public:
     // After so long the way may be another one.
     static constexpr uint32_t HOLD_MS = 5000;
 
-    // Whether a train of pieces of that size may be tried. `nowMs` is asked for only where that size is refused.
+    // Whether a train of pieces of that size may be tried. `nowMs` is asked for only where it was refused.
     template <typename Clock>
     bool Allows(size_t pieceBytes, Clock nowMs)
     {
@@ -25,8 +25,8 @@ public:
     // A train of such pieces was refused with this error number; larger ones would be too.
     void OnRefused(size_t pieceBytes, int error, uint32_t nowMs);
 
-    // The send buffer is full. More datagrams fit in when they come in trains, and whoever waits until half of it is
-    // empty would wait for more of them: so for a while they come one by one.
+    // The send buffer is full. More datagrams fit in when they come in trains, and whoever waits until half
+    // of it is empty would wait for more of them: so for a while they come one by one.
     void OnFull(uint32_t nowMs);
 
 private:

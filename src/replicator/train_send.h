@@ -21,9 +21,9 @@ struct TrainResult {
     TrainEnd end = TrainEnd::AsFarAsAsked;
 };
 
-// Sends packets to one receiver in their order, as trains where size and way allow it, in as few calls as possible
-// and without waiting. A train that is refused leaves as single datagrams in the same operation, and the refusal is
-// noted. Ends at a packet that cannot leave alone either: the caller sends that one plainly, which waits or tells
-// why. Takes 64 packets at most.
+// Sends packets to one receiver in their order, as trains where size and way allow it, in as few calls as
+// possible and without waiting. A train that is refused leaves as single datagrams in the same operation, and
+// the refusal is noted. Ends at a packet that cannot leave alone either: the caller sends that one plainly,
+// which waits or tells why. Takes 64 packets at most.
 TrainResult SendTrains(
     const DatagramTarget& target, PacketBuffer* const* packets, int32_t count, TrainRefusals& refusals);
