@@ -66,8 +66,9 @@ private:
     void TakeOverWindow(const RequestList& request);
     void AnswerList(const RequestList& request);
     void CountNumber(uint16_t seq, ListPlace& place);
-    // Answers numbers from the place on, as many as can be answered by what leaves in one go. Returns the end of
-    // the stretch that it looked at: what of that is left is answered one by one, then there is a next stretch.
+    // Answers numbers from the place on, as many as can be answered by what leaves in one go.
+    // Returns the end of the stretch that it looked at: what of that is left is answered one by
+    // one, then there is a next stretch.
     uint32_t AnswerTogether(const RequestList& request, ListPlace& place);
     uint32_t LookAhead(const RequestList& request, const ListPlace& place, ResendTrain& train);
     bool LookAtNumber(uint16_t seq, uint32_t nowTicks, ByteBudget& budget, ResendTrain& train);

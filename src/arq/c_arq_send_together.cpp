@@ -1,6 +1,6 @@
-// What one request may have sent again leaves in one go, as far as it can without waiting. A stretch of the list is
-// looked at ahead, without a trace; what has left then counts as if its numbers had been answered one by one, and
-// from the first packet on that has not, they are: judged again, since a plain send may wait.
+// What one request may have sent again leaves in one go, as far as it can without waiting. A stretch of the
+// list is looked at ahead, without a trace; what has left then counts as if its numbers had been answered one
+// by one, and from the first packet on that has not, they are: judged again, since a plain send may wait.
 #include <algorithm>
 
 #include "arq/c_arq_send.h"
@@ -37,8 +37,9 @@ uint32_t CArqSend::LookAhead(const RequestList& request, const ListPlace& place,
     return end;
 }
 
-// In the order in which AnswerNumber looks. False where the train ends: what is too old is emptied, what is beyond the
-// budget ends the list, and whether a number that comes again is held off will show when the train has left.
+// In the order in which AnswerNumber looks. False where the train ends: what is too old is
+// emptied, what is beyond the budget ends the list, and whether a number that comes again is held
+// off will show when the train has left.
 bool CArqSend::LookAtNumber(uint16_t seq, uint32_t nowTicks, ByteBudget& budget, ResendTrain& train)
 {
     const ArqSlot& slot = m_ring.Slot(seq);

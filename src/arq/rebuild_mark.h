@@ -6,10 +6,10 @@
 // Tells a reader that takes no lock whether what it copied was rebuilt meanwhile: a count that is even while
 // the record stands still and odd while it is rebuilt. It comes round after 2^31 rebuilds of one record.
 //
-// Threads: a sending thread calls Begin, rebuilds and calls End; the listen thread calls Read, copies and asks
-// IsStill. Two sending threads meet at one record only when one of them falls a whole ring behind: what is
-// copied at that moment may be a mixture, but the count is even again when both have ended. The words between are relaxed atomics, so that a copy may be a mixture,
-// never undefined. Why no mixture passes:
+// Threads: a sending thread calls Begin, rebuilds and calls End; the listen thread calls Read, copies and
+// asks IsStill. Two sending threads meet at one record only when one of them falls a whole ring behind: what
+// is copied at that moment may be a mixture, but the count is even again when both have ended. The words
+// between are relaxed atomics, so that a copy may be a mixture, never undefined. Why no mixture passes:
 //   - Who reads an even count (acquire) sees the whole rebuild that End (release) closed, or newer words.
 //   - Begin and IsStill change the count in one step each, so one of them is first. When it is Begin, IsStill
 //     finds another count. When it is IsStill, Begin (acquire) takes up what IsStill (release) put back: all

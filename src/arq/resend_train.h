@@ -6,8 +6,8 @@
 
 #include "arq/built_packet.h"
 
-// What looking ahead over a stretch of a request's list has found: what becomes of each number, and the packets
-// that may leave in one go. Nothing of it counts before they have left.
+// What looking ahead over a stretch of a request's list has found: what becomes of each number, and the
+// packets that may leave in one go. Nothing of it counts before they have left.
 //
 // Threads: the listen thread, on its stack.
 class ResendTrain {

@@ -11,8 +11,8 @@
 
 #include "base/mutex.h"
 
-// A condition variable straight on the kernel's futex. The C library's costs 0.2 us more each time that one thread
-// wakes another, which here is with each packet. Its deadlines are wall-clock times.
+// A condition variable straight on the kernel's futex. The C library's costs 0.2 us more each time that one
+// thread wakes another, which here is with each packet. Its deadlines are wall-clock times.
 //
 // Threads: any; who waits holds the mutex under which the condition is changed.
 class Condition {
@@ -28,8 +28,8 @@ public:
     // Waits once, to the deadline at most. Returns 0 when woken, an error number (ETIMEDOUT) otherwise.
     int WaitUntil(Mutex& mutex, const timespec& deadline) REQUIRES(mutex) { return Sleep(mutex, &deadline); }
 
-    // Wakes one waiter; needs no lock held. Who has changed the condition under the mutex sees here everyone that
-    // found it unchanged: a waiter counts itself before it lets the mutex go.
+    // Wakes one waiter; needs no lock held. Who has changed the condition under the mutex sees here everyone
+    // that found it unchanged: a waiter counts itself before it lets the mutex go.
     void Signal()
     {
         if (m_nWaiters.load() == 0)
@@ -50,8 +50,8 @@ private:
         return error;
     }
 
-    // A signal between the unlocking and the sleep has changed the number: then there is no sleep. A process's
-    // signals (SIGCONT, say) wake nobody.
+    // A signal between the unlocking and the sleep has changed the number: then there is no sleep. A
+    // process's signals (SIGCONT, say) wake nobody.
     int SleepWhile(uint32_t seen, const timespec* deadline)
     {
         constexpr int WAIT = FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME;

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <string_view>
 
-// A path that is built where it stands. Paths are made again at every poll, for the life of the process: one that
-// had to be allocated would end the process in the moment when there is no memory.
+// A path that is built where it stands. Paths are made again at every poll, for the life of the process: one
+// that had to be allocated would end the process in the moment when there is no memory.
 class FilePath {
 public:
     static constexpr size_t BYTES = 256; // with the terminating zero; what does not fit is cut off

@@ -13,7 +13,8 @@
 
 namespace {
 
-// A file that is larger is no settings file: it would cost the control thread its time, and the machine its memory.
+// A file that is larger is no settings file: it would cost the control thread its
+// time, and the machine its memory.
 constexpr size_t MAX_FILE_BYTES = 1024UL * 1024;
 
 bool IsSpace(char c)

@@ -18,8 +18,8 @@ public:
     ConfigFile& operator=(const ConfigFile&) = delete;
 
     // Reads the file in place of what was read before. Returns the result of stat when that is not 0, else
-    // that of closing the file; 0 also when it cannot be opened, is larger than 1 MiB or memory is short, with
-    // nothing read. A FIFO, a device or a folder is like an empty file.
+    // that of closing the file; 0 also when it cannot be opened, is larger than 1 MiB or memory is short,
+    // with nothing read. A FIFO, a device or a folder is like an empty file.
     int Load(const char* path);
 
     // The same for a text in memory, of `size` bytes up to its first zero.

@@ -16,8 +16,8 @@ constexpr size_t MAX_QUAD_CHARS = 15;
 constexpr size_t FIRST_RESOLVER_BYTES = 1024;
 constexpr size_t MAX_RESOLVER_BYTES = size_t { 256 } * 1024;
 
-// inet_aton also takes shorter forms. It ignores what follows a blank, while the fields are cut from the whole
-// text: "127.0.0 .1" has four, and in "1.2.3.4 x.y" the fourth is "4 x.y".
+// inet_aton also takes shorter forms. It ignores what follows a blank, while the fields are cut from the
+// whole text: "127.0.0 .1" has four, and in "1.2.3.4 x.y" the fourth is "4 x.y".
 bool HasFourFields(const char* text)
 {
     return std::count(text, text + std::strlen(text), '.') >= 3;

@@ -19,8 +19,8 @@ bool PacketBufferPool::Allocate(uint32_t count, uint32_t sliceSize, uint32_t tai
 {
     // malloc may answer a request for nothing with null: one spare byte tells an empty pool from a failure.
     const size_t sliceTotal = static_cast<size_t>(count) * sliceSize;
-    // Slices are left untouched, so that they take real memory only once a datagram has been in them. So is a tail:
-    // zeroed memory of that size comes untouched from the system.
+    // Slices are left untouched, so that they take real memory only once a datagram has been in them. So is a
+    // tail: zeroed memory of that size comes untouched from the system.
     void* data = tailBytes == 0 ? std::malloc(sliceTotal + 1) : std::calloc(sliceTotal + tailBytes + 1, 1);
     m_data.reset(static_cast<uint8_t*>(data));
     if (!m_data)

@@ -13,8 +13,8 @@ struct PacketBuffer;
 
 // Bounded blocking FIFO of packet buffers. It holds pointers only; the buffers belong to their pool.
 //
-// Threads: one producer calls push and pushBatch, one consumer pop, popWait and popBatch. Creation and destruction
-// happen while neither runs.
+// Threads: one producer calls push and pushBatch, one consumer pop, popWait and popBatch. Creation and
+// destruction happen while neither runs.
 class PacketQueue {
 public:
     // Told about a full or an empty queue, with the outer mutex held: it must not call back into it.
@@ -35,8 +35,8 @@ public:
         return pushBatch(&buffer, 1, timeoutMs);
     }
 
-    // As many pushes, one after the other and each with its own wait, but the lock is taken and the consumer woken
-    // once where there is room for all. Returns how many of them gave 1.
+    // As many pushes, one after the other and each with its own wait, but the lock is taken and the consumer
+    // woken once where there is room for all. Returns how many of them gave 1.
     int32_t pushBatch(PacketBuffer* const* buffers, int32_t count, uint32_t timeoutMs) EXCLUDES(m_outerMutex);
 
     // Takes the oldest buffer. When the queue is empty, calls on-empty and waits once, timeoutMs at most.
@@ -47,9 +47,9 @@ public:
     // pop without a limit.
     PacketBuffer* popWait() { return pop(nullptr, NO_LIMIT); }
 
-    // Waits as popWait does for the oldest buffer and takes with it what is there behind it, `most` at most, without
-    // waiting for any of that. Returns how many buffers stand in `out`, in their order: nulls among them are taken
-    // and left out, so that 0 means what popWait's null means.
+    // Waits as popWait does for the oldest buffer and takes with it what is there behind it, `most` at most,
+    // without waiting for any of that. Returns how many buffers stand in `out`, in their order: nulls among
+    // them are taken and left out, so that 0 means what popWait's null means.
     int32_t popBatch(PacketBuffer** out, int32_t most) EXCLUDES(m_outerMutex);
 
     // How many buffers are in it just now. For any thread.

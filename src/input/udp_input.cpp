@@ -126,8 +126,8 @@ void FillPacket(const UdpInput& input, const ReceivedDatagram& datagram, PacketB
     packet.SetLength(datagram.length);
 }
 
-// Where datagrams go, one after the other: the packet in hand is filled and handed on, and the next one taken from
-// the pool.
+// Where datagrams go, one after the other: the packet in hand is filled and handed on, and
+// the next one taken from the pool.
 class InputSide {
 public:
     explicit InputSide(const UdpInput& input) : m_input(input), m_packet(input.pool.get()) {}

@@ -10,8 +10,8 @@ struct LogRun {
     std::string_view text; // in the batch's memory
 };
 
-// Texts for several descriptors in the order in which they came, in memory of a fixed size. Memory that was never
-// filled was never touched.
+// Texts for several descriptors in the order in which they came, in memory of a fixed size. Memory that
+// was never filled was never touched.
 //
 // Threads: one at a time.
 class LogBatch {
@@ -22,8 +22,8 @@ public:
     // Puts all of the text, or nothing and returns false, when fewer than `reserve` bytes would stay free.
     bool Put(int fd, std::string_view text, size_t reserve);
 
-    // The run that starts at `*place`, which moves behind it; 0 is the first, and an empty text ends the batch.
-    // Texts for one descriptor that came one behind the other are one run.
+    // The run that starts at `*place`, which moves behind it; 0 is the first, and an empty text ends the
+    // batch. Texts for one descriptor that came one behind the other are one run.
     LogRun Next(size_t* place) const;
 
     bool IsEmpty() const { return m_nUsed == 0; }

@@ -8,9 +8,9 @@
 
 enum class LogStream { OUTPUT, ERROR };
 
-// The log between those who print and the one who writes: two batches, of which one is filled while the other is
-// written. When the one that is filled has no room, lines are lost whole, all of them until the other one has
-// been written; a line on standard error that says how many stands where they would have stood.
+// The log between those who print and the one who writes: two batches, of which one is filled while the other
+// is written. When the one that is filled has no room, lines are lost whole, all of them until the other one
+// has been written; a line on standard error that says how many stands where they would have stood.
 //
 // Threads: one at a time. The batch that Take returned belongs to the caller until the next Take.
 class LogBuffer {

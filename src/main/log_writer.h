@@ -10,8 +10,8 @@
 #include "main/log_buffer.h"
 #include "replicator/thread_crew.h"
 
-// Writes the log in place of those who print it: a reader that is slow, or has stopped reading, holds up one thread
-// of its own and nobody who sends media.
+// Writes the log in place of those who print it: a reader that is slow, or has stopped reading, holds up one
+// thread of its own and nobody who sends media.
 //
 // Threads: any thread appends and waits only for others that append; the log thread takes and writes.
 class LogWriter {
@@ -28,8 +28,8 @@ public:
 
     void Append(LogStream stream, std::string_view text) EXCLUDES(m_mutex);
 
-    // Waits until everything has been written, but not longer than `patienceMs` at a stretch in which nothing is
-    // taken. Returns whether everything has.
+    // Waits until everything has been written, but not longer than `patienceMs` at a stretch in which nothing
+    // is taken. Returns whether everything has.
     bool WaitUntilWritten(uint32_t patienceMs) EXCLUDES(m_mutex);
 
 private:

@@ -18,7 +18,8 @@ int RunProxy(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    // A log reader that goes away, or a log file that reaches its limit, must not end the stream with the next line.
+    // A log reader that goes away, or a log file that reaches its limit, must not
+    // end the stream with the next line.
     (void)signal(SIGPIPE, SIG_IGN);
     (void)signal(SIGXFSZ, SIG_IGN);
     // Line by line from the first line on: pipes and journals see progress at once.

@@ -41,7 +41,8 @@ struct ProxyContext {
     // Sender of the first input datagram, as a dotted quad; the input thread writes it once.
     char sourceAddress[INET_ADDRSTRLEN] = "";
     PlainWord<uint32_t> inputBytes { 0 }; // with Ethernet, IPv4 and UDP headers; the input thread adds
-    // Microseconds since the epoch when the threads had been started; main writes it once, nobody else reads it.
+    // Microseconds since the epoch when the threads had been started; main
+    // writes it once, nobody else reads it.
     int64_t startTimeUs = 0;
     EncryptionPlugin plugin;
 };

@@ -19,7 +19,8 @@ size_t PieceBytes(std::string_view text)
     return lineEnd == std::string_view::npos ? PIECE_BYTES : lineEnd + 1;
 }
 
-// After a write that failed: true when it is worth another try, at once or when the descriptor takes bytes again.
+// After a write that failed: true when it is worth another try, at once or when
+// the descriptor takes bytes again.
 bool CanTryAgain(int fd)
 {
     if (errno == EINTR)

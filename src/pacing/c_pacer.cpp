@@ -85,16 +85,16 @@ int CPacer::OnTimer()
     return 0;
 }
 
-// When the queue overflows, the submitting thread sends what stands behind the packets in hand here. So that no
-// more than neighbours change places, a queue that is near to that is emptied one by one.
+// When the queue overflows, the submitting thread sends what stands behind the packets in hand here. So that
+// no more than neighbours change places, a queue that is near to that is emptied one by one.
 int32_t CPacer::MostTogether()
 {
     return m_pQueue->Count() > QUEUE_CAPACITY / 2 ? 1 : MOST_TOGETHER;
 }
 
 // Takes what the quota allows; how many those are. Peek and pop are two steps: an overflow on the submitting
-// thread may take the head in between. What is sent is what the pop gave, so none is skipped or sent twice; what
-// is charged is the head that was seen.
+// thread may take the head in between. What is sent is what the pop gave, so none is skipped or sent twice;
+// what is charged is the head that was seen.
 int32_t CPacer::Release(PacketBuffer** out, int32_t most)
 {
     int32_t count = 0;

@@ -20,7 +20,7 @@ public:
     // Sends one packet. Called on the timer thread and, when the queue overflows, on the submitting thread.
     virtual bool Send(PacketBuffer* packet) = 0;
 
-    // Sends packets that one tick releases, MOST_TOGETHER at most, in their order. Called on the timer thread.
+    // Sends packets of one tick, MOST_TOGETHER at most, in their order. Called on the timer thread.
     virtual void SendTogether(PacketBuffer* const* packets, int32_t count)
     {
         for (int32_t i = 0; i < count; ++i)
@@ -57,8 +57,8 @@ public:
     // Queues the packet. When the queue is full the oldest packet is sent at once and makes room.
     bool Submit(PacketBuffer* packet);
 
-    // One tick: releases packets while any quota is left, and sends those together that are there together. An
-    // overdraft is paid back by the next ticks, an unused rest is not saved up.
+    // One tick: releases packets while any quota is left, and sends those together that are there together.
+    // An overdraft is paid back by the next ticks, an unused rest is not saved up.
     int OnTimer() override;
 
     uint32_t Overflows() const { return m_nOverflows; }
