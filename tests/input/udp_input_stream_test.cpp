@@ -197,6 +197,25 @@ TEST_F(UdpInputStreamTest, TheFirstSenderOfAllIsRecordedWhoeverSendsNext)
     EXPECT_STREQ(m_sourceAddress, "127.0.0.4");
 }
 
+// With a session each is handed on before the next one is looked at, so the run ends between them. Null is what
+// wakes main, which sees then that it has ended.
+TEST_F(UdpInputStreamTest, WhenTheRunEndsAmongThemAllOfThemArePassedOnAndThenANull)
+{
+    Start(true);
+    SendToWaitTogether({ Payload(101), Payload(102), Payload(103) });
+    m_running = 0;
+    for (const size_t length : { 101U, 102U, 103U }) {
+        const PacketBuffer* packet = Next();
+        ASSERT_NE(packet, nullptr);
+        EXPECT_EQ(BytesOf(*packet), Payload(length));
+    }
+    m_thread.join();
+    int isInTime = 0;
+    EXPECT_EQ(m_queue.pop(&isInTime, 0), nullptr);
+    EXPECT_EQ(isInTime, 1);
+    EXPECT_EQ(m_queue.Count(), 0);
+}
+
 // The callback works with what the buffer held before; behind a shorter datagram that is still there.
 TEST_F(UdpInputStreamTest, ThoseThatWaitedAreTransformedInTheirBuffersWithThePreviousLengths)
 {

@@ -1,9 +1,11 @@
 #include "pacing/c_pacer.h"
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -172,6 +174,26 @@ TEST_F(CPacerTest, NoMoreThan32PacketsAreSentTogether)
     const std::vector<PacketBuffer*> sent = m_send.Sent();
     for (size_t i = 0; i < sent.size(); ++i)
         EXPECT_EQ(sent[i], &m_packets[i]);
+}
+
+TEST_F(CPacerTest, PacketsOfMixedSizesLeaveInTheTicksInWhichTheyWouldLeaveOneByOne)
+{
+    constexpr int32_t HEADER_BYTES = 12;
+    m_pacer->SetHeaderBytes(HEADER_BYTES);
+    Start();
+    std::minstd_rand random(1); // NOLINT(cert-msc51-cpp): the same sizes each time
+    for (int i = 0; i < 500; ++i)
+        Submit(1, HEADER_BYTES + static_cast<int32_t>(random() % (i % 150 < 75 ? 1500 : 150)));
+    int32_t left = 0;
+    for (size_t next = 0; next < m_packets.size();) {
+        const size_t first = next;
+        left = std::min(left, 0) + 12500;
+        while (left > 0 && next < m_packets.size())
+            left -= m_packets[next++].Length() - HEADER_BYTES;
+        EXPECT_EQ(ReleasedByTick(), next - first) << first;
+        EXPECT_EQ(m_pacer->Carry(), left) << first;
+    }
+    EXPECT_GT(std::count(m_send.m_together.begin(), m_send.m_together.end(), 32), 0);
 }
 
 TEST_F(CPacerTest, WhatComesWhileATickSendsIsReleasedByTheSameTick)

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "arq/media_header.h"
+#include "support/acting_clock.h"
 #include "support/allocation_hooks.h"
 #include "support/batch_fixture.h"
 
@@ -215,6 +216,26 @@ TEST_F(BatchSend, WhileNotRunningNothingIsCountedSentOrStored)
     EXPECT_EQ(m_rx.m_nRxPackets, 0U);
     EXPECT_EQ(engine.m_stored.size(), 0U);
     ExpectEachGot({});
+}
+
+TEST_F(BatchSend, WhenTheRunEndsAmongThemThoseBeforeAreSentAndStoredAndTheOthersNotCounted)
+{
+    RecordingEngine& engine = ReplaceEngine(Stream(2));
+    ActingClock clock(NOW);
+    FanOut fanOut({ .table = m_table,
+        .clock = clock,
+        .rx = m_rx,
+        .impair = m_impair,
+        .nDropPacket = m_nDropPacket,
+        .bRunning = m_bRunning,
+        .udpInputMode = false });
+    MakeRtp({ 188, 188, 188, 188 });
+    clock.AtNextReading([&] { clock.AtNextReading([&] { m_bRunning = false; }); });
+    EXPECT_EQ(fanOut.SendPackets(m_pointers.data(), 4), 1);
+    ExpectEachGot({ 0, 1 });
+    EXPECT_EQ(engine.m_stored, (std::vector<PacketBuffer*> { m_pointers[0], m_pointers[1] }));
+    EXPECT_EQ(m_rx.m_nRxPackets, 2U);
+    EXPECT_EQ(m_tx.m_nTxPackets, 6U);
 }
 
 TEST_F(BatchSend, TheGroupAloneGetsThemAndTheTableStoresThem)
