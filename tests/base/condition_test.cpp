@@ -19,7 +19,9 @@ namespace {
 
 using test_support::WaitFor;
 
-TEST(Condition, SignalWakesAWaiter)
+// That a wait, called in a loop until there is reason to go on, ends when another thread signals.
+template <typename Wait>
+void ExpectWokenFrom(Wait wait)
 {
     Mutex mutex;
     Condition condition;
@@ -34,10 +36,14 @@ TEST(Condition, SignalWakesAWaiter)
     {
         const MutexLock lock(mutex);
         while (!isReady)
-            condition.Wait(mutex);
+            wait(condition, mutex);
     }
     other.join();
-    EXPECT_TRUE(isReady);
+}
+
+TEST(Condition, SignalWakesAWaiter)
+{
+    ExpectWokenFrom([](Condition& condition, Mutex& mutex) REQUIRES(mutex) { condition.Wait(mutex); });
 }
 
 TEST(Condition, ADeadlineInThePastTimesOutAtOnce)
@@ -70,23 +76,9 @@ TEST(Condition, ADeadlineIsATimeOfTheWallClock)
 
 TEST(Condition, ATimedWaiterThatIsWokenSaysSo)
 {
-    Mutex mutex;
-    Condition condition;
-    bool isReady = false;
-    std::thread other([&] {
-        {
-            const MutexLock lock(mutex);
-            isReady = true;
-        }
-        condition.Signal();
+    ExpectWokenFrom([](Condition& condition, Mutex& mutex) REQUIRES(mutex) {
+        EXPECT_EQ(condition.WaitUntil(mutex, timespec { 4000000000, 0 }), 0);
     });
-    {
-        const MutexLock lock(mutex);
-        while (!isReady) {
-            EXPECT_EQ(condition.WaitUntil(mutex, timespec { 4000000000, 0 }), 0);
-        }
-    }
-    other.join();
 }
 
 // One signal lost ends in two threads that wait for each other.

@@ -228,47 +228,44 @@ Answers operator+(Answers first, const Answers& second)
     return first;
 }
 
+struct Train {
+    size_t bytes;
+    int segment;
+};
+
+// What both kernels answer to these trains to one socket, and what is read there then.
+void ExpectTrainsAlike(const std::vector<Train>& trains, const Answers& sent, const Answers& read)
+{
+    ExpectAlike(
+        [&] {
+            const Udp from;
+            const Udp to;
+            (void)to.Bind();
+            Answers told;
+            for (const Train& train : trains)
+                told.push_back(from.SendTrain(to.Port(), train.bytes, train.segment));
+            return told + to.Read();
+        },
+        sent + read);
+}
+
 } // namespace
 
 TEST(KernelModel, ATrainIsReadAsItsDatagramsOfWhichTheLastMayBeShorter)
 {
-    ExpectAlike(
-        [] {
-            const Udp from;
-            const Udp to;
-            (void)to.Bind();
-            const Answers sent { from.SendTrain(to.Port(), 1000, 300), from.SendTrain(to.Port(), 600, 300) };
-            return sent + to.Read();
-        },
-        { 1000, 600, 300, 300, 300, 100, 300, 300 });
+    ExpectTrainsAlike({ { 1000, 300 }, { 600, 300 } }, { 1000, 600 }, { 300, 300, 300, 100, 300, 300 });
 }
 
 TEST(KernelModel, WhatIsNoLongerThanAPieceIsOneDatagramAndNoSizeIsNoTrain)
 {
-    ExpectAlike(
-        [] {
-            const Udp from;
-            const Udp to;
-            (void)to.Bind();
-            const Answers sent { from.SendTrain(to.Port(), 300, 300), from.SendTrain(to.Port(), 200, 300),
-                from.SendTrain(to.Port(), 700, 0), from.SendTrain(to.Port(), 0, 300) };
-            return sent + to.Read();
-        },
-        { 300, 200, 700, 0, 300, 200, 700, 0 });
+    ExpectTrainsAlike(
+        { { 300, 300 }, { 200, 300 }, { 700, 0 }, { 0, 300 } }, { 300, 200, 700, 0 }, { 300, 200, 700, 0 });
 }
 
 TEST(KernelModel, ATrainHas64PiecesAnd65507Bytes)
 {
-    ExpectAlike(
-        [] {
-            const Udp from;
-            const Udp to;
-            (void)to.Bind();
-            const Answers sent { from.SendTrain(to.Port(), 64, 1), from.SendTrain(to.Port(), 65508, 1400),
-                from.SendTrain(to.Port(), 65508, -1) };
-            return sent + Answers { static_cast<long>(to.Read().size()) };
-        },
-        { 64, -EMSGSIZE, -EMSGSIZE, 64 });
+    ExpectTrainsAlike(
+        { { 64, 1 }, { 65508, 1400 }, { 65508, -1 } }, { 64, -EMSGSIZE, -EMSGSIZE }, Answers(64, 1));
     const Loopback loopback; // newer kernels take 128
     EXPECT_EQ(Udp().SendTrain(9, 65, 1), -EINVAL);
 }

@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -53,32 +54,36 @@ TEST_F(PacerCBTest, WithoutOverflowsOrWithoutAPacerNothingIsReported)
     EXPECT_EQ(output.Out(), "CPacer::SetPacingRate m_ulQuotaBytes 12500\n");
 }
 
-TEST_F(PacerCBTest, APacketGoesToTheReplicatorsFanOut)
+// With a replicator that sends to one receiver.
+class PacerCBSending : public ReplicatorTest {
+protected:
+    PacerCBSending()
+    {
+        m_settings.destAddress = "127.0.0.2";
+        m_callback.emplace(&Build());
+    }
+
+    const CapturedOutput m_output;
+    Receiver m_receiver { "127.0.0.2", m_pingLease.Port() };
+    std::optional<PacerCB> m_callback;
+};
+
+TEST_F(PacerCBSending, APacketGoesToTheReplicatorsFanOut)
 {
-    m_settings.destAddress = "127.0.0.2";
-    Receiver receiver("127.0.0.2", m_pingLease.Port());
-    const CapturedOutput output;
-    (void)Build();
-    PacerCB callback(m_replicator.get());
     OwnedPacket packet(RtpPacket(9));
-    EXPECT_TRUE(callback.Send(packet.Get()));
-    EXPECT_EQ(RtpSeq(receiver.Next()), 9);
+    EXPECT_TRUE(m_callback->Send(packet.Get()));
+    EXPECT_EQ(RtpSeq(m_receiver.Next()), 9);
 }
 
-TEST_F(PacerCBTest, ThePacketsOfOneTickGoToTheReplicatorsFanOutInTheirOrder)
+TEST_F(PacerCBSending, ThePacketsOfOneTickGoToTheReplicatorsFanOutInTheirOrder)
 {
-    m_settings.destAddress = "127.0.0.2";
-    Receiver receiver("127.0.0.2", m_pingLease.Port());
-    const CapturedOutput output;
-    (void)Build();
-    PacerCB callback(m_replicator.get());
     OwnedPacket first(RtpPacket(9));
     OwnedPacket second(RtpPacket(10));
     OwnedPacket third(RtpPacket(11));
     PacketBuffer* const packets[] = { first.Get(), second.Get(), third.Get() };
-    callback.SendTogether(packets, 3);
+    m_callback->SendTogether(packets, 3);
     for (const int seq : { 9, 10, 11 })
-        EXPECT_EQ(RtpSeq(receiver.Next()), seq);
+        EXPECT_EQ(RtpSeq(m_receiver.Next()), seq);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // Plain sends from a connected socket, where the kernel tells of earlier datagrams too.
 #include "replicator/datagram_send.h"
 
+#include <array>
 #include <cerrno>
 
 #include <gtest/gtest.h>
@@ -142,36 +143,39 @@ TEST_F(ConnectedSend, ASignalIsNoReasonForASecondTryEither)
         EXPECT_EQ(call.kind, SendKind::Send);
 }
 
-TEST(SendDatagram, ASocketThatIsNotConnectedNamesTheAddressAndToldOfAnErrorTellsIt)
+// A socket that is not connected, and packets of one part and of two.
+class UnconnectedSend : public testing::Test {
+protected:
+    int Send(const PacketBuffer& packet) const { return SendDatagram(m_target, packet); }
+    std::array<PacketBuffer*, 2> Packets() { return { m_whole.Get(), m_inTwo.Get() }; }
+
+    const Receiver m_sender { "127.0.0.3" };
+    Receiver m_receiver { "127.0.0.2" };
+    const DatagramTarget m_target { m_sender.Fd(), SocketAddress("127.0.0.2", m_receiver.Port()) };
+    OwnedPacket m_whole { Bytes { 1 } };
+    OwnedPacket m_inTwo { Bytes { 2 }, Bytes { 3 } };
+};
+
+TEST_F(UnconnectedSend, TheAddressIsNamedAndAnErrorIsReportedAtOnce)
 {
-    const Receiver sender("127.0.0.3");
-    Receiver receiver("127.0.0.2");
-    const DatagramTarget target { sender.Fd(), SocketAddress("127.0.0.2", receiver.Port()) };
-    OwnedPacket whole(Bytes { 1 });
-    OwnedPacket inTwo(Bytes { 2 }, Bytes { 3 });
-    for (OwnedPacket* packet : { &whole, &inTwo }) {
+    for (const PacketBuffer* packet : Packets()) {
         const WatchedSends sends(RefuseFirst(1, ECONNREFUSED));
-        EXPECT_EQ(SendDatagram(target, *packet->Get()), -1);
+        EXPECT_EQ(Send(*packet), -1);
         EXPECT_EQ(errno, ECONNREFUSED);
-        EXPECT_EQ(SendDatagram(target, *packet->Get()), static_cast<int>(BytesOf(*packet->Get()).size()));
+        EXPECT_EQ(Send(*packet), packet->TotalLength());
         ASSERT_EQ(sends.Calls().size(), 2U);
         EXPECT_TRUE(sends.Calls()[1].messages[0].isNamed);
-        EXPECT_EQ(receiver.Next(), BytesOf(*packet->Get()));
+        EXPECT_EQ(m_receiver.Next(), BytesOf(*packet));
     }
 }
 
-TEST(SendDatagram, ASignalInterruptsNoSend)
+TEST_F(UnconnectedSend, ASignalInterruptsNoSend)
 {
-    const Receiver sender("127.0.0.3");
-    Receiver receiver("127.0.0.2");
-    const DatagramTarget target { sender.Fd(), SocketAddress("127.0.0.2", receiver.Port()) };
-    OwnedPacket whole(Bytes { 1 });
-    OwnedPacket inTwo(Bytes { 2 }, Bytes { 3 });
-    for (OwnedPacket* packet : { &whole, &inTwo }) {
+    for (const PacketBuffer* packet : Packets()) {
         const WatchedSends sends(RefuseFirst(3, EINTR));
-        EXPECT_GT(SendDatagram(target, *packet->Get()), 0);
+        EXPECT_EQ(Send(*packet), packet->TotalLength());
         EXPECT_EQ(sends.Calls().size(), 4U);
-        EXPECT_EQ(receiver.Next(), BytesOf(*packet->Get()));
+        EXPECT_EQ(m_receiver.Next(), BytesOf(*packet));
     }
 }
 

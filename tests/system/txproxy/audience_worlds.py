@@ -24,43 +24,42 @@ class OneMachine:
         self.namespace.close()
 
 
-class TwoCables(OneMachine):
-    """All receivers on one machine that two cables lead to, whichever a datagram takes."""
+class Cabled(OneMachine):
+    """All receivers on one machine that cables lead to; how datagrams get there is up to the derived class."""
 
     proxy_address = netns.proxy_address(0)
+    NETWORK = "10.99.0.0/24"
 
-    def __init__(self):
-        self._lan = netns.Lan(2)
+    def __init__(self, cables, ways):
+        self._lan = netns.Lan(cables)
         self.namespace, self.outside = self._lan.proxy, self._lan.peer
         self.addresses = [f"10.99.0.{1 + i}" for i in range(RECEIVERS)]
-        self.ways = {"eth0": "eth0", "eth1": "eth1"}
-        self.outside.ip("route", "add", "local", "10.99.0.0/24", "dev", "lo")
-        for i in range(2):
-            way = ("via", netns.peer_address(i), "dev", f"eth{i}", "metric", 10 + i)
-            self.namespace.ip("route", "add", "10.99.0.0/24", *way)
+        self.ways = ways
+        self.outside.ip("route", "add", "local", self.NETWORK, "dev", "lo")
 
     def close(self):
         self._lan.close()
 
 
-class OneCable(OneMachine):
-    """All receivers on one machine that a cable leads to."""
-
-    proxy_address = netns.proxy_address(0)
+class TwoCables(Cabled):
+    """Behind two cables, whichever a datagram takes."""
 
     def __init__(self):
-        self._lan = netns.Lan(1)
-        self.namespace, self.outside = self._lan.proxy, self._lan.peer
-        self.addresses = [f"10.99.0.{1 + i}" for i in range(RECEIVERS)]
-        self.ways = {"": None}
-        self.outside.ip("route", "add", "local", "10.99.0.0/24", "dev", "lo")
+        super().__init__(2, {"eth0": "eth0", "eth1": "eth1"})
+        for i in range(2):
+            way = ("via", netns.peer_address(i), "dev", f"eth{i}", "metric", 10 + i)
+            self.namespace.ip("route", "add", self.NETWORK, *way)
+
+
+class OneCable(Cabled):
+    """Behind one cable."""
+
+    def __init__(self):
+        super().__init__(1, {"": None})
         self.route()
 
     def route(self, *how):
-        self.namespace.ip("route", "replace", "10.99.0.0/24", "via", netns.peer_address(0), *how)
-
-    def close(self):
-        self._lan.close()
+        self.namespace.ip("route", "replace", self.NETWORK, "via", netns.peer_address(0), *how)
 
 
 class Group(OneMachine):
