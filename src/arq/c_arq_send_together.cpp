@@ -1,6 +1,7 @@
 // What one request may have sent again leaves in one go, as far as it can without waiting. A stretch of the
-// list is looked at ahead, without a trace; what has left then counts as if its numbers had been answered one
-// by one, and from the first packet on that has not, they are: judged again, since a plain send may wait.
+// list is looked at ahead, which changes nothing but the payload type of packets that are to leave. Up to the
+// first one that has not left the numbers then count as if they had been answered one by one. From there on
+// they really are, and are judged again for it: a plain send may wait.
 #include <algorithm>
 
 #include "arq/c_arq_send.h"
@@ -37,9 +38,9 @@ uint32_t CArqSend::LookAhead(const RequestList& request, const ListPlace& place,
     return end;
 }
 
-// In the order in which AnswerNumber looks. False where the train ends: what is too old is
-// emptied, what is beyond the budget ends the list, and whether a number that comes again is held
-// off will show when the train has left.
+// Looks in the same order as AnswerNumber. False where the train ends, at a number that is left to that one:
+// it empties the slot of what is too old, ends the list at what is beyond the budget, and sees, once the
+// train has left, whether a number that comes again is held off.
 bool CArqSend::LookAtNumber(uint16_t seq, uint32_t nowTicks, ByteBudget& budget, ResendTrain& train)
 {
     const ArqSlot& slot = m_ring.Slot(seq);

@@ -44,7 +44,7 @@ private:
     PacketBuffer* m_packets[MOST_NUMBERS]; // of those taken
     uint32_t m_nNumbers = 0;
     uint32_t m_nPackets = 0;
-    // As many as are seldom more apart in one request: two numbers that share a bit only end a train early.
+    // Numbers of one request are seldom further apart; two that share a bit only end a train early.
     std::bitset<1024> m_slots;
     alignas(ResendCopy)
         std::byte m_copies[MOST_NUMBERS][sizeof(ResendCopy)]; // made one by one: most engines need none

@@ -113,8 +113,7 @@ void SendToEach(const StreamTable::View& view, PacketBuffer* packet)
     }
 }
 
-// Nobody has to wait for such a batch before asking for it: what the engines
-// build is remembered before it leaves.
+// Such a batch needs no mark: what the engines build is remembered before it leaves.
 void SendRawBatch(const StreamTable& table, MyArqSendCB* group, RawBatch& batch)
 {
     const StreamTable::View view(table);

@@ -5,8 +5,9 @@
 
 #include "base/plain_word.h"
 
-// What one way to a receiver has refused as a train, for a while: a path whose datagrams are cut into
-// fragments takes them one by one only, a device without checksums none at all. Plain sends are not affected.
+// What one way to a receiver has refused as a train, for a while: where datagrams of some
+// size are cut into fragments there are no trains of them, from a device without checksums no trains at all.
+// Plain sends are not affected.
 //
 // Threads: the sending threads and the listen thread ask and tell. An update lost between two of them costs
 // one more refusal, after which the same datagrams leave plainly.
