@@ -20,8 +20,7 @@ namespace {
 using test_support::WaitFor;
 
 // That a wait, called in a loop until there is reason to go on, ends when another thread signals.
-template <typename Wait>
-void ExpectWokenFrom(Wait wait)
+void ExpectWokenFrom(void (*wait)(Condition&, Mutex&))
 {
     Mutex mutex;
     Condition condition;
