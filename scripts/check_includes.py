@@ -1,14 +1,16 @@
 #!/usr/bin/python3
-"""Checks the includes of our own headers below src/.
+"""Checks the includes of our own headers below src/ and tools/.
 
-Every one exists, the folders include each other one way only (LAYERS), and headers form no circle.
+Every one exists, the folders include each other one way only (LAYERS, TOOL_LAYERS), and headers form no circle.
 Prints one line per fault and exits with 1 if there is any.
 """
 import re
 import sys
 from pathlib import Path
 
-SOURCE_ROOT = Path(__file__).resolve().parent.parent / "src"
+ROOT = Path(__file__).resolve().parent.parent
+SOURCE_ROOT = ROOT / "src"
+TOOL_ROOT = ROOT / "tools"
 
 # From the bottom up: (rank, name of the layer, what belongs to it). The longest prefix wins. A file may
 # include its own layer and every layer of a lower rank. "shared" are the records and helpers that several
@@ -25,6 +27,18 @@ LAYERS = [
     (7, "main", ["main/"]),
 ]
 
+# What a folder below tools/ may include besides its own files, the longest prefix of the including file counts. Of
+# the proxy the tools take the records on the wire and the helpers that know nothing of it.
+WIRE = ["base/", "arq/wire.h"]
+TOOL_LAYERS = {
+    "common/": ["base/"],
+    "arqrx/core/": WIRE,
+    "arqlink/core/": WIRE,
+    "arqrx/": ["common/", *WIRE],
+    "arqlink/": ["common/", *WIRE],
+    "demo/": ["arqrx/core/", "arqlink/core/", "common/", *WIRE],
+}
+
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.MULTILINE)
 
 
@@ -35,10 +49,10 @@ def layer_of(file):
     return max(matches)[1:] if matches else None
 
 
-def read_includes():
-    """{path below src/: [included path, ...]} of all headers and sources."""
-    files = sorted(p for p in SOURCE_ROOT.rglob("*") if p.suffix in (".h", ".cpp"))
-    return {str(p.relative_to(SOURCE_ROOT)): INCLUDE.findall(p.read_text(encoding="utf-8")) for p in files}
+def read_includes(root):
+    """{path below the root: [included path, ...]} of all headers and sources."""
+    files = sorted(p for p in root.rglob("*") if p.suffix in (".h", ".cpp"))
+    return {str(p.relative_to(root)): INCLUDE.findall(p.read_text(encoding="utf-8")) for p in files}
 
 
 def layer_faults(includes):
@@ -53,6 +67,19 @@ def layer_faults(includes):
                 yield f'src/{file}: there is no "{target}" below src/'
             elif other is not None and other != own and other[0] >= own[0]:
                 yield f'src/{file}: "{own[1]}" must not include "{target}" of "{other[1]}"'
+
+
+def tool_faults(includes, proxy_files):
+    for file, targets in includes.items():
+        own = max((prefix for prefix in TOOL_LAYERS if file.startswith(prefix)), key=len, default=None)
+        if own is None:
+            yield f"tools/{file}: belongs to no tool"
+            continue
+        for target in targets:
+            if target not in includes and target not in proxy_files:
+                yield f'tools/{file}: there is no "{target}" below tools/ or src/'
+            elif not target.startswith((own, *TOOL_LAYERS[own])):
+                yield f'tools/{file}: "{own}" must not include "{target}"'
 
 
 def find_circle(includes):
@@ -81,12 +108,12 @@ def find_circle(includes):
 
 
 def main():
-    includes = read_includes()
-    if not includes:
-        print("no sources below src/")
+    includes, tools = read_includes(SOURCE_ROOT), read_includes(TOOL_ROOT)
+    if not includes or not tools:
+        print("no sources below src/ or tools/")
         return 1
-    faults = list(layer_faults(includes))
-    circle = find_circle(includes)
+    faults = [*layer_faults(includes), *tool_faults(tools, includes)]
+    circle = find_circle({**includes, **tools})
     if circle:
         faults.append("circle: " + " -> ".join(circle))
     print(*faults, sep="\n", end="\n" if faults else "")

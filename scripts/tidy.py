@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Runs clang-tidy over every source below src/. Exits with 1 if there is any finding.
+"""Runs clang-tidy over every source below src/ and tools/. Exits with 1 if there is any finding.
 
 Most of a run is spent on the standard headers, so the sources of a folder are read as one file, kept in
 build/tidy/; findings name the real file and line. Where names of two sources meet, so that the joined file does
@@ -13,11 +13,11 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-SOURCES = ROOT / "src"
+SOURCES = [ROOT / "src", ROOT / "tools"]
 JOINED = ROOT / "build" / "tidy"
 
 COMMAND = ["clang-tidy-14", "--quiet"]
-FLAGS = ["-std=c++20", "-fno-exceptions", f"-I{SOURCES}",
+FLAGS = ["-std=c++20", *(f"-I{folder}" for folder in SOURCES),
          "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Wthread-safety"]
 
 # The check for repeated includes starts afresh behind a macro: an include of the file before is none.
@@ -35,13 +35,19 @@ def join(folder, files):
             content += "\n"
         text.append(content)
         places += [f"{file}:{i}" for i in range(1, content.count("\n") + 1)]
-    path = JOINED / (folder.name + ".cpp")
+    path = JOINED / ("_".join(folder.relative_to(ROOT).parts) + ".cpp")
     path.write_text("".join(text), encoding="utf-8")
     return path, places
 
 
-def run(path):
-    result = subprocess.run([*COMMAND, str(path), "--", *FLAGS], stdin=subprocess.DEVNULL, check=False,
+def flags_of(folder):
+    """Exceptions are for the tools' programs only, whose libraries throw."""
+    parts = folder.relative_to(ROOT).parts
+    return FLAGS if parts[0] == "tools" and parts[-1] != "core" else [*FLAGS, "-fno-exceptions"]
+
+
+def run(path, flags):
+    result = subprocess.run([*COMMAND, str(path), "--", *flags], stdin=subprocess.DEVNULL, check=False,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     warnings = [line for line in result.stderr.splitlines() if not re.search(r"\d+ warnings? generated", line)]
     return result.returncode == 0, "\n".join([result.stdout, *warnings]).strip()
@@ -50,9 +56,10 @@ def run(path):
 def look_at(folder, files):
     """(true if nothing was found, what was found)"""
     path, places = join(folder, files)
-    good, output = run(path)
+    flags = flags_of(folder)
+    good, output = run(path, flags)
     if "[clang-diagnostic-error]" in output:
-        outcomes = [run(file) for file in files]
+        outcomes = [run(file, flags) for file in files]
         return all(good for good, _ in outcomes), "\n".join(output for _, output in outcomes if output)
     pattern = re.escape(str(path)) + r":(\d+)"
     return good, re.sub(pattern, lambda match: places[int(match.group(1)) - 1], output)
@@ -60,10 +67,10 @@ def look_at(folder, files):
 
 def main():
     folders = {}
-    for file in sorted(SOURCES.rglob("*.cpp")):
+    for file in sorted(file for folder in SOURCES for file in folder.rglob("*.cpp")):
         folders.setdefault(file.parent, []).append(file)
     if not folders:
-        print("no sources below src/")
+        print("no sources below src/ and tools/")
         return 1
     JOINED.mkdir(parents=True, exist_ok=True)
     largest_first = sorted(folders.items(), key=lambda item: -sum(file.stat().st_size for file in item[1]))
