@@ -29,7 +29,8 @@ struct Packet {
     std::span<const uint8_t> datagram; // RTP header and payload; payload type as it was at the first sending
     bool isRecovered; // it came as a resend
     uint64_t lostBefore; // packets that are lost between the one played out before and this one
-    bool isRestart; // play-out begins afresh with this packet: no time or number connects it with those before
+    bool
+        isRestart; // play-out begins afresh with this packet: no time or number connects it with those before
 };
 
 // Why the receiver wants to be woken.

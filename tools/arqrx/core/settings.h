@@ -7,7 +7,8 @@ namespace arqrx {
 // What the operator decides about a receiver. The first values suit a proxy started without options.
 struct Settings {
     uint32_t streamId = 0; // tells receivers behind one address apart; 0: no tag
-    bool isPinging = true; // joins and stays by pinging; false: the proxy knows us, or we only listen to a group
+    bool isPinging
+        = true; // joins and stays by pinging; false: the proxy knows us, or we only listen to a group
     bool isAsking = true; // asks for what is missing; false: only counts it
     int64_t latencyUs = 600'000; // from the fastest packet's arrival to its play-out
     int64_t pingIntervalUs = 1'000'000; // at most 4.9 s keeps a stream
