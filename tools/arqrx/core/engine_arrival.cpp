@@ -73,9 +73,8 @@ bool Receiver::Engine::FitsAhead(int distance, int64_t aheadUs) const
 bool Receiver::Engine::FitsBehind(int distance, int64_t aheadUs, const Arrival& arrival)
 {
     const uint64_t index = m_newest.index - static_cast<uint64_t>(distance);
-    if (index < m_newest.firstIndex)
-        return false;
-    if (const Gap* gap = m_missing.Find(index)) {
+    const Gap* gap = index < m_newest.firstIndex ? nullptr : m_missing.Find(index);
+    if (gap != nullptr) {
         const int64_t dueUs = DueNear(index, arrival.words.timestamp, gap->dueUs);
         return std::abs(dueUs - gap->dueUs) <= std::max(STEP_US, m_settings.latencyUs);
     }
@@ -209,18 +208,19 @@ void Receiver::Engine::OnResend(std::span<const uint8_t> datagram, const MediaWo
     ++m_figures.resends;
     m_figures.receivedBytes += datagram.size();
     m_keepAlive.Hear(m_nNowUs);
-    const uint16_t distance = static_cast<uint16_t>(m_newest.seq - words.seq);
-    if (m_timeline.IsEmpty() || m_newest.index - distance < m_newest.firstIndex)
-        ++m_figures.late; // of what was before we began
+    if (m_timeline.IsEmpty())
+        ++m_figures.late;
     else
-        OnBehind(m_newest.index - distance, datagram, words, true);
+        OnBehind(m_newest.index - static_cast<uint16_t>(m_newest.seq - words.seq), datagram, words, true);
 }
 
 void Receiver::Engine::OnBehind(
     uint64_t index, std::span<const uint8_t> datagram, const MediaWords& words, bool isResend)
 {
-    Gap* gap = m_missing.Find(index);
-    const Fate fate = m_packets.FateOf(index);
+    const bool isOurs
+        = index >= m_newest.firstIndex; // what is before it had other numbers, or came before we did
+    Gap* gap = isOurs ? m_missing.Find(index) : nullptr;
+    const Fate fate = isOurs ? m_packets.FateOf(index) : Fate::None;
     if (gap == nullptr && (fate == Fate::Here || fate == Fate::Played)) {
         ++m_figures.duplicates;
         return;
