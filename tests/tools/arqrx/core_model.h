@@ -206,6 +206,8 @@ public:
 
     std::vector<int64_t> played; // numbers of the source
     std::vector<int64_t> dueUs;
+    std::vector<int64_t> delayUs; // from sending to due, of each played
+    std::vector<int64_t> restarts; // numbers with which play-out began afresh
     std::set<int64_t> couldBeHad;
     std::map<int64_t, int> tries; // requests that left for a number
     bool isIdentityBroken = false;
@@ -356,6 +358,9 @@ private:
             |= packet.dueUs > m_nNowUs || packet.dueUs < m_sentUs.at(number) + m_plan.receiver.latencyUs - MS;
         played.push_back(number);
         dueUs.push_back(packet.dueUs);
+        delayUs.push_back(packet.dueUs - m_sentUs.at(number));
+        if (packet.isRestart)
+            restarts.push_back(number);
     }
 
     Plan m_plan;

@@ -8,6 +8,8 @@ namespace arqrx {
 namespace {
 
 constexpr int64_t TOGETHER_US = 1'000; // what is due so soon goes along
+constexpr int64_t REST_US
+    = 1'000; // between two requests: a lossy line at 50,000 packets/s would have one for each
 constexpr int64_t LEAST_GUARD_US
     = 5'000; // behind the hold-off: a request that overtakes the one before is in vain
 constexpr int64_t MOST_GUARD_US = 25'000;
@@ -28,6 +30,8 @@ Asker::Asker(const Settings& settings, MissingList& missing, const ReorderTolera
 
 void Asker::Advance(const Newest& newest, bool isAllowed, int64_t nowUs, Figures& figures)
 {
+    if (nowUs < m_nRestUs)
+        return;
     TakeAgain(newest, isAllowed, nowUs);
     TakeFirst(newest, isAllowed, nowUs, figures);
 }
@@ -96,6 +100,8 @@ std::span<const uint16_t> Asker::TakeRequest(const Newest& newest, int64_t nowUs
         m_due.clear();
         m_nTaken = 0;
     }
+    if (count > 0)
+        m_nRestUs = nowUs + REST_US;
     return std::span(m_numbers).first(count);
 }
 
@@ -120,7 +126,7 @@ int64_t Asker::NextUs(int64_t nowUs) const
         next = gap->noticedUs + ToleranceUs(nowUs);
     if (const Gap* gap = m_missing.FirstOf(Gap::Turn::Again))
         next = std::min(next, gap->askedUs + AgainAfterUs());
-    return next;
+    return next == INT64_MAX ? next : std::max(next, m_nRestUs);
 }
 
 // The answer to the last try must have had its time, and the proxy's hold-off must be over, which began when it sent.

@@ -55,6 +55,7 @@ private:
     const RoundTrip& m_roundTrip;
     std::vector<uint64_t> m_due; // whose turn is Now, and some that were filled since
     size_t m_nTaken = 0; // of these
+    int64_t m_nRestUs = INT64_MIN; // no request before
     std::array<uint16_t, 763> m_numbers {};
     double m_fMeanBytes = 0;
 };
