@@ -1,0 +1,18 @@
+#include "arqlink/relay/stop_signal.h"
+
+#include <csignal>
+#include <sys/signalfd.h>
+
+namespace arqlink {
+
+UniqueFd OpenStopSignal()
+{
+    sigset_t signals;
+    (void)sigemptyset(&signals);
+    (void)sigaddset(&signals, SIGINT);
+    (void)sigaddset(&signals, SIGTERM);
+    (void)sigprocmask(SIG_BLOCK, &signals, nullptr);
+    return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+} // namespace arqlink

@@ -1,0 +1,11 @@
+#pragma once
+
+#include "base/unique_fd.h"
+
+namespace arqlink {
+
+// A descriptor that becomes readable when the program is asked to end (SIGINT, SIGTERM). From then on these two signals
+// do nothing else, so it is made before any thread.
+UniqueFd OpenStopSignal();
+
+} // namespace arqlink
