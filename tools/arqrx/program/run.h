@@ -1,0 +1,18 @@
+#pragma once
+
+#include "arqrx/program/line_printer.h"
+#include "arqrx/program/media_loop.h"
+#include "arqrx/program/report.h"
+
+namespace arqrx {
+
+// Keeps SIGINT, SIGTERM and SIGHUP for RunReceiver, in this thread and all that it starts; a reader that goes away
+// kills nothing. Before any thread is started.
+void HoldSignals();
+
+// Receives until it is over; prints figures to `figures` and news to standard error meanwhile. The media have a thread
+// of their own, so that printing never holds them up.
+ExitStatus RunReceiver(
+    const Options& options, MediaParts&& parts, SampleBoard& board, Report& report, LinePrinter& figures);
+
+} // namespace arqrx
