@@ -1,0 +1,120 @@
+#include "arqrx/cli/json_report.h"
+
+#include <cmath>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "arqrx/program/fields.h"
+
+namespace arqrx {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr double THOUSAND = 1000;
+
+std::string Timestamp(int64_t wallSeconds)
+{
+    const time_t seconds = wallSeconds;
+    tm utc {};
+    (void)gmtime_r(&seconds, &utc);
+    char text[32] {};
+    (void)strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+// Microseconds to milliseconds, or milliseconds to seconds.
+double Thousandth(int64_t value)
+{
+    return static_cast<double>(value) / THOUSAND;
+}
+
+double Seconds(int64_t us)
+{
+    return std::round(static_cast<double>(us) / THOUSAND) / THOUSAND;
+}
+
+void AddKnownMs(Json& object, const std::string& name, int64_t us)
+{
+    if (us >= 0)
+        object[name + "_ms"] = Thousandth(us);
+}
+
+Json OutputObject(const OutputFigures& output)
+{
+    Json object { { "name", output.name }, { "packets", output.packets }, { "dropped", output.dropped } };
+    if (output.hasFailed)
+        object["error"] = output.problem;
+    return object;
+}
+
+Json Object(const Sample& sample, const std::string& stream, int64_t wallSeconds)
+{
+    const Figures& core = sample.core;
+    Json object { { "time", Timestamp(wallSeconds) }, { "run_s", Seconds(sample.runUs) },
+        { "stream", stream } };
+    if (!sample.proxy.empty())
+        object["proxy"] = sample.proxy;
+    if (sample.sinceMediaUs >= 0)
+        object["silent_s"] = Seconds(sample.sinceMediaUs);
+    for (const CountField& field : COUNT_FIELDS)
+        object[field.name] = core.*field.count;
+    object["packets_waiting"] = core.waiting;
+    object["packets_buffered"] = core.buffered;
+    for (const TimeField& field : TIME_FIELDS)
+        AddKnownMs(object, field.name, core.*field.timeUs);
+    if (core.received > 0)
+        object["drift_ppm"] = std::round(core.driftPpm * THOUSAND) / THOUSAND;
+    AddKnownMs(object, "play_late_p50", sample.playLateP50Us);
+    AddKnownMs(object, "play_late_p99", sample.playLateP99Us);
+    if (sample.transportPackets > 0) {
+        object["transport_packets"] = sample.transportPackets;
+        object["continuity_errors"] = sample.continuityErrors;
+    }
+    object["socket_drops"] = sample.socketDrops;
+    object["send_failures"] = sample.sendFailures;
+    for (const OutputFigures& output : sample.outputs)
+        object["outputs"].push_back(OutputObject(output));
+    return object;
+}
+
+std::string Line(const Json& object)
+{
+    // Names of files may hold any bytes; what is no text must not end the report.
+    return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+} // namespace
+
+JsonReport::JsonReport(std::string stream, bool isQuiet) : m_stream(std::move(stream)), m_bQuiet(isQuiet) {}
+
+std::string JsonReport::Interval(const Sample& now, int64_t wallSeconds)
+{
+    const int64_t us = now.runUs - m_before.runUs;
+    const uint64_t bytes = now.core.receivedBytes - m_before.core.receivedBytes;
+    m_before = now;
+    if (m_bQuiet)
+        return "";
+    Json object = Object(now, m_stream, wallSeconds);
+    if (us > 0)
+        object["bit_rate"] = std::llround(static_cast<double>(bytes) * 8e6 / static_cast<double>(us));
+    return Line(object);
+}
+
+std::string JsonReport::Last(const Sample& last, const RunEnd& end, int64_t wallSeconds)
+{
+    Json object = Object(last, m_stream, wallSeconds);
+    object["final"] = true;
+    object["reason"] = ReasonWord(end.reason);
+    object["status"] = static_cast<int>(end.status);
+    return Line(object);
+}
+
+std::string JsonError(const std::string& why, ExitStatus status)
+{
+    return Line(Json { { "error", why }, { "final", true }, { "status", static_cast<int>(status) } });
+}
+
+} // namespace arqrx
