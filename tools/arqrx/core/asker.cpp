@@ -8,13 +8,15 @@ namespace arqrx {
 namespace {
 
 constexpr int64_t TOGETHER_US = 1'000; // what is due so soon goes along
-constexpr int64_t REST_US
-    = 1'000; // between two requests: a lossy line at 50,000 packets/s would have one for each
-constexpr int64_t LEAST_GUARD_US
-    = 5'000; // behind the hold-off: a request that overtakes the one before is in vain
+// Between two requests: a lossy line at 50,000 packets/s would have one for each packet.
+constexpr int64_t REST_US = 1'000;
+// Behind the hold-off: a request that comes too early at the proxy is in vain.
+constexpr int64_t LEAST_GUARD_US = 5'000;
 constexpr int64_t MOST_GUARD_US = 25'000;
 constexpr int64_t MARGIN_US = 20'000; // for the first try to be in time
 constexpr double SIZE_SHARE = 1.0 / 16;
+constexpr double FAIL_SHARE = 1.0 / 64;
+constexpr double ENOUGH_FAIL = 1e-4; // of what is missing: that little may be lost in spite of all tries
 
 } // namespace
 
@@ -32,7 +34,8 @@ void Asker::Advance(const Newest& newest, bool isAllowed, int64_t nowUs, Figures
 {
     if (nowUs < m_nRestUs)
         return;
-    TakeAgain(newest, isAllowed, nowUs);
+    TakeAgain(Gap::Turn::Soon, newest, isAllowed, nowUs);
+    TakeAgain(Gap::Turn::Again, newest, isAllowed, nowUs);
     TakeFirst(newest, isAllowed, nowUs, figures);
 }
 
@@ -53,13 +56,13 @@ void Asker::TakeFirst(const Newest& newest, bool isAllowed, int64_t nowUs, Figur
     }
 }
 
-void Asker::TakeAgain(const Newest& newest, bool isAllowed, int64_t nowUs)
+void Asker::TakeAgain(Gap::Turn turn, const Newest& newest, bool isAllowed, int64_t nowUs)
 {
-    const Gap* next = m_missing.FirstOf(Gap::Turn::Again);
-    const int64_t afterUs = AgainAfterUs();
+    const Gap* next = m_missing.FirstOf(turn);
+    const int64_t afterUs = AfterUs(turn);
     if (next == nullptr || next->askedUs + afterUs > nowUs)
         return;
-    while (Gap* gap = m_missing.FirstOf(Gap::Turn::Again)) {
+    while (Gap* gap = m_missing.FirstOf(turn)) {
         if (gap->askedUs + afterUs > nowUs + TOGETHER_US)
             return;
         Enlist(*gap, isAllowed && IsWorthIt(*gap, newest, nowUs));
@@ -114,8 +117,9 @@ bool Asker::Ask(Gap& gap, const Newest& newest, int64_t nowUs)
     }
     gap.askedUs = nowUs;
     ++gap.tries;
-    const bool isAgain = IsWorthIt(gap, newest, nowUs + AgainAfterUs());
-    m_missing.Move(gap, isAgain ? Gap::Turn::Again : Gap::Turn::Never);
+    if (gap.tries == 1)
+        gap.firstAskedUs = nowUs;
+    m_missing.Move(gap, TurnAfterAsking(gap, newest, nowUs));
     return true;
 }
 
@@ -124,19 +128,55 @@ int64_t Asker::NextUs(int64_t nowUs) const
     int64_t next = INT64_MAX;
     if (const Gap* gap = m_missing.FirstOf(Gap::Turn::First))
         next = gap->noticedUs + ToleranceUs(nowUs);
-    if (const Gap* gap = m_missing.FirstOf(Gap::Turn::Again))
-        next = std::min(next, gap->askedUs + AgainAfterUs());
+    for (const Gap::Turn turn : { Gap::Turn::Again, Gap::Turn::Soon }) {
+        if (const Gap* gap = m_missing.FirstOf(turn))
+            next = std::min(next, gap->askedUs + AfterUs(turn));
+    }
     return next == INT64_MAX ? next : std::max(next, m_nRestUs);
 }
 
-// The answer to the last try must have had its time, and the proxy's hold-off must be over, which began when it sent.
-int64_t Asker::AgainAfterUs() const
+// Where the round trip is longer than the hold-off, asking before the answer can be here may bring a packet twice. That
+// is worth it only if the tries that are left otherwise would likely all fail.
+Gap::Turn Asker::TurnAfterAsking(const Gap& gap, const Newest& newest, int64_t nowUs) const
 {
-    const int64_t guardUs = std::clamp(2 * m_tolerance.JitterUs(), LEAST_GUARD_US, MOST_GUARD_US);
-    const int64_t holdOffUs = m_settings.holdOffUs + guardUs;
-    if (!m_roundTrip.IsKnown())
+    const int64_t holdOffUs = AfterUs(Gap::Turn::Soon);
+    const int64_t answerUs = AfterUs(Gap::Turn::Again);
+    const int64_t leftUs = gap.dueUs - nowUs - std::max<int64_t>(m_roundTrip.SmoothedUs(), 0);
+    const auto triesLeft = static_cast<double>(std::max<int64_t>(leftUs, 0) / answerUs);
+    const bool isSoon = answerUs > holdOffUs && std::pow(m_fFailShare, 1 + triesLeft) > ENOUGH_FAIL;
+    const Gap::Turn turn = isSoon ? Gap::Turn::Soon : Gap::Turn::Again;
+    return IsWorthIt(gap, newest, nowUs + AfterUs(turn)) ? turn : Gap::Turn::Never;
+}
+
+// The proxy's hold-off began when it sent, and a request must not overtake the one before.
+int64_t Asker::GuardedHoldOffUs() const
+{
+    return m_settings.holdOffUs + std::clamp(2 * m_tolerance.JitterUs(), LEAST_GUARD_US, MOST_GUARD_US);
+}
+
+int64_t Asker::AfterUs(Gap::Turn turn) const
+{
+    const int64_t holdOffUs = GuardedHoldOffUs();
+    if (turn == Gap::Turn::Soon || !m_roundTrip.IsKnown())
         return holdOffUs;
     return std::max(holdOffUs, m_roundTrip.SmoothedUs() + 4 * m_roundTrip.VariationUs());
+}
+
+// An answer that came sooner than one to a second try could is the first one's.
+void Asker::NoteRecovered(const Gap& gap, int64_t nowUs)
+{
+    if (gap.tries == 0 || !m_roundTrip.IsKnown())
+        return;
+    const int64_t spareUs = std::min(4 * m_roundTrip.VariationUs(), m_settings.holdOffUs / 2);
+    const bool isFirst
+        = nowUs - gap.firstAskedUs <= m_roundTrip.SmoothedUs() + std::max(spareUs, TOGETHER_US);
+    m_fFailShare += ((isFirst ? 0 : 1) - m_fFailShare) * FAIL_SHARE;
+}
+
+void Asker::NoteLost(const Gap& gap)
+{
+    if (gap.tries > 0)
+        m_fFailShare += (1 - m_fFailShare) * FAIL_SHARE;
 }
 
 int64_t Asker::ToleranceUs(int64_t nowUs) const

@@ -34,6 +34,9 @@ public:
     // When a gap's turn comes next; INT64_MAX when none waits.
     int64_t NextUs(int64_t nowUs) const;
 
+    // A gap was filled by a resend, or is lost: whether its first try was in vain.
+    void NoteRecovered(const Gap& gap, int64_t nowUs);
+    void NoteLost(const Gap& gap);
     // The size of a first sending, from which the budget of a request is reckoned.
     void AddSize(size_t bytes);
     const RequestWindow& Window() const { return m_window; }
@@ -42,9 +45,11 @@ public:
 
 private:
     bool IsWorthIt(const Gap& gap, const Newest& newest, int64_t nowUs) const;
-    int64_t AgainAfterUs() const;
+    int64_t GuardedHoldOffUs() const;
+    int64_t AfterUs(Gap::Turn turn) const;
+    Gap::Turn TurnAfterAsking(const Gap& gap, const Newest& newest, int64_t nowUs) const;
     void TakeFirst(const Newest& newest, bool isAllowed, int64_t nowUs, Figures& figures);
-    void TakeAgain(const Newest& newest, bool isAllowed, int64_t nowUs);
+    void TakeAgain(Gap::Turn turn, const Newest& newest, bool isAllowed, int64_t nowUs);
     void Enlist(Gap& gap, bool isWanted);
     bool Ask(Gap& gap, const Newest& newest, int64_t nowUs);
 
@@ -58,6 +63,7 @@ private:
     int64_t m_nRestUs = INT64_MIN; // no request before
     std::array<uint16_t, 763> m_numbers {};
     double m_fMeanBytes = 0;
+    double m_fFailShare = 0.05; // of first tries, lately; lost on the way there or back
 };
 
 } // namespace arqrx

@@ -167,7 +167,8 @@ void Receiver::Engine::Append(uint64_t index, const Arrival& arrival)
     const int64_t mediaUs = stretch.clock.MediaUs(arrival.words.timestamp, arrival.timeUs);
     stretch.fallUs += stretch.clock.Add(mediaUs, arrival.timeUs);
     const int64_t dueUs = stretch.clock.LocalUs(mediaUs) + m_settings.latencyUs;
-    m_tolerance.AddInOrder(arrival.timeUs, mediaUs, index - m_newest.index);
+    m_tolerance.AddArrival(arrival.timeUs - stretch.clock.LocalUs(mediaUs));
+    m_tolerance.AddSpacing(mediaUs - m_nNewestMediaUs, index - m_newest.index);
     const uint64_t gapFirst = m_newest.index + 1;
     m_newest.index = index;
     m_newest.seq = arrival.words.seq;
@@ -254,8 +255,10 @@ int64_t Receiver::Engine::DueNear(uint64_t index, uint32_t timestamp, int64_t ne
 void Receiver::Engine::Fill(Gap& gap, std::span<const uint8_t> datagram, int64_t dueUs, bool isResend)
 {
     const int64_t elapsedUs = m_nNowUs - gap.noticedUs;
-    if (!isResend)
+    if (!isResend) {
         m_tolerance.AddLate(elapsedUs, m_nNowUs);
+        m_tolerance.AddArrival(m_nNowUs - (dueUs - m_settings.latencyUs));
+    }
     if (Store(gap.index, datagram, dueUs, isResend) == nullptr) {
         ++m_figures.overflows;
         return;
@@ -265,6 +268,8 @@ void Receiver::Engine::Fill(Gap& gap, std::span<const uint8_t> datagram, int64_t
         ++m_figures.recovered;
         m_recoverTimes.Add(elapsedUs);
     }
+    if (isResend)
+        m_asker.NoteRecovered(gap, m_nNowUs);
     if (isResend && gap.tries == 1 && !m_roundTrip.IsKnown())
         m_roundTrip.Add(m_nNowUs - gap.askedUs); // asked once: it can only be the answer to that
     m_missing.Remove(gap);

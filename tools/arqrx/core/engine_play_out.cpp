@@ -48,6 +48,7 @@ void Receiver::Engine::Lose(Gap& gap)
     else
         ++m_figures.missing;
     ++m_figures.lost;
+    m_asker.NoteLost(gap);
     m_packets.NoteLost(gap.index);
     m_missing.Remove(gap);
 }

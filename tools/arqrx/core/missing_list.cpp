@@ -45,9 +45,18 @@ Gap* MissingList::FirstOf(Gap::Turn turn)
 
 MissingList::Queue* MissingList::QueueOf(Gap::Turn turn)
 {
-    if (turn == Gap::Turn::First)
+    switch (turn) {
+    case Gap::Turn::First:
         return &m_first;
-    return turn == Gap::Turn::Again ? &m_again : nullptr;
+    case Gap::Turn::Again:
+        return &m_again;
+    case Gap::Turn::Soon:
+        return &m_soon;
+    case Gap::Turn::Never:
+    case Gap::Turn::Now:
+        break;
+    }
+    return nullptr;
 }
 
 void MissingList::Unlink(Gap& gap)

@@ -11,7 +11,8 @@ struct Gap {
     enum class Turn : uint8_t {
         Never, // is not asked for any more
         First, // waits whether it was only overtaken
-        Again, // was asked for, and may be asked for again
+        Again, // was asked for, and may be asked for again when the answer should have come
+        Soon, // the same, as soon as the proxy listens
         Now // stands in the list of what is asked for next
     };
 
@@ -19,6 +20,7 @@ struct Gap {
     uint64_t before = 0; // neighbours in the queue of its turn; 0: none
     uint64_t after = 0;
     int64_t noticedUs = 0;
+    int64_t firstAskedUs = 0;
     int64_t askedUs = 0; // last time
     int64_t dueUs = 0; // when it should be played out, reckoned from its neighbours
     uint32_t tries = 0;
@@ -26,9 +28,8 @@ struct Gap {
     bool isMissing = false; // counted as missing: it waited long enough to be asked for
 };
 
-// All gaps by number, and two queues in the order of their turn: those that wait to be asked for the first time, by
-// when they were noticed, and those that were asked for, by when that was. Each step costs the same however many
-// there are.
+// All gaps by number, and queues in the order of their turn: those that wait to be asked for the first time, by when
+// they were noticed, and those that were asked for, by when that was. Each step costs the same however many there are.
 class MissingList {
 public:
     struct Queue {
@@ -60,6 +61,7 @@ private:
     NumberRing<Gap> m_gaps; // marked: the gap is there
     Queue m_first;
     Queue m_again;
+    Queue m_soon;
     uint64_t m_nDue = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
 namespace arqrx {
 
@@ -14,22 +15,23 @@ constexpr double JITTER_SHARE = 1.0 / 16;
 
 } // namespace
 
-void ReorderTolerance::AddInOrder(int64_t arrivalUs, int64_t mediaUs, uint64_t numbers)
+void ReorderTolerance::AddArrival(int64_t behindUs)
 {
-    const auto elapsedMediaUs = static_cast<double>(mediaUs - m_nLastMediaUs);
-    const auto elapsedUs = static_cast<double>(arrivalUs - m_nLastArrivalUs);
-    const bool hadLast = m_bHasLast;
-    m_bHasLast = true;
-    m_nLastArrivalUs = arrivalUs;
-    m_nLastMediaUs = mediaUs;
-    if (!hadLast)
-        return;
-    m_fJitterUs += (std::abs(elapsedUs - elapsedMediaUs) - m_fJitterUs) * JITTER_SHARE;
-    const double spacingUs = std::max(elapsedMediaUs, 0.0) / static_cast<double>(numbers);
-    if (m_fSpacingUs < 0)
+    if (m_bHasArrival)
+        m_fJitterUs += (static_cast<double>(std::abs(behindUs - m_nBehindUs)) - m_fJitterUs) * JITTER_SHARE;
+    m_bHasArrival = true;
+    m_nBehindUs = behindUs;
+}
+
+void ReorderTolerance::AddSpacing(int64_t mediaUs, uint64_t numbers)
+{
+    const double spacingUs
+        = static_cast<double>(std::max<int64_t>(mediaUs, 0)) / static_cast<double>(numbers);
+    if (m_bHasNewest && m_fSpacingUs < 0)
         m_fSpacingUs = spacingUs;
-    else // a source that was silent for a minute is not one that sends once a minute
+    else if (m_bHasNewest) // a source that was silent for a minute is not one that sends once a minute
         m_fSpacingUs += (std::min(spacingUs, 4 * m_fSpacingUs + 1000) - m_fSpacingUs) * SPACING_SHARE;
+    m_bHasNewest = true;
 }
 
 void ReorderTolerance::AddLate(int64_t latenessUs, int64_t nowUs)

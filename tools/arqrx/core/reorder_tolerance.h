@@ -9,13 +9,14 @@ namespace arqrx {
 // higher number.
 class ReorderTolerance {
 public:
-    // A first sending that is newer than all before it: how much later than the last such one, on both clocks, and
-    // how many numbers further.
-    void AddInOrder(int64_t arrivalUs, int64_t mediaUs, uint64_t numbers);
+    // A first sending came, in order or not, so much later than the fastest packet with its timestamp would have.
+    void AddArrival(int64_t behindUs);
+    // The newest number is so far ahead of the one before, by timestamps and in numbers.
+    void AddSpacing(int64_t mediaUs, uint64_t numbers);
     // A first sending filled a gap that was noticed so long ago.
     void AddLate(int64_t latenessUs, int64_t nowUs);
     // Play-out begins afresh: arrivals before and after are not to be compared.
-    void ForgetLast() { m_bHasLast = false; }
+    void ForgetLast() { m_bHasArrival = m_bHasNewest = false; }
 
     int64_t JitterUs() const { return static_cast<int64_t>(m_fJitterUs); } // RFC 3550, 6.4.1
     // Between two numbers, by their timestamps, smoothed; -1: not known yet.
@@ -25,9 +26,9 @@ public:
 private:
     double LateUs(int64_t nowUs) const;
 
-    bool m_bHasLast = false;
-    int64_t m_nLastArrivalUs = 0;
-    int64_t m_nLastMediaUs = 0;
+    bool m_bHasArrival = false;
+    bool m_bHasNewest = false;
+    int64_t m_nBehindUs = 0; // of the last arrival
     double m_fJitterUs = 0;
     double m_fSpacingUs = -1;
     double m_fLateUs = 0; // at m_nLateAtUs; fades
