@@ -87,6 +87,7 @@ void AddSettings(CLI::App& app, Texts& texts)
             const std::string name = direction + std::string(setting.name);
             app.add_option("--" + name, texts.settings[name], Wrapped(setting.meaning))
                 ->type_name(std::string(setting.value))
+                ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
                 ->group(*direction == '\0' ? "The line" : "");
         }
     }
@@ -103,7 +104,9 @@ void AddOptions(CLI::App& app, Options& options, Texts& texts)
     for (const TextOption& option : TEXT_OPTIONS)
         app.add_option(option.name, texts.*option.text, Wrapped(option.meaning))
             ->type_name(option.value)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
             ->group(option.group);
+    app.allow_config_extras(CLI::config_extras_mode::error); // a slip in the file is no less a slip
     app.set_config("--config", "", "Read options from this file, a line each: loss=5%")
         ->type_name("FILE")
         ->group("The run");

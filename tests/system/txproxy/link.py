@@ -20,9 +20,8 @@ def program():
 
 def run(*arguments, timeout=DEFAULT_TIMEOUT, **keywords):
     """Runs it to its own end; returns (status, standard output, standard error)."""
-    done = subprocess.run(
-        [program(), *map(str, arguments)], capture_output=True, timeout=scaled(timeout), text=True, check=False, **keywords
-    )
+    command = [program(), *map(str, arguments)]
+    done = subprocess.run(command, capture_output=True, timeout=scaled(timeout), text=True, check=False, **keywords)
     assert not SANITIZER_REPORT.search(done.stderr), done.stderr
     return done.returncode, done.stdout, done.stderr
 
@@ -44,9 +43,8 @@ class Link:
         )
         self._stdout = Output("standard output", self.process.stdout)
         self._stderr = Output("standard error", self.process.stderr)
-        ready = self.wait(lambda: [thing for thing in self.objects if thing["event"] == "ready"], "arqlink to be ready")
         self.listen = []
-        for pair in ready[0]["pairs"]:
+        for pair in self.wait(lambda: self.events("ready"), "arqlink to be ready")[0]["pairs"]:
             host, _, port = pair["listen"].rpartition(":")
             self.listen.append((host, int(port)))
 
@@ -54,13 +52,17 @@ class Link:
     def objects(self):
         return [json.loads(line) for line in self._stdout.lines]
 
+    def events(self, name):
+        """The objects of this kind: "ready", "changed", "figures" or "final"."""
+        return [thing for thing in self.objects if thing.get("event") == name]
+
     @property
     def error_text(self):
         return self._stderr.text
 
     def figures(self):
         """What it has done so far, as it printed it last: "down", "up", "clients", ...; None at first."""
-        return next((thing for thing in reversed(self.objects) if thing["event"] in ("figures", "final")), None)
+        return next((thing for thing in reversed(self.objects) if thing.get("event") in ("figures", "final")), None)
 
     def wait(self, condition, what, timeout=DEFAULT_TIMEOUT):
         """Returns the first true value of condition()."""
