@@ -180,3 +180,17 @@ def test_a_target_that_does_not_listen_stops_nothing(client, start, target, clos
     far.send(b"answer", sources(far, 1)[0])
     wait_until(lambda: near.datagrams, "the answer")
     assert line.stop()["up"]["came"] == 21
+
+
+def test_each_client_that_comes_and_goes_is_named_with_its_two_ends(target, client, start):
+    far = target()
+    line = start([far], "--idle", "500ms", "--source", "127.8.0.7")
+    near = client()
+    near.send(b"ping", line.listen[0])
+    (seen,) = sources(far, 1)
+    line.wait(lambda: line.events("forgotten"), "the client to be forgotten")
+    (came,), (gone,) = line.events("client"), line.events("forgotten")
+    ends = (0, "{}:{}".format(*near.address), "{}:{}".format(*seen))
+    assert (came["client"], came["from"], came["upstream"]) == ends
+    assert (gone["client"], gone["from"], gone["upstream"]) == ends
+    assert gone["seconds"] - came["seconds"] >= 0.5

@@ -14,15 +14,13 @@ import time
 import pytest
 
 from txproxy import control, flooding, rtp
-from txproxy.lossy_relay import Fault, LossyRelay
+from txproxy.link import Link, started_media
 from txproxy.model_receiver import (
     ModelReceiver,
     Window,
     drive,
     echo_ping,
-    raw_port,
     request,
-    stamped,
     tag,
     wait_bound,
 )
@@ -119,11 +117,12 @@ class Scene:
     def __init__(self, start_proxy, net, sender, closing):
         self.proxy = wait_bound(start_proxy("-a", f"{STRANGER},{PROBER}"), net.destination, net.request)
         self.prober = Prober(closing(udp_socket(PROBER, net.destination)), ("127.0.0.1", net.request))
-        self.relay = closing(LossyRelay(SEED, Fault(LOSS, 0.0), "127.0.0.20", "127.0.0.30", net))
+        targets = [("127.0.0.1", net.destination), ("127.0.0.1", net.request)]
+        options = ["--seed", SEED, "--loss", LOSS, "--source", "127.0.0.20"]
+        self.line = closing(Link(targets, *options, address="127.0.0.30"))
         self.receiver = ModelReceiver(
             closing(udp_socket("127.0.0.40", 0, reuse=False)),
-            self.relay.ping_address,
-            self.relay.request_address,
+            *self.line.listen,
             FIRST_SEQ,
             TOTAL,
             lambda index, data: data[rtp.HEADER_BYTES :] == payload(index),
@@ -135,11 +134,8 @@ class Scene:
 
     def run(self):
         """The whole stream, and the recovery of what it lost."""
-        parts = [self.relay, self.receiver, self.prober]
-        line = stamped(
-            f"Media started on port {raw_port(self.relay.far_port)} for 127.0.0.20 ID:0x{STREAM_ID:08x}"
-        )
-        drive(parts, lambda: self.proxy.stderr.find(line), "the media start")
+        parts = [self.receiver, self.prober]
+        drive(parts, lambda: started_media(self.proxy, self.line, STREAM_ID), "the media start")
         stream = Paced(self._sender, media, PACKETS_PER_SECOND, TOTAL)
         drive([*parts, stream], lambda: stream.sent == TOTAL, "the end of the stream", timeout=60)
         ending = time.monotonic() + 0.25

@@ -1,6 +1,6 @@
 """Receivers behind bad networks: what the first sending loses, requests bring back.
 
-One proxy and one stream serve all receivers at once, each behind a relay of its own, so that the stream has to
+One proxy and one stream serve all receivers at once, each behind an arqlink of its own, so that the stream has to
 be sent only once. The figures are printed and stand in the test report.
 """
 
@@ -9,8 +9,8 @@ import struct
 import time
 
 from txproxy import rtp
-from txproxy.lossy_relay import Fault, LossyRelay
-from txproxy.model_receiver import DEFAULT_WINDOW, ModelReceiver, Window, drive, raw_port, stamped, wait_bound
+from txproxy.link import Link, started_media
+from txproxy.model_receiver import DEFAULT_WINDOW, ModelReceiver, Window, drive, wait_bound
 from txproxy.receiver import udp_socket
 from txproxy.traffic import Paced
 
@@ -22,7 +22,7 @@ DATAGRAM_BITS = 8 * (rtp.HEADER_BYTES + PAYLOAD_BYTES)
 TOTAL = STREAM_SECONDS * STREAM_BITS_PER_SECOND // DATAGRAM_BITS
 FIRST_SEQ = 65536 - TOTAL // 2  # the numbers wrap in the middle of the stream
 SEED = 20240607
-REORDERED = 0.05
+LINE = ["--jitter", "15ms", "--reorder", "5%"]
 
 # So long that none may be left missing, however busy the machine is: at 20 % loss each way three tries bring most.
 LONG_WINDOW = Window(2, 5000, 0)
@@ -39,45 +39,57 @@ def is_packet(index, data):
 
 
 class Path:
-    """A receiver with its relay and its figures."""
+    """A receiver with its line and its figures."""
 
     def __init__(self, number, name, loss, net, closing, **receiver_options):
         self.name = name
         self.loss = loss
-        self.far_address = f"127.0.0.{20 + number}"
-        self.relay = closing(
-            LossyRelay(SEED + number, Fault(loss, REORDERED), self.far_address, f"127.0.0.{30 + number}", net)
+        self.line = closing(
+            Link(
+                [("127.0.0.1", net.destination), ("127.0.0.1", net.request)],
+                *["--seed", SEED + number, "--loss", loss, *LINE, "--source", f"127.0.0.{20 + number}"],
+                address=f"127.0.0.{30 + number}",
+            )
         )
         self.stream_id = receiver_options.get("stream_id") or 0
         self.receiver = ModelReceiver(
             closing(udp_socket(f"127.0.0.{40 + number}", 0, reuse=False)),
-            self.relay.ping_address,
-            self.relay.request_address,
+            *self.line.listen,
             FIRST_SEQ,
             TOTAL,
             is_packet,
             **receiver_options,
         )
 
-    def media_started(self):
-        """The line that the proxy prints when it has taken the first ping."""
-        port = raw_port(self.relay.far_port)
-        return stamped(f"Media started on port {port} for {self.far_address} ID:0x{self.stream_id:08x}")
+    def media_started(self, proxy):
+        return started_media(proxy, self.line, self.stream_id)
 
     def residual(self):
         return len(self.receiver.absent()) / TOTAL
 
     def report(self, record_property):
-        receiver, relay = self.receiver, self.relay
+        """Ends the line, prints and returns what it did."""
+        receiver, figures = self.receiver, self.line.stop()
+        down, up = figures["down"], figures["up"]
         print(
-            f"{self.name}: {TOTAL} packets, on the way down {relay.dropped['down']} lost of "
-            f"{relay.dropped['down'] + relay.passed['down']}, up {relay.dropped['up']} of "
-            f"{relay.dropped['up'] + relay.passed['up']}, {relay.swapped} delayed; "
+            f"{self.name}: {TOTAL} packets, on the way down {down['lost']} lost of {down['came']}, "
+            f"up {up['lost']} of {up['came']}, {down['reordered']} overtaken; "
             f"{receiver.first_time} at the first sending, {receiver.recovered} recovered, "
             f"{len(receiver.absent())} missing, residual loss {100 * self.residual():.4f} %"
         )
         record_property(f"residual loss, {self.name}", f"{100 * self.residual():.4f} %")
         record_property(f"recovered, {self.name}", receiver.recovered)
+        return figures
+
+
+def assert_was_bad(figures, loss):
+    """The line has lost its part and nothing else, and has changed the order."""
+    down, up = figures["down"], figures["up"]
+    assert down["lost"] == down["lost_by"]["random"]
+    assert up["lost"] == up["lost_by"]["random"]
+    assert 0.5 * loss < down["lost"] / down["came"] < 1.5 * loss
+    assert down["reordered"] > TOTAL / 100
+    assert (figures["clients_seen"], figures["overrun"], figures["strangers"]) == (1, 0, 0)
 
 
 def test_receivers_behind_1_5_and_20_percent_loss_end_with_every_packet_of_the_stream(
@@ -92,9 +104,8 @@ def test_receivers_behind_1_5_and_20_percent_loss_end_with_every_packet_of_the_s
         "no requests": Path(4, "20 % loss, no requests", 0.20, net, closing, asks=False),
     }
     paths = list(path_of.values())
-    started = [path.media_started() for path in paths]
-    parts = [part for path in paths for part in (path.relay, path.receiver)]
-    drive(parts, lambda: all(proxy.stderr.find(line) for line in started), "the media start of every receiver")
+    parts = [path.receiver for path in paths]
+    drive(parts, lambda: all(path.media_started(proxy) for path in paths), "the media start of every receiver")
 
     stream = Paced(
         sender,
@@ -111,14 +122,14 @@ def test_receivers_behind_1_5_and_20_percent_loss_end_with_every_packet_of_the_s
         path.receiver.end_of_stream(time.monotonic())
     drive(parts, lambda: all(path.receiver.is_settled for path in paths), "the last recoveries", timeout=20)
 
-    for path in paths:
-        path.report(record_property)
+    figures_of = {path.name: path.report(record_property) for path in paths}
     for path in paths:
         assert path.receiver.faults == [], path.name
+        assert_was_bad(figures_of[path.name], path.loss)
     for name in ("1 % loss", "5 % loss", "20 % loss"):
         path = path_of[name]
         assert path.receiver.absent() == [], f"{name}: residual loss {100 * path.residual():.4f} %"
-        # The relay has really lost what the requests brought back.
+        # The line has really lost what the requests brought back.
         assert path.receiver.recovered > TOTAL * path.loss / 10, name
     # A packet that needs more tries than fit into 600 ms stays lost. Four tries leave 2 % of what the first sending
     # lost; how many tries there are is a matter of the machine, so only what has had them counts.

@@ -10,6 +10,7 @@
 #include <exception>
 #include <sys/resource.h>
 #include <utility>
+#include <vector>
 
 namespace arqlink {
 
@@ -44,7 +45,7 @@ public:
         bool bGoOn = true;
         while (bGoOn) {
             const int64_t elapsedUs = common::NowUs() - m_nStartUs;
-            if (!RunScript(elapsedUs) || !PrintLine(elapsedUs))
+            if (!PrintNews(elapsedUs) || !RunScript(elapsedUs) || !PrintLine(elapsedUs))
                 return false;
             if (elapsedUs >= m_options.durationUs || m_options.script.HasEnded())
                 break;
@@ -69,6 +70,13 @@ private:
             return true;
         m_relay.Configure(down, up);
         return m_report.Changed(Seconds(elapsedUs), m_relay);
+    }
+
+    bool PrintNews(int64_t elapsedUs)
+    {
+        const std::vector<ClientNews> news = m_relay.TakeNews();
+        return std::all_of(news.begin(), news.end(),
+            [&](const ClientNews& item) { return m_report.News(Seconds(elapsedUs), item); });
     }
 
     bool PrintLine(int64_t elapsedUs)

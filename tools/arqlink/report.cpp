@@ -134,6 +134,22 @@ bool Report::Changed(double seconds, const Relay& relay)
         { "up", { { "settings", SettingsText(relay.Up()) } } } }));
 }
 
+bool Report::News(double seconds, const ClientNews& news)
+{
+    if (m_bQuiet)
+        return true;
+    const std::string from = common::EndpointText(news.from);
+    const std::string upstream = common::EndpointText(news.upstream);
+    if (!m_bJson && news.bForgotten)
+        return Print(fmt::format("{:7.1f} s  client {} ({}) is forgotten", seconds, news.number, from));
+    if (!m_bJson)
+        return Print(
+            fmt::format("{:7.1f} s  client {} is {}, upstream {}", seconds, news.number, from, upstream));
+    return Print(
+        Dump({ { "event", news.bForgotten ? "forgotten" : "client" }, { "seconds", Rounded(seconds) },
+            { "client", news.number }, { "from", from }, { "upstream", upstream } }));
+}
+
 bool Report::Line(double seconds, const Figures& figures, const Relay& relay)
 {
     const Figures last = std::exchange(m_last, figures);

@@ -20,6 +20,7 @@ public:
         const std::vector<Pair>& pairs, const std::vector<common::Endpoint>& listening, const Relay& relay);
     // The line has changed.
     bool Changed(double seconds, const Relay& relay);
+    bool News(double seconds, const ClientNews& news);
     // For people what came since the last line, in JSON what came since the start.
     bool Line(double seconds, const Figures& figures, const Relay& relay);
     bool Final(double seconds, const Figures& figures, const Relay& relay);

@@ -24,7 +24,7 @@ kernel_counts   what the kernel of a namespace has counted of UDP
 netns           network namespaces and interfaces of a test's own
 shaping         a cable of such a network that is too slow for what is sent
 model_receiver  the receiver's side of the protocol, and two models of receivers
-lossy_relay     a bad network between one receiver and the proxy
+link            a bad line between a receiver and the proxy: an arqlink that runs
 control         client of the control socket
 raw_control     plain connections to the control socket, for clients that behave badly
 reports         what a proxy says about itself

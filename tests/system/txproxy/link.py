@@ -6,6 +6,7 @@ import pathlib
 import signal
 import subprocess
 
+from .model_receiver import raw_port, stamped
 from .process import thread_state
 from .proxy import SANITIZER_REPORT, Output, binary, build_kind
 from .waiting import DEFAULT_TIMEOUT, scaled, wait_until
@@ -24,6 +25,17 @@ def run(*arguments, timeout=DEFAULT_TIMEOUT, **keywords):
     done = subprocess.run(command, capture_output=True, timeout=scaled(timeout), text=True, check=False, **keywords)
     assert not SANITIZER_REPORT.search(done.stderr), done.stderr
     return done.returncode, done.stdout, done.stderr
+
+
+def started_media(proxy, line, stream_id=0):
+    """The proxy's line that tells of media to the line's first client; none as long as it has taken no ping."""
+    clients = line.events("client")
+    if not clients:
+        return []
+    host, _, port = clients[0]["upstream"].rpartition(":")
+    return proxy.stderr.find(
+        stamped(f"Media started on port {raw_port(int(port))} for {host} ID:0x{stream_id:08x}")
+    )
 
 
 class Link:
@@ -53,7 +65,7 @@ class Link:
         return [json.loads(line) for line in self._stdout.lines]
 
     def events(self, name):
-        """The objects of this kind: "ready", "changed", "figures" or "final"."""
+        """The objects of this kind: "ready", "client", "changed", "figures", ... see docs/arqlink.md."""
         return [thing for thing in self.objects if thing.get("event") == name]
 
     @property

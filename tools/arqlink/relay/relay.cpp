@@ -183,6 +183,7 @@ Relay::Client* Relay::Welcome(const common::Endpoint& endpoint)
     if (place == m_clients.size())
         m_clients.emplace_back();
     m_clients[place] = std::move(client);
+    m_news.push_back({ number, false, endpoint, m_clients[place]->upstream.Local() });
     return m_clients[place].get();
 }
 
@@ -273,6 +274,7 @@ void Relay::Forget(size_t place)
     m_past.overrun += Overrun(client.upstream.Fd());
     m_options.sources.Give(client.source);
     m_places.erase(Key(client.endpoint));
+    m_news.push_back({ client.number, true, client.endpoint, client.upstream.Local() });
     m_clients[place].reset();
 }
 
@@ -286,6 +288,11 @@ void Relay::Configure(const Settings& down, const Settings& up)
         client->down.Configure(down);
         client->up.Configure(up);
     }
+}
+
+std::vector<ClientNews> Relay::TakeNews()
+{
+    return std::exchange(m_news, {});
 }
 
 Figures Relay::Now() const

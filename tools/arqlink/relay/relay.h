@@ -23,6 +23,14 @@ struct Pair {
     common::Endpoint target;
 };
 
+// A client that came, or was forgotten.
+struct ClientNews {
+    uint64_t number = 0; // in the order in which they came, from 0
+    bool bForgotten = false;
+    common::Endpoint from;
+    common::Endpoint upstream; // what the targets see; address 0: the one on the way to each target
+};
+
 struct RelayOptions {
     std::vector<Pair> pairs;
     Settings down;
@@ -60,10 +68,12 @@ public:
     const Settings& Up() const { return m_options.up; }
 
     Figures Now() const;
+    // Who came and went since the last call.
+    std::vector<ClientNews> TakeNews();
 
 private:
     struct Client {
-        uint64_t number = 0; // in the order in which they came, from 0
+        uint64_t number = 0; // as in its news
         common::Endpoint endpoint;
         common::UdpSocket upstream;
         uint32_t source = 0;
@@ -105,6 +115,7 @@ private:
     std::unordered_map<uint64_t, size_t> m_places; // address and port -> place
     uint64_t m_ulClientsSeen = 0;
     int64_t m_nNextLookUs = 0; // for idle clients
+    std::vector<ClientNews> m_news;
     Figures m_past; // of clients that were forgotten, and what belongs to none
 };
 
