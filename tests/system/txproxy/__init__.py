@@ -25,6 +25,7 @@ netns           network namespaces and interfaces of a test's own
 shaping         a cable of such a network that is too slow for what is sent
 model_receiver  the receiver's side of the protocol, and two models of receivers
 link            a bad line between a receiver and the proxy: an arqlink that runs
+arqrx           the receiver program beside the proxy
 control         client of the control socket
 raw_control     plain connections to the control socket, for clients that behave badly
 reports         what a proxy says about itself
