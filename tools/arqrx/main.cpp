@@ -87,8 +87,7 @@ int main(int argc, char** argv)
     try {
         const arqrx::CommandLine line = arqrx::ReadCommandLine(argc, argv);
         if (line.isError)
-            return voice.Fail(
-                ExitStatus::Usage, line.text + "\nTry 'arqrx --help' for options and examples.");
+            return voice.Fail(ExitStatus::Usage, line.text, "Try 'arqrx --help' for options and examples.\n");
         if (!line.isRunning)
             return fputs(line.text.c_str(), stdout) < 0 ? 1 : 0;
         voice.isJson = line.options.isJson;

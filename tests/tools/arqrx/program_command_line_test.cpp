@@ -93,6 +93,7 @@ TEST(ArqrxCommandLine, OutputsAddUp)
 {
     const arqrx::Options options
         = OptionsOf({ "h", "--output", "udp://a:1", "--output", "-", "--output", "file:x", "--strip-rtp" });
+    EXPECT_EQ(OptionsOf({ "--output", "-", "h" }).proxyHost, "h");
     ASSERT_EQ(options.outputs.size(), 3U);
     EXPECT_EQ(options.outputs[2].path, "x");
     EXPECT_TRUE(options.isStripping);

@@ -214,7 +214,7 @@ void AddOutputOptions(CLI::App& app, Options& options)
            "udp://HOST:PORT, rtp://HOST:PORT, file:PATH or - (standard output); may be repeated. To a group "
            "with ?ttl=4&interface=eth1 and, if need be, &source=ADDRESS")
         ->type_name("WHERE")
-        ->expected(1)
+        ->allow_extra_args(false) // one value each time: what follows may be the PROXY
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->group(group);
     app.add_flag("--strip-rtp", options.isStripping, "udp:// without the RTP header; rtp:// keeps it")
