@@ -33,7 +33,7 @@ WIRE = ["base/", "arq/wire.h"]
 TOOL_LAYERS = {
     "common/": ["base/"],
     "arqrx/core/": WIRE,
-    "arqlink/core/": WIRE,
+    "arqlink/core/": ["common/quantity.", *WIRE],
     "arqrx/": ["common/", *WIRE],
     "arqlink/": ["common/", *WIRE],
     "demo/": ["arqrx/core/", "arqlink/core/", "common/", *WIRE],
