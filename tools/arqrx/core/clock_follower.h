@@ -25,8 +25,8 @@ public:
     void Settle() { m_bSettled = true; }
     bool IsSettled() const { return m_bSettled; }
 
-    // All of a window's packets were later than the line by this: more than that is no drift any more.
-    int64_t PersistentErrorUs() const { return m_nErrorUs; }
+    // By how much even the fastest packet of the last 2 s was later than the line; negative: sooner.
+    int64_t LatelyBehindUs() const { return m_nErrorUs; }
     double DriftPpm() const { return -1e6 * m_fRate; } // how much faster the proxy's clock runs
 
 private:

@@ -117,7 +117,7 @@ std::optional<Transmit> Receiver::Engine::NextTransmit()
 WakeUp Receiver::Engine::NextWakeUp() const
 {
     if (!m_bBegun)
-        return { 0, Timer::Ping };
+        return m_keepAlive.First();
     WakeUp next = m_keepAlive.Next();
     const int64_t askUs = MayAsk() && m_asker.HasDue() ? m_nNowUs : m_asker.NextUs(m_nNowUs);
     if (askUs < next.timeUs)

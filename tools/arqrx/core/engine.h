@@ -51,6 +51,7 @@ private:
     bool FitsAhead(int distance, int64_t aheadUs) const;
     bool FitsBehind(int distance, int64_t aheadUs, const Arrival& arrival);
     double ExpectedNumbers(int64_t aheadUs) const;
+    bool IsHopelesslyBehind() const;
     void Change(const Arrival& earlier, const Arrival& later);
     bool BeginStretch(const Arrival& arrival, bool isSameRun, bool isSameClock);
     void Accept(const Arrival& arrival);
@@ -91,6 +92,7 @@ private:
     Newest m_newest;
     int64_t m_nNewestMediaUs = 0;
     int64_t m_nNewestDueUs = 0;
+    int64_t m_nNewestBehindUs = 0; // arrival, less when the fastest packet would have arrived
     uint32_t m_nSsrc = 0;
     uint8_t m_nPayloadType = 33; // of first sendings
 

@@ -56,8 +56,11 @@ bool Receiver::Engine::Fits(const Arrival& arrival)
     const int distance = SeqDiff(arrival.words.seq, m_newest.seq);
     if (distance <= 0)
         return FitsBehind(-distance, aheadUs, arrival);
+    // A queue on the way that empties brings packets sooner too, but each only a little sooner than the one before.
     const int64_t stepUs = clock.IsSettled() ? STEP_US : std::max(STEP_US, m_settings.latencyUs);
-    return arrival.timeUs - clock.LocalUs(mediaUs) >= -stepUs && FitsAhead(distance, aheadUs);
+    const int64_t behindUs = arrival.timeUs - clock.LocalUs(mediaUs);
+    const bool isStep = behindUs < -stepUs && behindUs < m_nNewestBehindUs - stepUs;
+    return !isStep && FitsAhead(distance, aheadUs);
 }
 
 bool Receiver::Engine::FitsAhead(int distance, int64_t aheadUs) const
@@ -159,6 +162,8 @@ void Receiver::Engine::Accept(const Arrival& arrival)
 // A number higher than all before.
 void Receiver::Engine::Append(uint64_t index, const Arrival& arrival)
 {
+    if (IsHopelesslyBehind())
+        (void)BeginStretch(arrival, true, false);
     if (!m_packets.Reach(m_nPlay, index) || !m_missing.Reach(m_nPlay, index)) {
         ++m_figures.overflows;
         return;
@@ -167,7 +172,8 @@ void Receiver::Engine::Append(uint64_t index, const Arrival& arrival)
     const int64_t mediaUs = stretch.clock.MediaUs(arrival.words.timestamp, arrival.timeUs);
     stretch.fallUs += stretch.clock.Add(mediaUs, arrival.timeUs);
     const int64_t dueUs = stretch.clock.LocalUs(mediaUs) + m_settings.latencyUs;
-    m_tolerance.AddArrival(arrival.timeUs - stretch.clock.LocalUs(mediaUs));
+    m_nNewestBehindUs = arrival.timeUs - stretch.clock.LocalUs(mediaUs);
+    m_tolerance.AddArrival(m_nNewestBehindUs);
     m_tolerance.AddSpacing(mediaUs - m_nNewestMediaUs, index - m_newest.index);
     const uint64_t gapFirst = m_newest.index + 1;
     m_newest.index = index;
@@ -178,6 +184,13 @@ void Receiver::Engine::Append(uint64_t index, const Arrival& arrival)
         NoticeGap(gapFirst, index, m_nNewestDueUs, dueUs);
     m_nNewestMediaUs = mediaUs;
     m_nNewestDueUs = dueUs;
+}
+
+// For 2 s no packet came before it was due: the way has become longer, or the clock stepped back while the source was
+// silent. Play-out without a buffer helps nobody.
+bool Receiver::Engine::IsHopelesslyBehind() const
+{
+    return m_timeline.Newest().clock.LatelyBehindUs() > std::max(STEP_US, m_settings.latencyUs);
 }
 
 // Nothing came of [first, end), between two packets that are due at these times. What the ring cannot hold any more is

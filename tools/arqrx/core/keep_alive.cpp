@@ -44,6 +44,7 @@ bool KeepAlive::Rejoin(int64_t nowUs)
     m_bStopped = false;
     m_nHeardUs = nowUs;
     m_bPingDue = m_settings.isPinging;
+    m_nPingUs = nowUs;
     m_echoes.BeginAt(nowUs);
     m_bEchoDue = m_settings.isAsking;
     return true;
@@ -80,7 +81,7 @@ KeepAlive::Due KeepAlive::Take(int64_t nowUs)
     }
     if (m_bPingDue) {
         m_bPingDue = false;
-        m_nPingUs = nowUs + m_settings.pingIntervalUs;
+        m_nPingUs = std::max(m_nPingUs + m_settings.pingIntervalUs, nowUs + m_settings.pingIntervalUs / 2);
         return Due::Ping;
     }
     if (m_bEchoDue) {
@@ -95,8 +96,17 @@ int64_t KeepAlive::SilentAtUs() const
     return m_settings.isPinging && m_settings.silenceUs > 0 ? m_nHeardUs + m_nSilenceUs : NEVER;
 }
 
+WakeUp KeepAlive::First() const
+{
+    if (m_bLeft || !(m_settings.isPinging || m_settings.isAsking))
+        return { NEVER, Timer::None };
+    return { 0, m_settings.isPinging ? Timer::Ping : Timer::Echo };
+}
+
 WakeUp KeepAlive::Next() const
 {
+    if (m_nLeaves > 0)
+        return { 0, Timer::Ping };
     if (m_bLeft)
         return { NEVER, Timer::None };
     if (m_bStopped)

@@ -26,10 +26,11 @@ public:
 
     // What is to be sent next, which counts as sent.
     Due Take(int64_t nowUs);
-    bool HasDue() const { return m_nLeaves > 0 || m_bPingDue || m_bEchoDue; }
     // May anything but a leave message be sent.
     bool IsQuiet() const { return m_bStopped || m_bLeft; }
     WakeUp Next() const;
+    // Before any time is known.
+    WakeUp First() const;
 
     EchoSchedule& Echoes() { return m_echoes; }
 

@@ -26,10 +26,9 @@ public:
     void Add(const Stretch& stretch);
 
     Stretch& Newest() { return m_stretches[m_nCount - 1]; }
+    const Stretch& Newest() const { return m_stretches[m_nCount - 1]; }
     // The stretch that an index belongs to; the oldest left when its own is gone.
     Stretch& Of(uint64_t index);
-    // The stretch before the newest, or the newest when it is alone.
-    Stretch& Former() { return m_stretches[m_nCount > 1 ? m_nCount - 2 : 0]; }
     // Play-out has come to this index: older stretches go. Returns whether one went.
     bool PassTo(uint64_t index);
 

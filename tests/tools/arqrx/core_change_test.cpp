@@ -1,0 +1,328 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tools/arqrx/core_model.h"
+
+// The stream changes, or only seems to.
+
+namespace arqrx::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Packets of Script::Even from `first` to `last`, changed by `change`.
+template <typename Change>
+void ComeRow(Script& script, int64_t first, int64_t last, const Change& change)
+{
+    for (int64_t number = first; number <= last; ++number) {
+        Media media = Script::Even(number);
+        change(media);
+        script.Come(media, number * MS);
+    }
+}
+
+void ComeRow(Script& script, int64_t first, int64_t last)
+{
+    ComeRow(script, first, last, [](Media&) {});
+}
+
+std::vector<size_t> RestartsOf(const Script& script)
+{
+    std::vector<size_t> places;
+    for (size_t i = 0; i < script.played.size(); ++i) {
+        if (script.played[i].isRestart)
+            places.push_back(i);
+    }
+    return places;
+}
+
+TEST(ArqrxChange, AnotherSourceRestartsPlayOutOnceAndLosesNothing)
+{
+    Script script;
+    ComeRow(script, 0, 99);
+    ComeRow(script, 100, 199, [](Media& media) {
+        media.ssrc = 2;
+        media.seq = static_cast<uint16_t>(media.seq - 99); // begins with 1
+    });
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().restarts, 1U);
+    EXPECT_EQ(script.Counted().strangers, 0U);
+    EXPECT_EQ(script.Counted().missing, 0U);
+    ASSERT_EQ(script.played.size(), 200U);
+    EXPECT_THAT(RestartsOf(script), ElementsAre(100));
+    EXPECT_EQ(script.played[100].lostBefore, 0U);
+    EXPECT_EQ(script.played[100].number & 0xFFFF, 1U);
+    EXPECT_GT(script.played[100].number, script.played[99].number);
+    EXPECT_EQ(script.played[150].dueUs, 750 * MS) << "the clock is the same";
+}
+
+TEST(ArqrxChange, AJumpOfNumbersRestartsPlayOutForwardAndBack)
+{
+    for (const int jump : { 3065, 20'000, 32'767, -70, -3000, -20'000 }) {
+        SCOPED_TRACE(jump);
+        Script script;
+        ComeRow(script, 0, 99);
+        ComeRow(
+            script, 100, 199, [jump](Media& media) { media.seq = static_cast<uint16_t>(media.seq + jump); });
+        script.RunUntil(SECOND);
+        EXPECT_EQ(script.Counted().restarts, 1U);
+        EXPECT_EQ(script.Counted().missing, 0U);
+        EXPECT_EQ(script.played.size(), 200U);
+        EXPECT_THAT(RestartsOf(script), ElementsAre(100));
+    }
+}
+
+TEST(ArqrxChange, AJumpThatMayBeAGapIsAGap)
+{
+    for (const int jump : { 1, 64, 1000, 2990 }) {
+        SCOPED_TRACE(jump);
+        Script script;
+        ComeRow(script, 0, 99);
+        ComeRow(
+            script, 100, 199, [jump](Media& media) { media.seq = static_cast<uint16_t>(media.seq + jump); });
+        script.RunUntil(SECOND);
+        EXPECT_EQ(script.Counted().restarts, 0U);
+        EXPECT_EQ(script.Counted().lost, static_cast<uint64_t>(jump));
+        EXPECT_EQ(script.played.size(), 200U);
+    }
+}
+
+TEST(ArqrxChange, OneStrayPacketDoesNothing)
+{
+    Script script;
+    ComeRow(script, 0, 49);
+    Media stray = Script::Even(20'000);
+    script.Come(stray, 49 * MS);
+    stray.ssrc = 9;
+    stray.seq = 51;
+    script.Come(stray, 49 * MS);
+    ComeRow(script, 50, 99);
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().strangers, 2U);
+    EXPECT_EQ(script.Counted().received, 100U);
+    EXPECT_EQ(script.played.size(), 100U);
+}
+
+TEST(ArqrxChange, ADoubledStrayPacketDoesNothing)
+{
+    Script script;
+    ComeRow(script, 0, 49);
+    script.Come(Script::Even(20'000), 49 * MS);
+    script.Come(Script::Even(20'000), 49 * MS);
+    ComeRow(script, 50, 99);
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.played.size(), 100U);
+}
+
+TEST(ArqrxChange, AResendOfAnotherSourceOnlyFillsItsGap)
+{
+    Script script;
+    ComeRow(script, 0, 49);
+    ComeRow(script, 51, 99);
+    Media again = Script::Even(50);
+    again.ssrc = 77;
+    again.payloadType = 122;
+    script.Come(again, 100 * MS);
+    again.seq = 40'000;
+    script.Come(again, 101 * MS);
+    again.seq = 40'001;
+    script.Come(again, 102 * MS);
+    ComeRow(script, 103, 110, [](Media& media) { media.seq = static_cast<uint16_t>(media.seq - 3); });
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().recovered, 1U);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().late, 2U) << "no gap there";
+    EXPECT_EQ(script.played.size(), 108U);
+}
+
+TEST(ArqrxChange, ADamagedResendDoesNotFillTheGap)
+{
+    Script script;
+    ComeRow(script, 0, 49);
+    ComeRow(script, 51, 99);
+    Media again = Script::Even(50);
+    again.payloadType = 122;
+    again.timestamp += 90'000;
+    script.Come(again, 100 * MS);
+    EXPECT_EQ(script.Counted().recovered, 0U);
+    script.ComeAgain(50, 101 * MS);
+    EXPECT_EQ(script.Counted().recovered, 1U);
+}
+
+TEST(ArqrxChange, AnOutageCountsEveryNumberAndAsksForThoseInTheRing)
+{
+    Settings settings;
+    settings.ringPackets = 1024;
+    settings.latencyUs = 2 * SECOND;
+    Script script(settings);
+    ComeRow(script, 0, 99);
+    ComeRow(script, 5100, 5120);
+    script.RunUntil(5200 * MS);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().missing, 5000U);
+    EXPECT_EQ(script.Counted().lost, 5000U - 1023U) << "those that the ring cannot hold, at once";
+    EXPECT_EQ(script.Counted().waiting, 1023U);
+    const auto asked = script.AllAsked();
+    ASSERT_FALSE(asked.empty());
+    for (const auto& [number, atUs] : asked)
+        EXPECT_GT(number, 5100 - 1024);
+    script.RunUntil(10 * SECOND);
+    EXPECT_EQ(script.Counted().lost, 5000U);
+    EXPECT_EQ(script.played.size(), 121U);
+    EXPECT_EQ(script.played[100].lostBefore, 5000U);
+    EXPECT_FALSE(script.isIdentityBroken);
+}
+
+TEST(ArqrxChange, AfterMinutesOfSilenceOfTheSourceTheNextNumberGoesOn)
+{
+    Script script;
+    ComeRow(script, 0, 99);
+    ComeRow(script, 600'000, 600'099,
+        [](Media& media) { media.seq = static_cast<uint16_t>(media.seq - 600'000 + 100); });
+    script.RunUntil(700 * SECOND);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().missing, 0U);
+    EXPECT_EQ(script.played.size(), 200U);
+}
+
+TEST(ArqrxChange, AfterMinutesWithoutALineTheNumbersTellNothingAndPlayOutRestarts)
+{
+    for (const int64_t first : { 40'000, 100'000, 600'000 }) {
+        SCOPED_TRACE(first);
+        Script script;
+        ComeRow(script, 0, 99);
+        ComeRow(script, first, first + 99);
+        script.RunUntil(700 * SECOND);
+        EXPECT_EQ(script.Counted().restarts, 1U);
+        EXPECT_EQ(script.Counted().missing, 0U);
+        EXPECT_EQ(script.played.size(), 200U);
+        EXPECT_EQ(script.played.back().dueUs, (first + 99 + 600) * MS);
+    }
+}
+
+TEST(ArqrxChange, AClockThatStepsBackWhileTheSourceIsSilentIsNoticed)
+{
+    Script script;
+    ComeRow(script, 0, 999);
+    for (int64_t number = 1000; number < 6000; ++number) {
+        Media media = Script::Even(number);
+        media.timestamp += 15 * 90'000; // 20 s later on our clock
+        script.Come(media, number * MS + 20 * SECOND);
+    }
+    script.RunUntil(60 * SECOND);
+    EXPECT_EQ(script.Counted().restarts, 1U);
+    EXPECT_EQ(script.played.size(), 6000U);
+    EXPECT_EQ(script.played.back().dueUs, 5999 * MS + 20 * SECOND + 600 * MS);
+}
+
+TEST(ArqrxChange, AQueueOnTheWayThatFillsAndEmptiesIsNoStep)
+{
+    // 400 ms of what is sent waits, and then comes at ten times the rate.
+    Script script;
+    ComeRow(script, 0, 999);
+    for (int64_t number = 1000; number < 1400; ++number)
+        script.Come(Script::Even(number), 1400 * MS + (number - 1000) * 100);
+    ComeRow(script, 1440, 3000, [](Media& media) { media.seq = static_cast<uint16_t>(media.seq - 40); });
+    script.RunUntil(5 * SECOND);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().missing, 0U);
+}
+
+TEST(ArqrxChange, WhatComesBeforeTheFirstNumberIsLate)
+{
+    Script script;
+    for (const int number : { 5, 3, 4, 6, 7 })
+        script.Come(Script::Even(number), 10 * MS);
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().late, 2U);
+    EXPECT_THAT(script.PlayedNumbers(), ElementsAre(5, 6, 7));
+}
+
+TEST(ArqrxChange, AResendBeforeAnyFirstSendingIsLate)
+{
+    Script script;
+    script.ComeAgain(7, MS);
+    script.ComeEven(8);
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().late, 1U);
+    EXPECT_THAT(script.PlayedNumbers(), ElementsAre(8));
+}
+
+TEST(ArqrxChange, ManyChangesAtOnceAreRefusedAndForgotten)
+{
+    Script script;
+    for (int64_t number = 0; number < 200; ++number) {
+        Media media = Script::Even(number);
+        media.ssrc = static_cast<uint32_t>(number / 2);
+        script.Come(media, number * MS);
+    }
+    EXPECT_EQ(script.Counted().restarts, 7U) << "eight stretches at a time";
+    ComeRow(script, 200, 1500, [](Media& media) { media.ssrc = 500; });
+    script.RunUntil(5 * SECOND);
+    EXPECT_FALSE(script.isIdentityBroken);
+    EXPECT_EQ(script.played.back().number & 0xFFFF, 1500U);
+}
+
+TEST(ArqrxChange, GarbageIsCountedAndForgotten)
+{
+    Script script;
+    const std::vector<std::vector<uint8_t>> garbage {
+        {},
+        { 0x80 },
+        std::vector<uint8_t>(11, 0x80),
+        std::vector<uint8_t>(12, 0x40),
+        std::vector<uint8_t>(1601, 0x80),
+        { 0xDE, 0xAD, 0xBE, 0xEF },
+        { 0xDE, 0xAD, 0xBE, 0xEF, 0xBA, 0xBE, 0xFA, 0xCE, 0 },
+        { 0, 0, 0xAD, 0xE2 },
+        { 0, 0, 0xAD, 0xE2, 1, 2, 3, 4, 5, 6 },
+    };
+    for (const std::vector<uint8_t>& bytes : garbage)
+        script.Come(bytes, MS);
+    EXPECT_EQ(script.Counted().strangers, garbage.size());
+    EXPECT_EQ(script.Counted().received, 0U);
+    script.RunUntil(SECOND);
+    EXPECT_THAT(script.played, IsEmpty());
+}
+
+TEST(ArqrxChange, TheLongestAndTheShortestMediaArePlayed)
+{
+    Script script;
+    Media media = Script::Even(0);
+    media.payload.clear();
+    script.Come(media, 0);
+    media = Script::Even(1);
+    media.payload.assign(1588, 'x');
+    script.Come(media, MS);
+    script.RunUntil(SECOND);
+    ASSERT_EQ(script.played.size(), 2U);
+    EXPECT_EQ(script.played[0].datagram.size(), 12U);
+    EXPECT_EQ(script.played[1].datagram, media.Bytes());
+}
+
+TEST(ArqrxChange, RestoresTheTypeThatFirstSendingsHaveAndKeepsTheMarker)
+{
+    Script script;
+    for (const int number : { 0, 1, 4 }) {
+        Media media = Script::Even(number);
+        media.payloadType = 96;
+        script.Come(media, number * MS);
+    }
+    Media again = Script::Even(2);
+    again.payloadType = 122;
+    script.Come(again, 10 * MS);
+    again = Script::Even(3);
+    again.payloadType = 0x80 | 122;
+    script.Come(again, 10 * MS);
+    script.RunUntil(SECOND);
+    ASSERT_EQ(script.played.size(), 5U);
+    EXPECT_EQ(script.played[2].datagram[1], 96);
+    EXPECT_EQ(script.played[3].datagram[1], 0x80 | 96);
+}
+
+} // namespace
+} // namespace arqrx::test
