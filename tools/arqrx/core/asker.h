@@ -63,7 +63,7 @@ private:
     int64_t m_nRestUs = INT64_MIN; // no request before
     std::array<uint16_t, 763> m_numbers {};
     double m_fMeanBytes = 0;
-    double m_fFailShare = 0.05; // of first tries, lately; lost on the way there or back
+    double m_fFailShare = 0.01; // of first tries, lately; lost on the way there or back
 };
 
 } // namespace arqrx
