@@ -159,7 +159,7 @@ int64_t Asker::AfterUs(Gap::Turn turn) const
     const int64_t holdOffUs = GuardedHoldOffUs();
     if (turn == Gap::Turn::Soon || !m_roundTrip.IsKnown())
         return holdOffUs;
-    return std::max(holdOffUs, m_roundTrip.SmoothedUs() + 4 * m_roundTrip.VariationUs());
+    return std::max(holdOffUs, m_roundTrip.LongUs());
 }
 
 // An answer that came sooner than one to a second try could is the first one's.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -11,6 +12,8 @@ public:
     bool IsKnown() const { return m_nSmoothedUs >= 0; }
     int64_t SmoothedUs() const { return m_nSmoothedUs; } // -1: not known yet
     int64_t VariationUs() const { return m_nVariationUs; }
+    // Hardly any answer takes longer. Of the variation, which is large before much is known, no more than half a way.
+    int64_t LongUs() const { return m_nSmoothedUs + std::min(4 * m_nVariationUs, m_nSmoothedUs / 2); }
 
     void Add(int64_t sampleUs);
 
