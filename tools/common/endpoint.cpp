@@ -16,7 +16,7 @@ bool ParseDigits(std::string_view text, Number& number)
     Number value = 0;
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
-    if (text.empty() || error != std::errc() || stop != end)
+    if (error != std::errc() || stop != end)
         return false;
     number = value;
     return true;

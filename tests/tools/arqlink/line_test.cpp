@@ -96,21 +96,35 @@ TEST(Line, AHigherLossTakesWhatALowerOneTakes)
 TEST(Line, BurstsHaveTheirMeanLengthAndTheirPart)
 {
     // Bad a fifth of the time (1 / (1 + 4)), in stretches of 25 packets.
-    const Course run = Drive(2, Written({ { "burst", "1%,4%" } }), 10 * MANY);
+    const Course run = Drive(2, Written({ { "burst", "1%,4%" } }), 3 * MANY);
     double stretches = 0;
     for (size_t i = 1; i < run.fates.size(); i++)
         stretches
             += run.fates[i].outcome == Outcome::Burst && run.fates[i - 1].outcome == Outcome::Passed ? 1 : 0;
     const auto lost = static_cast<double>(run.counts.burst);
-    EXPECT_NEAR(lost / (10 * MANY), 0.2, 0.01);
+    EXPECT_NEAR(lost / (3 * MANY), 0.2, 0.01);
     EXPECT_NEAR(lost / stretches, 25, 1);
 }
 
 TEST(Line, BurstsMayLoseAPartWithinAndAPartBetween)
 {
     // Half of the time bad: 0.5 * 60 % + 0.5 * 10 %.
-    const Course run = Drive(2, Written({ { "burst", "1%,1%,60%,10%" } }), 10 * MANY);
-    EXPECT_NEAR(static_cast<double>(run.counts.burst) / (10 * MANY), 0.35, 0.02);
+    const Course run = Drive(2, Written({ { "burst", "1%,1%,60%,10%" } }), 3 * MANY);
+    EXPECT_NEAR(static_cast<double>(run.counts.burst) / (3 * MANY), 0.35, 0.02);
+}
+
+TEST(Line, BurstsThatAreSwitchedOffBeginInTheGoodState)
+{
+    PacketStore store;
+    const Settings alwaysBad = Written({ { "burst", "100%,0" } });
+    const Settings neverBad = Written({ { "burst", "0,0,100%,0.000001%" } });
+    Line line(1, alwaysBad, store);
+    EXPECT_EQ(line.Push(Rtp(0), 0).outcome, Outcome::Burst);
+    line.Configure(neverBad); // still on: the bad state stays
+    EXPECT_EQ(line.Push(Rtp(1), 0).outcome, Outcome::Burst);
+    line.Configure({});
+    line.Configure(neverBad);
+    EXPECT_EQ(line.Push(Rtp(2), 0).outcome, Outcome::Passed);
 }
 
 TEST(Line, TheSameSeedHasTheSameFatesAndAnotherSeedOthers)
@@ -213,12 +227,27 @@ TEST(Line, DuplicatesComeTwiceWithTheSameBytes)
     const Course run = Drive(1, Written({ { "duplicate", "10%" }, { "corrupt", "50%" } }), 10'000);
     EXPECT_NEAR(static_cast<double>(run.counts.duplicated), 1000, Margin(10'000, 0.1));
     EXPECT_EQ(run.counts.delivered, 10'000 + run.counts.duplicated);
+    EXPECT_EQ(run.counts.reordered, 0U);
     for (size_t i = 0; i < run.delivered.size(); i++) {
         if (!run.delivered[i].bCopy)
             continue;
         ASSERT_TRUE(run.fates[run.delivered[i].number].bDuplicated);
         ASSERT_EQ(run.delivered[i].bytes, run.delivered[i - 1].bytes);
     }
+}
+
+TEST(Line, ADuplicateHasAJitterOfItsOwn)
+{
+    const Course run
+        = Drive(1, Written({ { "duplicate", "100%" }, { "jitter", "30ms" }, { "reorder", "100%" } }), 1000);
+    size_t apart = 0;
+    for (const Delivery& delivery : run.delivered) {
+        const Fate& fate = run.fates[delivery.number];
+        const int64_t delayUs = delivery.bCopy ? fate.copyDelayUs : fate.delayUs;
+        ASSERT_EQ(delivery.dueUs, static_cast<int64_t>(delivery.number) * SPACING_US + delayUs);
+        apart += fate.copyDelayUs != fate.delayUs ? 1 : 0;
+    }
+    EXPECT_GT(apart, 1900U);
 }
 
 TEST(Line, CorruptionChangesOneToFourBytesAndNoLength)

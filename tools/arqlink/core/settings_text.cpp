@@ -80,7 +80,7 @@ bool ReadNumber(std::string_view text, Number& number)
 {
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
-    return !text.empty() && error == std::errc() && stop == end;
+    return error == std::errc() && stop == end;
 }
 
 // "100", "100-110", "65534-1", each with "x3" behind it for the first three times.

@@ -15,8 +15,7 @@ bool ParsePrefix(std::string_view text, int& prefix)
 {
     const char* end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, prefix);
-    return !text.empty() && error == std::errc() && stop == end && prefix >= SHORTEST_PREFIX
-        && prefix <= LONGEST_PREFIX;
+    return error == std::errc() && stop == end && prefix >= SHORTEST_PREFIX && prefix <= LONGEST_PREFIX;
 }
 
 } // namespace
