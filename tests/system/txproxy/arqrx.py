@@ -48,6 +48,11 @@ class Arqrx(Proxy):
 
         return wait_until(holds, lambda: f"{what}; the last figures are {self.figures()}\n{self.stderr.text}", timeout)
 
+    def wait_ready(self):
+        """It has printed figures: its sockets and outputs are open."""
+        self.wait_figures(lambda figures: "run_s" in figures, "arqrx to be ready")
+        return self
+
     def wait_played(self, count, timeout=DEFAULT_TIMEOUT):
         return self.wait_figures(lambda figures: figures["packets_played"] >= count, f"{count} packets to be played", timeout)
 

@@ -48,7 +48,7 @@ TEST(ArqrxCommandLine, EveryAmountReachesTheSettings)
     const arqrx::Options options = OptionsOf(
         { "10.0.0.1:21", "--request-port=22", "--id", "0x51", "--latency", "1.5s", "--ping-interval", "2s",
             "--hold-off", "50ms", "--ring", "8192", "--proxy-bit-rate", "8M", "--receive-buffer", "4M",
-            "--bind", "10.0.0.2:23", "--write-buffer", "1M", "--interval", "10s", "--duration", "30s",
+            "--bind", "10.0.0.2:23", "--write-buffer", "64k", "--interval", "10s", "--duration", "30s",
             "--exit-after-silence", "5s", "--max-loss", "0.1%", "--drain", "--json", "--quiet" });
     EXPECT_EQ(options.pingPort, 21);
     EXPECT_EQ(options.requestPort, 22);
@@ -60,7 +60,7 @@ TEST(ArqrxCommandLine, EveryAmountReachesTheSettings)
     EXPECT_EQ(options.settings.proxyBitRate, 8'000'000U);
     EXPECT_EQ(options.receiveBufferBytes, 4'000'000);
     EXPECT_EQ(options.bind, (common::Endpoint { 0x0A000002, 23 }));
-    EXPECT_EQ(options.writeBufferBytes, 1'000'000);
+    EXPECT_EQ(options.writeBufferBytes, 64'000);
     EXPECT_EQ(options.intervalUs, 10'000'000);
     EXPECT_EQ(options.durationUs, 30'000'000);
     EXPECT_EQ(options.exitAfterSilenceUs, 5'000'000);
@@ -123,8 +123,8 @@ TEST(ArqrxCommandLine, EachWrongValueIsTold)
         ErrorOf({ "h", "--ring", "65537" }), "--ring: '65537' is not a number of packets from 1 to 65536");
     EXPECT_EQ(ErrorOf({ "h", "--proxy-bit-rate", "5G" }),
         "--proxy-bit-rate: '5G' is not a bit rate up to 4.2G; write 50M or 800k");
-    EXPECT_EQ(ErrorOf({ "h", "--receive-buffer", "1k" }),
-        "--receive-buffer: '1k' is not a size from 64k to 1G; write 8M or 64k");
+    EXPECT_EQ(ErrorOf({ "h", "--receive-buffer", "63999" }),
+        "--receive-buffer: '63999' is not a size from 64k to 1G; write 8M or 64k");
     EXPECT_EQ(ErrorOf({ "h", "--bind", "eth0" }), "--bind: 'eth0' is not ADDRESS:PORT, ADDRESS or PORT");
     EXPECT_EQ(ErrorOf({ "--group", "239.1.1.1" }), "--group: '239.1.1.1' is not ADDRESS:PORT");
     EXPECT_EQ(ErrorOf({ "h:0" }), "PROXY: 'h:0' is not HOST or HOST:PING_PORT");

@@ -74,6 +74,9 @@ Setter Whole(const std::string& option, const std::string& wanted, uint32_t most
     };
 }
 
+constexpr int64_t SMALLEST_BUFFER_BYTES = 64'000;
+constexpr int64_t LARGEST_BUFFER_BYTES = 1'000'000'000;
+
 Setter Size(const std::string& option, int64_t least, int64_t most, const std::function<void(int64_t)>& set)
 {
     return [=](const std::string& text) {
@@ -165,7 +168,7 @@ void AddSourceOptions(CLI::App& app, Options& options, Texts& texts)
         ->type_name("TIME")
         ->group(group);
     app.add_option_function<std::string>("--receive-buffer",
-           Size("--receive-buffer", 65'536, 1 << 30,
+           Size("--receive-buffer", SMALLEST_BUFFER_BYTES, LARGEST_BUFFER_BYTES,
                [&options](int64_t v) { options.receiveBufferBytes = static_cast<int>(v); }),
            "room in the kernel for what is not read yet [8M]")
         ->type_name("SIZE")
@@ -223,7 +226,8 @@ void AddOutputOptions(CLI::App& app, Options& options)
            "file: and - with RTP header and length (RFC 4571), not only payload")
         ->group(group);
     app.add_option_function<std::string>("--write-buffer",
-           Size("--write-buffer", 65'536, 1 << 30, [&options](int64_t v) { options.writeBufferBytes = v; }),
+           Size("--write-buffer", SMALLEST_BUFFER_BYTES, LARGEST_BUFFER_BYTES,
+               [&options](int64_t v) { options.writeBufferBytes = v; }),
            "what may wait for a slow file or pipe; beyond it packets are dropped [16M]")
         ->type_name("SIZE")
         ->group(group);
@@ -292,6 +296,7 @@ void Describe(CLI::App& app, Options& options, Texts& texts)
     app.set_help_flag("-h,--help", "show this and end");
     app.set_version_flag("--version", "arqrx " TX_PROXY_VERSION, "show the version and end");
     app.set_config("--config", "", "read options from FILE, as lines like latency=1s")->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error); // a name that is misspelt is no setting
     app.footer(EXAMPLES);
 }
 
