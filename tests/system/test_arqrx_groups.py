@@ -79,7 +79,7 @@ def test_a_group_is_heard_and_what_is_missing_comes_by_unicast(proxy, sender, pl
 def test_a_group_alone_is_only_heard(proxy, sender, player, listen):
     assert proxy
     receiver = listen()
-    receiver.wait_figures(lambda _: True, "arqrx to be ready")
+    receiver.wait_ready()
     sent = [payload(i) for i in range(50)]
     send_evenly(sender, sent, PER_SECOND)
     player.wait_count(len(sent))
@@ -113,7 +113,7 @@ def test_what_is_played_out_goes_to_a_group_by_the_chosen_interface_with_its_tim
     url = f"udp://{OUTPUT_GROUP}:{port}?ttl=7&interface=eth1&source={netns.peer_address(1)}"
     receiver = closing(Arqrx("--listen", net.destination, "--latency", "100ms", "--json", "--interval", "100ms", "--output",
                              url, namespace=lan.peer))  # fmt: skip
-    receiver.wait_figures(lambda _: True, "arqrx to be ready")
+    receiver.wait_ready()
     source = closing(Sender("127.0.0.1", net.destination, namespace=lan.peer))
     got = []
 

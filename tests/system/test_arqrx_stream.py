@@ -205,7 +205,7 @@ def test_a_stream_that_the_proxy_sends_by_itself_is_only_listened_to_and_asked_f
     receiver = closing(Arqrx("--listen", net.destination, "--proxy-request", f"{netns.proxy_address(0)}:{net.request}",
                              "--latency", seconds(1), "--json", "--interval", "100ms", "--output", url(player),
                              namespace=lan.peer))  # fmt: skip
-    receiver.wait_figures(lambda _: True, "arqrx to be ready")
+    receiver.wait_ready()
     proxy = start_proxy("-u", "-a", netns.peer_address(0), namespace=lan.proxy)
     wait_bound(proxy, net.destination, net.request)
     impairment.toggle(net.instance)
