@@ -19,7 +19,7 @@ FileOutput::FileOutput(std::string name, bool isFraming, size_t queueBytes)
 
 FileOutput::~FileOutput()
 {
-    Finish(0);
+    EndThread(0);
 }
 
 bool FileOutput::Open(const std::string& path, std::string& problem)
@@ -57,7 +57,7 @@ bool FileOutput::Push(const PlayedPacket& packet)
     return m_queue.Push(length, packet.datagram);
 }
 
-void FileOutput::Finish(int64_t patienceUs)
+void FileOutput::EndThread(int64_t patienceUs)
 {
     m_file.GiveUpAt(common::NowUs() + patienceUs);
     m_queue.Close();

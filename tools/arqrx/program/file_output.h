@@ -26,11 +26,12 @@ public:
     void Start();
 
     void Send(std::span<const PlayedPacket> packets) override;
-    void Finish(int64_t patienceUs) override;
+    void Finish(int64_t patienceUs) override { EndThread(patienceUs); }
     OutputFigures Counted() const override;
 
 private:
     bool Push(const PlayedPacket& packet);
+    void EndThread(int64_t patienceUs);
     void WriteAll();
 
     const bool m_bFraming;

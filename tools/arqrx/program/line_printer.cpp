@@ -15,8 +15,9 @@ void LinePrinter::Print(const std::string& text, int patienceMs)
         if (poll(&waiting, 1, patienceMs) <= 0)
             return;
         // Up to the line's end, which a pipe with room for anything has room for: no line is longer than 4096 bytes.
-        const size_t end = text.find('\n', done) + 1;
-        const ssize_t written = write(m_nFd, text.data() + done, (end == 0 ? text.size() : end) - done);
+        const size_t lineEnd = text.find('\n', done);
+        const size_t end = lineEnd == std::string::npos ? text.size() : lineEnd + 1;
+        const ssize_t written = write(m_nFd, text.data() + done, end - done);
         if (written >= 0)
             done += static_cast<size_t>(written);
         else if (errno != EINTR && errno != EAGAIN)
