@@ -162,8 +162,7 @@ def test_a_log_for_which_there_is_no_room_ends_with_a_failure(closing):
     closing(udp_socket("127.0.0.1", 0, reuse=False)).sendto(b"x", line.listen[0])
     line.wait_figures(lambda figures: figures["up"]["came"] == 1, "the datagram")
     line.process.terminate()
-    assert line.process.wait(15) == TROUBLE
-    assert line.objects[-1] == {"error": "cannot write all of /dev/full"}
+    assert line.wait_end(expected=TROUBLE) == {"error": "cannot write all of /dev/full"}
 
 
 def test_options_may_stand_in_a_file_and_the_command_line_goes_before_it(tmp_path):

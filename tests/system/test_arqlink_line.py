@@ -126,6 +126,16 @@ def test_each_direction_has_its_own_settings(path):
     assert one.line.stop()["down"]["lost_by"]["random"] == 50
 
 
+def test_each_direction_has_draws_of_its_own(path, tmp_path):
+    one = path("--loss", "50%", "--log-fates", tmp_path / "fates", "--seed", "3")  # the ping passes
+    one.send("down", packets(200))
+    one.send("up", packets(199))  # and the ping before them
+    one.line.stop()
+    down, up = ([line["fate"] for line in fates(tmp_path / "fates", way)] for way in ("down", "up"))
+    assert len(down) == len(up) == 200
+    assert down != up
+
+
 def test_a_setting_of_one_direction_goes_before_that_of_both(path):
     one = path("--up-loss", "0", "--loss", "100%")
     one.send("up", packets(50))

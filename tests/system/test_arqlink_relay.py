@@ -4,7 +4,7 @@ import pytest
 
 from txproxy.link import Link
 from txproxy.receiver import Receiver, udp_socket
-from txproxy.waiting import wait_until
+from txproxy.waiting import scaled, wait_until
 
 HOST = "127.0.0.1"
 LARGEST = 65507
@@ -52,6 +52,21 @@ def test_all_of_one_client_comes_from_one_port_and_answers_come_from_where_it_se
     final = line.stop()
     assert (final["event"], final["clients_seen"], final["strangers"]) == ("final", 1, 0)
     assert (final["up"]["delivered"], final["down"]["delivered"]) == (2, 3)
+
+
+def test_what_leaves_together_goes_each_its_own_way(target, client, start):
+    ends = [target(), target()]
+    line = start(ends, "--down-delay", "300ms")
+    near = client()
+    for listen in line.listen:
+        near.send(b"ping", listen)
+    for number in range(100):
+        for end in ends:
+            end.send(b"%d" % number, sources(end, 1)[0])
+    wait_until(lambda: len(near.datagrams) == 200, lambda: f"200 datagrams; there are {len(near.datagrams)}")
+    for listen in line.listen:
+        came = [datagram.data for datagram in near.datagrams if datagram.source == listen]
+        assert came == [b"%d" % number for number in range(100)]
 
 
 def test_each_client_has_a_port_of_its_own_upstream_and_gets_only_what_is_for_it(target, client, start):
@@ -128,6 +143,21 @@ def test_more_clients_than_allowed_are_refused_and_the_others_live(target, clien
     line.wait_figures(lambda figures: figures["clients_refused"] == 2, "another refusal")
     final = line.stop()
     assert (final["clients"], final["clients_seen"], final["up"]["delivered"]) == (2, 2, 4)
+
+
+def test_a_client_that_keeps_sending_is_not_forgotten(target, client, start):
+    idle = scaled(1.5)
+    line = start([target()], "--idle", f"{1000 * idle:.0f}ms")
+    near = client()
+
+    def long_enough():
+        near.send(b"here", line.listen[0])
+        figures = line.figures()
+        return figures and figures["seconds"] > 2 * idle + 0.5
+
+    line.wait(long_enough, "twice the time of silence")
+    final = line.stop()
+    assert (final["clients"], final["clients_seen"]) == (1, 1)
 
 
 def test_what_is_under_way_for_a_forgotten_client_is_counted(target, client, start):

@@ -96,13 +96,13 @@ class Link:
 
         return self.wait(holds, lambda: f"{what}; the last figures are {self.figures()}", timeout)
 
-    def wait_end(self, timeout=DEFAULT_TIMEOUT):
-        """Waits for an end of its own (--duration, a script); returns its last object."""
+    def wait_end(self, timeout=DEFAULT_TIMEOUT, expected=DONE):
+        """Waits for an end of its own (--duration, a script) with this status; returns its last object."""
         status = self.process.wait(scaled(timeout))
         self._stdout.finish()
         self._stderr.finish()
         assert not SANITIZER_REPORT.search(self.error_text), self.error_text
-        assert status == DONE, f"status {status}: {self.error_text}"
+        assert status == expected, f"status {status}: {self.error_text}"
         return self.objects[-1]
 
     def stop(self):

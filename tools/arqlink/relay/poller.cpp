@@ -34,11 +34,11 @@ bool Poller::Add(int fd, uint64_t tag)
     return epoll_ctl(m_epoll.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-// The timer is never read: setting it anew makes it silent, and it is set anew before the next wait.
+// The timer is never read: once it has gone off it stays ready until it is set to another moment.
 void Poller::SetAlarm(int64_t untilUs)
 {
     const int64_t alarmUs = untilUs == NEVER ? 0 : std::max<int64_t>(untilUs, 1);
-    if (alarmUs == m_nAlarmUs && alarmUs > common::NowUs())
+    if (alarmUs == m_nAlarmUs)
         return;
     itimerspec alarm {};
     alarm.it_value.tv_sec = alarmUs / common::US_PER_SECOND;
