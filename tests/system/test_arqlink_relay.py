@@ -146,7 +146,7 @@ def test_more_clients_than_allowed_are_refused_and_the_others_live(target, clien
 
 
 def test_a_client_that_keeps_sending_is_not_forgotten(target, client, start):
-    idle = scaled(1.5)
+    idle = 1 + scaled(0.5)
     line = start([target()], "--idle", f"{1000 * idle:.0f}ms")
     near = client()
 
