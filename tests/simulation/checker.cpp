@@ -149,6 +149,16 @@ void Checker::ExpectPacket(const PacketBuffer& packet)
         sending = m_impairment.Step() ? Sending::Withheld : Sending::Leaves;
     m_input.packets.push_back({ buffer, seq, NowTicks(), sending });
     m_input.newestSeq = seq;
+    TellSource(m_input.packets.back());
+}
+
+void Checker::TellSource(const Packet& packet)
+{
+    for (const int receiver : m_input.receivers) {
+        if (m_receivers[static_cast<size_t>(receiver)].readsBytes)
+            m_postman.TellSource(
+                receiver, packet.seq, Expect(receiver, packet.buffer, packet.seq, packet.ticks, false));
+    }
 }
 
 void Checker::CountLoss(uint16_t seq)
@@ -321,7 +331,7 @@ void Checker::ExpectEcho(int receiver, const uint8_t* bytes, size_t length)
     constexpr uint8_t PING[] = { 0, 0, 0xAD, 0xE2 };
     if (length < sizeof(PING) || std::memcmp(bytes, PING, sizeof(PING)) != 0)
         return;
-    m_expected.push_back({ { Delivery::Kind::Echo, receiver, m_book.Of(receiver).portNet, 0 },
+    m_expected.push_back({ { Delivery::Kind::Echo, receiver, m_book.Of(receiver).portNet, 0, {} },
         { bytes, bytes + length }, {} });
 }
 
@@ -339,7 +349,8 @@ void Checker::ExpectResends(int receiver, const uint8_t* bytes, size_t length)
                 return;
             if (newest < 0x4000 && seq > 0xC000)
                 m_wraps.Add(Wrap::ResentSeq);
-            m_expected.push_back({ { Delivery::Kind::Resend, receiver, stream.portNet, seq }, {}, *resend });
+            m_expected.push_back(
+                { { Delivery::Kind::Resend, receiver, stream.portNet, seq, {} }, {}, *resend });
         });
 }
 
@@ -446,6 +457,8 @@ Delivery Checker::Recognise(const Attempt& attempt, const uint8_t* bytes, size_t
     else
         Fail(Outcome::BrokenInvariant, "a datagram to receiver %d without a reason", receiver);
     m_machine.trace.AddBytes(bytes, length);
+    if (m_receivers[static_cast<size_t>(receiver)].readsBytes)
+        delivery.bytes.assign(bytes, bytes + length);
     m_nTxPackets += delivery.kind != Delivery::Kind::Stop ? 1 : 0;
     return delivery;
 }

@@ -26,6 +26,7 @@ struct Delivery {
     int receiver;
     uint16_t portNet; // of the receiver that it goes to
     uint16_t seq;
+    std::vector<uint8_t> bytes; // for a receiver that reads them, otherwise empty
 
     int Owner() const { return receiver; }
 };
@@ -40,6 +41,8 @@ public:
 
     virtual void SendDown(const Delivery& delivery) = 0;
     virtual void TellVerdict(int receiver, uint16_t seq, EngineModel::Verdict verdict) = 0;
+    // A packet is about to be sent to a receiver that reads bytes, or withheld: as its first sending is.
+    virtual void TellSource(int receiver, uint16_t seq, std::vector<uint8_t> bytes) = 0;
 };
 
 // What left in how many calls.
@@ -155,6 +158,7 @@ private:
     int ReceiverAt(const sockaddr_in& destination) const;
     void CheckSocket(const kernel_model::Socket& socket, StreamModel& stream, int receiver) const;
     void ExpectPacket(const PacketBuffer& packet);
+    void TellSource(const Packet& packet);
     Delivery Recognise(const kernel_model::Attempt& attempt, const uint8_t* bytes, size_t length);
     Delivery CheckMedia(int receiver, const uint8_t* bytes, size_t length);
     size_t FindPacket(size_t place, int receiver, const uint8_t* bytes, size_t length);

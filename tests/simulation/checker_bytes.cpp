@@ -101,7 +101,7 @@ Delivery Checker::CheckMedia(int receiver, const uint8_t* bytes, size_t length)
     m_machine.Note(Happened::SendsMedia, static_cast<uint64_t>(receiver), packet.seq,
         m_contents[static_cast<size_t>(packet.buffer)].input);
     CheckPacket(receiver, packet.buffer, packet.seq, packet.ticks, false, bytes, length);
-    return { Delivery::Kind::Media, receiver, m_book.Of(receiver).portNet, packet.seq };
+    return { Delivery::Kind::Media, receiver, m_book.Of(receiver).portNet, packet.seq, {} };
 }
 
 Delivery Checker::CheckAnswer(int receiver, const uint8_t* bytes, size_t length)
@@ -135,7 +135,7 @@ Delivery Checker::CheckStop(int receiver, const uint8_t* bytes, size_t length)
     REQUIRE_THAT(m_machine.clock.NowUs() - m_deleting.beganUs >= m_deleting.stops * GAP_US,
         "the stop messages to receiver %d come too fast", receiver);
     ++m_deleting.stops;
-    return { Delivery::Kind::Stop, receiver, m_book.Of(receiver).portNet, 0 };
+    return { Delivery::Kind::Stop, receiver, m_book.Of(receiver).portNet, 0, {} };
 }
 
 // The payload is as it came; the header too, but for the time of the first sending and, in a resend, the mark of

@@ -96,6 +96,7 @@ Config::Config(uint64_t seedNumber) : seed(seedNumber)
     DrawFaults(random);
     DrawClocks(random);
     DrawTrains(random);
+    DrawArqrx();
 }
 
 void Config::DrawShape(Random& random)
@@ -233,6 +234,15 @@ void Config::DrawTrains(Random& random)
         routePermille = random.Between(1, 200);
 }
 
+// By a generator of its own: all else is as it was before there were such receivers. They ping and measure once a
+// second, too often for days.
+void Config::DrawArqrx()
+{
+    Random random(seed, Purpose::Arqrx);
+    if (kind != Kind::Days && random.Chance(700))
+        arqrxPermille = random.Chance(300) ? 1000 : random.Between(100, 700);
+}
+
 void Config::Print(FILE* stream) const
 {
     fprintf(stream,
@@ -256,9 +266,9 @@ void Config::Print(FILE* stream) const
     fprintf(stream,
         "  per thousand: refused %" PRId64 ", input lost %" PRId64 ", repeated %" PRId64 ", pauses %" PRId64
         "; silent %" PRId64 ", moves %" PRId64 ", leaves %" PRId64 ", greedy %" PRId64 ", noise %" PRId64
-        "\n",
+        "; receivers are arqrx %" PRId64 "\n",
         refusedPermille, inputLossPermille, inputRepeatPermille, stopsPermille, silentPermille, movePermille,
-        leavePermille, greedyPermille, noisePermille);
+        leavePermille, greedyPermille, noisePermille, arqrxPermille);
     fprintf(stream,
         "  bursts %" PRId64 " of up to %" PRId64 ", equal sizes %" PRId64 "; trains refused %" PRId64
         ", sends that would wait %" PRId64 ", answers to connected sockets %" PRId64 "; MTU %" PRId64

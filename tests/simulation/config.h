@@ -41,6 +41,7 @@ struct Config {
     int64_t leavePermille = 0; // likewise: it says that it leaves
     int64_t greedyPermille = 0; // likewise: it asks for numbers at random, or the same ones twice
     int64_t noisePermille = 0; // likewise: something that is no proper request
+    int64_t arqrxPermille = 0; // of the receivers are those of tools/arqrx
 
     // Input.
     int64_t packetGapUs = 0; // on average
@@ -96,6 +97,7 @@ private:
     void DrawFaults(Random& random);
     void DrawClocks(Random& random);
     void DrawTrains(Random& random);
+    void DrawArqrx();
 };
 
 } // namespace simulation

@@ -8,27 +8,26 @@
 #include "simulation/machine.h"
 #include "simulation/network.h"
 #include "simulation/random.h"
+#include "simulation/simulated_receiver.h"
 #include "simulation/stream_book.h"
 
 namespace simulation {
 
 // A receiver: it pings, notices which numbers are missing and asks for them, and has bad habits while there are
 // faults: it falls silent, moves to another port, leaves, asks for anything, sends what is no request.
-class ModelReceiver : public Action {
+class ModelReceiver : public SimulatedReceiver, public Action {
 public:
     ModelReceiver(Machine& machine, const Config& config, const ReceiverIdentity& identity, Network& network);
 
-    void Start();
-    void BeginCalm();
-    // No pings any more.
-    void FallSilent() { m_bSilent = true; }
-    // What it missed must be there by now, or have been refused for a reason; but for what it noticed just now,
-    // as a slow pacer may still be sending.
-    void CheckNothingMissing() const;
+    void Start() override;
+    void BeginCalm() override;
+    void FallSilent() override { m_bSilent = true; }
+    // But for what it noticed just now, as a slow pacer may still be sending.
+    void CheckNothingMissing() const override;
 
-    void OnArrival(const Delivery& delivery);
-    void TellVerdict(uint16_t seq, EngineModel::Verdict verdict);
-    uint64_t Recovered() const { return m_nRecovered; }
+    void OnArrival(const Delivery& delivery) override;
+    void TellVerdict(uint16_t seq, EngineModel::Verdict verdict) override;
+    uint64_t Recovered() const override { return m_nRecovered; }
 
     void OnEvent(uint64_t argument) override;
 

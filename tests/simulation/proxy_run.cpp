@@ -18,6 +18,7 @@ namespace {
 
 constexpr int32_t PACER_PERIOD_MS = 10;
 constexpr int32_t HEADER_BYTES = 12;
+constexpr size_t SSRC_AT = 8;
 constexpr int64_t SECOND = 1000000;
 constexpr uint8_t PAYLOAD_TYPES[] = { 0x21, 0xA1 }; // without and with the marker
 
@@ -223,6 +224,7 @@ PacketBuffer* ProxyRun::FillPacket()
         const uint8_t start[] = { 0x80, PAYLOAD_TYPES[m_random.Between(0, 1)], static_cast<uint8_t>(seq >> 8),
             static_cast<uint8_t>(seq) };
         std::memcpy(bytes, start, sizeof(start));
+        std::memcpy(bytes + SSRC_AT, &m_config.seed, sizeof(uint32_t)); // one source
     }
     packet->SetLength(header + payload);
     m_checker.OnFilled(*packet, seq);

@@ -16,7 +16,8 @@ enum class Purpose : uint32_t {
     Operator,
     Sleep,
     Socket,
-    Route
+    Route,
+    Arqrx
 };
 
 // A generator of our own (SplitMix64): the distributions of the standard library differ between libraries, and a

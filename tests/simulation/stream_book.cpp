@@ -5,6 +5,7 @@
 #include "replicator/my_arq_send_cb.h"
 #include "replicator/stream_table.h"
 #include "simulation/failure.h"
+#include "simulation/simulated_receiver.h"
 
 namespace simulation {
 
@@ -25,8 +26,10 @@ std::vector<ReceiverIdentity> MakeReceivers(const Config& config)
         const int pings = i - config.configured; // the how manieth of those that ping
         const bool hasId = !isConfigured && pings % 2 != 0;
         const int host = hasId && config.sharesAddresses ? config.configured + pings / 4 * 4 + 1 : i;
+        const bool isArqrx = HasArqrx()
+            && Random(config.seed, Purpose::Arqrx, static_cast<uint32_t>(i) + 1).Chance(config.arqrxPermille);
         receivers.push_back({ i, htonl(0x0A010001U + static_cast<uint32_t>(host)),
-            hasId ? 0x1D000000U + static_cast<uint32_t>(i) : 0, isConfigured });
+            hasId ? 0x1D000000U + static_cast<uint32_t>(i) : 0, isConfigured, isArqrx });
     }
     return receivers;
 }

@@ -28,6 +28,7 @@ struct ReceiverIdentity {
     in_addr_t addressNet;
     uint32_t streamId; // 0: none
     bool configured;
+    bool readsBytes = false; // an ArqrxReceiver; the others look at numbers only
 
     uint16_t Port(int move) const
     {

@@ -5,6 +5,7 @@
 
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
+#include "simulation/model_receiver.h"
 
 namespace simulation {
 
@@ -32,14 +33,21 @@ World::World(const Config& config)
     m_machine.mtuBytes = static_cast<size_t>(config.mtuBytes);
     m_machine.tooLongError = config.isOldKernel ? EINVAL : EMSGSIZE;
     for (const ReceiverIdentity& receiver : m_receivers)
-        m_models.push_back(std::make_unique<ModelReceiver>(m_machine, m_config, receiver, m_network));
+        m_models.push_back(MakeReceiver(receiver));
+}
+
+std::unique_ptr<SimulatedReceiver> World::MakeReceiver(const ReceiverIdentity& receiver)
+{
+    if (receiver.readsBytes)
+        return MakeArqrxReceiver(m_machine, m_config, receiver, m_network);
+    return std::make_unique<ModelReceiver>(m_machine, m_config, receiver, m_network);
 }
 
 RunResult World::Run()
 {
     m_proxy.Start();
     m_operator.Start();
-    for (const std::unique_ptr<ModelReceiver>& model : m_models)
+    for (const std::unique_ptr<SimulatedReceiver>& model : m_models)
         model->Start();
     PlanMoments();
     const int64_t latestUs = m_config.EndUs() + LAST_GASP_US;
@@ -75,12 +83,12 @@ void World::OnEvent(uint64_t argument)
         BeginCalm();
         break;
     case CALM_OVER:
-        for (const std::unique_ptr<ModelReceiver>& model : m_models)
+        for (const std::unique_ptr<SimulatedReceiver>& model : m_models)
             model->CheckNothingMissing();
         m_proxy.CheckPacer();
         break;
     case SILENCE_BEGINS:
-        for (const std::unique_ptr<ModelReceiver>& model : m_models)
+        for (const std::unique_ptr<SimulatedReceiver>& model : m_models)
             model->FallSilent();
         break;
     case SILENCE_OVER:
@@ -106,8 +114,11 @@ void World::EverySecond()
 void World::StepClock()
 {
     const int64_t byUs = m_clockRandom.Between(-m_config.largestStepUs, m_config.largestStepUs);
-    m_machine.clock.StepWall(m_clockRandom.Chance(500) ? byUs : (byUs < 0 ? -1 : 1) * m_config.largestStepUs);
+    const int64_t wholeUs = m_clockRandom.Chance(500) ? byUs : (byUs < 0 ? -1 : 1) * m_config.largestStepUs;
+    m_machine.clock.StepWall(wholeUs);
     m_machine.Note(Happened::ClockStep, static_cast<uint64_t>(m_machine.clock.WallUs()));
+    for (const std::unique_ptr<SimulatedReceiver>& model : m_models)
+        model->OnClockStep(wholeUs);
 }
 
 // What is sent from now on has another source address, which a connected socket does not have; or there is no way.
@@ -132,7 +143,7 @@ void World::BeginCalm()
     m_network.EndFaults();
     m_proxy.EndFaults();
     m_operator.EndFaults();
-    for (const std::unique_ptr<ModelReceiver>& model : m_models)
+    for (const std::unique_ptr<SimulatedReceiver>& model : m_models)
         model->BeginCalm();
 }
 
@@ -141,6 +152,8 @@ void World::CheckSilenceOver()
 {
     m_bOver = true;
     m_checker.CheckCounters();
+    for (const std::unique_ptr<SimulatedReceiver>& model : m_models)
+        model->CheckSilent();
     for (const ReceiverIdentity& receiver : m_receivers) {
         const StreamModel& stream = m_checker.Book().Of(receiver.index);
         if (stream.inTable && !stream.isStatic)
@@ -164,8 +177,10 @@ RunResult World::Result() const
     result.events = m_machine.trace.Count();
     result.inputs = m_checker.Inputs();
     result.datagrams = m_network.Sent();
-    for (const std::unique_ptr<ModelReceiver>& model : m_models)
+    for (const std::unique_ptr<SimulatedReceiver>& model : m_models) {
         result.recovered += model->Recovered();
+        result.played.Add(model->Played());
+    }
     result.virtualUs = m_machine.clock.NowUs();
     result.wraps = m_wraps;
     result.sends = m_checker.Sends();

@@ -2,15 +2,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "simulation/checker.h"
 #include "simulation/config.h"
 #include "simulation/machine.h"
-#include "simulation/model_receiver.h"
 #include "simulation/network.h"
 #include "simulation/operator_run.h"
 #include "simulation/proxy_run.h"
+#include "simulation/simulated_receiver.h"
 #include "simulation/wraps.h"
 
 namespace simulation {
@@ -22,6 +23,7 @@ struct RunResult {
     uint64_t inputs = 0;
     uint64_t datagrams = 0; // over all links
     uint64_t recovered = 0; // packets that receivers missed and then got
+    PlayedTotals played; // by those that play out
     int64_t virtualUs = 0;
     WrapCounts wraps;
     SendCounts sends;
@@ -47,12 +49,17 @@ private:
     {
         m_models[static_cast<size_t>(receiver)]->TellVerdict(seq, verdict);
     }
+    void TellSource(int receiver, uint16_t seq, std::vector<uint8_t> bytes) override
+    {
+        m_models[static_cast<size_t>(receiver)]->TellSource(seq, std::move(bytes));
+    }
     void OnArrival(const Delivery& delivery) override
     {
         m_models[static_cast<size_t>(delivery.receiver)]->OnArrival(delivery);
     }
     void OnEvent(uint64_t argument) override;
 
+    std::unique_ptr<SimulatedReceiver> MakeReceiver(const ReceiverIdentity& receiver);
     void PlanMoments();
     void EverySecond();
     void StepClock();
@@ -70,7 +77,7 @@ private:
     Network m_network;
     ProxyRun m_proxy;
     OperatorRun m_operator;
-    std::vector<std::unique_ptr<ModelReceiver>> m_models;
+    std::vector<std::unique_ptr<SimulatedReceiver>> m_models;
     Random m_clockRandom;
     Random m_routeRandom;
     bool m_bFaults = true;
