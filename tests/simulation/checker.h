@@ -42,7 +42,7 @@ public:
     virtual void SendDown(const Delivery& delivery) = 0;
     virtual void TellVerdict(int receiver, uint16_t seq, EngineModel::Verdict verdict) = 0;
     // A packet is about to be sent to a receiver that reads bytes, or withheld: as its first sending is.
-    virtual void TellSource(int receiver, uint16_t seq, std::vector<uint8_t> bytes) = 0;
+    virtual void TellSource(int receiver, uint16_t seq, const std::vector<uint8_t>& bytes) = 0;
 };
 
 // What left in how many calls.

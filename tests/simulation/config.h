@@ -21,6 +21,8 @@ struct Config {
     enum class Kind { Short, Dense, Wide, Sparse, Days };
 
     explicit Config(uint64_t seed);
+    // Nothing is drawn but what happens later: no faults, no receivers, no input.
+    static Config Plain(uint64_t seed) { return { seed, Kind::Short }; }
     void Print(FILE* stream) const;
 
     uint64_t seed;
@@ -42,6 +44,8 @@ struct Config {
     int64_t greedyPermille = 0; // likewise: it asks for numbers at random, or the same ones twice
     int64_t noisePermille = 0; // likewise: something that is no proper request
     int64_t arqrxPermille = 0; // of the receivers are those of tools/arqrx
+    int64_t arqrxLatencyUs = 0; // of each of these; 0: it draws its settings
+    uint64_t datagramBudget = 1000000; // some 100,000 are drawn for, and a resend may be drawn often
 
     // Input.
     int64_t packetGapUs = 0; // on average
@@ -91,13 +95,14 @@ struct Config {
     int32_t Receivers() const { return configured + learnt; }
 
 private:
+    Config(uint64_t seedNumber, Kind shape) : seed(seedNumber), kind(shape) {}
+
     void DrawShape(Random& random);
     void DrawLoad(Random& random);
     void DrawReceivers(Random& random);
     void DrawFaults(Random& random);
     void DrawClocks(Random& random);
     void DrawTrains(Random& random);
-    void DrawArqrx();
 };
 
 } // namespace simulation

@@ -62,7 +62,8 @@ void Network::OnEvent(uint64_t argument)
     const Message message = std::move(m_messages[argument]);
     m_free.push_back(argument);
     ++m_nArrived;
-    m_machine.Note(Happened::Arrives, static_cast<uint64_t>(message.delivery.receiver), message.direction);
+    m_machine.Note(Happened::Arrives, static_cast<uint64_t>(message.delivery.receiver), message.direction,
+        message.delivery.seq);
     Arrive(message);
 }
 

@@ -24,6 +24,7 @@ struct PlayedTotals {
     uint64_t numbersAsked = 0;
     uint64_t restarts = 0; // of play-out
     uint64_t steps = 0; // of the proxy's clock that one restart each has answered
+    uint64_t disbelieved = 0; // media that were taken for none of the stream's
     uint64_t lives = 0; // a program that was ended and started again has two
 
     void Add(const PlayedTotals& other)
@@ -38,6 +39,7 @@ struct PlayedTotals {
         numbersAsked += other.numbersAsked;
         restarts += other.restarts;
         steps += other.steps;
+        disbelieved += other.disbelieved;
         lives += other.lives;
     }
 };
@@ -61,7 +63,7 @@ public:
 
     virtual void OnArrival(const Delivery& delivery) = 0;
     virtual void TellVerdict(uint16_t seq, EngineModel::Verdict verdict) = 0;
-    virtual void TellSource(uint16_t /*seq*/, std::vector<uint8_t> /*bytes*/) {}
+    virtual void TellSource(uint16_t /*seq*/, const std::vector<uint8_t>& /*bytes*/) {}
     virtual void OnClockStep(int64_t /*byUs*/) {}
 
     virtual uint64_t Recovered() const = 0;

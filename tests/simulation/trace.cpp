@@ -24,7 +24,7 @@ constexpr const char* TEXTS[] = {
     "request of receiver %" PRIu64 " taken, %" PRIu64 " bytes",
     "lost on link %" PRIu64 ", direction %" PRIu64,
     "doubled on link %" PRIu64 ", direction %" PRIu64,
-    "arrives over link %" PRIu64 ", direction %" PRIu64,
+    "arrives over link %" PRIu64 ", direction %" PRIu64 ", number %" PRIu64,
     "input %" PRIu64 ", number %" PRIu64 ", %" PRIu64 " bytes",
     "input %" PRIu64 " withheld",
     "stream of receiver %" PRIu64 " joins",
@@ -35,6 +35,12 @@ constexpr const char* TEXTS[] = {
     "impairment mode %" PRIu64 ", drop %" PRIu64 ", distance %" PRIu64,
     "pacer tick, %" PRIu64 " released",
     "calm",
+    "receiver %" PRIu64 " asks for number %" PRIu64,
+    "receiver %" PRIu64 " plays number %" PRIu64 ", lost before it %" PRIu64,
+    "receiver %" PRIu64 " begins afresh with number %" PRIu64,
+    "receiver %" PRIu64 " is cut off until %" PRIu64 " us",
+    "receiver %" PRIu64 " begins",
+    "receiver %" PRIu64 " ends, leaving %" PRIu64,
 };
 
 } // namespace

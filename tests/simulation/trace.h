@@ -33,6 +33,12 @@ enum class Happened : uint8_t {
     Impairment,
     Tick,
     Calm,
+    AsksFor,
+    Plays,
+    BeginsAfresh,
+    CutOff,
+    Begins,
+    Ends,
 };
 
 // What happened in a run: a hash over everything, for comparing two runs, and the last events, for people.

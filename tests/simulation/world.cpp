@@ -12,8 +12,6 @@ namespace simulation {
 namespace {
 
 constexpr int64_t SECOND = 1000000;
-// What a seed may take, so that many fit into a minute: some 100,000 are drawn for, and a resend may be drawn often.
-constexpr uint64_t DATAGRAM_BUDGET = 1000000;
 constexpr int64_t LAST_GASP_US = 5 * SECOND; // for the end of the proxy, with lateness
 
 } // namespace
@@ -101,8 +99,8 @@ void World::EverySecond()
 {
     m_checker.WatchClocks();
     m_network.CheckBalance();
-    REQUIRE_THAT(m_network.Sent() <= DATAGRAM_BUDGET,
-        "more than the %" PRIu64 " datagrams that a seed may take", DATAGRAM_BUDGET);
+    REQUIRE_THAT(m_network.Sent() <= m_config.datagramBudget,
+        "more than the %" PRIu64 " datagrams that a seed may take", m_config.datagramBudget);
     if (m_bOver || m_proxy.Replicator() == nullptr)
         return;
     m_checker.CheckCounters();

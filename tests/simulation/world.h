@@ -49,9 +49,9 @@ private:
     {
         m_models[static_cast<size_t>(receiver)]->TellVerdict(seq, verdict);
     }
-    void TellSource(int receiver, uint16_t seq, std::vector<uint8_t> bytes) override
+    void TellSource(int receiver, uint16_t seq, const std::vector<uint8_t>& bytes) override
     {
-        m_models[static_cast<size_t>(receiver)]->TellSource(seq, std::move(bytes));
+        m_models[static_cast<size_t>(receiver)]->TellSource(seq, bytes);
     }
     void OnArrival(const Delivery& delivery) override
     {
