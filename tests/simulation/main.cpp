@@ -8,6 +8,8 @@
 
 #include "simulation/config.h"
 #include "simulation/failure.h"
+#include "simulation/recovery.h"
+#include "simulation/simulated_receiver.h"
 #include "simulation/world.h"
 
 using namespace simulation;
@@ -35,6 +37,7 @@ struct Totals {
     uint64_t datagrams = 0;
     uint64_t mostDatagrams = 0; // of one seed
     uint64_t recovered = 0;
+    PlayedTotals played;
     double virtualDays = 0;
     WrapCounts wraps;
     SendCounts sends;
@@ -43,7 +46,9 @@ struct Totals {
 
 [[noreturn]] void PrintUsage()
 {
-    fprintf(stderr, "usage: simulation [--seed N | --seeds FIRST:COUNT] [--seconds WALL] [--verbose]\n");
+    fprintf(stderr,
+        "usage: simulation [--seed N | --seeds FIRST:COUNT] [--seconds WALL] [--verbose]\n"
+        "       simulation --recovery [loss=PERCENT] [latency=MS] ...\n");
     exit(static_cast<int>(Outcome::Usage));
 }
 
@@ -105,6 +110,7 @@ void Add(Totals& totals, const RunResult& result)
     totals.datagrams += result.datagrams;
     totals.mostDatagrams = std::max(totals.mostDatagrams, result.datagrams);
     totals.recovered += result.recovered;
+    totals.played.Add(result.played);
     totals.virtualDays += static_cast<double>(result.virtualUs) / 86400e6;
     totals.wraps.Add(result.wraps);
     totals.sends.Add(result.sends);
@@ -151,6 +157,29 @@ void PrintSends(const Totals& totals)
     }
 }
 
+// Receivers that play out must have met what they are for.
+void PrintPlayed(const Totals& totals)
+{
+    const PlayedTotals& played = totals.played;
+    const struct {
+        uint64_t count;
+        const char* text;
+    } wanted[] = { { played.lives, "programs" }, { played.played, "packets" }, { played.resends, "resends" },
+        { played.recovered, "recovered" }, { played.lost, "lost" }, { played.disbelieved, "disbelieved" },
+        { played.requests, "requests" }, { played.restarts, "begun afresh" },
+        { played.steps, "of these for nothing but the clock" } };
+    if (!HasArqrx())
+        return;
+    fprintf(Report(), "played out by arqrx:");
+    for (const auto& [count, text] : wanted)
+        fprintf(Report(), "%s %s %" PRIu64, text == wanted[0].text ? "" : ",", text, count);
+    fprintf(Report(), "\n");
+    for (const auto& [count, text] : wanted) {
+        if (totals.seeds >= ENOUGH_FOR_WRAPS && count == 0)
+            Fail(Outcome::BrokenInvariant, "no seed had played out: %s", text);
+    }
+}
+
 // Every kind of counter must have come round where there were seeds enough for it.
 void PrintTotals(const Totals& totals, double seconds)
 {
@@ -161,6 +190,7 @@ void PrintTotals(const Totals& totals, double seconds)
         totals.seeds, seconds, totals.virtualDays, totals.datagrams, totals.mostDatagrams, totals.recovered,
         totals.events, totals.repeated);
     PrintSends(totals);
+    PrintPlayed(totals);
     fprintf(Report(), "wraps passed:");
     for (size_t i = 0; i < WRAP_KINDS; ++i)
         fprintf(Report(), "%s %s %" PRIu64, i == 0 ? "" : ",", WRAP_NAMES[i], totals.wraps.passed[i]);
@@ -176,6 +206,10 @@ void PrintTotals(const Totals& totals, double seconds)
 int main(int argc, char** argv)
 {
     using Clock = std::chrono::steady_clock;
+    if (argc > 1 && strcmp(argv[1], "--recovery") == 0) {
+        SeparateProxyOutput(false);
+        return RunRecovery(argc - 2, argv + 2);
+    }
     const Options options = ReadOptions(argc, argv);
     SeparateProxyOutput(options.isVerbose);
     ReportCrashes();
