@@ -218,17 +218,76 @@ TEST(ArqrxChange, AClockThatStepsBackWhileTheSourceIsSilentIsNoticed)
     EXPECT_EQ(script.played.back().dueUs, 5999 * MS + 20 * SECOND + 600 * MS);
 }
 
-TEST(ArqrxChange, AQueueOnTheWayThatFillsAndEmptiesIsNoStep)
+TEST(ArqrxChange, AQueueOnTheWayThatEmptiesIsNoStep)
 {
-    // 400 ms of what is sent waits, and then comes at ten times the rate.
+    // All that comes waited 400 ms, from the beginning on; then the queue empties at ten times the rate.
     Script script;
-    ComeRow(script, 0, 999);
-    for (int64_t number = 1000; number < 1400; ++number)
-        script.Come(Script::Even(number), 1400 * MS + (number - 1000) * 100);
-    ComeRow(script, 1440, 3000, [](Media& media) { media.seq = static_cast<uint16_t>(media.seq - 40); });
-    script.RunUntil(5 * SECOND);
+    int64_t number = 0;
+    for (; number < 3000; ++number)
+        script.Come(Script::Even(number), (number + 400) * MS);
+    for (int64_t atUs = 3400 * MS; atUs >= number * MS; atUs += 100, ++number)
+        script.Come(Script::Even(number), atUs);
+    for (; number < 6000; ++number)
+        script.ComeEven(number);
+    script.RunUntil(8 * SECOND);
     EXPECT_EQ(script.Counted().restarts, 0U);
     EXPECT_EQ(script.Counted().missing, 0U);
+    EXPECT_EQ(script.played.size(), 6000U);
+}
+
+TEST(ArqrxChange, DueTimesNeverGoBackThoughTimestampsDo)
+{
+    Script script;
+    for (int number = 0; number < 100; ++number) {
+        Media media = Script::Even(number);
+        media.timestamp
+            -= number % 2 == 0 ? 0 : 50 * 90; // the source's packets changed order before the proxy
+        script.Come(media, number * MS);
+    }
+    script.RunUntil(SECOND);
+    ASSERT_EQ(script.played.size(), 100U);
+    for (size_t i = 1; i < script.played.size(); ++i)
+        EXPECT_GE(script.played[i].dueUs, script.played[i - 1].dueUs);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+}
+
+TEST(ArqrxChange, NumbersOfTheSourceBeforeAreNotAskedForAnyMore)
+{
+    Script script;
+    ComeRow(script, 0, 49);
+    ComeRow(script, 52, 59);
+    const size_t asked = script.AllAsked().size();
+    EXPECT_EQ(asked, 2U);
+    ComeRow(script, 60, 400, [](Media& media) { media.ssrc = 2; });
+    EXPECT_EQ(script.AllAsked().size(), asked);
+    script.ComeAgain(50, 401 * MS);
+    EXPECT_EQ(script.Counted().late, 1U) << "nor taken for one of the new source";
+    script.RunUntil(2 * SECOND);
+    EXPECT_EQ(script.Counted().lost, 2U);
+    EXPECT_EQ(script.played.size(), 399U);
+}
+
+TEST(ArqrxChange, TwoStraysOfTwoSourcesDoNothing)
+{
+    Script script;
+    ComeRow(script, 0, 49);
+    for (const uint32_t ssrc : { 8U, 9U }) {
+        Media stray = Script::Even(20'000 + ssrc);
+        stray.ssrc = ssrc;
+        script.Come(stray, 49 * MS);
+    }
+    ComeRow(script, 50, 99);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+    EXPECT_EQ(script.Counted().strangers, 2U);
+}
+
+TEST(ArqrxChange, ASilentMinuteDoesNotMakeGapsWaitLonger)
+{
+    Script script;
+    ComeRow(script, 0, 99);
+    ComeRow(script, 60'000, 60'009,
+        [](Media& media) { media.seq = static_cast<uint16_t>(media.seq - 60'000 + 100); });
+    EXPECT_LE(script.Counted().toleranceUs, MS);
 }
 
 TEST(ArqrxChange, WhatComesBeforeTheFirstNumberIsLate)

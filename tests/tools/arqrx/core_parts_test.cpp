@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "arqrx/core/asker.h"
 #include "arqrx/core/block_pool.h"
+#include "arqrx/core/clock_follower.h"
 #include "arqrx/core/missing_list.h"
 #include "arqrx/core/packet_buffer.h"
 #include "arqrx/core/receiver.h"
@@ -83,6 +85,54 @@ TEST(ArqrxMissingList, QueuesKeepTheirOrderWhateverLeavesThem)
     EXPECT_EQ(missing.FirstOf(Gap::Turn::Again)->index, 1001U);
     EXPECT_EQ(missing.Next(1000, 1010), 1001U);
     EXPECT_EQ(missing.Find(1002), nullptr);
+}
+
+TEST(ArqrxAsker, ARequestIsInTheOrderOfNumbersWhateverTheOrderOfTurns)
+{
+    MissingList missing;
+    ASSERT_TRUE(missing.Reach(1000, 1100));
+    const ReorderTolerance tolerance;
+    const RoundTrip roundTrip;
+    Asker asker(Settings {}, missing, tolerance, roundTrip);
+    for (const uint64_t index : { 1050, 1010, 1090 })
+        missing.Add(index, 0, 1'000'000);
+    Figures figures;
+    const Newest newest { 1100, 2100, 1000 };
+    asker.Advance(newest, true, 1000, figures);
+    const std::span<const uint16_t> numbers = asker.TakeRequest(newest, 1000);
+    EXPECT_EQ(
+        std::vector<uint16_t>(numbers.begin(), numbers.end()), (std::vector<uint16_t> { 2010, 2050, 2090 }));
+}
+
+// Packets each 10 ms from `firstMs` on, which arrive so much after their timestamps.
+void AddRow(ClockFollower& clock, int64_t firstMs, int64_t lastMs, int64_t behindUs)
+{
+    for (int64_t ms = firstMs; ms < lastMs; ms += 10)
+        (void)clock.Add(ms * 1000, ms * 1000 + behindUs);
+}
+
+TEST(ArqrxClockFollower, AnErrorIsMadeUpForWithinAWindowAndNotThroughASilence)
+{
+    ClockFollower clock(0, 0);
+    clock.Settle();
+    AddRow(clock, 0, 6010, 4000);
+    const int64_t behindUs = clock.LocalUs(8'000'000) - 8'000'000;
+    EXPECT_GT(behindUs, 1000);
+    EXPECT_LT(behindUs, 4000);
+    const int64_t hourUs = 3'600'000'000;
+    const double driftUs = -clock.DriftPpm() * (3600 - 8);
+    EXPECT_NEAR(
+        static_cast<double>(clock.LocalUs(hourUs) - hourUs), static_cast<double>(behindUs) + driftUs, 100);
+}
+
+TEST(ArqrxClockFollower, ALargeErrorIsNotTakenForDrift)
+{
+    ClockFollower clock(0, 0);
+    clock.Settle();
+    AddRow(clock, 0, 20'000, 150'000);
+    EXPECT_EQ(clock.DriftPpm(), 0);
+    EXPECT_NEAR(static_cast<double>(clock.LocalUs(20'000'000) - 20'000'000), 18 * 2000, 2100)
+        << "2000 ppm at most";
 }
 
 TEST(ArqrxRecoverTimes, PercentilesAreOfTheLastThousandAndTwentyFour)
@@ -174,9 +224,15 @@ TEST(ArqrxReceiver, ATimeThatGoesBackIsTakenForTheLastOne)
 {
     test::Script script;
     script.ComeEven(0);
-    script.RunUntil(700'000);
-    script.receiver.OnTime(0);
-    EXPECT_GT(script.receiver.NextWakeUp().timeUs, 700'000);
+    script.RunUntil(1'000);
+    script.receiver.OnTime(700'000);
+    test::Media media = test::Script::Even(700);
+    media.seq = 1;
+    script.Come(media, 0);
+    script.RunUntil(2'000'000);
+    EXPECT_EQ(script.Counted().strangers, 0U);
+    ASSERT_EQ(script.played.size(), 2U);
+    EXPECT_EQ(script.played.back().dueUs, 1'300'000);
 }
 
 } // namespace

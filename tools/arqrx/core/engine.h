@@ -61,7 +61,7 @@ private:
     void Fill(Gap& gap, std::span<const uint8_t> datagram, int64_t dueUs, bool isResend);
     int64_t DueNear(uint64_t index, uint32_t timestamp, int64_t nearUs);
     Slot* Store(uint64_t index, std::span<const uint8_t> datagram, int64_t dueUs, bool isResend);
-    void Drop(uint64_t index);
+    void Drop();
 
     // engine_play_out.cpp
     void Release();

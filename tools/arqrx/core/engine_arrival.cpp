@@ -179,7 +179,7 @@ void Receiver::Engine::Append(uint64_t index, const Arrival& arrival)
     m_newest.index = index;
     m_newest.seq = arrival.words.seq;
     if (Store(index, arrival.datagram, dueUs, false) == nullptr)
-        Drop(index);
+        Drop();
     if (gapFirst < index)
         NoticeGap(gapFirst, index, m_nNewestDueUs, dueUs);
     m_nNewestMediaUs = mediaUs;
@@ -208,12 +208,11 @@ void Receiver::Engine::NoticeGap(uint64_t first, uint64_t end, int64_t beforeUs,
 }
 
 // No room for a packet: its number is lost.
-void Receiver::Engine::Drop(uint64_t index)
+void Receiver::Engine::Drop()
 {
     ++m_figures.overflows;
     ++m_figures.missing;
     ++m_figures.lost;
-    m_packets.NoteLost(index);
 }
 
 void Receiver::Engine::OnResend(std::span<const uint8_t> datagram, const MediaWords& words)
@@ -231,11 +230,10 @@ void Receiver::Engine::OnResend(std::span<const uint8_t> datagram, const MediaWo
 void Receiver::Engine::OnBehind(
     uint64_t index, std::span<const uint8_t> datagram, const MediaWords& words, bool isResend)
 {
-    const bool isOurs
-        = index >= m_newest.firstIndex; // what is before it had other numbers, or came before we did
+    // What is before the first number had others with another source, or came before we did.
+    const bool isOurs = index >= m_newest.firstIndex;
     Gap* gap = isOurs ? m_missing.Find(index) : nullptr;
-    const Fate fate = isOurs ? m_packets.FateOf(index) : Fate::None;
-    if (gap == nullptr && (fate == Fate::Here || fate == Fate::Played)) {
+    if (gap == nullptr && isOurs && m_packets.Knows(index)) {
         ++m_figures.duplicates;
         return;
     }

@@ -49,7 +49,6 @@ void Receiver::Engine::Lose(Gap& gap)
         ++m_figures.missing;
     ++m_figures.lost;
     m_asker.NoteLost(gap);
-    m_packets.NoteLost(gap.index);
     m_missing.Remove(gap);
 }
 
@@ -72,7 +71,6 @@ std::optional<Packet> Receiver::Engine::NextPacket()
     Packet packet { index + m_timeline.Of(index).numberShift, slot.dueUs, { slot.bytes, slot.length },
         slot.isResend, index - m_nPlayed - 1, isRestart };
     m_packets.Unmark(index);
-    slot.fate = Fate::Played;
     m_pOut = slot.bytes;
     slot.bytes = nullptr;
     m_nPlayed = index;

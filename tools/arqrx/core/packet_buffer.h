@@ -8,19 +8,15 @@
 
 namespace arqrx {
 
-// What became of a number.
-enum class Fate : uint8_t { None, Here, Played, Lost };
-
 struct Slot {
     uint64_t index = 0;
     int64_t dueUs = 0; // of its stretch before the line fell, see Stretch::fallUs; final once it is released
-    uint8_t* bytes = nullptr; // while it is here
+    uint8_t* bytes = nullptr; // null once it is played out
     uint16_t length = 0;
-    Fate fate = Fate::None;
     bool isResend = false;
 };
 
-// The packets that are here, by number, and for a while what became of those before.
+// The packets that are here, by number, and for a while which were before them.
 class PacketBuffer {
 public:
     explicit PacketBuffer(size_t mostPackets) : m_pool(mostPackets) {}
@@ -31,9 +27,9 @@ public:
     // Takes it out of the search; its bytes stand until Free.
     void Unmark(uint64_t index) { m_slots.Unmark(index); }
     void Free(uint8_t* bytes) { m_pool.Give(bytes); }
-    void NoteLost(uint64_t index);
 
-    Fate FateOf(uint64_t index);
+    // Is it here, or was it played out not long ago.
+    bool Knows(uint64_t index) { return m_slots.Find(index) != nullptr; }
     Slot& At(uint64_t index) { return m_slots.Place(index); }
     // The first packet that is here of [first, end), or `end`.
     uint64_t Next(uint64_t first, uint64_t end) const { return m_slots.NextMarked(first, end); }
