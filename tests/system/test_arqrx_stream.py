@@ -169,7 +169,7 @@ def test_who_is_deleted_by_the_proxys_operator_is_told_and_says_so(start_proxy, 
     send_evenly(sender, [payload(i) for i in range(20)], PER_SECOND)
     assert control.request(net.instance, f"Delete {arqrx.LOCAL}") == f"OK: Deleting: {arqrx.LOCAL}"
     receiver.wait_figures(lambda figures: figures["stops"] >= 1, "the stop message")
-    receiver.wait_stderr("arqrx: the proxy's operator has stopped this stream; it is joined anew in a while")
+    receiver.wait_stderr("arqrx: the proxy's operator has stopped this stream; --stay-away says when it is joined anew")
     assert receiver.end() == arqrx.GOOD
 
 

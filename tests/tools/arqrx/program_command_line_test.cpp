@@ -45,9 +45,10 @@ TEST(ArqrxCommandLine, AProxyAloneIsPingedAndAskedWithARandomId)
 
 TEST(ArqrxCommandLine, EveryAmountReachesTheSettings)
 {
-    const arqrx::Options options = OptionsOf(
-        { "10.0.0.1:21", "--request-port=22", "--id", "0x51", "--latency", "1.5s", "--ping-interval", "2s",
-            "--hold-off", "50ms", "--ring", "8192", "--proxy-bit-rate", "8M", "--receive-buffer", "4M",
+    const arqrx::Options options
+        = OptionsOf({ "10.0.0.1:21", "--request-port=22", "--id", "0x51", "--latency", "1.5s",
+            "--ping-interval", "2s", "--hold-off", "50ms", "--ring", "8192", "--proxy-bit-rate", "8M",
+            "--rejoin-after", "4s", "--stay-away", "0", "--max-packets", "1000", "--receive-buffer", "4M",
             "--bind", "10.0.0.2:23", "--write-buffer", "64k", "--interval", "10s", "--duration", "30s",
             "--exit-after-silence", "5s", "--max-loss", "0.1%", "--drain", "--json", "--quiet" });
     EXPECT_EQ(options.pingPort, 21);
@@ -58,6 +59,9 @@ TEST(ArqrxCommandLine, EveryAmountReachesTheSettings)
     EXPECT_EQ(options.settings.holdOffUs, 50'000);
     EXPECT_EQ(options.settings.ringPackets, 8192U);
     EXPECT_EQ(options.settings.proxyBitRate, 8'000'000U);
+    EXPECT_EQ(options.settings.silenceUs, 4'000'000);
+    EXPECT_EQ(options.settings.rejoinAfterUs, 0);
+    EXPECT_EQ(options.settings.mostPackets, 1000U);
     EXPECT_EQ(options.receiveBufferBytes, 4'000'000);
     EXPECT_EQ(options.bind, (common::Endpoint { 0x0A000002, 23 }));
     EXPECT_EQ(options.writeBufferBytes, 64'000);

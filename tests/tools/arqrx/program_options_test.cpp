@@ -123,6 +123,15 @@ TEST(ArqrxOptions, PingsComeInTimeForTheProxy)
     }
 }
 
+TEST(ArqrxOptions, SilenceIsNotAPause)
+{
+    Options options = WithProxy();
+    options.settings.silenceUs = 500'000;
+    EXPECT_EQ(Contradiction(options), "");
+    options.settings.silenceUs = 499'999;
+    EXPECT_EQ(Contradiction(options), "--rejoin-after is at least 500ms");
+}
+
 TEST(ArqrxOptions, FiguresComeTenTimesASecondAtMost)
 {
     Options options = WithProxy();

@@ -149,7 +149,7 @@ TEST(News, TellWhatHasChangedOnce)
     now.proxy = "10.0.0.2:10000";
     now.outputs = { { "-", 1, 0, true, "its reader has gone" } };
     EXPECT_EQ(News(before, now),
-        "the proxy's operator has stopped this stream; it is joined anew in a while\n"
+        "the proxy's operator has stopped this stream; --stay-away says when it is joined anew\n"
         "nothing came for a while; joining anew\n"
         "play-out has begun afresh: the proxy's clock or its numbers jumped\n"
         "the proxy has moved to 10.0.0.2:10000\n"

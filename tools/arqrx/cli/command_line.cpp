@@ -167,6 +167,16 @@ void AddSourceOptions(CLI::App& app, Options& options, Texts& texts)
            "between two pings, at most 4.9s [1s]")
         ->type_name("TIME")
         ->group(group);
+    app.add_option_function<std::string>("--rejoin-after",
+           Duration("--rejoin-after", options.settings.silenceUs),
+           "when nothing has come for so long: leave, look the proxy up and join anew [3s]")
+        ->type_name("TIME")
+        ->group(group);
+    app.add_option_function<std::string>("--stay-away",
+           Duration("--stay-away", options.settings.rejoinAfterUs),
+           "after the proxy's stop message, before joining anew; 0: for ever [10s]")
+        ->type_name("TIME")
+        ->group(group);
     app.add_option_function<std::string>("--receive-buffer",
            Size("--receive-buffer", SMALLEST_BUFFER_BYTES, LARGEST_BUFFER_BYTES,
                [&options](int64_t v) { options.receiveBufferBytes = static_cast<int>(v); }),
@@ -192,6 +202,12 @@ void AddRepairOptions(CLI::App& app, Options& options, Texts& texts)
            Whole("--ring", "a number of packets from 1 to 65536", 65'536,
                [&settings](uint32_t value) { settings.ringPackets = value; }),
            "packets that the proxy remembers, its -q [4096]")
+        ->type_name("COUNT")
+        ->group(group);
+    app.add_option_function<std::string>("--max-packets",
+           Whole("--max-packets", "a number of packets from 1 to 1000000", 1'000'000,
+               [&settings](uint32_t value) { settings.mostPackets = value; }),
+           "packets that wait at a time, which bounds the memory [65536]")
         ->type_name("COUNT")
         ->group(group);
     app.add_option_function<std::string>("--proxy-bit-rate",

@@ -11,6 +11,7 @@ namespace {
 constexpr int64_t LONGEST_PING_INTERVAL_US = 4'900'000; // longer, and the proxy takes us for gone
 constexpr int64_t SHORTEST_LATENCY_US = 10 * common::US_PER_MS;
 constexpr int64_t LONGEST_LATENCY_US = 60 * common::US_PER_SECOND;
+constexpr int64_t SHORTEST_SILENCE_US = 500 * common::US_PER_MS;
 constexpr int64_t SHORTEST_INTERVAL_US = 100 * common::US_PER_MS;
 
 // Who sends to us, and who is spoken to.
@@ -39,6 +40,8 @@ std::string RangeContradiction(const Options& options)
         return "--latency goes from 10ms to 60s";
     if (settings.pingIntervalUs < SHORTEST_INTERVAL_US || settings.pingIntervalUs > LONGEST_PING_INTERVAL_US)
         return "--ping-interval goes from 100ms to 4.9s: the proxy drops who is silent for 5s";
+    if (settings.silenceUs < SHORTEST_SILENCE_US)
+        return "--rejoin-after is at least 500ms";
     if (options.intervalUs < SHORTEST_INTERVAL_US)
         return "--interval is at least 100ms";
     return "";

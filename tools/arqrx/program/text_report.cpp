@@ -141,7 +141,7 @@ std::string News(const Sample& before, const Sample& now)
 {
     std::string text;
     if (now.core.stops > before.core.stops)
-        text += "the proxy's operator has stopped this stream; it is joined anew in a while\n";
+        text += "the proxy's operator has stopped this stream; --stay-away says when it is joined anew\n";
     if (now.core.rejoins > before.core.rejoins)
         text += "nothing came for a while; joining anew\n";
     if (now.core.restarts > before.core.restarts)
