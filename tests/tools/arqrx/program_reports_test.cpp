@@ -122,9 +122,10 @@ TEST_F(TextReportTest, TheEndTellsAllThatWasCounted)
         "  received   1763 packets, 40 of them sent again; 8.006 Mbit/s\n"
         "  missing    42 = 39 recovered + 2 lost + 1 waiting\n"
         "  played     1700 packets; 0 duplicates, 0 late, 0 reordered, 0 restarts\n"
-        "  recovery   1 request for 45 numbers; took p50 51.2 ms, p99 160.1 ms; round trip 50.2 ms\n"
+        "  recovery   1 request for 45 numbers; round trip 50.2 ms\n"
+        "  took       p50 51.2 ms, p99 160.1 ms from a gap to its packet\n"
         "  transport  1 continuity error in 7000 packets\n"
-        "  kernel     3 datagrams dropped for want of room; raise net.core.rmem_max and --receive-buffer\n"
+        "  kernel     3 datagrams dropped; raise net.core.rmem_max, --receive-buffer\n"
         "  output     udp://10.0.0.9:1: 1700 packets, 0 dropped\n"
         "  output     file:x: 10 packets, 1690 dropped; failed: No space left on device\n");
 }

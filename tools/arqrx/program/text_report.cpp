@@ -87,15 +87,15 @@ std::string Totals(const Sample& last)
     text += fmt::format("  played     {}; {}, {} late, {} reordered, {}\n", Plural(core.played, "packet"),
         Plural(core.duplicates, "duplicate"), core.late, core.reordered, Plural(core.restarts, "restart"));
     if (core.requests > 0)
-        text += fmt::format("  recovery   {} for {}; took p50 {} ms, p99 {} ms; round trip {} ms\n",
-            Plural(core.requests, "request"), Plural(core.numbersAsked, "number"), Ms(core.recoverP50Us),
-            Ms(core.recoverP99Us), Ms(core.roundTripUs));
+        text += fmt::format("  recovery   {} for {}; round trip {} ms\n"
+                            "  took       p50 {} ms, p99 {} ms from a gap to its packet\n",
+            Plural(core.requests, "request"), Plural(core.numbersAsked, "number"), Ms(core.roundTripUs),
+            Ms(core.recoverP50Us), Ms(core.recoverP99Us));
     if (last.transportPackets > 0)
         text += fmt::format("  transport  {} in {}\n", Plural(last.continuityErrors, "continuity error"),
             Plural(last.transportPackets, "packet"));
     if (last.socketDrops > 0)
-        text += fmt::format(
-            "  kernel     {} dropped for want of room; raise net.core.rmem_max and --receive-buffer\n",
+        text += fmt::format("  kernel     {} dropped; raise net.core.rmem_max, --receive-buffer\n",
             Plural(last.socketDrops, "datagram"));
     for (const OutputFigures& output : last.outputs)
         text += fmt::format("  output     {}: {}, {} dropped{}{}\n", output.name,
