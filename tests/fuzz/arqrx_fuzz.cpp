@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -155,7 +156,8 @@ private:
 
     void Send(std::string_view bytes)
     {
-        m_receiver.OnDatagram({ reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size() }, m_nNowUs);
+        const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+        m_receiver.OnDatagram(std::span(data, bytes.size()), m_nNowUs);
     }
 
     void GoToWakeUp()

@@ -290,6 +290,39 @@ TEST(ArqrxChange, ASilentMinuteDoesNotMakeGapsWaitLonger)
     EXPECT_LE(script.Counted().toleranceUs, MS);
 }
 
+// The source pauses for 3 s between two bursts; of the second one some are overtaken, some come again.
+TEST(ArqrxChange, WhatIsMissingBehindAPauseIsTakenWhereverInThePauseItIsFrom)
+{
+    for (const int64_t pauseMs : { 10, 2990 }) {
+        SCOPED_TRACE(pauseMs);
+        Script script;
+        ComeRow(script, 0, 99);
+        const auto late = [pauseMs](int number) {
+            Media media = Script::Even(number);
+            media.timestamp += static_cast<uint32_t>(number < 105 ? pauseMs * 90 : 3000 * 90);
+            return media;
+        };
+        script.Come(late(110), 3110 * MS);
+        script.RunUntil(3112 * MS);
+        for (const int number : { 103, 102, 101, 100, 106, 105, 104 }) {
+            Media media = late(number);
+            media.payloadType = number % 2 == 0 ? 33 : 122;
+            script.Come(media, 3115 * MS);
+        }
+        script.RunUntil(3130 * MS);
+        EXPECT_EQ(script.Counted().strangers, 0U);
+        EXPECT_EQ(script.Counted().restarts, 0U);
+        std::set<uint16_t> asked;
+        for (const auto& [number, atUs] : script.AllAsked()) {
+            if (atUs > 3115 * MS)
+                asked.insert(number);
+        }
+        EXPECT_THAT(asked, IsEmpty());
+        script.RunUntil(5 * SECOND);
+        EXPECT_EQ(script.Counted().lost, pauseMs == 10 ? 3U + 3U : 3U);
+    }
+}
+
 TEST(ArqrxChange, WhatComesBeforeTheFirstNumberIsLate)
 {
     Script script;

@@ -142,8 +142,9 @@ Gap::Turn Asker::TurnAfterAsking(const Gap& gap, const Newest& newest, int64_t n
     const int64_t holdOffUs = AfterUs(Gap::Turn::Soon);
     const int64_t answerUs = AfterUs(Gap::Turn::Again);
     const int64_t leftUs = gap.dueUs - nowUs - std::max<int64_t>(m_roundTrip.SmoothedUs(), 0);
-    const auto triesLeft = static_cast<double>(std::max<int64_t>(leftUs, 0) / answerUs);
-    const bool isSoon = answerUs > holdOffUs && std::pow(m_fFailShare, 1 + triesLeft) > ENOUGH_FAIL;
+    const int64_t triesLeft = std::max<int64_t>(leftUs, 0) / answerUs;
+    const bool isSoon
+        = answerUs > holdOffUs && std::pow(m_fFailShare, static_cast<double>(1 + triesLeft)) > ENOUGH_FAIL;
     const Gap::Turn turn = isSoon ? Gap::Turn::Soon : Gap::Turn::Again;
     return IsWorthIt(gap, newest, nowUs + AfterUs(turn)) ? turn : Gap::Turn::Never;
 }

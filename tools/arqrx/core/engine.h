@@ -58,6 +58,8 @@ private:
     void Append(uint64_t index, const Arrival& arrival);
     void NoticeGap(uint64_t first, uint64_t end, int64_t beforeUs, int64_t afterUs);
     void OnBehind(uint64_t index, std::span<const uint8_t> datagram, const MediaWords& words, bool isResend);
+    Gap* GapOf(uint64_t index);
+    bool GoesInto(const Gap& gap, uint32_t timestamp);
     void Fill(Gap& gap, std::span<const uint8_t> datagram, int64_t dueUs, bool isResend);
     int64_t DueNear(uint64_t index, uint32_t timestamp, int64_t nearUs);
     Slot* Store(uint64_t index, std::span<const uint8_t> datagram, int64_t dueUs, bool isResend);

@@ -76,11 +76,8 @@ bool Receiver::Engine::FitsAhead(int distance, int64_t aheadUs) const
 bool Receiver::Engine::FitsBehind(int distance, int64_t aheadUs, const Arrival& arrival)
 {
     const uint64_t index = m_newest.index - static_cast<uint64_t>(distance);
-    const Gap* gap = index < m_newest.firstIndex ? nullptr : m_missing.Find(index);
-    if (gap != nullptr) {
-        const int64_t dueUs = DueNear(index, arrival.words.timestamp, gap->dueUs);
-        return std::abs(dueUs - gap->dueUs) <= std::max(STEP_US, m_settings.latencyUs);
-    }
+    if (const Gap* gap = GapOf(index))
+        return GoesInto(*gap, arrival.words.timestamp);
     return aheadUs <= WRONG_WAY_US && distance <= UNEVEN * ExpectedNumbers(-aheadUs) + FEW_NUMBERS;
 }
 
@@ -202,9 +199,16 @@ void Receiver::Engine::NoticeGap(uint64_t first, uint64_t end, int64_t beforeUs,
     m_figures.missing += std::min(asked, end) - first;
     m_figures.lost += std::min(asked, end) - first;
     const auto steps = static_cast<int64_t>(end - first + 1);
-    for (uint64_t index = asked; index < end; ++index)
-        m_missing.Add(index, m_nNowUs,
-            beforeUs + (afterUs - beforeUs) * static_cast<int64_t>(index - first + 1) / steps);
+    const auto spacingUs = static_cast<int64_t>(std::max(m_tolerance.SpacingUs(), 0.0));
+    for (uint64_t index = asked; index < end; ++index) {
+        // The source may have paused: then it is rather close to the one after.
+        const int64_t evenUs
+            = beforeUs + (afterUs - beforeUs) * static_cast<int64_t>(index - first + 1) / steps;
+        const int64_t closeUs = afterUs - spacingUs * static_cast<int64_t>(end - index);
+        Gap& gap = m_missing.Add(index, m_nNowUs, std::max(evenUs, closeUs));
+        gap.beforeUs = beforeUs;
+        gap.afterUs = afterUs;
+    }
 }
 
 // No room for a packet: its number is lost.
@@ -217,6 +221,12 @@ void Receiver::Engine::Drop()
 
 void Receiver::Engine::OnResend(std::span<const uint8_t> datagram, const MediaWords& words)
 {
+    const uint64_t index = m_newest.index - static_cast<uint16_t>(m_newest.seq - words.seq);
+    const Gap* gap = m_timeline.IsEmpty() ? nullptr : GapOf(index);
+    if (gap != nullptr && !GoesInto(*gap, words.timestamp)) {
+        ++m_figures.strangers; // damaged, or of another stream with the same numbers
+        return;
+    }
     ++m_figures.received;
     ++m_figures.resends;
     m_figures.receivedBytes += datagram.size();
@@ -224,30 +234,38 @@ void Receiver::Engine::OnResend(std::span<const uint8_t> datagram, const MediaWo
     if (m_timeline.IsEmpty())
         ++m_figures.late;
     else
-        OnBehind(m_newest.index - static_cast<uint16_t>(m_newest.seq - words.seq), datagram, words, true);
+        OnBehind(index, datagram, words, true);
+}
+
+// What is before the first number had others with another source, or came before we did.
+Gap* Receiver::Engine::GapOf(uint64_t index)
+{
+    return index < m_newest.firstIndex ? nullptr : m_missing.Find(index);
 }
 
 void Receiver::Engine::OnBehind(
     uint64_t index, std::span<const uint8_t> datagram, const MediaWords& words, bool isResend)
 {
-    // What is before the first number had others with another source, or came before we did.
-    const bool isOurs = index >= m_newest.firstIndex;
-    Gap* gap = isOurs ? m_missing.Find(index) : nullptr;
-    if (gap == nullptr && isOurs && m_packets.Knows(index)) {
+    Gap* gap = GapOf(index);
+    if (gap == nullptr && index >= m_newest.firstIndex && m_packets.Knows(index)) {
         ++m_figures.duplicates;
         return;
     }
     if (!isResend)
         ++m_figures.reordered;
-    if (gap == nullptr) {
+    if (gap == nullptr)
         ++m_figures.late;
-        return;
-    }
-    const int64_t dueUs = DueNear(index, words.timestamp, gap->dueUs);
-    if (std::abs(dueUs - gap->dueUs) > std::max(STEP_US, m_settings.latencyUs))
-        ++m_figures.strangers; // damaged, or of another stream with the same numbers
     else
-        Fill(*gap, datagram, dueUs, isResend);
+        Fill(*gap, datagram, DueNear(index, words.timestamp, gap->dueUs), isResend);
+}
+
+// Is a timestamp one of those between the gap's neighbours.
+bool Receiver::Engine::GoesInto(const Gap& gap, uint32_t timestamp)
+{
+    const int64_t spareUs = std::max(STEP_US, m_settings.latencyUs);
+    const int64_t dueUs = DueNear(gap.index, timestamp, gap.dueUs);
+    return dueUs >= std::min(gap.beforeUs, gap.afterUs) - spareUs
+        && dueUs <= std::max(gap.beforeUs, gap.afterUs) + spareUs;
 }
 
 // When a packet with this timestamp is due, by the clock of its stretch or of the one after: of packets that overtook

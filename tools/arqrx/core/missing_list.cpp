@@ -2,7 +2,7 @@
 
 namespace arqrx {
 
-void MissingList::Add(uint64_t index, int64_t noticedUs, int64_t dueUs)
+Gap& MissingList::Add(uint64_t index, int64_t noticedUs, int64_t dueUs)
 {
     Gap& gap = m_gaps.Place(index);
     gap = Gap {};
@@ -11,6 +11,7 @@ void MissingList::Add(uint64_t index, int64_t noticedUs, int64_t dueUs)
     gap.dueUs = dueUs;
     m_gaps.Mark(index);
     Move(gap, Gap::Turn::First);
+    return gap;
 }
 
 void MissingList::Remove(Gap& gap)

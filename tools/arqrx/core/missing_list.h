@@ -23,6 +23,8 @@ struct Gap {
     int64_t firstAskedUs = 0;
     int64_t askedUs = 0; // last time
     int64_t dueUs = 0; // when it should be played out, reckoned from its neighbours
+    int64_t beforeUs = 0; // when these are due: it is due in between
+    int64_t afterUs = 0;
     uint32_t tries = 0;
     Turn turn = Turn::Never;
     bool isMissing = false; // counted as missing: it waited long enough to be asked for
@@ -43,8 +45,8 @@ public:
     // The first gap of [first, end), or `end`.
     uint64_t Next(uint64_t first, uint64_t end) const { return m_gaps.NextMarked(first, end); }
 
-    // Notes a gap, at the end of those that wait for their first turn.
-    void Add(uint64_t index, int64_t noticedUs, int64_t dueUs);
+    // Notes a gap, at the end of those that wait for their first turn. The caller fills in the rest.
+    Gap& Add(uint64_t index, int64_t noticedUs, int64_t dueUs);
     void Remove(Gap& gap);
     // Puts a gap at the end of the queue of this turn, out of any other.
     void Move(Gap& gap, Gap::Turn turn);
