@@ -135,7 +135,7 @@ Parsed ParseOptions(int argc, char** argv, Options& options)
 {
     CLI::App app(INTRODUCTION, "arqlink");
     Texts texts;
-    app.set_version_flag("--version", "arqlink " ARQLINK_VERSION, "Print the version and exit");
+    app.set_version_flag("--version", "arqlink " TX_PROXY_VERSION, "Print the version and exit");
     app.set_help_flag("--help,-h", "Print this and exit");
     app.footer(EPILOGUE);
     app.get_formatter()->column_width(36);

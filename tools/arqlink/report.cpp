@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
@@ -22,7 +23,7 @@ std::string Dump(const Json& object)
 
 double Rounded(double seconds)
 {
-    return static_cast<double>(static_cast<int64_t>(seconds * 1000 + 0.5)) / 1000;
+    return std::round(seconds * 1000) / 1000;
 }
 
 Json DirectionJson(const DirectionFigures& figures, const Settings& settings)
@@ -114,7 +115,7 @@ bool Report::Ready(
         const std::string from = common::EndpointText(listening[i]);
         const std::string to = common::EndpointText(pairs[i].target);
         ends.push_back({ { "listen", from }, { "target", to } });
-        text += from + " -> " + to + "\n";
+        text += fmt::format("{} -> {}\n", from, to);
     }
     if (!m_bJson)
         return Print(text + "The line: " + SettingsLine(relay));

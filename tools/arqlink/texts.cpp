@@ -82,18 +82,18 @@ void ReadSettings(const Texts& texts, RelayOptions& relay)
                 continue;
             if ((direction != "up-" && !ApplySetting(relay.down, setting.name, value, problem))
                 || (direction != "down-" && !ApplySetting(relay.up, setting.name, value, problem)))
-                throw WrongUsage("--" + direction + problem);
+                throw WrongUsage(std::string("--").append(direction).append(problem));
         }
     }
 }
 
 void ReadSources(const Texts& texts, RelayOptions& relay)
 {
-    uint32_t address = 0;
     std::string problem;
     if (!texts.source.empty() && !texts.sourcePool.empty())
         throw WrongUsage("--source and --source-pool exclude each other");
     if (!texts.source.empty()) {
+        uint32_t address = 0;
         if (!common::ParseAddress(texts.source, address))
             throw WrongUsage("--source '" + texts.source + "' is not an address such as 10.0.0.2");
         relay.sources = SourcePool(address);

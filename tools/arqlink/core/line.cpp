@@ -50,7 +50,7 @@ Line::Line(uint64_t seed, const Settings& settings, PacketStore& store)
 
 Line::~Line()
 {
-    for (Waiting& waiting : m_waiting)
+    for (const Waiting& waiting : m_waiting)
         m_store.Leave(waiting.delivery.bytes);
 }
 

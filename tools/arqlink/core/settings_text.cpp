@@ -174,12 +174,17 @@ constexpr Setting SETTINGS[] = {
         [](Settings& s, std::string_view v) { return ReadSwitch(v, s.blackout); } },
 };
 
-constexpr auto NAMES = [] {
-    std::array<SettingName, std::size(SETTINGS)> names {};
+using Names = std::array<SettingName, std::size(SETTINGS)>;
+
+constexpr Names NamesOf()
+{
+    Names names {};
     for (size_t i = 0; i < names.size(); i++)
         names[i] = SETTINGS[i].name;
     return names;
-}();
+}
+
+constexpr Names NAMES = NamesOf();
 
 std::string RatioText(double ratio)
 {

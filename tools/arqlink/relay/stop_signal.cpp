@@ -11,7 +11,7 @@ UniqueFd OpenStopSignal()
     (void)sigemptyset(&signals);
     (void)sigaddset(&signals, SIGINT);
     (void)sigaddset(&signals, SIGTERM);
-    (void)sigprocmask(SIG_BLOCK, &signals, nullptr);
+    (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
