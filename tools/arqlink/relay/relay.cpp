@@ -14,7 +14,8 @@ namespace {
 constexpr size_t READ_TOGETHER = 64;
 // The largest datagram has 65,507 bytes; slices that are no power of two apart do not share their places in the cache.
 constexpr size_t SLICE_BYTES = 65'600;
-constexpr int SOCKET_BUFFER_BYTES = 16'000'000;
+// Half a second of 100,000 packets of usual size. The system takes the memory only as it is needed.
+constexpr int SOCKET_BUFFER_BYTES = 64'000'000;
 constexpr int64_t LOOK_EVERY_US = common::US_PER_SECOND;
 
 enum class Kind : uint32_t { Listening, Upstream, Stop };
