@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -112,6 +113,13 @@ double LostAfter(double down, double up, double tries)
     return down * std::pow(1 - (1 - down) * (1 - up), tries);
 }
 
+// The first as soon as the gap shows, then one each hold-off and a little, while its answer still comes in time.
+double TriesIn(const Words& words)
+{
+    constexpr double BETWEEN_MS = 105;
+    return std::max(0.0, 1 + std::floor((words.latency - words.roundtrip - words.jitter) / BETWEEN_MS));
+}
+
 void PrintHop(const Words& words, const Config& config, const PlayedTotals& played)
 {
     const double down = words.loss / 100;
@@ -124,10 +132,9 @@ void PrintHop(const Words& words, const Config& config, const PlayedTotals& play
         "one hop: %.3g packets expected by %d receivers; missing %llu, recovered %llu, lost %llu\n", packets,
         config.learnt, static_cast<unsigned long long>(played.missing),
         static_cast<unsigned long long>(played.recovered), static_cast<unsigned long long>(played.lost));
-    fprintf(Report(), "lost of all: %.2g; what is left after 1, 2, ... tries:", lost);
-    for (int tries = 1; tries <= 10; ++tries)
-        fprintf(Report(), " %.2g", LostAfter(down, up, tries));
-    fprintf(Report(), "\n");
+    const double tries = TriesIn(words);
+    fprintf(Report(), "lost of all: %.2g; %.0f tries fit into the latency and leave %.2g\n", lost, tries,
+        LostAfter(down, up, tries));
     const double datagramBytes = static_cast<double>(PAYLOAD_BYTES + HEADER_BYTES);
     fprintf(Report(),
         "a receiver gets %.0f packets/s and %.2f resends/s (%.3f times the bandwidth, %.2f Mbit/s) and sends %.2f "
