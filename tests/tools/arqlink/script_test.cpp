@@ -1,8 +1,10 @@
 #include "arqlink/core/script.h"
 
+#include "arqlink/core/random.h"
 #include "arqlink/core/settings_text.h"
 
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 
 namespace arqlink {
@@ -110,6 +112,42 @@ TEST(Script, WhatIsWrongIsNamedWithItsLine)
     EXPECT_EQ(Problem("0s both clean\n9ms repeat"), "line 2: repeat needs a time of 10ms or more");
     EXPECT_EQ(Problem(""), "there is no line in it; write for example: 8s both loss 5%");
     EXPECT_EQ(Problem("# nothing\n30s end"), "there is no line in it; write for example: 8s both loss 5%");
+}
+
+// Lines as they should be, now and then with a word that should not be there: some are refused, some are not, and
+// what is taken can be run.
+TEST(Script, LinesWithOddWordsAreRefusedOrCanBeRun)
+{
+    constexpr const char* LINES[][4] = { { "1s", "both", "loss", "5%" }, { "1s:", "down", "burst", "1%,20%" },
+        { "2s", "up", "drop-seq", "7,9-2x3" }, { "2s", "both", "clean", "delay 20ms" },
+        { "3s", "both", "rate", "8M queue 64k" }, { "3s", "up", "blackout", "on" },
+        { "4s", "repeat", "", "" }, { "1h", "end", "", "" } };
+    constexpr const char* ODD[] = { "at", "x", "#", ",", "\t", "\r", "\n", "-1", "\x80", "off", "0", "5%",
+        "clean", "99999999999999999999h", "end" };
+    const Draws draws(1, Purpose::Loss);
+    uint64_t n = 0;
+    int taken = 0;
+    for (int i = 0; i < 5000; i++) {
+        std::string text;
+        for (int64_t lines = draws.UpTo(n++, 3); lines >= 0; lines--) {
+            for (const char* word : LINES[draws.UpTo(n++, std::size(LINES) - 1)])
+                text += std::string(draws.Chance(n++, 0.03) ? ODD[draws.UpTo(n++, std::size(ODD) - 1)] : word)
+                    + " ";
+            text += "\n";
+        }
+        Script script;
+        std::string problem;
+        if (!script.Parse(text, problem)) {
+            ASSERT_NE(problem, "") << text;
+            continue;
+        }
+        taken++;
+        Directions directions;
+        (void)directions.At(script, 4'000'000'000);
+        ASSERT_GT(script.NextUs(), 4'000'000'000) << text;
+    }
+    EXPECT_GT(taken, 500);
+    EXPECT_LT(taken, 4500);
 }
 
 TEST(Script, AScriptThatIsWrongLeavesTheOneThatRuns)
