@@ -24,6 +24,7 @@ constexpr size_t PACKET_BYTES = 1328;
 constexpr size_t MOST_TOGETHER = 64;
 constexpr int BUFFER_BYTES = 32'000'000;
 constexpr int64_t PATIENCE_US = 5 * common::US_PER_SECOND;
+constexpr int64_t SILENCE_US = common::US_PER_SECOND; // so long nothing comes: nothing more will
 constexpr int64_t MOST_BEHIND_US = 20'000;
 constexpr uint32_t LOOPBACK = 0x7F000001;
 
@@ -90,7 +91,7 @@ public:
         const int64_t beginUs = common::NowUs();
         int64_t startUs = beginUs;
         int64_t heardUs = beginUs;
-        while (result.sent < total || common::NowUs() - heardUs < common::US_PER_SECOND / 5) {
+        while (result.sent < total || common::NowUs() - heardUs < SILENCE_US) {
             StopIfAsked();
             const int64_t elapsedUs = common::NowUs() - startUs;
             const int64_t due = std::min(total, elapsedUs * rate / common::US_PER_SECOND);
