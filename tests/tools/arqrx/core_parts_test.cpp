@@ -94,7 +94,7 @@ TEST(ArqrxAsker, ARequestIsInTheOrderOfNumbersWhateverTheOrderOfTurns)
     const ReorderTolerance tolerance;
     const RoundTrip roundTrip;
     Asker asker(Settings {}, missing, tolerance, roundTrip);
-    for (const uint64_t index : { 1050, 1010, 1090 })
+    for (const uint64_t index : { 1050U, 1010U, 1090U })
         missing.Add(index, 0, 1'000'000);
     Figures figures;
     const Newest newest { 1100, 2100, 1000 };

@@ -17,7 +17,7 @@ struct Figures {
     uint64_t lost = 0; // missing when its time to be played out came
     uint64_t waiting = 0; // missing now, may still come
     uint64_t duplicates = 0; // number here already
-    uint64_t late = 0; // came after it was lost
+    uint64_t late = 0; // came after it was lost, or before our time
     uint64_t reordered = 0; // first sendings that came after a higher number
     uint64_t requests = 0; // datagrams
     uint64_t numbersAsked = 0; // in these, repeats included
@@ -25,9 +25,9 @@ struct Figures {
     uint64_t echoesSent = 0;
     uint64_t echoesBack = 0;
     uint64_t stops = 0; // stop messages of the proxy
-    uint64_t rejoins = 0; // joined anew after silence
+    uint64_t rejoins = 0; // joined anew, after silence or a stop message
     uint64_t restarts = 0; // play-out began afresh: the clock stepped, or numbers jumped
-    uint64_t strangers = 0; // datagrams that are nothing of ours
+    uint64_t strangers = 0; // datagrams that are nothing of ours; they count as nothing else
     uint64_t overflows = 0; // packets dropped because as many waited as may
 
     uint64_t buffered = 0; // packets here that wait for their time

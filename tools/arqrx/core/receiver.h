@@ -29,8 +29,8 @@ struct Packet {
     std::span<const uint8_t> datagram; // RTP header and payload; payload type as it was at the first sending
     bool isRecovered; // it came as a resend
     uint64_t lostBefore; // packets that are lost between the one played out before and this one
-    bool
-        isRestart; // play-out begins afresh with this packet: no time or number connects it with those before
+    // Play-out begins afresh with this packet: no time or number connects it with those before. Not for the very first.
+    bool isRestart;
 };
 
 // Why the receiver wants to be woken.
@@ -74,7 +74,8 @@ public:
     void OnTime(int64_t nowUs);
     // The caller is about to end: the leave messages come out of NextTransmit, and no ping after them.
     void Leave();
-    // No packet will come any more: whatever is missing is lost now, the rest comes out in order at its time.
+    // No packet will come any more: whatever is missing is lost now, the rest comes out in order at its time. Pings go
+    // on until Leave.
     void EndOfStream(int64_t nowUs);
 
     // What is to be sent, in order; nothing when all has been drawn.
