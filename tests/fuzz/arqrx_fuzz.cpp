@@ -4,9 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "arqrx/core/receiver.h"
@@ -58,7 +56,7 @@ public:
             SendAnswers(step >> 3);
             break;
         case 4:
-            Send(m_input.Take(step >> 3));
+            Send(std::string(m_input.Take(step >> 3)));
             break;
         case 5:
             m_nNowUs += int64_t { step >> 3 } * int64_t { m_input.Word() };
@@ -154,10 +152,11 @@ private:
         }
     }
 
-    void Send(std::string_view bytes)
+    void Send(const std::string& bytes)
     {
-        const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
-        m_receiver.OnDatagram(std::span(data, bytes.size()), m_nNowUs);
+        const std::vector<uint8_t> datagram(
+            bytes.begin(), bytes.end()); // of just its size: nothing behind it is read
+        m_receiver.OnDatagram(datagram, m_nNowUs);
     }
 
     void GoToWakeUp()
