@@ -105,6 +105,38 @@ TEST(ArqrxChange, OneStrayPacketDoesNothing)
     EXPECT_EQ(script.played.size(), 100U);
 }
 
+TEST(ArqrxChange, AfterJoiningAnewOnePacketOfAnotherSourceIsEnough)
+{
+    Script script;
+    ComeRow(script, 0, 9);
+    script.RunUntil(4 * SECOND);
+    ASSERT_EQ(script.Counted().rejoins, 1U);
+    Media media = Script::Even(4001);
+    media.ssrc = 2;
+    media.seq = 1;
+    script.Come(media, 4001 * MS);
+    EXPECT_EQ(script.Counted().restarts, 1U);
+    media.ssrc = 3;
+    script.Come(media, 4002 * MS);
+    EXPECT_EQ(script.Counted().restarts, 1U) << "but only once";
+    script.RunUntil(5 * SECOND);
+    EXPECT_EQ(script.played.size(), 11U);
+}
+
+TEST(ArqrxChange, AfterJoiningAnewToTheSameStreamOneStrayDoesNothing)
+{
+    Script script;
+    ComeRow(script, 0, 9);
+    script.RunUntil(4 * SECOND);
+    ASSERT_EQ(script.Counted().rejoins, 1U);
+    ComeRow(
+        script, 4001, 5500, [](Media& media) { media.seq = static_cast<uint16_t>(media.seq - 4001 + 10); });
+    Media stray = Script::Even(5501);
+    stray.ssrc = 2;
+    script.Come(stray, 5501 * MS);
+    EXPECT_EQ(script.Counted().restarts, 0U);
+}
+
 TEST(ArqrxChange, ADoubledStrayPacketDoesNothing)
 {
     Script script;

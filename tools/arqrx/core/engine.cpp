@@ -81,8 +81,10 @@ void Receiver::Engine::Advance()
 {
     Release();
     m_asker.Advance(m_newest, MayAsk(), m_nNowUs, m_figures);
-    if (m_keepAlive.Advance(m_nNowUs))
+    if (m_keepAlive.Advance(m_nNowUs)) {
         ++m_figures.rejoins;
+        m_nJoinedUs = m_nNowUs;
+    }
 }
 
 void Receiver::Engine::Leave()

@@ -46,13 +46,15 @@ private:
 
     // engine_arrival.cpp: first sendings and resends
     void OnFirstSending(const Arrival& arrival);
+    void OnMisfit(const Arrival& arrival);
+    void ForgetHeld();
     void OnResend(std::span<const uint8_t> datagram, const MediaWords& words);
     bool Fits(const Arrival& arrival);
     bool FitsAhead(int distance, int64_t aheadUs) const;
     bool FitsBehind(int distance, int64_t aheadUs, const Arrival& arrival);
     double ExpectedNumbers(int64_t aheadUs) const;
     bool IsHopelesslyBehind() const;
-    void Change(const Arrival& earlier, const Arrival& later);
+    void Change(const Arrival& earlier, const Arrival* later);
     bool BeginStretch(const Arrival& arrival, bool isSameRun, bool isSameClock);
     void Accept(const Arrival& arrival);
     void Append(uint64_t index, const Arrival& arrival);
@@ -89,6 +91,8 @@ private:
     uint64_t m_nTimesRead = 0; // recover times that the figures know
 
     bool m_bBegun = false; // a time is known
+    int64_t m_nJoinedUs
+        = INT64_MAX; // when we joined anew, until it is seen whether the stream is another one
     int64_t m_nNowUs = 0;
 
     Newest m_newest;

@@ -18,6 +18,7 @@ constexpr int MOST_DROPOUT = 3000; // numbers jumped by more: RFC 3550, A.1
 constexpr double UNEVEN = 4; // a source's rate may be so many times its mean
 constexpr double AMBIGUOUS_NUMBERS = 32'768; // more may have passed than 16 bits tell
 constexpr uint32_t LAP = 65'536;
+constexpr int64_t JOIN_US = 1'000'000; // what was on its way when we joined anew has come by then
 
 } // namespace
 
@@ -27,22 +28,37 @@ void Receiver::Engine::OnFirstSending(const Arrival& arrival)
         (void)BeginStretch(arrival, false, false);
         return Accept(arrival);
     }
-    if (Fits(arrival)) {
-        if (m_probation.IsHeld())
-            ++m_figures.strangers;
-        m_probation.Forget();
-        return Accept(arrival);
-    }
+    if (!Fits(arrival))
+        return OnMisfit(arrival);
+    if (arrival.timeUs - JOIN_US > m_nJoinedUs) // nothing has changed
+        m_nJoinedUs = INT64_MAX;
+    ForgetHeld();
+    Accept(arrival);
+}
+
+// Two that go together are a change; one is enough when we have just joined anew, since the proxy then makes a stream
+// of its own for us.
+void Receiver::Engine::OnMisfit(const Arrival& arrival)
+{
+    const bool isJoinedAnew = m_nJoinedUs != INT64_MAX;
+    m_nJoinedUs = INT64_MAX;
     if (!m_probation.GoesWith(arrival)) {
-        if (m_probation.IsHeld())
-            ++m_figures.strangers;
-        return m_probation.Hold(arrival);
+        ForgetHeld();
+        return isJoinedAnew ? Change(arrival, nullptr) : m_probation.Hold(arrival);
     }
     m_probation.Forget(); // its bytes stay until the next is held
-    if (SeqDiff(arrival.words.seq, m_probation.Held().words.seq) > 0)
-        Change(m_probation.Held(), arrival);
+    const Arrival& held = m_probation.Held();
+    if (SeqDiff(arrival.words.seq, held.words.seq) > 0)
+        Change(held, &arrival);
     else
-        Change(arrival, m_probation.Held());
+        Change(arrival, &held);
+}
+
+void Receiver::Engine::ForgetHeld()
+{
+    if (m_probation.IsHeld())
+        ++m_figures.strangers;
+    m_probation.Forget();
 }
 
 // Does it go with the stream as it was.
@@ -90,8 +106,8 @@ double Receiver::Engine::ExpectedNumbers(int64_t aheadUs) const
                          : static_cast<double>(std::max<int64_t>(aheadUs, 0)) / std::max(spacingUs, 1.0);
 }
 
-// Two packets say that the stream is not what it was.
-void Receiver::Engine::Change(const Arrival& earlier, const Arrival& later)
+// The stream is not what it was. `later` may be null.
+void Receiver::Engine::Change(const Arrival& earlier, const Arrival* later)
 {
     const ClockFollower& clock = m_timeline.Newest().clock;
     const int64_t mediaUs = clock.MediaUs(earlier.words.timestamp, earlier.timeUs);
@@ -100,11 +116,12 @@ void Receiver::Engine::Change(const Arrival& earlier, const Arrival& later)
     const int distance = SeqDiff(earlier.words.seq, m_newest.seq);
     const bool isSameRun = earlier.words.ssrc == m_nSsrc && distance > 0 && distance <= MOST_DROPOUT;
     if (!(isSameRun && isSameClock) && !BeginStretch(earlier, isSameRun, isSameClock)) {
-        m_figures.strangers += 2;
+        m_figures.strangers += later == nullptr ? 1 : 2;
         return;
     }
     Accept(earlier);
-    Accept(later);
+    if (later != nullptr)
+        Accept(*later);
 }
 
 // The packet will be the first of a new stretch; false when there are too many.
