@@ -202,9 +202,12 @@ def test_a_reader_of_figures_that_does_not_read_stops_nothing(closing, net, sour
             return player.count() > 50
 
         is_through.number = 0
-        wait_until(is_through, "packets to be played out")
-        process.terminate()
-        assert process.wait(15) == arqrx.GOOD
+        try:
+            wait_until(is_through, "packets to be played out")
+            process.terminate()
+            assert process.wait(scaled(DEFAULT_TIMEOUT)) == arqrx.GOOD
+        finally:
+            process.kill()
     os.close(reader)
 
 

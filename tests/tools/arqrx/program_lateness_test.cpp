@@ -31,6 +31,12 @@ TEST(Lateness, OnlyTheLast4096Count)
     EXPECT_EQ(lateness.Percentile(1), 1'000'000);
     lateness.Add(2);
     EXPECT_EQ(lateness.Percentile(1), 2);
+    for (int i = 0; i < 4096; ++i)
+        lateness.Add(1);
+    EXPECT_EQ(lateness.Percentile(1), 1);
+    for (int i = 0; i < 4096; ++i)
+        lateness.Add(3);
+    EXPECT_EQ(lateness.Percentile(0), 3);
 }
 
 } // namespace
