@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t AT_ONCE = 64;
 constexpr int64_t TURN_NS = 200'000;
+constexpr int64_t MOST_LATE_NS = 5'000'000;
 constexpr double NS_PER_S = 1e9;
 constexpr int64_t NS_PER_THREE_TICKS = 33'333; // 90 kHz
 
@@ -32,11 +33,15 @@ StampedFeed::StampedFeed(const sockaddr_in& destination, double bitsPerSecond, P
 
 int64_t StampedFeed::Run(double seconds, const std::function<void()>& afterTurn)
 {
-    const int64_t begin = WallNs();
+    int64_t begin = WallNs();
     const auto total = static_cast<int64_t>(seconds * m_fPerSecond);
     int64_t sent = 0;
     while (sent < total) {
         StopIfAsked();
+        // What the machine kept this thread from sending is not made up for beyond 5 ms: no source comes in such bursts.
+        const auto sentUntilNs
+            = begin + static_cast<int64_t>(static_cast<double>(sent) / m_fPerSecond * NS_PER_S);
+        begin += std::max<int64_t>(0, WallNs() - sentUntilNs - MOST_LATE_NS);
         const double elapsed = static_cast<double>(WallNs() - begin) / NS_PER_S;
         const int64_t due = std::min(total, static_cast<int64_t>(elapsed * m_fPerSecond) + 1);
         SendDue(due - sent);
