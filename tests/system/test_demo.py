@@ -21,7 +21,7 @@ from txproxy.waiting import scaled, wait_until
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SECONDS = 5
 RESULTS = {"strip-a.png", "strip-b.png", "plot.png", "run.csv"}
-PROXY_LINE = re.compile(r"tx_proxy: process (\d+), instance (\d+), listens on port (\d+), pings on (\d+), requests on (\d+)")
+PROXY_LINE = re.compile(r"tx_proxy: process (\d+), instance (\d+), input (\d+), pings (\d+), requests (\d+)")
 ROW = re.compile(
     r" *(?P<time>\d+ s|end) \| (?P<line>.{15}) *(?P<sent>\d+) \| *(?P<a>[\d ]+) \| *(?P<b>[\d ]+) \| *(?:\d+ ms|-)"
 )

@@ -104,7 +104,7 @@ bool Show::StartProxy()
         if (state == Proxy::State::Ended)
             return Fail("the proxy did not start: " + proxy->HowItEnded());
         m_proxy = std::move(proxy);
-        std::printf("tx_proxy: process %d, instance %d, listens on port %d, pings on %d, requests on %d\n",
+        std::printf("tx_proxy: process %d, instance %d, input %d, pings %d, requests %d\n",
             m_proxy->Process().Pid(), instance, ProxyPorts(instance).input, ProxyPorts(instance).ping,
             ProxyPorts(instance).request);
         (void)std::fflush(stdout);
