@@ -10,8 +10,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <initializer_list>
+
+#include "demo/format.h"
 
 namespace demo {
 
@@ -47,7 +48,7 @@ void BecomeOwn(pid_t parent)
         _exit(127); // it went before we asked to go with it
     sigset_t none;
     sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)pthread_sigmask(SIG_SETMASK, &none, nullptr);
     for (const int number : { SIGPIPE, SIGTSTP })
         (void)signal(number, SIG_DFL);
 }
@@ -55,11 +56,12 @@ void BecomeOwn(pid_t parent)
 [[noreturn]] void Run(const std::vector<std::string>& arguments)
 {
     std::vector<char*> words;
+    words.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments)
         words.push_back(const_cast<char*>(argument.c_str()));
     words.push_back(nullptr);
     (void)execvp(words[0], words.data());
-    (void)dprintf(STDERR_FILENO, "cannot run %s: %s\n", words[0], strerror(errno));
+    (void)dprintf(STDERR_FILENO, "cannot run %s: %s\n", words[0], ErrorText(errno).c_str());
     _exit(127);
 }
 

@@ -51,11 +51,11 @@ bool Succeeds(const std::vector<std::string>& command)
 
 bool HasElements()
 {
-    for (const char* const element :
-        { "openh264enc", "openh264dec", "h264parse", "mpegtsmux", "tsdemux", "rtpmp2tpay" })
-        if (!Succeeds({ "gst-inspect-1.0", "--exists", element }))
-            return false;
-    return true;
+    constexpr std::array ELEMENTS { "openh264enc", "openh264dec", "h264parse", "mpegtsmux", "tsdemux",
+        "rtpmp2tpay" };
+    return std::ranges::all_of(ELEMENTS, [](const char* element) {
+        return Succeeds({ "gst-inspect-1.0", "--exists", element });
+    });
 }
 
 } // namespace

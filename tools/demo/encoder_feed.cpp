@@ -12,20 +12,19 @@ namespace demo {
 
 namespace {
 
-constexpr int WIDTH = 320;
-constexpr int HEIGHT = 180;
-constexpr size_t PICTURE_BYTES = size_t { 3 } * WIDTH * HEIGHT;
+constexpr int FRAME_WIDTH = 320;
+constexpr int FRAME_HEIGHT = 180;
+constexpr size_t PICTURE_BYTES = size_t { 3 } * FRAME_WIDTH * FRAME_HEIGHT;
 constexpr size_t RTP_BYTES = 12;
-constexpr uint32_t LOOPBACK = 0x7F000001;
-constexpr int BUFFER_BYTES = 4 << 20;
+constexpr int ENCODER_BUFFER_BYTES = 4 << 20;
 constexpr int SPARE_SECONDS = 60; // the encoder is stopped; this is for when we are gone
 
 Canvas PictureOf(std::span<const uint8_t> bytes)
 {
-    Canvas picture(WIDTH, HEIGHT, {});
-    for (int y = 0; y < HEIGHT; ++y)
-        for (int x = 0; x < WIDTH; ++x) {
-            const auto at = static_cast<size_t>(y * WIDTH + x) * 3;
+    Canvas picture(FRAME_WIDTH, FRAME_HEIGHT, {});
+    for (int y = 0; y < FRAME_HEIGHT; ++y)
+        for (int x = 0; x < FRAME_WIDTH; ++x) {
+            const auto at = static_cast<size_t>(y * FRAME_WIDTH + x) * 3;
             picture.Point(x, y, { bytes[at], bytes[at + 1], bytes[at + 2] });
         }
     return picture;
@@ -167,7 +166,7 @@ private:
     {
         if (!m_media.Open() || !m_media.Bind({ LOOPBACK, 0 }))
             return false;
-        m_media.SetBuffers(BUFFER_BYTES, BUFFER_BYTES);
+        m_media.SetBuffers(ENCODER_BUFFER_BYTES, ENCODER_BUFFER_BYTES);
         const uint16_t port = m_media.Local().port;
         return port % 2 == 0 && m_control.Open()
             && m_control.Bind({ LOOPBACK, static_cast<uint16_t>(port + 1) });

@@ -118,7 +118,7 @@ bool GlyphPoint(char letter, int column, int row)
     if (column < 0 || column >= GLYPH_WIDTH || row < 0 || row >= GLYPH_HEIGHT)
         return false;
     const std::string_view rows = RowsOf(letter);
-    const auto place = static_cast<size_t>(row * (GLYPH_WIDTH + 1) + column);
+    const auto place = static_cast<size_t>(row) * (GLYPH_WIDTH + 1) + static_cast<size_t>(column);
     return place < rows.size() && rows[place] == '#';
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 namespace demo {
 
@@ -16,6 +17,12 @@ std::string Format(const char* format, ...)
     (void)std::vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
     return text;
+}
+
+std::string ErrorText(int number)
+{
+    const char* const text = strerrordesc_np(number);
+    return text != nullptr ? text : Format("error %d", number);
 }
 
 std::vector<std::string> Wrap(std::string_view text, size_t width)

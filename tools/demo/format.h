@@ -10,6 +10,9 @@ namespace demo {
 // printf into a string of whatever length.
 [[gnu::format(printf, 1, 2)]] std::string Format(const char* format, ...);
 
+// What the system says about an error number.
+std::string ErrorText(int number);
+
 // For %llu, the same on every machine.
 constexpr unsigned long long Whole(uint64_t number)
 {

@@ -40,7 +40,8 @@ int64_t TimeOf(uint64_t number, int picturesPerSecond)
 
 } // namespace
 
-Gallery::Gallery(std::vector<Phase> phases, int picturesPerSecond) : m_nPicturesPerSecond(picturesPerSecond)
+Gallery::Gallery(const std::vector<Phase>& phases, int picturesPerSecond)
+    : m_nPicturesPerSecond(picturesPerSecond)
 {
     for (const Phase& phase : phases) {
         const int64_t length = phase.endUs - phase.startUs, moments = MomentsOf(phase);

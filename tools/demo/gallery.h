@@ -24,7 +24,7 @@ struct Moment {
 class Gallery {
 public:
     // How many moments are kept of each phase.
-    Gallery(std::vector<Phase> phases, int picturesPerSecond);
+    Gallery(const std::vector<Phase>& phases, int picturesPerSecond);
 
     // Pictures of a side come in order; those of the two sides may be far apart.
     void Take(Side side, ShownPicture&& shown);

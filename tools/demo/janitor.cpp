@@ -18,7 +18,7 @@ namespace {
     (void)setpgid(0, 0); // Ctrl-C is for the demo
     sigset_t all;
     sigfillset(&all);
-    (void)sigprocmask(SIG_SETMASK, &all, nullptr);
+    (void)pthread_sigmask(SIG_SETMASK, &all, nullptr);
     char byte;
     while (read(life, &byte, 1) < 0 && errno == EINTR) {}
     if (terminal >= 0)

@@ -4,6 +4,7 @@
 
 #include "arq/wire.h"
 #include "demo/format.h"
+#include "demo/media.h"
 
 namespace demo {
 
@@ -16,11 +17,6 @@ constexpr uint16_t FEWEST_TRIES = 2; // a side that asked less often did not try
 uint16_t SequenceOf(std::span<const uint8_t> datagram)
 {
     return static_cast<uint16_t>(datagram[SEQUENCE_AT] << 8 | datagram[SEQUENCE_AT + 1]);
-}
-
-bool IsAgain(std::span<const uint8_t> datagram)
-{
-    return (datagram[TYPE_AT] & ~RTP_MARKER_BIT) == RETRANSMIT_PAYLOAD_TYPE;
 }
 
 // Equal but for the timestamp, which the proxy replaces by its own.

@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <variant>
@@ -13,6 +12,7 @@
 #include "demo/encoder_feed.h"
 #include "demo/feed.h"
 #include "demo/folder.h"
+#include "demo/format.h"
 #include "demo/options.h"
 #include "demo/sandbox.h"
 #include "demo/show.h"
@@ -53,6 +53,7 @@ std::unique_ptr<demo::Feed> MakeFeed(const demo::Options& options)
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): there are no exceptions in the demo
 int main(int count, char** arguments)
 {
     const auto parsed = demo::ParseOptions(count, arguments);
@@ -65,7 +66,7 @@ int main(int count, char** arguments)
     demo::Folder folder;
     if (!folder.Open(options.folder)) {
         std::printf("FAILED: cannot write to %s: %s; --out names another folder\n", options.folder.c_str(),
-            strerror(errno));
+            demo::ErrorText(errno).c_str());
         return 1;
     }
     const std::string proxyBinary

@@ -66,31 +66,40 @@ bool TakeFlag(std::string_view name, Options& options)
     return true;
 }
 
+// An option with a value. What is wrong, empty if nothing is.
+std::string TakeValue(std::string_view name, std::string_view value, Options& options)
+{
+    if (name == "--seconds" && !ParseSeconds(value, options.seconds))
+        return "--seconds must be a whole number from 5 to 3600, not '" + std::string(value) + "'";
+    if (name == "--out" && value.empty())
+        return "--out needs a folder";
+    if (name == "--out")
+        options.folder = value;
+    return {};
+}
+
 } // namespace
 
 std::variant<Options, Ending> ParseOptions(int count, const char* const* arguments)
 {
     Options options;
     for (int index = 1; index < count; ++index) {
-        std::string_view name = arguments[index];
-        if (name == "--help" || name == "-h")
+        const std::string_view word = arguments[index];
+        if (word == "--help" || word == "-h")
             return Ending { 0, std::string(USAGE) + "\n" + HELP };
-        if (TakeFlag(name, options))
+        if (TakeFlag(word, options))
             continue;
-        const size_t equals = name.find('=');
-        const std::string_view option = name.substr(0, equals);
-        if (option != "--seconds" && option != "--out")
+        const size_t equals = word.find('=');
+        const std::string_view name = word.substr(0, equals);
+        if (name != "--seconds" && name != "--out")
             return Wrong(Format("there is no option '%s'", arguments[index]));
-        if (equals == std::string_view::npos && ++index == count)
-            return Wrong(std::string(option) + " needs a value");
-        const std::string_view value
-            = equals == std::string_view::npos ? arguments[index] : name.substr(equals + 1);
-        if (option == "--seconds" && !ParseSeconds(value, options.seconds))
-            return Wrong("--seconds must be a whole number from 5 to 3600, not '" + std::string(value) + "'");
-        if (option == "--out" && value.empty())
-            return Wrong("--out needs a folder");
-        if (option == "--out")
-            options.folder = value;
+        const bool isApart = equals == std::string_view::npos; // the value is the next word
+        if (isApart && ++index == count)
+            return Wrong(std::string(name) + " needs a value");
+        const std::string wrong
+            = TakeValue(name, isApart ? arguments[index] : word.substr(equals + 1), options);
+        if (!wrong.empty())
+            return Wrong(wrong);
     }
     return options;
 }

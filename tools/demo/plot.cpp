@@ -33,7 +33,7 @@ constexpr std::array TICKS { 0, 1, 5, 10, 25, 50, 100 };
 
 int HeightOf(double part)
 {
-    return static_cast<int>(std::sqrt(part) * PANEL_HEIGHT + 0.5);
+    return static_cast<int>(std::lround(std::sqrt(part) * PANEL_HEIGHT));
 }
 
 class Panel {

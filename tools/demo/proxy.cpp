@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <string_view>
 
 #include "demo/format.h"
 
@@ -34,9 +35,13 @@ std::set<uint16_t> BoundPorts()
     if (file == nullptr)
         return ports;
     std::array<char, 512> line;
-    while (std::fgets(line.data(), line.size(), file) != nullptr) {
+    while (std::fgets(line.data(), line.size(), file) != nullptr) { // "  12: 0100007F:7D7B ..."
+        const std::string_view text = line.data();
+        const size_t colon = text.find(':', text.find(':') + 1);
         unsigned port = 0;
-        if (std::sscanf(line.data(), " %*u: %*x:%x", &port) == 1)
+        if (colon != std::string_view::npos
+            && std::from_chars(text.data() + colon + 1, text.data() + text.size(), port, 16).ec
+                == std::errc())
             ports.insert(static_cast<uint16_t>(port));
     }
     (void)std::fclose(file);

@@ -12,6 +12,8 @@
 
 namespace demo {
 
+constexpr uint32_t LOOPBACK = 0x7F000001; // 127.0.0.1
+
 // The ports of one instance of the proxy, its lock port included. The blocks lie below the kernel's ephemeral ports.
 struct ProxyPorts {
     int instance;

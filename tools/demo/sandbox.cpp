@@ -31,7 +31,7 @@ constexpr std::array DEVICES { "null", "zero", "full", "random", "urandom", "tty
 
 bool Fail(std::string& problem, const char* what)
 {
-    problem = Format("%s: %s", what, strerror(errno));
+    problem = Format("%s: %s", what, ErrorText(errno).c_str());
     return false;
 }
 

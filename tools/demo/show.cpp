@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <limits>
 #include <utility>
 
 #include "common/clock.h"
@@ -18,13 +17,11 @@ namespace demo {
 
 namespace {
 
-constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
 constexpr int64_t LATENCY_US = 1'000'000;
 constexpr int64_t START_US = 30'000'000; // for a program to get ready on a busy machine
 constexpr int64_t DRAIN_US = LATENCY_US + 500'000;
 constexpr int64_t DRAW_EVERY_US = 100'000;
 constexpr int64_t ROW_EVERY_US = 1'000'000;
-constexpr uint32_t LOOPBACK = 0x7F000001;
 constexpr std::array<uint32_t, 2> ADDRESSES { 0x7F000002,
     0x7F000003 }; // not 127.0.0.1, which the proxy takes for configured
 constexpr int SOURCE_BUFFER_BYTES = 1 << 20;

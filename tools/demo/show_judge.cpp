@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include "common/clock.h"
 #include "demo/format.h"
@@ -36,8 +35,8 @@ void Show::WriteResults(bool isGood)
         if (m_folder.Write(name, content))
             std::printf("%s/%-12s %s\n", m_folder.Path().c_str(), name, what.c_str());
         else
-            std::printf(
-                "%s/%-12s could not be written: %s\n", m_folder.Path().c_str(), name, strerror(errno));
+            std::printf("%s/%-12s could not be written: %s\n", m_folder.Path().c_str(), name,
+                ErrorText(errno).c_str());
     };
     const std::vector<Moment> moments = m_gallery.Moments();
     for (const Side side : SIDES) {

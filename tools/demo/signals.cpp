@@ -14,7 +14,7 @@ Signals::Signals()
     sigemptyset(&set);
     for (const int number : { SIGINT, SIGTERM, SIGHUP, SIGQUIT })
         sigaddset(&set, number);
-    (void)sigprocmask(SIG_BLOCK, &set, nullptr);
+    (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
     m_fd.Reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     for (const int number : { SIGPIPE, SIGTSTP }) // a stopped demo would be a dead line
         (void)signal(number, SIG_IGN);

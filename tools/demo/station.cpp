@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "arq/wire.h"
 #include "common/clock.h"
+#include "demo/media.h"
 
 namespace demo {
 
@@ -24,16 +24,6 @@ arqrx::Settings SettingsOf(Side side, int64_t latencyUs)
     settings.isAsking = side == Side::A;
     settings.latencyUs = latencyUs;
     return settings;
-}
-
-bool IsMedia(std::span<const uint8_t> datagram)
-{
-    return datagram.size() >= RTP_HEADER_BYTES && datagram[0] >> 6 == 2;
-}
-
-bool IsAgain(std::span<const uint8_t> datagram)
-{
-    return (datagram[1] & ~RTP_MARKER_BIT) == RETRANSMIT_PAYLOAD_TYPE;
 }
 
 } // namespace

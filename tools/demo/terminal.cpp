@@ -112,7 +112,7 @@ bool Terminal::Flush()
 
 ViewStyle StyleOfEnvironment(bool wantsColor)
 {
-    (void)setlocale(LC_CTYPE, "");
+    (void)setlocale(LC_CTYPE, ""); // NOLINT(concurrency-mt-unsafe): there is one thread
     ViewStyle style;
     style.isUtf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
     if (!wantsColor || IsDumb() || !Environment("NO_COLOR").empty())

@@ -109,8 +109,8 @@ void UnpackBlock(Canvas& picture, int block, std::span<const uint8_t> packed)
     const BlockPlace place = PlaceOf(block);
     for (int y = 0; y < BLOCK_HEIGHT; ++y)
         for (int x = 0; x < BLOCK_WIDTH; ++x)
-            picture.Point(
-                place.left + x, place.top + y, UnpackColor(packed[static_cast<size_t>(y * BLOCK_WIDTH + x)]));
+            picture.Point(place.left + x, place.top + y,
+                UnpackColor(packed[static_cast<size_t>(y) * BLOCK_WIDTH + static_cast<size_t>(x)]));
 }
 
 void DrawHole(Canvas& picture, int block)

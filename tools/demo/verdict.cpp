@@ -24,13 +24,13 @@ void JudgeAsking(const Tally& a, std::vector<std::string>& faults)
         faults.push_back(
             Format("%llu packets came back without payload type 122 on the wire", Whole(a.unmarked)));
     if (a.recovered == 0)
-        faults.push_back("A recovered nothing, so nothing was proved");
+        faults.emplace_back("A recovered nothing, so nothing was proved");
 }
 
 void JudgeSilent(const Tally& b, std::vector<std::string>& faults)
 {
     if (b.lost == 0)
-        faults.push_back("B shows no loss, so nothing was proved");
+        faults.emplace_back("B shows no loss, so nothing was proved");
     if (b.recovered > 0)
         faults.push_back(Format("B got %llu packets again without asking", Whole(b.recovered)));
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <string_view>
 
 #include "demo/format.h"
 
@@ -10,25 +11,28 @@ namespace demo {
 
 namespace {
 
-constexpr Color GREEN { 60, 190, 100 };
-constexpr Color RED { 230, 60, 50 };
-constexpr Color YELLOW { 240, 190, 60 };
-constexpr Color GREY { 140, 144, 152 };
+constexpr Color RECOVERED_COLOR { 60, 190, 100 };
+constexpr Color LOST_COLOR { 230, 60, 50 };
+constexpr Color WAITING_COLOR { 240, 190, 60 };
+constexpr Color FAINT_COLOR { 140, 144, 152 };
 constexpr std::array<Color, 3> GROUNDS { { { 0, 0, 0 }, { 50, 42, 16 }, { 70, 20, 18 } } };
 constexpr int LABEL_COLUMNS = 5; // "100%" and the axis
 
 // What became of a packet, from the bottom of a bar to its top.
 enum class Kind : uint8_t { Recovered, Lost, Waiting };
-constexpr std::array<Color, 3> KIND_COLORS { GREEN, RED, YELLOW };
+constexpr std::array<Color, 3> KIND_COLORS { RECOVERED_COLOR, LOST_COLOR, WAITING_COLOR };
 constexpr std::array<const char*, 3> KIND_NAMES { "recovered", "lost", "may still come" };
 
 // Without colours the letters tell the kinds apart.
-const char* Letters(Kind kind, const ViewStyle& style)
+constexpr std::array<std::string_view, 3> ASCII_LETTERS { "+", "#", "?" };
+constexpr std::array<std::string_view, 3> PLAIN_LETTERS { "░", "█", "▒" };
+constexpr std::string_view BLOCK = "█";
+
+std::string_view Letters(Kind kind, const ViewStyle& style)
 {
-    constexpr std::array<const char*, 3> ASCII { "+", "#", "?" }, UTF8 { "░", "█", "▒" };
-    if (style.isUtf8)
-        return style.colors == Colors::None ? UTF8[static_cast<size_t>(kind)] : "█";
-    return ASCII[static_cast<size_t>(kind)];
+    if (!style.isUtf8)
+        return ASCII_LETTERS[static_cast<size_t>(kind)];
+    return style.colors == Colors::None ? PLAIN_LETTERS[static_cast<size_t>(kind)] : BLOCK;
 }
 
 Look KindLook(Kind kind)
@@ -39,7 +43,7 @@ Look KindLook(Kind kind)
 // Eighths of a row above the axis. The scale is that of the square root: single losses show beside a dead line.
 int LevelOf(double part, int rows)
 {
-    return static_cast<int>(std::sqrt(part) * rows * 8 + 0.5);
+    return static_cast<int>(std::lround(std::sqrt(part) * rows * 8));
 }
 
 // One bar, upwards. Levels are eighths of a row.
@@ -68,7 +72,7 @@ private:
 
 void DrawBar(Screen& screen, int column, int bottom, int rows, const Bar& bar, const ViewStyle& style)
 {
-    constexpr std::array<const char*, 8> EIGHTHS { " ", "▁", "▂", "▃", "▄", "▅", "▆", "▇" };
+    constexpr std::array<std::string_view, 8> EIGHTHS { " ", "▁", "▂", "▃", "▄", "▅", "▆", "▇" };
     for (int row = 0; row < rows; ++row) {
         const int full = std::clamp(bar.Top() - row * 8, 0, 8);
         if (full == 0)
@@ -137,23 +141,23 @@ Look BoldLook()
 }
 Look FaintLook()
 {
-    return { .ink = GREY, .ground = std::nullopt, .isBold = false };
+    return { .ink = FAINT_COLOR, .ground = std::nullopt, .isBold = false };
 }
 Look PhaseLook(int level)
 {
-    return { .ink = level == 0 ? GREEN
-            : level == 1       ? YELLOW
-                               : RED,
+    return { .ink = level == 0 ? RECOVERED_COLOR
+            : level == 1       ? WAITING_COLOR
+                               : LOST_COLOR,
         .ground = std::nullopt,
         .isBold = level == 2 };
 }
 Look RecoveredLook(uint64_t packets)
 {
-    return packets > 0 ? Look { .ink = GREEN, .ground = std::nullopt, .isBold = true } : Look {};
+    return packets > 0 ? Look { .ink = RECOVERED_COLOR, .ground = std::nullopt, .isBold = true } : Look {};
 }
 Look LostLook(uint64_t packets)
 {
-    return packets > 0 ? Look { .ink = RED, .ground = std::nullopt, .isBold = true } : Look {};
+    return packets > 0 ? Look { .ink = LOST_COLOR, .ground = std::nullopt, .isBold = true } : Look {};
 }
 
 void DrawLossPlot(
