@@ -18,7 +18,7 @@ JOINED = ROOT / "build" / "tidy"
 
 COMMAND = ["clang-tidy-14", "--quiet"]
 FLAGS = ["-std=c++20", *(f"-I{folder}" for folder in SOURCES),
-         "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Wthread-safety"]
+         '-DTX_PROXY_VERSION="0"', "-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Wthread-safety"]
 
 # The check for repeated includes starts afresh behind a macro: an include of the file before is none.
 SEPARATOR = "#define TX_PROXY_NEXT_FILE\n#undef TX_PROXY_NEXT_FILE\n"
