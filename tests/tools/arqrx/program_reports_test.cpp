@@ -158,6 +158,18 @@ TEST(News, TellWhatHasChangedOnce)
     EXPECT_EQ(News(now, now), "");
 }
 
+TEST(News, TheFiveStopMessagesOfADeleteAreToldOnce)
+{
+    Sample before;
+    Sample now;
+    before.core.stops = 1;
+    now.core.stops = 5;
+    EXPECT_EQ(News(before, now), "");
+    before.core.stops = 5;
+    now.core.stops = 6;
+    EXPECT_NE(News(before, now), "");
+}
+
 TEST(JsonReport, EachLineIsOneObjectWithEveryCount)
 {
     JsonReport report("10.0.0.1:10000", false);

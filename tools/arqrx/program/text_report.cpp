@@ -137,10 +137,21 @@ std::string TextReport::Last(const Sample& last, const RunEnd& end, int64_t)
     return text + Totals(last);
 }
 
+namespace {
+
+// A proxy tells its operator's "Delete" five times: that is one piece of news.
+uint64_t Deletes(const Sample& sample)
+{
+    constexpr uint64_t STOPS_A_DELETE = 5;
+    return (sample.core.stops + STOPS_A_DELETE - 1) / STOPS_A_DELETE;
+}
+
+} // namespace
+
 std::string News(const Sample& before, const Sample& now)
 {
     std::string text;
-    if (now.core.stops > before.core.stops)
+    if (Deletes(now) > Deletes(before))
         text += "the proxy's operator has stopped this stream; --stay-away says when it is joined anew\n";
     if (now.core.rejoins > before.core.rejoins)
         text += "nothing came for a while; joining anew\n";
