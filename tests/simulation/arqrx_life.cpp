@@ -103,6 +103,7 @@ void ArqrxLife::OnTime(int64_t localUs)
 void ArqrxLife::Leave(int64_t localUs)
 {
     m_bLeaving = true;
+    m_playOut.Disturb(INT64_MAX); // it asks for nothing any more
     m_receiver.Leave();
     CheckFigures();
     Draw(localUs);
@@ -159,7 +160,7 @@ void ArqrxLife::NoteRequest(std::span<const uint8_t> request)
     ++m_nRequests;
     m_nNumbersAsked += count;
     for (size_t i = 0; i < count; ++i)
-        m_playOut.OnAsked(Word16(&request[REQUEST_HEADER_BYTES + 2 * i]));
+        m_playOut.OnAsked(Word16(&request[REQUEST_HEADER_BYTES + 2 * i]), HoldsOne());
 }
 
 void ArqrxLife::NoteArrival(const std::vector<uint8_t>& bytes)
@@ -167,18 +168,26 @@ void ArqrxLife::NoteArrival(const std::vector<uint8_t>& bytes)
     const auto seq = static_cast<uint16_t>(bytes[2] << 8 | bytes[3]);
     uint32_t ssrc = 0;
     std::memcpy(&ssrc, &bytes[8], sizeof(ssrc));
+    const auto timestamp = static_cast<uint32_t>(bytes[4] << 24 | bytes[5] << 16 | bytes[6] << 8 | bytes[7]);
+    // The source gives a number that is gone to another packet; two of these look like a source that goes back.
+    const bool isResend = (bytes[1] & 0x7F) == RESENT_TYPE;
+    const bool isRepeated = m_nMedia != 0 && !isResend && static_cast<int16_t>(seq - m_usLastSeq) <= 0
+        && static_cast<int32_t>(timestamp - m_nLastTimestamp) > 0;
     const bool isPause = m_nMedia != 0 && NowUs() - m_nLastMediaUs > PAUSE_US;
     const bool isJump = m_nMedia != 0 && std::abs(static_cast<int16_t>(seq - m_usLastSeq)) > JUMP;
-    if (m_nMedia == 0 || isPause || isJump || ssrc != m_nSsrc) {
+    if (m_nMedia == 0 || isPause || isJump || isRepeated || ssrc != m_nSsrc) {
         ++m_nReasons;
         m_nLastReasonUs = NowUs();
         m_playOut.OnChange();
     }
     ++m_nMedia;
-    m_nResends += (bytes[1] & 0x7F) == RESENT_TYPE ? 1 : 0;
+    m_nResends += isResend ? 1 : 0;
     m_nLastMediaUs = NowUs();
     m_nSsrc = ssrc;
-    m_usLastSeq = seq;
+    if (!isResend) {
+        m_usLastSeq = seq;
+        m_nLastTimestamp = timestamp;
+    }
     m_playOut.OnArrival(seq);
 }
 
@@ -195,8 +204,15 @@ void ArqrxLife::CheckFigures() const
         "receiver %d counts %" PRIu64 " datagrams of media and %" PRIu64 " strangers, of %" PRIu64
         " and %" PRIu64,
         m_nIndex, counted.received, counted.strangers, m_nMedia, m_nTaken - m_nMedia);
-    REQUIRE_THAT(counted.resends == m_nResends, "receiver %d counts %" PRIu64 " resends instead of %" PRIu64,
-        m_nIndex, counted.resends, m_nResends);
+    REQUIRE_THAT(counted.resends <= m_nResends && counted.resends + counted.strangers >= m_nResends,
+        "receiver %d counts %" PRIu64 " resends and %" PRIu64 " strangers, of %" PRIu64 " resends", m_nIndex,
+        counted.resends, counted.strangers, m_nResends);
+}
+
+bool ArqrxLife::HoldsOne() const
+{
+    const arqrx::Figures& counted = m_receiver.Counted();
+    return counted.received + counted.strangers < m_nTaken;
 }
 
 void ArqrxLife::OnClockStep(int64_t byUs)
@@ -244,7 +260,8 @@ void ArqrxLife::CheckWakeUps() const
 
 void ArqrxLife::CheckNothingMissing() const
 {
-    m_playOut.CheckAllPlayed();
+    if (!HoldsOne())
+        m_playOut.CheckAllPlayed();
 }
 
 void ArqrxLife::CheckSilent() const

@@ -57,6 +57,8 @@ private:
     void NoteTransmit(const arqrx::Transmit& transmit);
     void NoteRequest(std::span<const uint8_t> list);
     void NoteArrival(const std::vector<uint8_t>& bytes);
+    // Of the datagrams one waits for another that proves a change of the stream.
+    bool HoldsOne() const;
     void CheckFigures() const;
     void CheckRestarts();
     void CheckWakeUps() const;
@@ -89,6 +91,7 @@ private:
     int64_t m_nLastReasonUs = 0; // of another kind than the clock
     uint32_t m_nSsrc = 0;
     uint16_t m_usLastSeq = 0;
+    uint32_t m_nLastTimestamp = 0;
     std::optional<ClockStep> m_step; // that is to be answered
     uint64_t m_nStepsAnswered = 0;
 };

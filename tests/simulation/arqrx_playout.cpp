@@ -20,6 +20,8 @@ constexpr int LATEST = 5000; // numbers by which a packet is late; more than tha
 constexpr int64_t ASKED_WITHIN_US = 900 * MS;
 constexpr int64_t PLAYED_WITHIN_US = SECOND; // behind the latency
 constexpr int64_t SETTLED_WITHIN_US = 500 * MS; // and the latency, behind a change
+constexpr int64_t MIXED_US
+    = 300 * MS; // behind a change packets of both streams come, and either may be taken
 constexpr int64_t LATENESS_US = MS; // it is woken to the microsecond
 
 int Ahead16(uint16_t a, uint16_t b)
@@ -55,7 +57,7 @@ void ArqrxPlayOut::OnArrival(uint16_t seq)
     if (!isBehind && m_ahead[seq].arrivedUs < 0)
         m_ahead[seq].arrivedUs = NowUs();
     if (!isBehind)
-        m_ahead[seq].isDoubtful |= isUnexpected;
+        m_ahead[seq].isDoubtful |= isUnexpected || NowUs() - m_nChangedUs < MIXED_US;
     m_lastArrived[m_nArrived++ % LAST_ARRIVED] = seq;
 }
 
@@ -67,9 +69,12 @@ void ArqrxPlayOut::OnDisbelieved()
     }
 }
 
-void ArqrxPlayOut::OnAsked(uint16_t seq)
+void ArqrxPlayOut::OnAsked(uint16_t seq, bool isUnsure)
 {
     const auto found = m_ahead.find(seq);
+    const bool isUnclear = NowUs() - m_nChangedUs < m_settings.latencyUs; // which stream's numbers these are
+    if (isUnclear && (found == m_ahead.end() || found->second.arrivedUs >= 0))
+        return;
     REQUIRE_THAT(found != m_ahead.end() && (found->second.missedUs >= 0 || found->second.isDoubtful),
         "receiver %d asks for number %d, which it does not miss", m_nReceiver, seq);
     Ahead& ahead = found->second;
@@ -79,7 +84,7 @@ void ArqrxPlayOut::OnAsked(uint16_t seq)
     REQUIRE_THAT(ahead.askedUs < 0 || NowUs() - ahead.askedUs >= m_settings.holdOffUs - MS,
         "receiver %d asks for number %d again after %" PRId64 " us", m_nReceiver, seq,
         NowUs() - ahead.askedUs);
-    REQUIRE_THAT(Ahead16(*m_newest, seq) < static_cast<int>(m_settings.ringPackets),
+    REQUIRE_THAT(isUnsure || Ahead16(*m_newest, seq) < static_cast<int>(m_settings.ringPackets),
         "receiver %d asks for number %d when the ring holds it no more: number %d is there", m_nReceiver, seq,
         *m_newest);
     ahead.askedUs = NowUs();

@@ -32,8 +32,8 @@ public:
     void OnChange() { m_nChangedUs = NowUs(); }
     // It took one of the last few for none of the stream's: their time, number and source did not go together.
     void OnDisbelieved();
-    // The receiver asks for it; later the proxy answers.
-    void OnAsked(uint16_t seq);
+    // The receiver asks for it, perhaps not sure yet of the newest; later the proxy answers.
+    void OnAsked(uint16_t seq, bool isUnsure = false);
     void OnVerdict(uint16_t seq, EngineModel::Verdict verdict);
     // It plays that out. `localUs` is the time by the receiver's own clock.
     void OnPlayed(const arqrx::Packet& packet, int64_t localUs);
@@ -73,7 +73,7 @@ private:
     const ArqrxSource& m_source;
     int64_t m_nCalmUs = INT64_MAX;
     int64_t m_nDisturbedUs = 0;
-    int64_t m_nChangedUs = 0;
+    int64_t m_nChangedUs = INT64_MIN / 2; // never
     std::unordered_map<uint16_t, Ahead> m_ahead;
     std::optional<uint16_t> m_newest; // arrived
     int64_t m_nArrivedUs = 0; // when the last one did

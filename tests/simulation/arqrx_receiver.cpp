@@ -33,7 +33,7 @@ ArqrxReceiver::ArqrxReceiver(
       m_identity(identity),
       m_network(network),
       m_random(config.seed, Purpose::Receiver, static_cast<uint32_t>(identity.index)),
-      m_source(SOURCE_KEPT_US + 6 * config.packetGapUs),
+      m_source(SOURCE_KEPT_US + 40 * config.packetGapUs),
       m_nLocalStartUs(m_random.Between(0, int64_t { 1 } << 50)),
       m_nDriftPpm(m_random.Between(-100, 100))
 {
