@@ -96,6 +96,7 @@ Config::Config(uint64_t seedNumber) : seed(seedNumber)
     DrawFaults(random);
     DrawClocks(random);
     DrawTrains(random);
+    DrawArqrx();
 }
 
 void Config::DrawShape(Random& random)
@@ -231,6 +232,15 @@ void Config::DrawTrains(Random& random)
     isOldKernel = random.Chance(300);
     if (random.Chance(200))
         routePermille = random.Between(1, 200);
+}
+
+// By a generator of its own: all else is as it was before there were such receivers. They ping and measure once a
+// second, too often for days.
+void Config::DrawArqrx()
+{
+    Random random(seed, Purpose::Arqrx);
+    if (kind != Kind::Days && random.Chance(700))
+        arqrxPermille = random.Chance(300) ? 1000 : random.Between(100, 700);
 }
 
 void Config::Print(FILE* stream) const

@@ -103,6 +103,7 @@ private:
     void DrawFaults(Random& random);
     void DrawClocks(Random& random);
     void DrawTrains(Random& random);
+    void DrawArqrx();
 };
 
 } // namespace simulation
