@@ -75,8 +75,9 @@ void ArqrxPlayOut::OnAsked(uint16_t seq, bool isUnsure)
     const bool isUnclear = NowUs() - m_nChangedUs < m_settings.latencyUs; // which stream's numbers these are
     if (isUnclear && (found == m_ahead.end() || found->second.arrivedUs >= 0))
         return;
-    REQUIRE_THAT(found != m_ahead.end() && (found->second.missedUs >= 0 || found->second.isDoubtful),
-        "receiver %d asks for number %d, which it does not miss", m_nReceiver, seq);
+    if (found == m_ahead.end() || (found->second.missedUs < 0 && !found->second.isDoubtful))
+        return Fail(Outcome::BrokenInvariant, "receiver %d asks for number %d, which it does not miss",
+            m_nReceiver, seq);
     Ahead& ahead = found->second;
     m_machine.Note(Happened::AsksFor, static_cast<uint64_t>(m_nReceiver), seq);
     REQUIRE_THAT(ahead.arrivedUs < 0 || ahead.isDoubtful, "receiver %d asks for number %d, which it has",
