@@ -17,6 +17,13 @@ std::vector<uint8_t> Data(size_t size, uint8_t seed)
     return data;
 }
 
+// A packet that says it has a payload has a byte of it at least.
+bool CarriesSomething(const std::vector<uint8_t>& datagram, size_t at)
+{
+    const bool hasAdaptation = (datagram[at + 3] & 0x20) != 0;
+    return !hasAdaptation || datagram[at + 4] < 183;
+}
+
 } // namespace
 
 TEST(MpegTs, EverySizeThatFitsComesBackFromADatagramOfSevenPackets)
@@ -30,7 +37,7 @@ TEST(MpegTs, EverySizeThatFitsComesBackFromADatagramOfSevenPackets)
         for (const auto& datagram : datagrams) {
             ASSERT_EQ(datagram.size(), demo::TS_DATAGRAM_BYTES);
             for (size_t at = 0; at < datagram.size(); at += demo::TS_PACKET_BYTES)
-                ASSERT_EQ(datagram[at], demo::TS_SYNC);
+                ASSERT_TRUE(datagram[at] == demo::TS_SYNC && CarriesSomething(datagram, at)) << size;
         }
         EXPECT_EQ(reader.OnPackets(datagrams[0]), (std::vector<std::vector<uint8_t>> { first }));
         EXPECT_EQ(reader.OnPackets(datagrams[1]), (std::vector<std::vector<uint8_t>> { second }));
@@ -91,6 +98,17 @@ TEST(MpegTs, DataWhoseMiddleIsMissingAreNotGivenOut)
     datagram.erase(datagram.begin() + 3 * 188, datagram.begin() + 4 * 188);
     EXPECT_TRUE(reader.OnPackets(datagram).empty());
     EXPECT_EQ(reader.ContinuityErrors(), 1U);
+}
+
+TEST(MpegTs, TheEndsOfTwoPiecesAreNoWhole)
+{
+    demo::MpegTsWriter writer;
+    demo::MpegTsReader reader;
+    (void)reader.OnPackets(writer.FirstDatagram(Data(100, 0), 0));
+    const auto one = writer.Datagram(Data(1270, 1), 0), other = writer.Datagram(Data(1270, 2), 0);
+    std::vector<uint8_t> joined(one.begin(), one.begin() + 3 * 188);
+    joined.insert(joined.end(), other.begin() + 3 * 188, other.end());
+    EXPECT_TRUE(reader.OnPackets(joined).empty());
 }
 
 TEST(MpegTs, NothingComesOutBeforeTheTables)
