@@ -163,8 +163,7 @@ def test_a_source_that_starts_again_with_other_numbers_is_played_from_its_beginn
 
 def test_who_is_deleted_by_the_proxys_operator_is_told_and_says_so(start_proxy, net, closing, sender):
     proxy = wait_bound(start_proxy("-u"), net.destination, net.request)
-    arguments = [arg if arg != hex(arqrx.ID) else "none" for arg in joining(net, "--latency", "300ms")]
-    receiver = closing(Arqrx(*arguments))
+    receiver = closing(Arqrx(*joining(net, "--latency", "300ms", stream_id="none")))
     proxy.wait_stderr(started(stream_id=0))
     send_evenly(sender, [payload(i) for i in range(20)], PER_SECOND)
     assert control.request(net.instance, f"Delete {arqrx.LOCAL}") == f"OK: Deleting: {arqrx.LOCAL}"

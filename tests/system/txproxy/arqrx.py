@@ -77,9 +77,9 @@ def run(*arguments, **keywords):
     return status, arqrx.stdout.text, arqrx.stderr.text
 
 
-def joining(net, *options, host="127.0.0.1", interval=TEST_INTERVAL):
+def joining(net, *options, host="127.0.0.1", interval=TEST_INTERVAL, stream_id=hex(ID)):
     """The arguments of one that joins the proxy of `net` and prints JSON."""
-    return [f"{host}:{net.destination}", "--request-port", net.request, "--id", hex(ID), "--json", "--interval", interval,
+    return [f"{host}:{net.destination}", "--request-port", net.request, "--id", stream_id, "--json", "--interval", interval,
             *options]  # fmt: skip
 
 

@@ -73,6 +73,17 @@ def _cover_dev():
         folder.rmdir()
 
 
+def covering(target, source):
+    """The preexec of a child that sees the file `source` in the place of `target`; nobody else does."""
+
+    def cover():
+        _call("a namespace for mounts", _libc.unshare(CLONE_NEWNS))
+        _mount(None, "/", flags=MS_REC | MS_PRIVATE)
+        _mount(source, target, flags=MS_BIND)
+
+    return cover
+
+
 def enter():
     """Moves this process and all its later children. Raises NoSandbox when the machine refuses."""
     if shutil.which("ip") is None:
