@@ -53,7 +53,8 @@ TEST(Deflate, EveryLengthOfARunComesBack)
 TEST(Deflate, RepeatsAtEveryDistanceComeBackAlsoBeyondTheWindow)
 {
     std::mt19937 draw(7);
-    for (const size_t distance : { 3, 4, 5, 8, 9, 100, 1024, 1025, 24577, 32767, 32768, 32769, 40000 }) {
+    for (const size_t distance :
+        { 3U, 4U, 5U, 8U, 9U, 100U, 1024U, 1025U, 24577U, 32767U, 32768U, 32769U, 40000U }) {
         std::vector<uint8_t> bytes(distance);
         for (uint8_t& byte : bytes)
             byte = static_cast<uint8_t>(draw());
