@@ -117,7 +117,7 @@ struct Texts {
     bool isFailingOnLoss = false;
 };
 
-void AddSourceOptions(CLI::App& app, Options& options, Texts& texts)
+void AddSourceOptions(CLI::App& app, Options& options)
 {
     const auto group = "Source";
     app.add_option_function<std::string>("proxy",
@@ -153,6 +153,12 @@ void AddSourceOptions(CLI::App& app, Options& options, Texts& texts)
            "with --listen: who is asked for packets")
         ->type_name("HOST[:PORT]")
         ->group(group);
+}
+
+// How the proxy knows us.
+void AddMembershipOptions(CLI::App& app, Options& options, Texts& texts)
+{
+    const auto group = "Source";
     app.add_option_function<std::string>(
            "--bind", Local("--bind", options.bind), "speak to the proxy from here")
         ->type_name("[ADDRESS:]PORT")
@@ -303,7 +309,8 @@ void AddEndOptions(CLI::App& app, Options& options, Texts& texts)
 
 void Describe(CLI::App& app, Options& options, Texts& texts)
 {
-    AddSourceOptions(app, options, texts);
+    AddSourceOptions(app, options);
+    AddMembershipOptions(app, options, texts);
     AddRepairOptions(app, options, texts);
     AddOutputOptions(app, options);
     AddReportOptions(app, options);

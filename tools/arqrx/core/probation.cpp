@@ -11,8 +11,7 @@ namespace {
 
 constexpr int MOST_APART = 64; // numbers: some in between may be lost, some overtaken
 constexpr int64_t MOST_APART_TICKS = 180'000; // besides what passed between the two arrivals
-constexpr int64_t WRONG_WAY_TICKS
-    = 100 * 90; // a source's packets may change order before the proxy stamps them
+constexpr int64_t WRONG_WAY_TICKS = 9'000; // a source's packets may change order before the proxy stamps them
 
 } // namespace
 

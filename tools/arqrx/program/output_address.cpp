@@ -73,7 +73,7 @@ bool ParseDatagrams(std::string_view text, OutputAddress& output, std::string& p
     const size_t colon = output.hostAndPort.rfind(':');
     uint16_t port = 0;
     const bool hasPort = colon != std::string::npos && colon > 0
-        && common::ParsePort(std::string_view(output.hostAndPort).substr(colon + 1), port) && port != 0;
+        && common::ParsePort(std::string_view { output.hostAndPort }.substr(colon + 1), port) && port != 0;
     if (!hasPort)
         return Fail(problem, text, "write " + std::string(text.substr(0, UDP_PREFIX.size())) + "HOST:PORT");
     return TakeSettings(text, rest.substr(std::min(question + 1, rest.size())), output, problem);

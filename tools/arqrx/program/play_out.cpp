@@ -11,7 +11,7 @@ namespace arqrx {
 namespace {
 
 constexpr size_t MOST_PACKETS = 64; // that leave by one call
-constexpr size_t BATCH_BYTES = 128 * 1024; // no less than the longest datagram
+constexpr size_t BATCH_BYTES = 131'072; // no less than the longest datagram
 
 } // namespace
 
