@@ -99,8 +99,10 @@ class RunningDemo:
         """No process, no socket, no file but the results."""
         _, instance, *numbers = self.numbers()
         wait_until(lambda: not self.descendants(), lambda: f"the end of {self.descendants()}")
-        assert not any(path.exists() for path in ports.instance_files(instance))
-        assert all(map(ports.udp_port_is_free, (*numbers, ports.lock_port(instance))))
+        wait_until(lambda: not any(path.exists() for path in ports.instance_files(instance)), "the files to be gone")
+        # A process that ends gives up its memory, by which it is known here, before its sockets.
+        used = (*numbers, ports.lock_port(instance))
+        wait_until(lambda: all(map(ports.udp_port_is_free, used)), f"the ports {used} to be free")
         assert [path.name for path in self.folder.iterdir()] == ["out"]
         assert {path.name for path in self.results.iterdir()} == files
 
