@@ -17,6 +17,8 @@ from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver, sandb
 
 
 AFTER_LONG_LOADS = 8  # tests of every other file
+# The programs behind these have one thread: under the thread sanitizer there would be nothing to see.
+ONE_THREAD = ("test_demo.py", "test_arqlink_")
 MARKERS = {
     "release": "release_only: limits of memory, time and libraries are promises of the release build",
     "asan": "asan_only: needs the address sanitizer",
@@ -31,7 +33,8 @@ def pytest_collection_modifyitems(config, items):
     each the first test of its file, have had some time.
     """
     foreign = [f"{kind}_only" for kind in MARKERS if kind != proxy.build_kind()]
-    dropped = [item for item in items if any(map(item.get_closest_marker, foreign))]
+    dropped = [item for item in items if any(map(item.get_closest_marker, foreign))
+               or (proxy.build_kind() == "tsan" and item.path.name.startswith(ONE_THREAD))]
     items[:] = [item for item in items if item not in dropped]
     config.hook.pytest_deselected(items=dropped)
     if hasattr(config, "workerinput"):
