@@ -13,7 +13,7 @@ using prometheus::ClientMetric;
 using prometheus::MetricFamily;
 using prometheus::MetricType;
 
-double Seconds(int64_t us)
+double InSeconds(int64_t us)
 {
     return static_cast<double>(us) / static_cast<double>(common::US_PER_SECOND);
 }
@@ -38,7 +38,7 @@ public:
     void AddTime(const std::string& name, const std::string& help, int64_t us)
     {
         if (us >= 0)
-            AddGauge(name + "_seconds", help, Seconds(us));
+            AddGauge(name + "_seconds", help, InSeconds(us));
     }
 
     // One value an output, which has a label of its own.

@@ -12,7 +12,7 @@ namespace arqrx {
 
 namespace {
 
-constexpr int SEND_BUFFER_BYTES = 256 * 1024; // pings and requests only
+constexpr int QUESTION_BUFFER_BYTES = 256 * 1024; // pings and requests only
 constexpr int READS_A_PASS = 8; // so that play-out keeps its time under a flood
 constexpr uint32_t LOOPBACK_NET = 127U << 24;
 constexpr uint32_t NET_MASK = 255U << 24;
@@ -63,7 +63,7 @@ bool MediaSockets::OpenUnicast(const Options& options, uint32_t proxyAddress, st
             + "; see who has the port with: ss -ulpn";
         return false;
     }
-    m_unicast.SetBuffers(options.receiveBufferBytes, SEND_BUFFER_BYTES);
+    m_unicast.SetBuffers(options.receiveBufferBytes, QUESTION_BUFFER_BYTES);
     return true;
 }
 
@@ -72,7 +72,7 @@ bool MediaSockets::OpenGroup(const Options& options, std::string& problem)
     const common::Endpoint& group = *options.group;
     if (m_group.Open() && m_group.ShareAddress() && m_group.Bind(group)
         && m_group.JoinGroup(group.address, options.networkInterface)) {
-        m_group.SetBuffers(options.receiveBufferBytes, SEND_BUFFER_BYTES);
+        m_group.SetBuffers(options.receiveBufferBytes, QUESTION_BUFFER_BYTES);
         return true;
     }
     problem = "cannot join " + common::EndpointText(group) + ": " + m_group.Problem()
