@@ -13,6 +13,9 @@ from txproxy import arqrx, impairment, link, mpegts, plugin_builder, receiver, r
 from txproxy.plugin_builder import INSTALLED_NAME
 from txproxy.waiting import scaled, wait_until
 
+# What counts is the picture, and encoders and decoders take most of the time: once is enough.
+pytestmark = pytest.mark.release_only
+
 LOSS = ("--loss", "5%", "--seed", "11")
 SSRC = 0x51C0DE
 FIRST_SEQ = 65500  # the numbers come round while the clip is sent
