@@ -1,37 +1,19 @@
 """The receiver's page agrees with the program: options, exit statuses, fields of JSON and metrics."""
 
 import json
-import pathlib
 import re
 import urllib.request
 
 from txproxy import arqrx, rtp
 from txproxy.arqrx import Arqrx, send_evenly
+from txproxy.page import Page, quoted
 from txproxy.receiver import Sender
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGE = ROOT / "docs" / "receiver.md"
+PAGE = Page("receiver.md")
 OPTION = re.compile(r"^  (?:-h,)?(--[a-z-]+)", re.MULTILINE)
 # Fields that a run without loss, proxy and failure does not have.
 NOT_IN_EVERY_RUN = {"proxy", "round_trip_ms", "recover_p50_ms", "recover_p99_ms", "error", "transport_packets",
                     "continuity_errors"}  # fmt: skip
-
-
-def section(heading):
-    text = PAGE.read_text(encoding="utf-8")
-    start = text.index(f"\n## {heading}\n")
-    end = text.find("\n## ", start + 1)
-    return text[start : end if end >= 0 else len(text)]
-
-
-def rows(heading):
-    """The cells of a section's table, without its head."""
-    lines = [line for line in section(heading).splitlines() if line.startswith("|")]
-    return [[cell.strip() for cell in re.split(r"(?<!\\)\|", line.strip("|"))] for line in lines[2:]]
-
-
-def quoted(cell):
-    return re.findall(r"`([^`]+)`", cell)
 
 
 def help_text():
@@ -41,7 +23,7 @@ def help_text():
 
 
 def test_the_page_has_every_option_of_the_program_and_no_other():
-    on_page = [quoted(cells[0])[0].split()[0] for cells in rows("Options")]
+    on_page = [quoted(cells[0])[0].split()[0] for cells in PAGE.rows("Options")]
     assert on_page[0] == "PROXY[:PING_PORT]"
     assert sorted(on_page[1:]) == sorted(OPTION.findall(help_text()))
 
@@ -60,21 +42,21 @@ def options_of_help():
 
 def test_the_page_has_the_arguments_and_defaults_of_the_help():
     on_page = {}
-    for cells in rows("Options")[1:]:
+    for cells in PAGE.rows("Options")[1:]:
         has_default = re.fullmatch(r"\d+[a-zA-Z]*|auto", cells[1])
         on_page[quoted(cells[0])[0].replace("\\|", "|")] = cells[1] if has_default else None
     assert on_page == options_of_help()
 
 
 def test_the_usage_of_the_page_is_that_of_the_help():
-    shown = [line.strip() for line in PAGE.read_text(encoding="utf-8").splitlines() if line.startswith("    arqrx [options]")]
+    shown = [line.strip() for line in PAGE.text.splitlines() if line.startswith("    arqrx [options]")]
     assert len(shown) == 3
     for line in shown:
         assert line in help_text()
 
 
 def test_every_exit_status_is_on_the_page():
-    assert [int(cells[0]) for cells in rows("Exit statuses")] == [
+    assert [int(cells[0]) for cells in PAGE.rows("Exit statuses")] == [
         arqrx.GOOD, arqrx.LOSS, arqrx.USAGE, arqrx.NO_MEDIA, arqrx.NO_START, arqrx.OUTPUT_FAILED]  # fmt: skip
 
 
@@ -91,11 +73,11 @@ def test_every_field_and_metric_of_a_run_is_on_the_page_and_no_other(closing, ne
         page = answer.read().decode()
     assert receiver.end() == arqrx.GOOD
     fields = {name for line in receiver.stdout.lines for name in json.loads(line)}
-    on_page = {quoted(cells[0])[0] for cells in rows("JSON")}
+    on_page = {quoted(cells[0])[0] for cells in PAGE.rows("JSON")}
     assert fields - on_page == set()
     assert on_page - fields == NOT_IN_EVERY_RUN
     for metric in re.findall(r"^# TYPE (arqrx_\w+) ", page, re.MULTILINE):
-        assert metric in section("Metrics") or field_of(metric) in on_page, metric
+        assert metric in PAGE.section("Metrics") or field_of(metric) in on_page, metric
 
 
 def field_of(metric):
@@ -109,6 +91,6 @@ def field_of(metric):
 
 def test_the_lines_for_people_have_the_columns_of_the_page():
     head = "    time  Mbit/s  packets  missing recover.    lost waiting  rtt ms  buffer ms"
-    assert head in section("In one minute")
-    columns = [quoted(cells[0])[0] for cells in rows("Lines for people")]
+    assert head in PAGE.section("In one minute")
+    columns = [quoted(cells[0])[0] for cells in PAGE.rows("Lines for people")]
     assert re.split(r"\s+(?!ms)", head.strip()) == columns

@@ -5,10 +5,11 @@ import re
 import string
 
 from txproxy import raw_control
+from txproxy.page import Page, quoted
 from txproxy.proxy import binary, run
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PAGE = ROOT / "docs" / "operations.md"
+PAGE = Page("operations.md")
 # What in a source file is no code that runs; a text in quotes is group 1.
 BESIDE_CODE = re.compile(
     r"""//[^\n]*|/\*.*?\*/|\#\s*include[^\n]*|static_assert\b.*?;|'(?:[^'\\]|\\.)'|"((?:[^"\\\n]|\\.)*)\"""", re.DOTALL
@@ -17,26 +18,6 @@ BESIDE_CODE = re.compile(
 NUMBER = re.compile(r"%(?:l|ll|h|z)?[diu]")
 # Texts with a blank or a line end that say nothing by themselves: what is split at, the loader's own words, the time.
 NO_MESSAGES = {r" \t\n\v\f\r", r"%s\n", r"\n", "%.15s: "}
-
-
-def section(heading):
-    """The text below a heading, up to the next of the same rank."""
-    text = PAGE.read_text(encoding="utf-8")
-    start = text.index(f"\n## {heading}\n")
-    end = text.find("\n## ", start + 1)
-    return text[start : end if end >= 0 else len(text)]
-
-
-def rows(heading):
-    """The cells of all table rows in a section, without the head of each table."""
-    lines = [line for line in section(heading).splitlines() if line.startswith("|")]
-    table = [[cell.strip(" ") for cell in line.strip("|").split(" | ")] for line in lines]
-    heads = {i - 1 for i, line in enumerate(lines) if line.startswith("|---")}
-    return [cells for i, cells in enumerate(table) if i not in heads and not lines[i].startswith("|---")]
-
-
-def quoted(cell):
-    return re.findall(r"`([^`]+)`", cell)
 
 
 def as_pattern(text):
@@ -59,7 +40,7 @@ def options_of_binary(instance):
 
 def test_the_page_has_every_option_of_the_binary_and_no_other(lease):
     on_page = {}
-    for cells in rows("Options"):
+    for cells in PAGE.rows("Options"):
         option, *argument = quoted(cells[0])[0].split()
         on_page[option.removeprefix("-")] = bool(argument)
     assert on_page == options_of_binary(lease.instance)
@@ -68,13 +49,13 @@ def test_the_page_has_every_option_of_the_binary_and_no_other(lease):
 def test_the_page_shows_the_help_text(launch):
     process = launch("-h", argv0="%s")
     assert process.wait_exit() == 0
-    shown = [line.removeprefix("    ") for line in section("Options").splitlines() if line.startswith("    ")]
+    shown = [line.removeprefix("    ") for line in PAGE.section("Options").splitlines() if line.startswith("    ")]
     assert "\n".join(shown) + "\n" == process.stderr.text
 
 
 def test_every_command_of_the_page_gets_the_reply_that_the_page_gives(start_proxy, net):
     start_proxy("-a", "127.0.0.2")
-    commands = rows("Commands")
+    commands = PAGE.rows("Commands")
     assert len(commands) == 10
     for command, reply, _ in commands:
         text = (quoted(command) or ["whatever"])[0].replace("%s", "127.0.0.3")
@@ -103,9 +84,9 @@ def texts_of(source):
 def messages_of_sources():
     """Every text that may become a line of output, in the page's notation and without its line end."""
     texts = {text for source in (ROOT / "src").rglob("*.[ch]*") for text in texts_of(source)}
-    help_lines = {line.expandtabs() for line in section("Options").splitlines()}
-    replies = {text for cells in rows("Commands") for text in quoted(cells[1])}
-    dump = {line.strip() for line in section("Commands").splitlines() if line.startswith("    m_")}
+    help_lines = {line.expandtabs() for line in PAGE.section("Options").splitlines()}
+    replies = {text for cells in PAGE.rows("Commands") for text in quoted(cells[1])}
+    dump = {line.strip() for line in PAGE.section("Commands").splitlines() if line.startswith("    m_")}
     messages = set()
     for text in texts - NO_MESSAGES:
         as_shown = NUMBER.sub("%d", text)
@@ -117,7 +98,7 @@ def messages_of_sources():
 
 
 def messages_of_page():
-    return [text for cells in rows("Messages") for text in quoted(cells[0])]
+    return [text for cells in PAGE.rows("Messages") for text in quoted(cells[0])]
 
 
 def test_the_messages_of_the_page_are_exactly_those_of_the_sources():
@@ -140,12 +121,12 @@ def test_every_message_of_the_page_is_a_whole_text_of_the_binary():
 
 def test_every_file_of_the_page_is_named_in_the_binary():
     data = pathlib.Path(binary()).read_bytes()
-    for cells in rows("Files"):
+    for cells in PAGE.rows("Files"):
         for part in re.split(r"N(?=\.|$)", quoted(cells[0])[0]):
             assert part.encode() in data, part
 
 
 def test_every_setting_of_the_page_is_in_the_binary():
     data = pathlib.Path(binary()).read_bytes()
-    for cells in rows("Deliberate loss"):
+    for cells in PAGE.rows("Deliberate loss"):
         assert quoted(cells[0])[0].encode() + b"\0" in data

@@ -29,6 +29,7 @@ arqrx           the receiver program beside the proxy
 control         client of the control socket
 raw_control     plain connections to the control socket, for clients that behave badly
 reports         what a proxy says about itself
+page            what the pages of docs say
 impairment      deliberate loss: its files, and a model of the fixed pattern
 plugin_builder  encryption libraries for the tests
 programs        C and C++ programs and libraries of the tests
