@@ -36,6 +36,9 @@ TOOL_LAYERS = {
     "arqlink/core/": ["common/quantity.", *WIRE],
     "arqrx/": ["common/", *WIRE],
     "arqlink/": ["common/", *WIRE],
+    "arqctl/core/": ["common/endpoint.", "common/quantity.", *WIRE],
+    "arqctl/proxy/": ["arqctl/core/", "common/", *WIRE],
+    "arqctl/": ["common/", *WIRE],
     "demo/": ["arqrx/core/", "arqlink/core/", "common/", *WIRE],
 }
 

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "arqctl/cli/session.h"
+
+namespace arqctl {
+
+// Each adds one command with its options to the program; chosen, it sets session.run. One file a command.
+void AddListCommand(CLI::App& app, Session& session);
+
+} // namespace arqctl

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "arqctl/cli/exit_status.h"
+#include "arqctl/proxy/ask.h"
+#include "arqctl/proxy/target.h"
+
+namespace arqctl {
+
+// What the options in front of a command say, and the command that was chosen. One object for the whole run.
+struct Session {
+    Target target; // of -I, --socket and --via
+    int64_t patienceUs = USUAL_PATIENCE_US; // of --timeout: for one answer of a proxy
+    bool isJson = false; // of --json: standard output has JSON only, one object a line, an error included
+
+    // The chosen command, set while the command line is read.
+    std::function<ExitStatus()> run;
+};
+
+// Says on standard error what is wrong and what to do, with "arqctl: " in front, and with --json also as an object
+// {"error": ..., "advice": ..., "status": ...} on standard output. Returns the status.
+ExitStatus Fail(const Session& session, ExitStatus status, const std::string& problem, const std::string& advice);
+
+// The same for an exchange that failed.
+ExitStatus FailedAnswer(const Session& session, Failure failure);
+
+// Asks the session's proxy, through its tunnel where it has one. The connection is made anew each time.
+Answer AskProxy(const Session& session, const std::string& request);
+
+} // namespace arqctl

@@ -1,0 +1,56 @@
+#include "arqctl/proxy/target.h"
+
+#include <charconv>
+
+namespace arqctl {
+
+namespace {
+
+// The proxy reads its own instance number as a whole signed word.
+bool ParseInstance(std::string_view text, int& instance)
+{
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc {} || end != text.data() + text.size())
+        return false;
+    instance = value;
+    return true;
+}
+
+} // namespace
+
+std::string Target::ControlPath() const
+{
+    return socketPath.empty() ? "/dev/arq_tx_ctrl" + std::to_string(instance) : socketPath;
+}
+
+std::string Target::Name() const
+{
+    const std::string own = socketPath.empty() ? std::to_string(instance) : socketPath;
+    return via.empty() ? own : via + "/" + own;
+}
+
+bool ParseTarget(std::string_view text, Target& target)
+{
+    constexpr std::string_view SSH = "ssh:";
+    Target read;
+    if (text.starts_with(SSH)) {
+        text.remove_prefix(SSH.size());
+        const size_t slash = text.find('/');
+        if (slash == 0 || slash == std::string_view::npos || text.front() == '-')
+            return false; // a host that begins with a dash would be an option of ssh
+        read.via = text.substr(0, slash);
+        text.remove_prefix(slash + 1);
+    } else if (text.starts_with('/') && text.size() > 1) {
+        read.instance = 0;
+        read.socketPath = text;
+        target = read;
+        return true;
+    }
+    if (!ParseInstance(text, read.instance))
+        return false;
+    target = read;
+    return true;
+}
+
+} // namespace arqctl
