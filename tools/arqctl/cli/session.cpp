@@ -15,7 +15,10 @@ ExitStatus StatusOf(Failure failure)
     case Failure::None: return ExitStatus::Good;
     case Failure::NoSocket:
     case Failure::NotListening:
-    case Failure::NotAllowed: return ExitStatus::NoProxy;
+    case Failure::NotAllowed:
+    case Failure::NoWay:
+    case Failure::NotForwarded: return ExitStatus::NoProxy;
+    case Failure::NoSsh:
     case Failure::NoDescriptor: return ExitStatus::NoStart;
     case Failure::NoAnswer:
     case Failure::CutOff:

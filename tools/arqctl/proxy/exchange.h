@@ -17,7 +17,11 @@ enum class Failure {
     NoAnswer, // it did not take the connection, or did not answer, in time
     CutOff, // the connection broke before the reply ended
     TooLong, // more than any reply of a proxy: another program
-    NoDescriptor // this program's own limits
+    NoDescriptor, // this program's own limits
+    // Of another machine's only (see tunnel.h):
+    NoSsh, // no such program here
+    NoWay, // ssh does not get there: no host, no login, no forwarding
+    NotForwarded // ssh gets there, and has no connection to the socket
 };
 
 // One request to a control socket and the reply to it, without waiting: for a loop that serves several.

@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "arqctl/core/ssh_texts.h"
+
 namespace arqctl {
 
 namespace {
@@ -37,8 +39,8 @@ bool ParseTarget(std::string_view text, Target& target)
     if (text.starts_with(SSH)) {
         text.remove_prefix(SSH.size());
         const size_t slash = text.find('/');
-        if (slash == 0 || slash == std::string_view::npos || text.front() == '-')
-            return false; // a host that begins with a dash would be an option of ssh
+        if (slash == std::string_view::npos || !IsSshHost(text.substr(0, slash)))
+            return false;
         read.via = text.substr(0, slash);
         text.remove_prefix(slash + 1);
     } else if (text.starts_with('/') && text.size() > 1) {
