@@ -16,6 +16,15 @@ void AddCommonOptions(CLI::App& app, Session& session)
     app.add_option("-I,--instance", session.target.instance, "the proxy's instance number, its -I [1]");
     app.add_option("--socket", session.target.socketPath, "its control socket by path");
     app.add_option_function<std::string>(
+        "--via",
+        [&session](const std::string& text) {
+            constexpr std::string_view SSH = "ssh:";
+            if (!text.starts_with(SSH) || !IsSshHost(std::string_view(text).substr(SSH.size())))
+                throw CLI::ValidationError("--via", "'" + text + "' is not ssh:HOST");
+            session.target.via = text.substr(SSH.size());
+        },
+        "on another machine: ssh:HOST or ssh:USER@HOST");
+    app.add_option_function<std::string>(
         "--timeout",
         [&session](const std::string& text) {
             if (!common::ParseDuration(text, session.patienceUs))

@@ -12,24 +12,29 @@ namespace {
 ExitStatus StatusOf(Failure failure)
 {
     switch (failure) {
-    case Failure::None: return ExitStatus::Good;
+    case Failure::None:
+        return ExitStatus::Good;
     case Failure::NoSocket:
     case Failure::NotListening:
     case Failure::NotAllowed:
     case Failure::NoWay:
-    case Failure::NotForwarded: return ExitStatus::NoProxy;
+    case Failure::NotForwarded:
+        return ExitStatus::NoProxy;
     case Failure::NoSsh:
-    case Failure::NoDescriptor: return ExitStatus::NoStart;
+    case Failure::NoDescriptor:
+        return ExitStatus::NoStart;
     case Failure::NoAnswer:
     case Failure::CutOff:
-    case Failure::TooLong: return ExitStatus::BadAnswer;
+    case Failure::TooLong:
+        return ExitStatus::BadAnswer;
     }
     return ExitStatus::BadAnswer;
 }
 
 } // namespace
 
-ExitStatus Fail(const Session& session, ExitStatus status, const std::string& problem, const std::string& advice)
+ExitStatus Fail(
+    const Session& session, ExitStatus status, const std::string& problem, const std::string& advice)
 {
     fmt::print(stderr, "arqctl: {}\n", problem);
     if (!advice.empty())
@@ -44,13 +49,19 @@ ExitStatus Fail(const Session& session, ExitStatus status, const std::string& pr
 
 ExitStatus FailedAnswer(const Session& session, Failure failure)
 {
-    const std::string path = session.target.ControlPath();
-    return Fail(session, StatusOf(failure), ProblemText(failure, path), AdviceText(failure, path));
+    const Trouble trouble = session.tunnels->Explain(session.target, failure);
+    return Fail(session, StatusOf(failure), trouble.problem, trouble.advice);
 }
 
 Answer AskProxy(const Session& session, const std::string& request)
 {
-    return Ask(session.target.ControlPath(), request, session.patienceUs);
+    Answer answer;
+    answer.failure = session.tunnels->Open(session.target, session.patienceUs);
+    if (!answer.IsThere())
+        return answer;
+    answer = Ask(session.tunnels->PathOf(session.target), request, session.patienceUs);
+    session.tunnels->Diagnose(session.target, answer, session.patienceUs);
+    return answer;
 }
 
 } // namespace arqctl

@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "arqctl/cli/exit_status.h"
 #include "arqctl/proxy/ask.h"
 #include "arqctl/proxy/target.h"
+#include "arqctl/proxy/tunnel.h"
 
 namespace arqctl {
 
@@ -16,13 +18,17 @@ struct Session {
     int64_t patienceUs = USUAL_PATIENCE_US; // of --timeout: for one answer of a proxy
     bool isJson = false; // of --json: standard output has JSON only, one object a line, an error included
 
+    // To the target where that is on another machine; one for the whole run.
+    std::shared_ptr<Tunnels> tunnels = std::make_shared<Tunnels>();
+
     // The chosen command, set while the command line is read.
     std::function<ExitStatus()> run;
 };
 
 // Says on standard error what is wrong and what to do, with "arqctl: " in front, and with --json also as an object
 // {"error": ..., "advice": ..., "status": ...} on standard output. Returns the status.
-ExitStatus Fail(const Session& session, ExitStatus status, const std::string& problem, const std::string& advice);
+ExitStatus Fail(
+    const Session& session, ExitStatus status, const std::string& problem, const std::string& advice);
 
 // The same for an exchange that failed.
 ExitStatus FailedAnswer(const Session& session, Failure failure);

@@ -1,0 +1,116 @@
+"""arqctl reaches proxies of other machines through ssh, and says which part of the way is missing."""
+
+import os
+import pathlib
+import signal
+import stat
+
+import pytest
+
+from txproxy import arqctl, control, ports, process, raw_control
+from txproxy.ssh_server import SshServer
+from txproxy.waiting import wait_until
+
+pytestmark = pytest.mark.release_only
+
+
+@pytest.fixture(scope="module")
+def server():
+    lease = ports.Lease()
+    opened = SshServer(lease.port())
+    yield opened
+    opened.close()
+    lease.close()
+
+
+def through(server, *arguments, **keywords):
+    return arqctl.run("--via", f"ssh:{server.HOST}", *arguments, env=server.environment(**keywords))
+
+
+def tunnel_folders(server):
+    return [path for path in server.folder.iterdir() if path.name.startswith("arqctl-")]
+
+
+def children(pid):
+    return [int(child) for task in process.threads(pid)
+            for child in pathlib.Path(f"/proc/{pid}/task/{task}/children").read_text(encoding="ascii").split()]
+
+
+def test_a_command_reaches_a_proxy_through_ssh_and_leaves_nothing_behind(server, start_proxy, net):
+    start_proxy("-a", "127.0.0.2,127.0.0.3")
+    result = through(server, "-I", net.instance, "list")
+    assert result == (arqctl.GOOD, "127.0.0.2\n127.0.0.3\n", "")
+    assert not tunnel_folders(server)
+
+
+def test_no_such_socket_over_there(server, net):
+    result = through(server, "-I", net.instance, "list")
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem == (f"there is no control socket {server.HOST}:{control.path(net.instance)}",
+                              f"start the proxy there, or see with 'arqctl --via ssh:{server.HOST} instances' which ones run")
+
+
+def test_a_socket_over_there_whose_proxy_has_ended(server, start_proxy, net):
+    start_proxy().stop()
+    result = through(server, "-I", net.instance, "list", "--json")
+    assert result.status == result.json["status"] == arqctl.NO_PROXY
+    assert result.json["error"] == f"nobody listens on {server.HOST}:{control.path(net.instance)}: its proxy has ended"
+
+
+def test_an_unknown_host_key_is_refused(server, net):
+    result = through(server, "-I", net.instance, "list", known_hosts="/dev/null")
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem[0] == f"the host key of {server.HOST} is not known here"
+
+
+def test_a_changed_host_key_is_refused(server, net):
+    result = through(server, "-I", net.instance, "list", known_hosts=server.change_known_key())
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem[0] == f"the host key of {server.HOST} has changed: it may be another machine"
+
+
+def test_a_key_that_the_other_side_does_not_know_is_refused(server, net):
+    result = through(server, "-I", net.instance, "list", key="other")
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem[0] == f"{server.HOST} refuses the login"
+
+
+def test_no_ssh_server_on_the_port(server, net, lease):
+    result = through(server, "-I", net.instance, "list", port=lease.port())
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem[0] == f"no ssh server answers on {server.HOST}"
+
+
+def test_no_ssh_program_here(net):
+    result = arqctl.run("--via", "ssh:edge1", "-I", net.instance, "list", env={"ARQCTL_SSH": "no-such-ssh -p 22"})
+    assert result.status == arqctl.NO_START
+    assert result.problem == ("there is no program no-such-ssh", "install openssh-client, or name another with ARQCTL_SSH")
+
+
+def test_an_ssh_server_that_forwards_nothing(start_proxy, net, lease, closing):
+    start_proxy("-a", "127.0.0.2")
+    strict = closing(SshServer(lease.port(), "AllowStreamLocalForwarding no"))
+    result = through(strict, "-I", net.instance, "list")
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem == (f"{strict.HOST} lets us in, but refuses to forward the control socket",
+                              "allow it in its sshd_config: AllowStreamLocalForwarding yes (or local)")
+
+
+def test_the_tunnel_is_private_and_ends_with_an_arqctl_that_is_killed(server, start_proxy, net, closing):
+    start_proxy()
+    with raw_control.connected(net.instance) as held:  # so that arqctl waits for its answer
+        held.sendall(b"RxStat")
+        assert held.recv(100)
+        waiting = closing(arqctl.Arqctl("--via", f"ssh:{server.HOST}", "-I", net.instance, "--timeout", "60s", "list",
+                                        env=server.environment()))  # fmt: skip
+        (folder,) = wait_until(lambda: tunnel_folders(server), "the tunnel's folder")
+        local = wait_until(lambda: list(folder.iterdir()), "the tunnel's socket")[0]
+        assert stat.S_IMODE(folder.stat().st_mode) == 0o700
+        assert stat.S_IMODE(local.stat().st_mode) == 0o600
+        (ssh,) = wait_until(lambda: children(waiting.pid), "ssh")
+        waiting.process.send_signal(signal.SIGKILL)
+        waiting.wait_exit()
+        wait_until(lambda: not os.path.exists(f"/proc/{ssh}"), "ssh to end too")
+    os.utime(folder, (0, 0))  # long ago
+    assert through(server, "-I", net.instance, "list").status == arqctl.GOOD
+    assert not tunnel_folders(server)  # what the killed one left is gone too
