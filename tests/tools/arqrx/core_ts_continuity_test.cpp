@@ -12,7 +12,7 @@ constexpr uint8_t PAYLOAD = 0x10;
 constexpr uint8_t ADAPTATION = 0x20;
 
 // A transport packet with an adaptation field of `flags` and nothing else, if it has one.
-Bytes Packet(uint16_t pid, int counter, uint8_t parts = PAYLOAD, uint8_t flags = 0, uint8_t content = 0)
+Bytes TsPacket(uint16_t pid, int counter, uint8_t parts = PAYLOAD, uint8_t flags = 0, uint8_t content = 0)
 {
     Bytes packet(188, content);
     packet[0] = 0x47;
@@ -38,69 +38,71 @@ TEST(ArqrxTsContinuity, CountersThatGoOnAndWrapAreNoErrors)
 {
     std::vector<Bytes> packets;
     for (int counter = 5; counter < 40; ++counter)
-        packets.push_back(Packet(256, counter));
+        packets.push_back(TsPacket(256, counter));
     EXPECT_EQ(ErrorsOf(packets), 0U);
 }
 
 TEST(ArqrxTsContinuity, AHoleIsOneErrorHoweverWideItIs)
 {
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(256, 3), Packet(256, 4) }), 1U);
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(256, 12), Packet(256, 13) }), 1U);
-    EXPECT_EQ(ErrorsOf({ Packet(256, 3), Packet(256, 2), Packet(256, 3) }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 3), TsPacket(256, 4) }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 12), TsPacket(256, 13) }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 3), TsPacket(256, 2), TsPacket(256, 3) }), 1U);
 }
 
 TEST(ArqrxTsContinuity, EachPidCountsForItself)
 {
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(257, 9), Packet(256, 2), Packet(257, 10) }), 0U);
-    EXPECT_EQ(ErrorsOf({ Packet(0x100, 1), Packet(0x1100, 9), Packet(0x100, 2) }), 0U) << "a PID has 13 bits";
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(257, 9), TsPacket(256, 2), TsPacket(257, 10) }), 0U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(0x100, 1), TsPacket(0x1100, 9), TsPacket(0x100, 2) }), 0U)
+        << "a PID has 13 bits";
 }
 
 TEST(ArqrxTsContinuity, APacketMayComeTwiceButNotThreeTimes)
 {
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(256, 1), Packet(256, 2) }), 0U);
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(256, 1), Packet(256, 1), Packet(256, 2) }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 1), TsPacket(256, 2) }), 0U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 1), TsPacket(256, 1), TsPacket(256, 2) }), 1U);
 }
 
 TEST(ArqrxTsContinuity, TheSameCounterWithAnotherPayloadIsAHoleOfFifteen)
 {
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1, PAYLOAD, 0, 7), Packet(256, 1, PAYLOAD, 0, 8) }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1, PAYLOAD, 0, 7), TsPacket(256, 1, PAYLOAD, 0, 8) }), 1U);
 }
 
 TEST(ArqrxTsContinuity, ADoubleMayHaveAnotherClockReference)
 {
-    Bytes second = Packet(256, 1, PAYLOAD | ADAPTATION);
+    Bytes second = TsPacket(256, 1, PAYLOAD | ADAPTATION);
     second[6] = 99;
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1, PAYLOAD | ADAPTATION), second, Packet(256, 2) }), 0U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1, PAYLOAD | ADAPTATION), second, TsPacket(256, 2) }), 0U);
 }
 
 TEST(ArqrxTsContinuity, APacketWithoutPayloadHasTheCounterOfTheOneBefore)
 {
-    EXPECT_EQ(
-        ErrorsOf({ Packet(256, 1), Packet(256, 1, ADAPTATION), Packet(256, 1, ADAPTATION), Packet(256, 2) }),
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 1, ADAPTATION), TsPacket(256, 1, ADAPTATION),
+                  TsPacket(256, 2) }),
         0U);
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(256, 2, ADAPTATION), Packet(256, 3) }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 2, ADAPTATION), TsPacket(256, 3) }), 1U);
 }
 
 TEST(ArqrxTsContinuity, AnAnnouncedDiscontinuityIsNoError)
 {
     constexpr uint8_t DISCONTINUITY = 0x80;
-    EXPECT_EQ(
-        ErrorsOf({ Packet(256, 1), Packet(256, 9, PAYLOAD | ADAPTATION, DISCONTINUITY), Packet(256, 10) }),
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(256, 9, PAYLOAD | ADAPTATION, DISCONTINUITY),
+                  TsPacket(256, 10) }),
         0U);
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(256, 9, PAYLOAD | ADAPTATION, 0x7F), Packet(256, 10) }), 1U);
+    EXPECT_EQ(
+        ErrorsOf({ TsPacket(256, 1), TsPacket(256, 9, PAYLOAD | ADAPTATION, 0x7F), TsPacket(256, 10) }), 1U);
 }
 
 TEST(ArqrxTsContinuity, AnEmptyAdaptationFieldHasNoFlags)
 {
-    Bytes stuffed = Packet(256, 9, PAYLOAD | ADAPTATION, 0x80);
+    Bytes stuffed = TsPacket(256, 9, PAYLOAD | ADAPTATION, 0x80);
     stuffed[4] = 0;
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), stuffed }), 1U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), stuffed }), 1U);
 }
 
 TEST(ArqrxTsContinuity, NullPacketsAndDamagedOnesDoNotCount)
 {
-    EXPECT_EQ(ErrorsOf({ Packet(0x1FFF, 1), Packet(0x1FFF, 7), Packet(0x1FFF, 2) }), 0U);
-    EXPECT_EQ(ErrorsOf({ Packet(256, 1), Packet(0x8000 | 256, 9), Packet(256, 2) }), 0U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(0x1FFF, 1), TsPacket(0x1FFF, 7), TsPacket(0x1FFF, 2) }), 0U);
+    EXPECT_EQ(ErrorsOf({ TsPacket(256, 1), TsPacket(0x8000 | 256, 9), TsPacket(256, 2) }), 0U);
 }
 
 TEST(ArqrxTsContinuity, WhatIsNoTransportStreamIsCountedAndNotLookedInto)
@@ -109,7 +111,7 @@ TEST(ArqrxTsContinuity, WhatIsNoTransportStreamIsCountedAndNotLookedInto)
     continuity.Add({});
     continuity.Add(Bytes(187, 0x47));
     continuity.Add(Bytes(189, 0x47));
-    Bytes second = Packet(256, 1);
+    Bytes second = TsPacket(256, 1);
     const Bytes noSync(188, 0x46);
     second.insert(second.end(), noSync.begin(), noSync.end());
     continuity.Add(second);
@@ -122,7 +124,7 @@ TEST(ArqrxTsContinuity, SevenPacketsOfAPayloadAreAllLookedAt)
 {
     Bytes payload;
     for (const int counter : { 0, 1, 2, 3, 4, 5, 7 }) {
-        const Bytes packet = Packet(256, counter);
+        const Bytes packet = TsPacket(256, counter);
         payload.insert(payload.end(), packet.begin(), packet.end());
     }
     TsContinuity continuity;
@@ -136,9 +138,9 @@ TEST(ArqrxTsContinuity, SevenPacketsOfAPayloadAreAllLookedAt)
 
 TEST(ArqrxTsContinuity, AnAdaptationFieldLongerThanThePacketIsNotRead)
 {
-    Bytes packet = Packet(256, 1, PAYLOAD | ADAPTATION);
+    Bytes packet = TsPacket(256, 1, PAYLOAD | ADAPTATION);
     packet[4] = 255;
-    EXPECT_EQ(ErrorsOf({ packet, packet, Packet(256, 2) }), 0U);
+    EXPECT_EQ(ErrorsOf({ packet, packet, TsPacket(256, 2) }), 0U);
 }
 
 } // namespace
