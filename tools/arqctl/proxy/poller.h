@@ -26,7 +26,12 @@ class Poller {
 public:
     Poller(std::vector<std::string> socketPaths, int64_t periodUs, int64_t patienceUs);
 
-    // What to wait for: adds the descriptors, and returns when Proceed is to be called at the latest.
+    // Another list of proxies. Those that stay in it go on as they were, under their new index; a question to one that
+    // does not is given up.
+    void Watch(std::vector<std::string> socketPaths);
+
+    // What to wait for: adds the descriptors, and returns when Proceed is to be called at the latest (never without
+    // paths: the largest time).
     int64_t Wait(std::vector<pollfd>& descriptors) const;
     // Goes on as far as it can; what has ended since.
     std::vector<PolledAnswer> Proceed(int64_t nowUs);
@@ -34,7 +39,7 @@ public:
 private:
     struct Asked {
         std::string path;
-        int64_t nextUs = 0;
+        int64_t nextUs = 0; // asked at once, and then a period after each beginning
         std::unique_ptr<Exchange> exchange;
     };
 
