@@ -197,6 +197,24 @@ TEST(Meter, WithoutLossBeforeAGapWithTheOtherCountsBackIsARestartToo)
     EXPECT_EQ(proxy.See({ 30, 2, 60 }, 0).totals.restarts, 1U);
 }
 
+TEST(Meter, WithoutAGapOrAProcessNumberAllCountsBackAreAReset)
+{
+    Watched proxy;
+    (void)proxy.See({ 5000, 10, 10000 }, 0);
+    const Reading& reading = proxy.See({ 30, 0, 60 }, 0);
+    EXPECT_EQ(reading.totals.restarts, 0U);
+    EXPECT_EQ(reading.totals.resets, 1U);
+}
+
+TEST(Meter, ANewProcessHasNoRatesYetAndNothingMissing)
+{
+    Watched proxy;
+    (void)proxy.See({ 5000, 10, 10000 });
+    EXPECT_GT(proxy.See({ 6000, 10, 11950 }).rates.sent, 0); // 50 are missing
+    EXPECT_EQ(proxy.See({ 100, 0, 200 }, PID + 1).rates, Rates());
+    EXPECT_EQ(proxy.See({ 200, 0, 403 }, PID + 1).totals.sentBeyond, 3U);
+}
+
 TEST(Meter, CountsBackInTheSameProcessAreAResetEvenAfterAGap)
 {
     Watched proxy;
@@ -305,6 +323,8 @@ TEST(Meter, AReceiverInAnothersPlaceIsNeither)
     (void)proxy.See({ 2000, 0, 3100 }); // 900 ms passed between them
     (void)proxy.See({ 3000, 0, 5100 });
     EXPECT_EQ(proxy.See({ 4000, 0, 7100 }).totals, (Totals { .received = 4000, .sent = 7100 }));
+    proxy.SetReceivers({ "10.0.0.3", "10.0.0.4" });
+    EXPECT_EQ(proxy.See({ 5000, 0, 10000 }).totals.sentBeyond, 0U) << "for 900 ms there were three";
 }
 
 TEST(Meter, TwoReceiversOfOneAddressAreTwo)

@@ -158,6 +158,16 @@ TEST(Poller, AnotherListLeavesTheQuestionsOfThoseThatStay)
     EXPECT_EQ(second.Accept(), "") << "its period has not passed";
 }
 
+TEST(Poller, APathThatIsNamedTwiceIsAskedTwice)
+{
+    FakeControl proxy("h");
+    Poller poller({ proxy.Path(), proxy.Path() }, SECOND, PATIENCE);
+    poller.Watch({ proxy.Path(), proxy.Path() });
+    (void)poller.Proceed(0);
+    EXPECT_EQ(proxy.Accept(), "AllStats");
+    EXPECT_EQ(proxy.Accept(), "AllStats");
+}
+
 TEST(Poller, WithoutPathsThereIsNothingToWaitFor)
 {
     Poller poller({}, SECOND, PATIENCE);
