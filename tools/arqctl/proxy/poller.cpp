@@ -55,7 +55,8 @@ std::vector<PolledAnswer> Poller::Proceed(int64_t nowUs)
         if (!asked.exchange->IsOver())
             continue;
         const Exchange& over = *asked.exchange;
-        ended.push_back({ i, { over.Reason(), over.Reply(), over.PeerPid() }, nowUs });
+        const int64_t askedUs = asked.nextUs - m_periodUs;
+        ended.push_back({ i, { over.Reason(), over.Reply(), over.PeerPid() }, nowUs, nowUs - askedUs });
         asked.exchange.reset();
     }
     return ended;

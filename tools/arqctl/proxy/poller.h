@@ -16,6 +16,7 @@ struct PolledAnswer {
     size_t index = 0; // of the path
     Answer answer;
     int64_t atUs = 0;
+    int64_t tookUs = 0; // since it was asked
 };
 
 // Asks several proxies AllStats, each once a period and never more often: a proxy that does not answer holds none of the
