@@ -44,6 +44,7 @@ int Run(int argc, char** argv)
     CLI::App app("Talks to running proxies, and shows them.", "arqctl");
     AddCommonOptions(app, session);
     AddListCommand(app, session);
+    AddServeCommand(app, session);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {

@@ -8,5 +8,6 @@ namespace arqctl {
 
 // Each adds one command with its options to the program; chosen, it sets session.run. One file a command.
 void AddListCommand(CLI::App& app, Session& session);
+void AddServeCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl

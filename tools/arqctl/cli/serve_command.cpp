@@ -1,0 +1,83 @@
+#include <memory>
+
+#include "arqctl/cli/commands.h"
+#include "arqctl/serve/options.h"
+
+namespace arqctl {
+
+namespace {
+
+// One second passes between questions: who takes longer is as good as gone.
+constexpr int64_t SERVE_PATIENCE_US = 3'000'000;
+
+bool AddTargets(const std::vector<std::string>& texts, std::vector<Target>& targets, std::string& wrong)
+{
+    for (const std::string& text : texts) {
+        Target target;
+        wrong = text;
+        if (!ParseTarget(text, target))
+            return false;
+        targets.push_back(target);
+    }
+    return true;
+}
+
+bool AddNames(
+    const std::vector<std::string>& texts, std::map<std::string, std::string>& names, std::string& wrong)
+{
+    for (const std::string& text : texts) {
+        const size_t equals = text.rfind('=');
+        Target target;
+        wrong = text;
+        if (equals == std::string::npos || equals + 1 == text.size()
+            || !ParseTarget(text.substr(0, equals), target))
+            return false;
+        names[target.Name()] = text.substr(equals + 1);
+    }
+    return true;
+}
+
+// What is read as text at first.
+struct ServeWords {
+    ServeOptions options;
+    std::vector<std::string> targets;
+    std::vector<std::string> names;
+};
+
+ExitStatus RunServe(const Session& session, ServeWords& words)
+{
+    std::string wrong;
+    if (!AddTargets(words.targets, words.options.targets, wrong))
+        return Fail(session, ExitStatus::Usage, "'" + wrong + "' is no proxy",
+            "write 2, ssh:HOST/2 or the path of a socket");
+    if (!AddNames(words.names, words.options.channelNames, wrong))
+        return Fail(
+            session, ExitStatus::Usage, "'" + wrong + "' names no channel", "write --channel-name 2=News");
+    words.options.patienceUs = SERVE_PATIENCE_US;
+    const ServeEnd end = Serve(words.options);
+    return end.problem.empty() ? ExitStatus::Good
+                               : Fail(session, ExitStatus::NoStart, end.problem, end.advice);
+}
+
+} // namespace
+
+void AddServeCommand(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand("serve", "a web page of channels, and metrics");
+    const auto words = std::make_shared<ServeWords>();
+    command->add_option("--listen", words->options.listen, "address and port of the page [127.0.0.1:8080]");
+    command->add_option(
+        "--allow-host", words->options.allowedHosts, "another name under which the page is asked for");
+    command->add_flag("--allow-control", words->options.isControlAllowed,
+        "add, delete and impair through the page, with a token");
+    command->add_option(
+        "--token-file", words->options.tokenFile, "the token, 16 characters at least [one is made]");
+    command->add_option(
+        "--reports", words->options.reports, "where receivers report to, by UDP, or off [as --listen]");
+    command->add_option("--channel-name", words->names, "2=News: what a channel is called");
+    command->add_option("targets", words->targets, "2, ssh:HOST/2 or /path/of/socket [all that run here]");
+    command->callback(
+        [&session, words] { session.run = [&session, words] { return RunServe(session, *words); }; });
+}
+
+} // namespace arqctl

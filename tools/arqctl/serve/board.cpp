@@ -1,0 +1,108 @@
+#include "arqctl/serve/board.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "common/clock.h"
+
+namespace arqctl {
+
+namespace {
+
+// An answer a second is asked for; one that was late still stands for a second.
+constexpr int64_t FRESH_US = 2'500'000;
+// The loop may come late and leave a second out.
+constexpr int64_t MOST_FILLED = 3;
+
+float& At(HistorySample& sample, Curve curve)
+{
+    return sample[static_cast<size_t>(curve)];
+}
+
+// Counts are told by their growth since the last known second, so that each lost packet is in the history once.
+void AddGrowth(HistorySample& sample, const Channel& channel, int64_t second)
+{
+    const auto seconds = static_cast<float>(std::max<int64_t>(second - channel.secondBefore, 1));
+    const Totals& now = channel.watched.reading.totals;
+    const Totals& before = channel.totalsBefore;
+    At(sample, Curve::Lost) = static_cast<float>(now.lost - before.lost) / seconds;
+    At(sample, Curve::SentBeyond) = static_cast<float>(now.sentBeyond - before.sentBeyond) / seconds;
+    At(sample, Curve::Withheld) = static_cast<float>(now.withheld - before.withheld) / seconds;
+}
+
+HistorySample SampleOf(const Channel& channel, int64_t second)
+{
+    HistorySample sample = UnknownSample();
+    const Reading& reading = channel.watched.reading;
+    At(sample, Curve::InputBitRate) = static_cast<float>(reading.statistics.receivedBitRate);
+    At(sample, Curve::OutputBitRate) = static_cast<float>(reading.statistics.sentBitRate);
+    At(sample, Curve::InputPackets) = static_cast<float>(reading.rates.inputPackets);
+    At(sample, Curve::Receivers) = static_cast<float>(reading.statistics.receivers.size());
+    if (channel.secondBefore >= 0)
+        AddGrowth(sample, channel, second);
+    return sample;
+}
+
+void AddToHistory(Channel& channel, int64_t nowUs)
+{
+    const int64_t second = nowUs / common::US_PER_SECOND;
+    const Reading& reading = channel.watched.reading;
+    if (!reading.isUp || nowUs - reading.atUs > FRESH_US || second == channel.secondBefore)
+        return;
+    const HistorySample sample = SampleOf(channel, second);
+    const bool isClose = channel.secondBefore >= 0 && second - channel.secondBefore <= MOST_FILLED;
+    for (int64_t filled = isClose ? channel.secondBefore + 1 : second; filled <= second; filled++)
+        channel.history.Add(filled, sample);
+    channel.secondBefore = second;
+    channel.totalsBefore = reading.totals;
+}
+
+} // namespace
+
+void Board::Take(const WatchedChannels& seen, int64_t nowUs)
+{
+    for (const WatchedChannel& one : seen) {
+        Channel& channel = Shown(one, nowUs);
+        channel.watched = one;
+        const bool wasAsked = one.reading.hasBeenUp || one.failures > 0;
+        if (!wasAsked)
+            continue;
+        channel.alarm.Take(one.reading, nowUs);
+        if (one.reading.isUp)
+            channel.receivers.Take(one.reading.statistics.receivers, nowUs);
+        AddToHistory(channel, nowUs);
+    }
+}
+
+Channel& Board::Shown(const WatchedChannel& seen, int64_t nowUs)
+{
+    if (Channel* const channel = Find(seen.id))
+        return *channel;
+    const auto name = m_names.find(seen.id);
+    m_channels.push_back(
+        std::make_unique<Channel>(seen, name == m_names.end() ? seen.id : name->second, nowUs));
+    return *m_channels.back();
+}
+
+Channel* Board::Find(const std::string& id) const
+{
+    for (const auto& channel : m_channels) {
+        if (channel->watched.id == id)
+            return channel.get();
+    }
+    return nullptr;
+}
+
+bool Board::IsFresh(std::string& reason) const
+{
+    for (const auto& channel : m_channels) {
+        if (channel->watched.reading.isUp)
+            return true;
+        reason = channel->watched.problem.empty() ? "no answer yet" : channel->watched.problem;
+    }
+    if (m_channels.empty())
+        reason = "no proxy was found";
+    return false;
+}
+
+} // namespace arqctl

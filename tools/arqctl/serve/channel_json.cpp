@@ -1,0 +1,122 @@
+#include "arqctl/serve/channel_json.h"
+
+#include <cmath>
+#include <ctime>
+
+#include "common/clock.h"
+
+namespace arqctl {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Milliseconds and thousandths are as much as anyone reads.
+double Rounded(double value)
+{
+    constexpr double PARTS = 1000;
+    return std::round(value * PARTS) / PARTS;
+}
+
+Json InputObject(const WatchedChannel& watched, const Moment& now)
+{
+    const Reading& reading = watched.reading;
+    Json object { { "bit_rate", reading.isUp ? reading.statistics.receivedBitRate : 0 },
+        { "packets", reading.totals.received }, { "packet_rate", Rounded(reading.rates.inputPackets) },
+        { "lost", reading.totals.lost }, { "loss_rate", Rounded(reading.rates.lost) } };
+    if (reading.hasBeenUp)
+        object["silent_s"] = Rounded(static_cast<double>(now.monotonicUs - reading.inputChangedUs) / 1e6);
+    const UdpSocketFacts* const socket = watched.facts ? watched.facts->Input() : nullptr;
+    if (socket)
+        object["kernel_drops"] = socket->drops;
+    return object;
+}
+
+Json OutputObject(const Reading& reading)
+{
+    return { { "bit_rate", reading.isUp ? reading.statistics.sentBitRate : 0 },
+        { "packets", reading.totals.sent }, { "packet_rate", Rounded(reading.rates.sent) },
+        { "sent_beyond", reading.totals.sentBeyond },
+        { "sent_beyond_rate", Rounded(reading.rates.sentBeyond) }, { "withheld", reading.totals.withheld },
+        { "withheld_rate", Rounded(reading.rates.withheld) } };
+}
+
+Json OptionsObject(const ProxyOptions& options)
+{
+    return { { "listen_port", options.listenPort }, { "group", options.group },
+        { "media_port", options.mediaPort }, { "request_port", options.requestPort },
+        { "ring_packets", options.ringPackets }, { "gross_bit_rate", options.grossBitRate },
+        { "pacing_bit_rate", options.pacingBitRate } };
+}
+
+Json ReceiversArray(const Channel& channel, const Moment& now)
+{
+    Json array = Json::array();
+    for (const WatchedReceiver& receiver : channel.receivers.All()) {
+        array.push_back(
+            { { "address", receiver.address }, { "state", receiver.isReceiving ? "receiving" : "gone" },
+                { "since", Rounded(now.UnixOf(receiver.sinceUs)) } });
+    }
+    return array;
+}
+
+Json Column(const std::vector<float>& values)
+{
+    Json column = Json::array();
+    for (const float value : values)
+        column.push_back(std::isnan(value) ? Json() : Json(Rounded(static_cast<double>(value))));
+    return column;
+}
+
+constexpr const char* CURVE_NAMES[] = { "input_bit_rate", "output_bit_rate", "input_packets", "lost",
+    "sent_beyond", "withheld", "receivers", "reported_missing", "reported_recovered", "reported_lost" };
+static_assert(std::size(CURVE_NAMES) == CURVES);
+
+} // namespace
+
+Moment ThisMoment()
+{
+    timespec wall {};
+    (void)clock_gettime(CLOCK_REALTIME, &wall);
+    return { common::NowUs(), static_cast<double>(wall.tv_sec) + static_cast<double>(wall.tv_nsec) / 1e9 };
+}
+
+Json ChannelObject(const Channel& channel, const Moment& now)
+{
+    const WatchedChannel& watched = channel.watched;
+    Json object { { "id", watched.id }, { "name", channel.name }, { "state", NameOf(channel.alarm.State()) },
+        { "state_text", channel.alarm.Text() }, { "since", Rounded(now.UnixOf(channel.alarm.SinceUs())) },
+        { "up", watched.reading.isUp }, { "input", InputObject(watched, now) },
+        { "output", OutputObject(watched.reading) }, { "resets", watched.reading.totals.resets },
+        { "restarts", watched.reading.totals.restarts } };
+    if (watched.facts)
+        object["options"] = OptionsObject(watched.facts->options);
+    object["receivers"] = ReceiversArray(channel, now);
+    object["reports"] = Json::array();
+    return object;
+}
+
+Json ChannelsObject(const Board& board, bool isControlAllowed, const Moment& now)
+{
+    Json channels = Json::array();
+    for (const auto& channel : board.All())
+        channels.push_back(ChannelObject(*channel, now));
+    return { { "version", TX_PROXY_VERSION }, { "time", Rounded(now.unixSeconds) },
+        { "allow_control", isControlAllowed }, { "channels", std::move(channels) } };
+}
+
+Json HistoryObject(const Channel& channel, int64_t span, int64_t points, const Moment& now)
+{
+    const int64_t second = now.monotonicUs / common::US_PER_SECOND - 1; // the running one has no sample yet
+    const History::Columns columns = channel.history.Read(second, span, points);
+    Json times = Json::array();
+    for (const int64_t begin : columns.seconds)
+        times.push_back(std::llround(now.UnixOf(begin * common::US_PER_SECOND)));
+    Json object { { "channel", channel.watched.id }, { "step_s", columns.stepSeconds },
+        { "time", std::move(times) } };
+    for (size_t curve = 0; curve < CURVES; curve++)
+        object[CURVE_NAMES[curve]] = Column(columns.values[curve]);
+    return object;
+}
+
+} // namespace arqctl

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "arqctl/proxy/target.h"
+
+namespace arqctl {
+
+// What the command line of the server says.
+struct ServeOptions {
+    std::string listen = "127.0.0.1:8080"; // ADDRESS:PORT, [ADDRESS]:PORT, *:PORT
+    std::vector<std::string> allowedHosts;
+    bool isControlAllowed = false;
+    std::string tokenFile; // "": one is made
+    std::string reports; // ADDRESS:PORT for the reports of receivers; "": as listen; "off"
+    std::map<std::string, std::string> channelNames; // by Target::Name()
+    std::vector<Target> targets; // empty: whatever runs here
+    int64_t patienceUs = 0; // for one answer of a proxy
+};
+
+// Why the server does not start, or has ended.
+struct ServeEnd {
+    std::string problem; // "": it was told to end
+    std::string advice;
+};
+
+// Serves until SIGTERM or SIGINT. Threads: the caller's for all of HTTP, and some of its own that ask the proxies.
+ServeEnd Serve(const ServeOptions& options);
+
+} // namespace arqctl
