@@ -113,6 +113,7 @@ std::optional<Transmit> Receiver::Engine::NextTransmit()
         return std::nullopt;
     ++m_figures.requests;
     m_figures.numbersAsked += numbers.size();
+    m_mostAsked.Add(static_cast<uint32_t>(numbers.size()), m_nNowUs);
     return Transmit { ProxyPort::Request, m_writer.Request(numbers, m_asker.Window()) };
 }
 

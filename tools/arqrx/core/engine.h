@@ -11,6 +11,7 @@
 #include "arqrx/core/packet_buffer.h"
 #include "arqrx/core/probation.h"
 #include "arqrx/core/receiver.h"
+#include "arqrx/core/recent_most.h"
 #include "arqrx/core/recover_times.h"
 #include "arqrx/core/reorder_tolerance.h"
 #include "arqrx/core/round_trip.h"
@@ -88,6 +89,7 @@ private:
     Timeline m_timeline; // empty before the first packet
     Probation m_probation;
     RecoverTimes m_recoverTimes;
+    RecentMost m_mostAsked;
     uint64_t m_nTimesRead = 0; // recover times that the figures know
 
     bool m_bBegun = false; // a time is known

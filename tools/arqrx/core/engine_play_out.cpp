@@ -88,6 +88,7 @@ void Receiver::Engine::FreeOut()
 
 void Receiver::Engine::ReadGauges()
 {
+    m_figures.mostAsked = m_mostAsked.Most(m_nNowUs);
     m_figures.buffered = m_packets.Count() - (m_pOut != nullptr ? 1 : 0);
     m_figures.bufferedUs = m_nHere == NONE ? 0 : std::max<int64_t>(m_nNewestDueUs - NextDueUs(), 0);
     m_figures.roundTripUs = m_roundTrip.SmoothedUs();

@@ -30,6 +30,7 @@ struct Figures {
     uint64_t strangers = 0; // datagrams that are nothing of ours; they count as nothing else
     uint64_t overflows = 0; // packets dropped because as many waited as may
 
+    uint32_t mostAsked = 0; // numbers in the largest request of the last second
     uint64_t buffered = 0; // packets here that wait for their time
     int64_t bufferedUs = 0; // from the next to play out to the newest
     int64_t roundTripUs = -1; // smoothed; -1: not known yet

@@ -16,10 +16,9 @@ struct RequestWindow {
     // What the proxy forgets: (retries + 1) x interval + extra.
     int64_t MaximumAgeMs() const { return (int64_t { retries } + 1) * intervalMs + extraMs; }
     // (retries x interval + extra) x bit rate / 8000, the product in 32 bits that wrap, as the proxy reckons it.
-    uint32_t BudgetBytes(uint32_t bitRate) const
-    {
-        return (uint32_t { retries } * intervalMs + extraMs) * bitRate / 8000;
-    }
+    uint32_t BudgetBytes(uint32_t bitRate) const { return BudgetMs() * bitRate / 8000; }
+    // What the budget covers.
+    uint32_t BudgetMs() const { return uint32_t { retries } * intervalMs + extraMs; }
 };
 
 // A window that covers the latency and a round trip as long as can be of use within it. Of those that are hardly
