@@ -7,7 +7,7 @@ import urllib.request
 from txproxy import arqrx, rtp
 from txproxy.arqrx import Arqrx, send_evenly
 from txproxy.page import Page, quoted
-from txproxy.receiver import Sender
+from txproxy.receiver import Receiver, Sender
 
 PAGE = Page("receiver.md")
 OPTION = re.compile(r"^  (?:-h,)?(--[a-z-]+)", re.MULTILINE)
@@ -34,7 +34,7 @@ def options_of_help():
     found = {}
     for block in blocks:
         text = re.sub(r"\s+", " ", re.split(r"\n\n", block)[0].strip().removeprefix("-h,"))
-        name = re.match(r"--[a-z-]+(?: \[?[A-Z][A-Za-z|:\[\]]*(?:\|[a-z|]+)?(?= ))?", text).group()
+        name = re.match(r"--[a-z-]+(?: \[?[A-Z][A-Za-z|:/\[\]]*(?:\|[a-z|]+)?(?= ))?", text).group()
         default = re.search(r" \[([^\]]+)\]$", text)
         found[name] = default.group(1) if default else None
     return found
@@ -87,6 +87,22 @@ def field_of(metric):
     if name.endswith("_seconds"):
         return name.removesuffix("_seconds") + "_ms"
     return name.removesuffix("_total")
+
+
+def test_every_field_of_a_report_is_on_the_page_and_no_other(closing, net):
+    server = closing(Receiver("127.0.0.1"))
+    receiver = closing(Arqrx("--listen", f"{arqrx.LOCAL}:{net.destination}", "--latency", "100ms", "--json", "--proxy-request",
+                             "127.0.0.1:1", "--interval", "100ms", "--report", f"127.0.0.1:{server.address[1]}/1"))  # fmt: skip
+    receiver.wait_ready()
+    closing(Sender(arqrx.LOCAL, net.destination)).send(rtp.packet(1, b"x"))
+    receiver.wait_played(1)
+    server.wait_count(2)
+    assert receiver.end() == arqrx.GOOD
+    server.wait_for(lambda datagram: b'"final":true' in datagram.data)
+    fields = {"round_trip_ms"}.union(*map(json.loads, server.payloads))
+    own = {quoted(cells[0])[0] for cells in PAGE.rows("Reports")}
+    shared = {quoted(cells[0])[0] for cells in PAGE.rows("JSON")} & set(quoted(PAGE.section("Reports")))
+    assert fields == own | shared
 
 
 def test_the_lines_for_people_have_the_columns_of_the_page():

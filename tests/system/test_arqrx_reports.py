@@ -9,7 +9,7 @@ import pytest
 
 from txproxy import arqrx, rtp
 from txproxy.arqrx import Arqrx, send_evenly
-from txproxy.receiver import Sender
+from txproxy.receiver import Receiver, Sender
 from txproxy.waiting import wait_until
 
 PER_SECOND = 200
@@ -216,3 +216,45 @@ def test_help_and_version_go_to_standard_output():
     status, stdout, stderr = arqrx.run("--version")
     assert (status, stderr) == (arqrx.GOOD, "")
     assert re.fullmatch(r"arqrx \d+\.\d+\.\d+\n", stdout)
+
+
+def test_a_server_is_told_once_a_second_from_where_the_stream_comes_to_and_at_the_end(closing, net, source):
+    server = closing(Receiver("127.0.0.1"))
+    port = server.address[1]
+    receiver = closing(Arqrx(*listening(net, "--json", "--report", f"localhost:{port}", "--report-name", "studio-b")))
+    wait_bound(net)
+    send(source)
+    server.wait_count(3)
+    assert receiver.end() == arqrx.GOOD
+    last = server.wait_for(lambda datagram: b'"final":true' in datagram.data)
+    assert {datagram.source[0] for datagram in server.datagrams} == {arqrx.LOCAL}
+    assert all(later.time - earlier.time > 0.9 for earlier, later in zip(server.datagrams, server.datagrams[1:3]))
+    assert all(len(data) <= 1400 for data in server.payloads)
+    told, printed = json.loads(last.data), receiver.figures()
+    assert told["name"] == "studio-b"
+    assert told["packets_received"] == COUNT
+    shared = told.keys() & printed.keys()
+    assert len(shared) > 15
+    assert {name: told[name] for name in shared} == {name: printed[name] for name in shared}
+
+
+def test_a_server_that_is_not_there_is_told_once_and_gets_reports_when_it_comes(closing, net, source, lease):
+    port = lease.port()
+    receiver = closing(Arqrx(*listening(net, "--json", "--interval", "100ms", "--report", f"127.0.0.1:{port}")))
+    wait_bound(net)
+    send(source)
+    receiver.wait_played(COUNT)
+    told = f"arqrx: reports do not arrive: cannot reach 127.0.0.1:{port}: Connection refused; the stream goes on\n"
+    receiver.wait_figures(lambda figures: figures["run_s"] > 3.2, "several reports to be refused")
+    server = closing(Receiver("127.0.0.1", port))
+    server.wait_count(1)
+    assert receiver.end() == arqrx.GOOD
+    assert receiver.stderr.text == told
+    assert receiver.figures()["packets_played"] == COUNT
+
+
+def test_a_server_that_nobody_knows_ends_the_start():
+    status, stdout, stderr = arqrx.run("--listen", "127.0.0.2:1", "--json", "--report", "no-such-host.invalid:1")
+    assert status == arqrx.NO_START
+    assert stderr.startswith("arqrx: cannot find the server of --report: host 'no-such-host.invalid' is unknown: ")
+    assert json.loads(stdout)["status"] == arqrx.NO_START

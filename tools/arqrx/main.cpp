@@ -12,6 +12,7 @@
 #include "arqrx/cli/command_line.h"
 #include "arqrx/cli/json_report.h"
 #include "arqrx/cli/metrics.h"
+#include "arqrx/cli/server_report.h"
 #include "arqrx/program/run.h"
 #include "arqrx/program/text_report.h"
 
@@ -65,9 +66,14 @@ int Receive(const Options& options, const Voice& voice)
         return voice.Fail(ExitStatus::NoStart,
             "cannot serve metrics on " + options.metrics + "; take another port with --metrics ADDRESS:PORT");
     }
+    ReportSender sender;
+    if (!options.report.host.empty() && !sender.Open(options.report, parts.sockets.Local().address, problem))
+        return voice.Fail(ExitStatus::NoStart, problem);
+    ServerReport serverReport(StreamName(options), options);
     const std::unique_ptr<Report> report = MakeReport(options);
     LinePrinter figures(voice.figuresFd);
-    return static_cast<int>(RunReceiver(options, std::move(parts), board, *report, figures));
+    return static_cast<int>(
+        RunReceiver(options, std::move(parts), board, *report, figures, { serverReport, sender }));
 }
 
 // Also when options are wrong: who reads JSON gets an object in any case.

@@ -110,6 +110,19 @@ TEST(ArqrxCommandLine, MetricsAreOnThisHostUnlessToldOtherwise)
     EXPECT_EQ(OptionsOf({ "h", "--metrics", "*:9750" }).metrics, "0.0.0.0:9750");
 }
 
+TEST(ArqrxCommandLine, ReportsGoToTheServerUnderTheNameThatWasGiven)
+{
+    const arqrx::Options options
+        = OptionsOf({ "h", "--report", "wall:8080/edge1/2", "--report-name", "studio b" });
+    EXPECT_EQ(options.report, (arqrx::ReportAddress { "wall", 8080, "edge1/2" }));
+    EXPECT_EQ(options.reportName, "studio b");
+    EXPECT_EQ(OptionsOf({ "h" }).report.host, "");
+    EXPECT_EQ(ErrorOf({ "h", "--report", "wall" }), "--report: 'wall' is not HOST:PORT or HOST:PORT/CHANNEL");
+    EXPECT_EQ(ErrorOf({ "h", "--report", "wall:1", "--report-name", "" }),
+        "--report-name: '' is not a name of 1 to 64 bytes without control characters");
+    EXPECT_EQ(ErrorOf({ "h", "--report-name", "x" }), "--report-name goes with --report HOST:PORT");
+}
+
 TEST(ArqrxCommandLine, FailingOnLossAllowsNone)
 {
     EXPECT_FALSE(OptionsOf({ "h" }).mostLoss.has_value());

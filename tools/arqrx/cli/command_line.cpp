@@ -30,6 +30,8 @@ constexpr auto EXAMPLES = R"(Examples:
       a stream that the proxy sends by itself (its -a), given on to a group
   arqrx 10.0.0.1 --json --interval 10s --metrics 9750
       no output: figures only, as JSON and for Prometheus
+  arqrx 10.0.0.1 --output - --report 10.0.0.5:8080 --report-name studio-b
+      tell the control room, where arqctl serve runs, what was lost
 
 Exit status: 0 good, 1 more lost than --fail-on-loss or --max-loss allow,
 2 wrong usage, 3 no media ever came, 4 could not start, 5 an output failed.
@@ -277,6 +279,26 @@ void AddReportOptions(CLI::App& app, Options& options)
            },
            "for Prometheus, at /metrics; a port alone is on 127.0.0.1")
         ->type_name("[ADDRESS:]PORT")
+        ->group(group);
+    app.add_option_function<std::string>(
+           "--report",
+           [&options](const std::string& text) {
+               std::string problem;
+               if (!ParseReportAddress(text, options.report, problem))
+                   throw CLI::ValidationError("--report", problem);
+           },
+           "figures for an arqctl serve, each second; CHANNEL as it names the proxy, found by itself without")
+        ->type_name("HOST:PORT[/CHANNEL]")
+        ->group(group);
+    app.add_option_function<std::string>(
+           "--report-name",
+           [&options](const std::string& text) {
+               if (!IsReportText(text, LONGEST_REPORT_NAME))
+                   Refuse("--report-name", text, "a name of 1 to 64 bytes without control characters");
+               options.reportName = text;
+           },
+           "who this is in reports; this machine's name without")
+        ->type_name("NAME")
         ->group(group);
 }
 

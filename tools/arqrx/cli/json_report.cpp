@@ -1,10 +1,10 @@
 #include "arqrx/cli/json_report.h"
 
-#include <cmath>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "arqrx/cli/json_values.h"
 #include "arqrx/program/fields.h"
 
 namespace arqrx {
@@ -12,8 +12,6 @@ namespace arqrx {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr double THOUSAND = 1000;
 
 std::string Timestamp(int64_t wallSeconds)
 {
@@ -23,23 +21,6 @@ std::string Timestamp(int64_t wallSeconds)
     char text[32] {};
     (void)strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
     return text;
-}
-
-// Microseconds to milliseconds, or milliseconds to seconds.
-double Thousandth(int64_t value)
-{
-    return static_cast<double>(value) / THOUSAND;
-}
-
-double Seconds(int64_t us)
-{
-    return std::round(static_cast<double>(us) / THOUSAND) / THOUSAND;
-}
-
-void AddKnownMs(Json& object, const std::string& name, int64_t us)
-{
-    if (us >= 0)
-        object[name + "_ms"] = Thousandth(us);
 }
 
 Json OutputObject(const OutputFigures& output)
@@ -99,7 +80,7 @@ std::string JsonReport::Interval(const Sample& now, int64_t wallSeconds)
         return "";
     Json object = Object(now, m_stream, wallSeconds);
     if (us > 0)
-        object["bit_rate"] = std::llround(static_cast<double>(bytes) * 8e6 / static_cast<double>(us));
+        object["bit_rate"] = BitRateOf(bytes, us);
     return Line(object);
 }
 

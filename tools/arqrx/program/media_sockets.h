@@ -32,6 +32,8 @@ public:
     // Waits for a datagram, for `other` to become readable or until `untilUs` of the monotonic clock.
     void Wait(int64_t untilUs, int other) const;
 
+    // From where the proxy is spoken to; all 0 where nothing but a group is heard.
+    common::Endpoint Local() const { return m_unicast.Local(); }
     uint64_t SendFailures() const { return m_nSendFailures; }
     // Datagrams that the kernel had no room for.
     uint64_t Drops() const;

@@ -64,6 +64,13 @@ std::string OutputContradiction(const Options& options)
     return "";
 }
 
+std::string ReportContradiction(const Options& options)
+{
+    if (!options.reportName.empty() && options.report.host.empty())
+        return "--report-name goes with --report HOST:PORT";
+    return "";
+}
+
 } // namespace
 
 bool Options::WritesToStandardOutput() const
@@ -74,7 +81,8 @@ bool Options::WritesToStandardOutput() const
 
 std::string Contradiction(const Options& options)
 {
-    for (const auto find : { SourceContradiction, RangeContradiction, OutputContradiction }) {
+    for (const auto find :
+        { SourceContradiction, RangeContradiction, OutputContradiction, ReportContradiction }) {
         std::string found = find(options);
         if (!found.empty())
             return found;

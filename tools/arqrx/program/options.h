@@ -7,6 +7,7 @@
 
 #include "arqrx/core/settings.h"
 #include "arqrx/program/output_address.h"
+#include "arqrx/program/report_address.h"
 #include "common/clock.h"
 #include "common/endpoint.h"
 
@@ -37,6 +38,8 @@ struct Options {
     bool isQuiet = false;
     int64_t intervalUs = common::US_PER_SECOND; // of the figures
     std::string metrics; // ADDRESS:PORT; empty: off
+    ReportAddress report; // where reports go
+    std::string reportName; // who we are in them; empty: this machine's name
 
     int64_t durationUs = 0; // 0: until a signal
     int64_t exitAfterSilenceUs = 0; // 0: silence ends nothing

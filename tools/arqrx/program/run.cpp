@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <csignal>
 #include <ctime>
 #include <thread>
@@ -20,6 +21,7 @@ namespace arqrx {
 
 namespace {
 
+constexpr int64_t REPORT_INTERVAL_US = common::US_PER_SECOND;
 constexpr int64_t SAMPLE_PATIENCE_US = common::US_PER_SECOND;
 constexpr int LAST_LINES_PATIENCE_MS = 1000;
 
@@ -117,6 +119,51 @@ private:
     Sample m_before;
 };
 
+// Tells the server each second.
+class Teller {
+public:
+    Teller(SampleBoard& board, const ServerLine& server)
+        : m_board(board),
+          m_server(server),
+          m_nDueUs(common::NowUs() + REPORT_INTERVAL_US)
+    {
+    }
+
+    int64_t WaitMs() const
+    {
+        if (!m_server.sender.IsOpen())
+            return INT_MAX;
+        return std::max<int64_t>(0, m_nDueUs - common::NowUs()) / common::US_PER_MS + 1;
+    }
+
+    void TellIfDue()
+    {
+        const int64_t nowUs = common::NowUs();
+        if (!m_server.sender.IsOpen() || nowUs < m_nDueUs)
+            return;
+        m_nDueUs = std::max(m_nDueUs + REPORT_INTERVAL_US, nowUs);
+        Send(m_server.report.Interval(m_board.Fresh(SAMPLE_PATIENCE_US), time(nullptr)));
+    }
+
+    void TellLast(const Sample& last, const RunEnd& end)
+    {
+        if (m_server.sender.IsOpen())
+            Send(m_server.report.Last(last, end, time(nullptr)));
+    }
+
+private:
+    void Send(const std::string& text)
+    {
+        m_server.sender.Send(text, common::NowUs());
+        PrintNews(m_server.sender.TakeProblem(), m_messages);
+    }
+
+    SampleBoard& m_board;
+    const ServerLine m_server;
+    int64_t m_nDueUs;
+    LinePrinter m_messages { STDERR_FILENO };
+};
+
 } // namespace
 
 void HoldSignals()
@@ -126,28 +173,33 @@ void HoldSignals()
     (void)std::signal(SIGPIPE, SIG_IGN);
 }
 
-ExitStatus RunReceiver(
-    const Options& options, MediaParts&& parts, SampleBoard& board, Report& report, LinePrinter& figures)
+ExitStatus RunReceiver(const Options& options, MediaParts&& parts, SampleBoard& board, Report& report,
+    LinePrinter& figures, const ServerLine& server)
 {
     const sigset_t signals = EndingSignals();
     const UniqueFd signalFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
     MediaLoop loop(options, std::move(parts), board);
     MediaThread thread(loop);
     Printer printer(options, board, report, figures);
+    Teller teller(board, server);
     std::array<pollfd, 2> waiting { pollfd { signalFd.Get(), POLLIN, 0 },
         pollfd { thread.EndDescriptor(), POLLIN, 0 } };
     while (waiting[1].revents == 0) {
-        (void)poll(waiting.data(), waiting.size(), static_cast<int>(printer.WaitMs()));
+        (void)poll(
+            waiting.data(), waiting.size(), static_cast<int>(std::min(printer.WaitMs(), teller.WaitMs())));
         signalfd_siginfo signal {};
         if (read(signalFd.Get(), &signal, sizeof(signal)) > 0)
             loop.Stop();
-        if (waiting[1].revents == 0)
+        if (waiting[1].revents == 0) {
             printer.PrintIfDue();
+            teller.TellIfDue();
+        }
     }
     RunEnd end;
     end.reason = thread.Join();
     const Sample last = board.Fresh(0);
     end.status = StatusOf(last, options);
+    teller.TellLast(last, end);
     printer.ShowLast(last, end);
     return end.status;
 }
