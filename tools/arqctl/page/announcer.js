@@ -1,0 +1,29 @@
+// Says aloud, for screen readers, when a channel's state changes: what is red at once, the rest politely.
+
+import { setText } from "./dom.js";
+import { isRed, stateOf } from "./text.js";
+
+export class Announcer {
+  #states = new Map(); // channel id: state, of the last update
+  #polite;
+  #atOnce;
+
+  constructor(polite, atOnce) {
+    this.#polite = polite;
+    this.#atOnce = atOnce;
+  }
+
+  update(channels) {
+    const changed = channels.filter(
+      (channel) => this.#states.has(channel.id) && this.#states.get(channel.id) !== channel.state,
+    );
+    const red = changed.filter((channel) => isRed(channel.state));
+    const others = changed.filter((channel) => !isRed(channel.state));
+    if (red.length) setText(this.#atOnce, red.map(sentence).join(" "));
+    if (others.length) setText(this.#polite, others.map(sentence).join(" "));
+    this.#states = new Map(channels.map((channel) => [channel.id, channel.state]));
+  }
+}
+
+const sentence = (channel) =>
+  `Channel ${channel.name ?? channel.id}: ${stateOf(channel.state).word}. ${channel.state_text ?? ""}`;
