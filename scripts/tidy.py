@@ -78,4 +78,5 @@ def main():
     return 0 if all(good for good, _ in outcomes) else 1
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())
