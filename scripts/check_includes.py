@@ -32,13 +32,15 @@ LAYERS = [
 WIRE = ["base/", "arq/wire.h"]
 TOOL_LAYERS = {
     "common/": ["base/"],
+    "common_cli/": ["common/"],
     "arqrx/core/": WIRE,
     "arqlink/core/": ["common/quantity.", *WIRE],
     "arqrx/": ["common/", *WIRE],
+    "arqrx/cli/": ["arqrx/", "common/", "common_cli/", *WIRE],
     "arqlink/": ["common/", *WIRE],
     "arqctl/core/": ["common/endpoint.", "common/quantity.", *WIRE],
     "arqctl/proxy/": ["arqctl/core/", "common/", *WIRE],
-    "arqctl/": ["common/", *WIRE],
+    "arqctl/": ["common/", "common_cli/", *WIRE],
     "demo/": ["arqrx/core/", "arqlink/core/", "common/", *WIRE],
 }
 

@@ -6,8 +6,8 @@
 #include <functional>
 #include <memory>
 
-#include "arqrx/cli/help_formatter.h"
 #include "common/quantity.h"
+#include "common_cli/help_formatter.h"
 
 namespace arqrx {
 
@@ -15,6 +15,9 @@ namespace {
 
 constexpr auto PURPOSE = "arqrx joins a stream of tx_proxy, gets back what the network lost, and plays it\n"
                          "out in order and on time.";
+
+const std::vector<std::string> USAGE { "arqrx [options] PROXY[:PING_PORT]",
+    "arqrx [options] --group ADDRESS:PORT [PROXY[:PING_PORT]]", "arqrx [options] --listen [ADDRESS:]PORT" };
 
 constexpr auto EXAMPLES = R"(Examples:
   arqrx proxy.example.net --output udp://127.0.0.1:5000
@@ -337,7 +340,7 @@ void Describe(CLI::App& app, Options& options, Texts& texts)
     AddOutputOptions(app, options);
     AddReportOptions(app, options);
     AddEndOptions(app, options, texts);
-    app.formatter(std::make_shared<HelpFormatter>());
+    app.formatter(std::make_shared<common::HelpFormatter>(USAGE));
     app.set_help_flag("-h,--help", "show this and end");
     app.set_version_flag("--version", "arqrx " TX_PROXY_VERSION, "show the version and end");
     app.set_config("--config", "", "read options from FILE, as lines like latency=1s")->type_name("FILE");
