@@ -1,61 +1,67 @@
 // arqctl: talks to running proxies, and shows them.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <string_view>
 
 #include "arqctl/cli/commands.h"
-#include "common/quantity.h"
+#include "arqctl/cli/common_options.h"
 
 namespace arqctl {
 
 namespace {
 
-void AddCommonOptions(CLI::App& app, Session& session)
+constexpr auto PURPOSE = "arqctl talks to running proxies, tx_proxy: commands, a check of the machine,\n"
+                         "a live view, a web page and metrics.";
+
+void AddCommands(CLI::App& app, Session& session)
 {
-    app.add_option("-I,--instance", session.target.instance, "the proxy's instance number, its -I [1]");
-    app.add_option("--socket", session.target.socketPath, "its control socket by path");
-    app.add_option_function<std::string>(
-        "--via",
-        [&session](const std::string& text) {
-            constexpr std::string_view SSH = "ssh:";
-            if (!text.starts_with(SSH) || !IsSshHost(std::string_view(text).substr(SSH.size())))
-                throw CLI::ValidationError("--via", "'" + text + "' is not ssh:HOST");
-            session.target.via = text.substr(SSH.size());
-        },
-        "on another machine: ssh:HOST or ssh:USER@HOST");
-    app.add_option_function<std::string>(
-        "--timeout",
-        [&session](const std::string& text) {
-            if (!common::ParseDuration(text, session.patienceUs))
-                throw CLI::ValidationError("--timeout", "'" + text + "' is not a time; write 5s or 500ms");
-        },
-        "how long the proxy may take to answer [5s]");
-    app.add_flag("--json", session.isJson, "JSON on standard output, one object a line");
-    app.set_help_flag("-h,--help", "show this and end");
-    app.set_version_flag("--version", "arqctl " TX_PROXY_VERSION, "show the version and end");
-    app.fallthrough(); // they may stand behind the command too
-    app.require_subcommand(1);
+    AddListCommand(app, session);
+    AddAddCommand(app, session);
+    AddDelCommand(app, session);
+    AddResetCommand(app, session);
+    AddDebugCommand(app, session);
+    AddServeCommand(app, session);
 }
 
-int Run(int argc, char** argv)
+ExitStatus RefuseUsage(const Session& session, const CLI::App& app, const std::string& problem)
 {
-    Session session;
-    CLI::App app("Talks to running proxies, and shows them.", "arqctl");
+    const std::vector<CLI::App*> chosen = app.get_subcommands();
+    const std::string command = chosen.empty() ? "" : " " + chosen.front()->get_name();
+    return Fail(
+        session, ExitStatus::Usage, problem, "Try 'arqctl" + command + " --help' for options and examples.");
+}
+
+ExitStatus Run(int argc, char** argv, Session& session)
+{
+    CLI::App app(PURPOSE, "arqctl");
     AddCommonOptions(app, session);
-    AddListCommand(app, session);
-    AddServeCommand(app, session);
+    AddCommands(app, session);
+    FinishHelp(app);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
+    } catch (const CLI::CallForHelp&) {
+        (void)fputs(app.help().c_str(), stdout);
+        return ExitStatus::Good;
     } catch (const CLI::CallForVersion& version) {
-        return app.exit(version);
+        (void)fprintf(stdout, "%s\n", version.what());
+        return ExitStatus::Good;
     } catch (const CLI::ParseError& error) {
-        return static_cast<int>(
-            Fail(session, ExitStatus::Usage, error.what(), "Try 'arqctl --help' for commands and examples."));
+        return RefuseUsage(session, app, UsageProblem(app, error));
     }
-    return static_cast<int>(session.run());
+    const std::string problem = Contradiction(app);
+    return problem.empty() ? session.run() : RefuseUsage(session, app, problem);
+}
+
+// What waits in the buffer may find no room on the disk.
+ExitStatus Written(ExitStatus status)
+{
+    if (fflush(stdout) == 0)
+        return status;
+    perror("arqctl: cannot write to standard output");
+    return ExitStatus::NoStart;
 }
 
 } // namespace
@@ -64,10 +70,14 @@ int Run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    using arqctl::ExitStatus;
+    arqctl::Session session;
+    // Also when options are wrong: who reads JSON gets an object in any case.
+    session.isJson = std::any_of(argv, argv + argc, [](std::string_view text) { return text == "--json"; });
     try {
-        return arqctl::Run(argc, argv);
+        return static_cast<int>(arqctl::Written(arqctl::Run(argc, argv, session)));
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "arqctl: cannot go on: %s\n", error.what());
-        return static_cast<int>(arqctl::ExitStatus::NoStart);
+        return static_cast<int>(ExitStatus::NoStart);
     }
 }

@@ -9,5 +9,9 @@ namespace arqctl {
 // Each adds one command with its options to the program; chosen, it sets session.run. One file a command.
 void AddListCommand(CLI::App& app, Session& session);
 void AddServeCommand(CLI::App& app, Session& session);
+void AddAddCommand(CLI::App& app, Session& session);
+void AddDelCommand(CLI::App& app, Session& session);
+void AddResetCommand(CLI::App& app, Session& session);
+void AddDebugCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl

@@ -10,7 +10,8 @@ enum class ExitStatus : int {
     NoProxy = 3, // no proxy there, or no right to speak to it
     BadAnswer = 4, // no answer in time, half of one, or another program's
     NoStart = 5, // something of this program's own is missing: a port, a file, ssh
-    AlreadySo = 6 // nothing was to be done: the receiver was there before, or is not there; doctor: warnings only
+    AlreadySo
+    = 6 // nothing was to be done: the receiver was there before, or is not there; doctor: warnings only
 };
 
 } // namespace arqctl

@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include "arqctl/cli/commands.h"
-#include "arqctl/core/reply.h"
 
 namespace arqctl {
 
@@ -11,17 +10,15 @@ namespace {
 
 ExitStatus List(const Session& session)
 {
-    const Answer answer = AskProxy(session, "List");
-    if (!answer.IsThere())
-        return FailedAnswer(session, answer.failure);
-    std::vector<std::string> receivers;
-    if (!ParseReceivers(answer.reply, receivers))
-        return FailedAnswer(session, Failure::CutOff);
+    Statistics statistics;
+    const Failure failure = AskStatistics(session, statistics);
+    if (failure != Failure::None)
+        return FailedAnswer(session, failure);
     if (session.isJson) {
-        fmt::print("{}\n", nlohmann::ordered_json { { "receivers", receivers } }.dump());
+        fmt::print("{}\n", nlohmann::ordered_json { { "receivers", statistics.receivers } }.dump());
         return ExitStatus::Good;
     }
-    for (const std::string& receiver : receivers)
+    for (const std::string& receiver : statistics.receivers)
         fmt::print("{}\n", receiver);
     return ExitStatus::Good;
 }
@@ -31,6 +28,10 @@ ExitStatus List(const Session& session)
 void AddListCommand(CLI::App& app, Session& session)
 {
     CLI::App* command = app.add_subcommand("list", "the receivers of a proxy, one a line");
+    command->footer("Examples:\n"
+                    "  arqctl list\n"
+                    "  arqctl -I 2 list --json\n\n"
+                    "An address that joined with several stream IDs stands there once for each.\n");
     command->callback([&session] { session.run = [&session] { return List(session); }; });
 }
 

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "arqctl/core/reply.h"
+
 namespace arqctl {
 
 namespace {
@@ -26,6 +28,7 @@ ExitStatus StatusOf(Failure failure)
     case Failure::NoAnswer:
     case Failure::CutOff:
     case Failure::TooLong:
+    case Failure::Foreign:
         return ExitStatus::BadAnswer;
     }
     return ExitStatus::BadAnswer;
@@ -62,6 +65,22 @@ Answer AskProxy(const Session& session, const std::string& request)
     answer = Ask(session.tunnels->PathOf(session.target), request, session.patienceUs);
     session.tunnels->Diagnose(session.target, answer, session.patienceUs);
     return answer;
+}
+
+Failure AskStatistics(const Session& session, Statistics& statistics)
+{
+    const Answer answer = AskProxy(session, "AllStats");
+    if (!answer.IsThere())
+        return answer.failure;
+    return ParseStatistics(answer.reply, statistics) ? Failure::None : Failure::Foreign;
+}
+
+Failure AskFor(const Session& session, const std::string& request, const std::string& reply)
+{
+    const Answer answer = AskProxy(session, request);
+    if (!answer.IsThere())
+        return answer.failure;
+    return answer.reply == reply ? Failure::None : Failure::Foreign;
 }
 
 } // namespace arqctl

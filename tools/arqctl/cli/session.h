@@ -6,6 +6,7 @@
 #include <string>
 
 #include "arqctl/cli/exit_status.h"
+#include "arqctl/core/statistics.h"
 #include "arqctl/proxy/ask.h"
 #include "arqctl/proxy/target.h"
 #include "arqctl/proxy/tunnel.h"
@@ -16,6 +17,7 @@ namespace arqctl {
 struct Session {
     Target target; // of -I, --socket and --via
     int64_t patienceUs = USUAL_PATIENCE_US; // of --timeout: for one answer of a proxy
+    bool isPatienceGiven = false;
     bool isJson = false; // of --json: standard output has JSON only, one object a line, an error included
 
     // To the target where that is on another machine; one for the whole run.
@@ -35,5 +37,12 @@ ExitStatus FailedAnswer(const Session& session, Failure failure);
 
 // Asks the session's proxy, through its tunnel where it has one. The connection is made anew each time.
 Answer AskProxy(const Session& session, const std::string& request);
+
+// Its statistics, receivers included. Unlike the answer to List this one is never empty: what ends without a word, or is
+// another program, is not taken for a proxy without receivers.
+Failure AskStatistics(const Session& session, Statistics& statistics);
+
+// A request with one reply: Foreign when another one came.
+Failure AskFor(const Session& session, const std::string& request, const std::string& reply);
 
 } // namespace arqctl

@@ -45,6 +45,8 @@ std::string ProblemText(Failure failure, const std::string& path)
         return "the connection to " + path + " broke in the middle of the answer";
     case Failure::TooLong:
         return "what answers on " + path + " is no tx_proxy: its answer does not end";
+    case Failure::Foreign:
+        return "what answers on " + path + " is no tx_proxy, or its answer broke off";
     case Failure::NoDescriptor:
         return "no socket could be made for " + path;
     case Failure::NoSsh:
@@ -72,6 +74,7 @@ std::string AdviceText(Failure failure, const std::string& path)
     case Failure::CutOff:
         return "the proxy ended just now, or it is another program: see 'arqctl instances'";
     case Failure::TooLong:
+    case Failure::Foreign:
         return "see with 'arqctl instances' which program it is";
     case Failure::NoDescriptor:
         return "raise the limit of open files (ulimit -n)";

@@ -17,6 +17,7 @@ enum class Failure {
     NoAnswer, // it did not take the connection, or did not answer, in time
     CutOff, // the connection broke before the reply ended
     TooLong, // more than any reply of a proxy: another program
+    Foreign, // a reply that no proxy gives, or the first part of one
     NoDescriptor, // this program's own limits
     // Of another machine's only (see tunnel.h):
     NoSsh, // no such program here

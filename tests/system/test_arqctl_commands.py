@@ -1,0 +1,120 @@
+"""The commands of arqctl against a real proxy, as an operator types them and as a script reads them."""
+
+import json
+
+import pytest
+
+from txproxy import arqctl, arqrx, control
+from txproxy.arqrx import Arqrx, joining
+from txproxy.waiting import wait_until
+
+pytestmark = pytest.mark.release_only
+
+
+def run(net, *arguments, **keywords):
+    return arqctl.run("-I", net.instance, *arguments, **keywords)
+
+
+def objects(result):
+    return [json.loads(line) for line in result.stdout.splitlines()]
+
+
+def test_add_del_and_list_tell_what_happened_by_one_line_and_the_status(start_proxy, net):
+    start_proxy("-a", "127.0.0.2")
+    assert run(net, "add", "127.0.0.3") == (arqctl.GOOD, "127.0.0.3 was added\n", "")
+    assert run(net, "list") == (arqctl.GOOD, "127.0.0.2\n127.0.0.3\n", "")
+    assert run(net, "add", "127.0.0.3") == (arqctl.ALREADY_SO, "127.0.0.3 was in the list before\n", "")
+    assert run(net, "del", "127.0.0.2") == (arqctl.GOOD, "127.0.0.2 was deleted\n", "")
+    assert run(net, "del", "127.0.0.2") == (arqctl.ALREADY_SO, "127.0.0.2 is not in the list\n", "")
+    assert run(net, "list", "--json").json == {"receivers": ["127.0.0.3"]}
+
+
+def test_a_name_is_looked_up_by_the_proxy(start_proxy, net):
+    start_proxy("-a", "127.0.0.2")
+    assert run(net, "add", "localhost").status == arqctl.GOOD
+    assert run(net, "list").stdout == "127.0.0.2\n127.0.0.1\n"
+    assert run(net, "del", "localhost").status == arqctl.GOOD
+    refused = run(net, "add", "no-such-host.invalid", "--json")
+    assert refused.status == arqctl.NOT_DONE
+    assert refused.json["result"] == "refused"
+    assert "a name must be known to the proxy's machine" in refused.json["advice"]
+    assert run(net, "del", "no-such-host.invalid").status == arqctl.NOT_DONE
+
+
+def test_several_receivers_have_a_line_each_and_one_status(start_proxy, net):
+    start_proxy("-a", "127.0.0.2")
+    some = run(net, "add", "127.0.0.2,127.0.0.3", "127.0.0.4", "--json")
+    assert some.status == arqctl.GOOD
+    assert [(each["receiver"], each["result"]) for each in objects(some)] == [
+        ("127.0.0.2", "already"), ("127.0.0.3", "done"), ("127.0.0.4", "done")]  # fmt: skip
+    assert objects(some)[-1]["receivers"] == ["127.0.0.2", "127.0.0.3", "127.0.0.4"]
+    assert run(net, "add", "127.0.0.2", "127.0.0.3").status == arqctl.ALREADY_SO
+    assert run(net, "del", "127.0.0.2", "no-such-host.invalid").status == arqctl.NOT_DONE
+
+
+def test_a_receiver_with_a_stream_id_is_refused_with_the_reason(start_proxy, net, closing):
+    proxy_process = start_proxy()
+    receiver = closing(Arqrx(*joining(net, "--bind", arqrx.LOCAL)))
+    proxy_process.wait_stderr(arqrx.started())
+    refused = run(net, "del", arqrx.LOCAL)
+    assert refused.status == arqctl.NOT_DONE
+    assert refused.problem == (f"{arqrx.LOCAL} is still in the list",
+                               "it joined with an ID, which no command deletes, or it pings on and came back: end the receiver")
+    assert run(net, "add", arqrx.LOCAL).status == arqctl.GOOD  # once more, by its address
+    twice = run(net, "del", arqrx.LOCAL)
+    assert twice == (arqctl.GOOD, f"{arqrx.LOCAL} was deleted; it stands there once more\n", "")
+    assert receiver.end() == arqrx.NO_MEDIA
+
+
+@pytest.mark.parametrize("what, left", [("rx", ("0", "6")), ("tx", ("3", "0")), ("all", ("0", "0"))])
+def test_reset_begins_the_counts_again(start_proxy, net, sender, what, left):
+    start_proxy("-a", "127.0.0.2,127.0.0.3", "-u")
+    for _ in range(3):
+        sender.send(b"x" * 100)
+
+    def counts():
+        fields = dict(line.split("=", 1) for line in control.request(net.instance, "AllStats").splitlines())
+        return fields["RECV_PACKETS"], fields["SEND_PACKETS"]
+
+    wait_until(lambda: counts() == ("3", "6"), "all packets to be counted")
+    assert run(net, "reset", what).status == arqctl.GOOD
+    assert counts() == left
+
+
+def test_debug_says_where_the_dump_is(start_proxy, net):
+    process = start_proxy("-a", "127.0.0.2")
+    result = run(net, "debug")
+    assert result == (arqctl.GOOD, "the proxy has written its dump to its own standard error\n", "")
+    process.wait_stderr("m_nNumStreams 1")
+
+
+def test_options_stand_before_or_behind_the_command_or_in_a_file(start_proxy, net, tmp_path):
+    start_proxy("-a", "127.0.0.2")
+    settings = tmp_path / "arqctl.ini"
+    settings.write_text(f"instance={net.instance}\njson=true\ntimeout=10s\n", encoding="ascii")
+    wanted = (arqctl.GOOD, '{"receivers":["127.0.0.2"]}\n', "")
+    assert arqctl.run("--json", "--socket", control.path(net.instance), "list") == wanted
+    assert arqctl.run("list", "-I", net.instance, "--json", "--timeout", "10s") == wanted
+    assert arqctl.run("--config", settings, "list") == wanted
+    settings.write_text("instanze=3\n", encoding="ascii")
+    assert arqctl.run("--config", settings, "list").status == arqctl.USAGE
+
+
+@pytest.mark.parametrize("arguments, problem, command", [
+    ((), "no command was given", ""),
+    (("lsit",), "there is no command 'lsit'", ""),
+    (("list", "-I", "1x"), "-I: '1x' is not an instance number; write it as behind the proxy's -I", " list"),
+    (("-I", "1", "--socket", "/x", "list"), "-I and --socket are two proxies; name one", " list"),
+    (("--via", "ssh:-oX", "list"),
+     "--via: 'ssh:-oX' is not another machine; write ssh:HOST, ssh:USER@HOST or ssh:HOST/INSTANCE", " list"),
+    (("--timeout", "0", "list"), "--timeout: '0' is not a time from 1ms to 1h; write 5s or 500ms", " list"),
+    (("reset", "both"), "reset: 'both' is not rx, tx or all", " reset"),
+    (("add", "10.0.0.1,"), "ADDRESS: '' is not an address or the name of a host", " add"),
+])  # fmt: skip
+def test_a_wrong_use_says_what_is_wrong_and_where_help_is(arguments, problem, command):
+    result = arqctl.run(*arguments)
+    assert result.status == arqctl.USAGE
+    assert result.problem == (problem, f"Try 'arqctl{command} --help' for options and examples.")
+    as_object = arqctl.run(*arguments, "--json")
+    assert as_object.status == as_object.json["status"] == arqctl.USAGE
+    assert as_object.json["error"] == problem
