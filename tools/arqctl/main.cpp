@@ -23,6 +23,7 @@ void AddCommands(CLI::App& app, Session& session)
     AddDelCommand(app, session);
     AddResetCommand(app, session);
     AddDebugCommand(app, session);
+    AddStatsCommand(app, session);
     AddServeCommand(app, session);
 }
 

@@ -13,5 +13,6 @@ void AddAddCommand(CLI::App& app, Session& session);
 void AddDelCommand(CLI::App& app, Session& session);
 void AddResetCommand(CLI::App& app, Session& session);
 void AddDebugCommand(CLI::App& app, Session& session);
+void AddStatsCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl
