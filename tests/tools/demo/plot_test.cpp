@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr int64_t LENGTH_US = 30'000'000;
+constexpr int64_t PLOT_LENGTH_US = 30'000'000;
 constexpr demo::Color GREEN { 38, 150, 84 };
 constexpr demo::Color RED { 208, 52, 44 };
 
@@ -28,8 +28,8 @@ demo::ShownPicture Picture(uint64_t number, uint8_t level, int holes = 0)
 
 TEST(Plot, WhatARecoveredIsGreenAboveAndWhatBLostIsRedBelow)
 {
-    const auto phases = demo::Phases(LENGTH_US);
-    demo::History history(LENGTH_US);
+    const auto phases = demo::Phases(PLOT_LENGTH_US);
+    demo::History history(PLOT_LENGTH_US);
     const demo::Canvas empty = demo::DrawPlot(history, phases, true);
     for (int64_t time = 8'000'000; time < 12'000'000; time += 100'000)
         history.At(time) = { .sent = 30, .sides = { { { 10, 10, 0 }, { 10, 0, 10 } } } };
