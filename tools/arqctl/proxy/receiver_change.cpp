@@ -10,6 +10,18 @@ namespace arqctl {
 
 namespace {
 
+// The answer to List is empty without receivers, as that of a proxy that ends in the middle; this one never is.
+constexpr const char* LIST_REQUEST = "AllStats";
+
+bool TakeList(const std::string& reply, std::vector<std::string>& receivers)
+{
+    Statistics statistics;
+    if (!ParseStatistics(reply, statistics))
+        return false;
+    receivers = std::move(statistics.receivers);
+    return true;
+}
+
 std::string RequestOf(ReceiverAction action, const std::string& who)
 {
     return (action == ReceiverAction::Add ? "Add " : "Delete ") + who;
@@ -36,7 +48,7 @@ ReceiverChange::ReceiverChange(
       m_who(std::move(who)),
       m_patienceUs(patienceUs)
 {
-    Begin(Step::Before, "List", nowUs);
+    Begin(Step::Before, LIST_REQUEST, nowUs);
 }
 
 void ReceiverChange::Begin(Step step, const std::string& request, int64_t nowUs)
@@ -62,15 +74,15 @@ void ReceiverChange::Take(int64_t nowUs)
         return End(m_exchange->Reason());
     const std::string& reply = m_exchange->Reply();
     if (m_step == Step::Before) {
-        if (!ParseReceivers(reply, m_before))
+        if (!TakeList(reply, m_before))
             return End(Failure::CutOff);
         Begin(Step::Command, RequestOf(m_action, m_who), nowUs);
     } else if (m_step == Step::Command) {
         if (reply != ReplyOf(m_action, m_who))
             return End(Failure::CutOff);
-        Begin(Step::After, "List", nowUs);
+        Begin(Step::After, LIST_REQUEST, nowUs);
     } else {
-        if (!ParseReceivers(reply, m_after))
+        if (!TakeList(reply, m_after))
             return End(Failure::CutOff);
         m_outcome = OutcomeOf(m_action, m_who, m_before, m_after);
         End(Failure::None);
