@@ -91,7 +91,7 @@ std::string Grid::Line(int row) const
 
 std::string Grid::Tones(int row) const
 {
-    constexpr std::string_view LETTERS = " fhsgwba";
+    constexpr std::string_view LETTERS = " fhsgwrba";
     std::string line;
     for (int column = 0; column < m_nColumns; ++column)
         line += LETTERS[static_cast<size_t>(At(column, row).tone)];

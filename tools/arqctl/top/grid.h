@@ -15,6 +15,7 @@ enum class Tone : uint8_t {
     Strong, // what is selected
     Good,
     Warn, // something is lost or withheld
+    Hurt, // bars of what is lost
     Bad, // the input is gone, no answer
     Ask // a question that waits for a key
 };
@@ -42,7 +43,7 @@ public:
     const Cell& At(int column, int row) const;
     // UTF-8 without the blanks at its end.
     std::string Line(int row) const;
-    // One letter a cell for its tone, blanks for Plain: "f" Faint, "h" Head, "s" Strong, "g" Good, "w" Warn, "b" Bad, "a" Ask.
+    // One letter a cell for its tone, blanks for Plain: "f" Faint, "h" Head, "s" Strong, "g" Good, "w" Warn, "r" Hurt, "b" Bad, "a" Ask.
     std::string Tones(int row) const;
 
 private:

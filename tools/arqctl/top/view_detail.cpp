@@ -27,7 +27,7 @@ struct PlotLine {
 constexpr std::array<PlotLine, SERIES_COUNT> PLOT_LINES { {
     { PlotSeries::Input, "input", Tone::Good },
     { PlotSeries::Output, "output", Tone::Good },
-    { PlotSeries::Lost, "lost", Tone::Bad },
+    { PlotSeries::Lost, "lost", Tone::Hurt },
     { PlotSeries::Resent, "resent", Tone::Plain },
     { PlotSeries::Withheld, "withheld", Tone::Warn },
 } };
