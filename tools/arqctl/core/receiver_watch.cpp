@@ -27,16 +27,20 @@ void ReceiverWatch::Take(const std::vector<std::string>& list, int64_t nowUs)
         if (receiver.isReceiving && !Contains(list, receiver.address))
             receiver = { receiver.address, false, nowUs };
     }
-    std::erase_if(m_receivers,
-        [this](const WatchedReceiver& one) { return !one.isReceiving && Contains(m_deleted, one.address); });
-    std::erase_if(m_deleted, [&list](const std::string& one) { return !Contains(list, one); });
+    for (Deleted& deleted : m_deleted) {
+        std::erase_if(m_receivers, [&deleted](const WatchedReceiver& one) {
+            return !one.isReceiving && one.address == deleted.address;
+        });
+        deleted.answersLeft--;
+    }
+    std::erase_if(m_deleted, [](const Deleted& one) { return one.answersLeft == 0; });
     DropOld(nowUs);
 }
 
 void ReceiverWatch::Forget(const std::string& address)
 {
-    if (!Contains(m_deleted, address))
-        m_deleted.push_back(address);
+    std::erase_if(m_deleted, [&address](const Deleted& one) { return one.address == address; });
+    m_deleted.push_back({ address });
 }
 
 void ReceiverWatch::DropOld(int64_t nowUs)

@@ -19,6 +19,8 @@ class ReceiverWatch {
 public:
     static constexpr int64_t REMEMBERED_US = 3'600'000'000;
     static constexpr size_t MOST_GONE = 200; // the oldest are forgotten first
+    // For so many answers: then one that stands in the list has come again.
+    static constexpr int ANSWERS_AFTER_DELETION = 5;
 
     // The list of an answer; an address that stands in it twice counts once.
     void Take(const std::vector<std::string>& list, int64_t nowUs);
@@ -29,10 +31,14 @@ public:
     const std::vector<WatchedReceiver>& All() const { return m_receivers; }
 
 private:
+    struct Deleted {
+        std::string address;
+        int answersLeft = ANSWERS_AFTER_DELETION;
+    };
     void DropOld(int64_t nowUs);
 
     std::vector<WatchedReceiver> m_receivers;
-    std::vector<std::string> m_deleted;
+    std::vector<Deleted> m_deleted;
 };
 
 } // namespace arqctl
