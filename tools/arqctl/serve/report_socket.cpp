@@ -5,8 +5,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "common/endpoint.h"
-
 namespace arqctl {
 
 bool ReportSocket::Open(const std::string& addressAndPort, std::string& problem)
@@ -43,7 +41,7 @@ bool ReportSocket::ReadOne()
         = recvfrom(m_fd.Get(), bytes, sizeof(bytes), 0, reinterpret_cast<sockaddr*>(&source), &length);
     if (count < 0)
         return false;
-    m_handler({ bytes, static_cast<size_t>(count) }, common::FromSockaddr(source).address);
+    m_handler({ bytes, static_cast<size_t>(count) }, common::FromSockaddr(source));
     return true;
 }
 

@@ -1,20 +1,21 @@
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
 
 #include "arqctl/serve/http_server.h"
 #include "base/unique_fd.h"
+#include "common/endpoint.h"
 
 namespace arqctl {
 
 // The UDP socket that receivers send their reports to. Threads: the event loop's own.
 class ReportSocket {
 public:
-    // A datagram, whatever a stranger put into it, and the IPv4 address it came from (machine's byte order).
-    using Handler = std::function<void(std::string_view datagram, uint32_t address)>;
+    // A datagram, whatever a stranger put into it, and where it came from.
+    using Handler = std::function<void(std::string_view datagram, const common::Endpoint& source)>;
 
     ReportSocket(event_base* base, Handler handler) : m_pBase(base), m_handler(std::move(handler)) {}
 

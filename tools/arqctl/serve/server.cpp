@@ -56,7 +56,7 @@ Server::Server(const ServeOptions& options)
       m_terminate(evsignal_new(m_base.get(), SIGTERM, Told, this)),
       m_board(options.channelNames),
       m_http(m_base.get(), [this](evhttp_request* request) { Handle(request); }),
-      m_reports(m_base.get(), [](std::string_view /*datagram*/, uint32_t /*address*/) {})
+      m_reports(m_base.get(), [](std::string_view /*datagram*/, const common::Endpoint& /*source*/) {})
 {
 }
 
