@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "arqctl/serve/receiver_report.h"
 #include "common/clock.h"
 
 namespace arqctl {
@@ -30,6 +31,23 @@ void AddGrowth(HistorySample& sample, const Channel& channel, int64_t second)
     At(sample, Curve::Withheld) = static_cast<float>(now.withheld - before.withheld) / seconds;
 }
 
+// Known as long as a receiver of the channel reports.
+void AddReported(HistorySample& sample, const Channel& channel, const ReceiverTable& reports, int64_t second,
+    int64_t nowUs)
+{
+    const std::vector<ReporterView> reporters = reports.Of(channel.watched.id, nowUs);
+    const bool isKnown = std::any_of(reporters.begin(), reporters.end(),
+        [](const ReporterView& one) { return one.state == ReporterState::Live; });
+    if (!isKnown || channel.secondBefore < 0)
+        return;
+    const auto seconds = static_cast<float>(std::max<int64_t>(second - channel.secondBefore, 1));
+    const ReportTotals now = reports.TotalsOf(channel.watched.id);
+    const ReportTotals& before = channel.reportedBefore;
+    At(sample, Curve::ReportedMissing) = static_cast<float>(now.missing - before.missing) / seconds;
+    At(sample, Curve::ReportedRecovered) = static_cast<float>(now.recovered - before.recovered) / seconds;
+    At(sample, Curve::ReportedLost) = static_cast<float>(now.lost - before.lost) / seconds;
+}
+
 HistorySample SampleOf(const Channel& channel, int64_t second)
 {
     HistorySample sample = UnknownSample();
@@ -43,18 +61,20 @@ HistorySample SampleOf(const Channel& channel, int64_t second)
     return sample;
 }
 
-void AddToHistory(Channel& channel, int64_t nowUs)
+void AddToHistory(Channel& channel, const ReceiverTable& reports, int64_t nowUs)
 {
     const int64_t second = nowUs / common::US_PER_SECOND;
     const Reading& reading = channel.watched.reading;
     if (!reading.isUp || nowUs - reading.atUs > FRESH_US || second == channel.secondBefore)
         return;
-    const HistorySample sample = SampleOf(channel, second);
+    HistorySample sample = SampleOf(channel, second);
+    AddReported(sample, channel, reports, second, nowUs);
     const bool isClose = channel.secondBefore >= 0 && second - channel.secondBefore <= MOST_FILLED;
     for (int64_t filled = isClose ? channel.secondBefore + 1 : second; filled <= second; filled++)
         channel.history.Add(filled, sample);
     channel.secondBefore = second;
     channel.totalsBefore = reading.totals;
+    channel.reportedBefore = reports.TotalsOf(channel.watched.id);
 }
 
 } // namespace
@@ -70,8 +90,25 @@ void Board::Take(const WatchedChannels& seen, int64_t nowUs)
         channel.alarm.Take(one.reading, nowUs);
         if (one.reading.isUp)
             channel.receivers.Take(one.reading.statistics.receivers, nowUs);
-        AddToHistory(channel, nowUs);
+        AddToHistory(channel, m_reports, nowUs);
     }
+    AssignReports(nowUs);
+}
+
+void Board::AssignReports(int64_t nowUs)
+{
+    std::vector<ChannelReceivers> lists;
+    for (const auto& channel : m_channels)
+        lists.push_back({ channel->watched.id, channel->watched.reading.statistics.receivers });
+    m_reports.Assign(lists, nowUs);
+}
+
+void Board::TakeReport(std::string_view datagram, const common::Endpoint& source, int64_t nowUs)
+{
+    ReceiverReport report;
+    std::string problem; // nobody to tell: strangers could fill any log
+    if (ParseReceiverReport(datagram, report, problem))
+        (void)m_reports.Take(report, source.address, source.port, nowUs);
 }
 
 Channel& Board::Shown(const WatchedChannel& seen, int64_t nowUs)

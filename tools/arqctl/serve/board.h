@@ -4,12 +4,15 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "arqctl/core/channel_state.h"
 #include "arqctl/core/history.h"
+#include "arqctl/core/receiver_table.h"
 #include "arqctl/core/receiver_watch.h"
 #include "arqctl/serve/watcher.h"
+#include "common/endpoint.h"
 
 namespace arqctl {
 
@@ -28,6 +31,7 @@ struct Channel {
     ReceiverWatch receivers;
     History history;
     Totals totalsBefore; // of the history's last known second
+    ReportTotals reportedBefore; // the same
     int64_t secondBefore = -1; // -1: none yet
 };
 
@@ -41,6 +45,10 @@ public:
     // Once a second: takes over what was seen, and gives each channel's history its second.
     void Take(const WatchedChannels& seen, int64_t nowUs);
 
+    // A datagram from a stranger that may be a receiver's report. One that is none is passed over.
+    void TakeReport(std::string_view datagram, const common::Endpoint& source, int64_t nowUs);
+    const ReceiverTable& Reports() const { return m_reports; }
+
     const std::vector<std::unique_ptr<Channel>>& All() const { return m_channels; }
     Channel* Find(const std::string& id) const;
 
@@ -49,9 +57,11 @@ public:
 
 private:
     Channel& Shown(const WatchedChannel& seen, int64_t nowUs);
+    void AssignReports(int64_t nowUs);
 
     const std::map<std::string, std::string> m_names;
     std::vector<std::unique_ptr<Channel>> m_channels;
+    ReceiverTable m_reports;
 };
 
 } // namespace arqctl

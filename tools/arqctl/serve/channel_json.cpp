@@ -3,6 +3,7 @@
 #include <cmath>
 #include <ctime>
 
+#include "arqctl/serve/receiver_report.h"
 #include "common/clock.h"
 
 namespace arqctl {
@@ -49,13 +50,26 @@ Json OptionsObject(const ProxyOptions& options)
         { "pacing_bit_rate", options.pacingBitRate } };
 }
 
-Json ReceiversArray(const Channel& channel, const Moment& now)
+// The one that reports from this address: of several one that is live.
+const ReporterView* ReporterAt(const std::string& address, const std::vector<ReporterView>& reporters)
+{
+    const ReporterView* found = nullptr;
+    for (const ReporterView& reporter : reporters) {
+        if (reporter.address == address && (!found || found->state != ReporterState::Live))
+            found = &reporter;
+    }
+    return found;
+}
+
+Json ReceiversArray(const Channel& channel, const std::vector<ReporterView>& reporters, const Moment& now)
 {
     Json array = Json::array();
     for (const WatchedReceiver& receiver : channel.receivers.All()) {
         array.push_back(
             { { "address", receiver.address }, { "state", receiver.isReceiving ? "receiving" : "gone" },
                 { "since", Rounded(now.UnixOf(receiver.sinceUs)) } });
+        if (const ReporterView* const reporter = ReporterAt(receiver.address, reporters))
+            array.back()["report"] = ReportObject(*reporter);
     }
     return array;
 }
@@ -81,7 +95,7 @@ Moment ThisMoment()
     return { common::NowUs(), static_cast<double>(wall.tv_sec) + static_cast<double>(wall.tv_nsec) / 1e9 };
 }
 
-Json ChannelObject(const Channel& channel, const Moment& now)
+Json ChannelObject(const Channel& channel, const ReceiverTable& reports, const Moment& now)
 {
     const WatchedChannel& watched = channel.watched;
     Json object { { "id", watched.id }, { "name", channel.name }, { "state", NameOf(channel.alarm.State()) },
@@ -91,8 +105,11 @@ Json ChannelObject(const Channel& channel, const Moment& now)
         { "restarts", watched.reading.totals.restarts } };
     if (watched.facts)
         object["options"] = OptionsObject(watched.facts->options);
-    object["receivers"] = ReceiversArray(channel, now);
+    const std::vector<ReporterView> reporters = reports.Of(watched.id, now.monotonicUs);
+    object["receivers"] = ReceiversArray(channel, reporters, now);
     object["reports"] = Json::array();
+    for (const ReporterView& reporter : reporters)
+        object["reports"].push_back(ReportObject(reporter));
     return object;
 }
 
@@ -100,7 +117,7 @@ Json ChannelsObject(const Board& board, bool isControlAllowed, const Moment& now
 {
     Json channels = Json::array();
     for (const auto& channel : board.All())
-        channels.push_back(ChannelObject(*channel, now));
+        channels.push_back(ChannelObject(*channel, board.Reports(), now));
     return { { "version", TX_PROXY_VERSION }, { "time", Rounded(now.unixSeconds) },
         { "allow_control", isControlAllowed }, { "channels", std::move(channels) } };
 }

@@ -18,7 +18,7 @@ struct Moment {
 Moment ThisMoment();
 
 // The objects of the HTTP interface, described in docs/arqctl.md. Values that are not known are left out.
-nlohmann::ordered_json ChannelObject(const Channel& channel, const Moment& now);
+nlohmann::ordered_json ChannelObject(const Channel& channel, const ReceiverTable& reports, const Moment& now);
 nlohmann::ordered_json ChannelsObject(const Board& board, bool isControlAllowed, const Moment& now);
 // Values that are not known are null: a column has a value a step.
 nlohmann::ordered_json HistoryObject(const Channel& channel, int64_t span, int64_t points, const Moment& now);

@@ -165,7 +165,7 @@ private:
     int m_nDepth = 0;
 };
 
-double Rounded(double value)
+double Thousandths(double value)
 {
     constexpr double THOUSAND = 1000;
     return std::round(value * THOUSAND) / THOUSAND;
@@ -202,12 +202,12 @@ nlohmann::ordered_json ReportObject(const ReporterView& reporter)
         object[field.name] = report.*field.count;
     for (const ReportReading& field : REPORT_READINGS) {
         if (report.*field.value >= 0)
-            object[field.name] = Rounded(report.*field.value);
+            object[field.name] = Thousandths(report.*field.value);
     }
     if (report.isFinal)
         object["final"] = true;
     object["address"] = reporter.address;
-    object["age_s"] = Rounded(static_cast<double>(reporter.ageUs) / 1e6);
+    object["age_s"] = Thousandths(static_cast<double>(reporter.ageUs) / 1e6);
     object["state"] = NameOf(reporter.state);
     object["restarts"] = reporter.restarts;
     return object;

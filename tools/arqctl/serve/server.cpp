@@ -56,7 +56,9 @@ Server::Server(const ServeOptions& options)
       m_terminate(evsignal_new(m_base.get(), SIGTERM, Told, this)),
       m_board(options.channelNames),
       m_http(m_base.get(), [this](evhttp_request* request) { Handle(request); }),
-      m_reports(m_base.get(), [](std::string_view /*datagram*/, const common::Endpoint& /*source*/) {})
+      m_reports(m_base.get(), [this](std::string_view datagram, const common::Endpoint& source) {
+          m_board.TakeReport(datagram, source, common::NowUs());
+      })
 {
 }
 
@@ -220,7 +222,7 @@ WebReply Server::OfChannel(const WebRoute& route, const WebRequest& asked) const
         return RefusalReply({ 404, "there is no such channel", "/api/v1/channels lists those there are" });
     if (route.resource == Resource::History)
         return HistoryOf(*channel, asked);
-    return JsonReply(200, Dumped(ChannelObject(*channel, ThisMoment())));
+    return JsonReply(200, Dumped(ChannelObject(*channel, m_board.Reports(), ThisMoment())));
 }
 
 WebReply Server::HistoryOf(const Channel& channel, const WebRequest& asked) const
