@@ -12,13 +12,13 @@ import { bitRate, count, isRed, known, stateOf } from "./text.js";
 import { Tiles } from "./tiles.js";
 
 export class Page {
-  #state = null; // the newest
+  state = null; // the newest
+  history = new History(); // of the shown channel
   #choice = new Choice();
   #connection = new Connection();
-  #history = new History();
   #announcer = new Announcer(byId("said_politely"), byId("said_at_once"));
   #tiles = new Tiles(byId("tiles"), (id) => this.#chooseChannel(id));
-  #plots = new Plots(byId("plots"), byId("plots_note"), this.#history);
+  #plots = new Plots(byId("plots"), byId("plots_note"), this.history);
   #dialogs = makeDialogs((text) => this.#tell(text));
   #table = new ReceiverTable(byId("receiver_table"), (address) => this.#dialogs.remove(this.#shown, address));
 
@@ -33,10 +33,10 @@ export class Page {
   // A state of the server, `ageMs` old.
   take(state, ageMs) {
     if (!Array.isArray(state?.channels)) return;
-    this.#state = state;
+    this.state = state;
     this.#connection.heard(ageMs);
     this.#follow();
-    if (ageMs === 0 && this.#shown) this.#history.take(this.#shown, state.time);
+    if (ageMs === 0 && this.#shown) this.history.take(this.#shown, state.time);
     this.#announcer.update(state.channels);
     this.draw();
   }
@@ -48,10 +48,10 @@ export class Page {
 
   // Draws everything anew, unless nobody sees it.
   draw() {
-    if (document.hidden || !this.#state) return;
-    const { channels, time, allow_control: mayChange } = this.#state;
+    if (document.hidden || !this.state) return;
+    const { channels, time, allow_control: mayChange } = this.state;
     const shown = this.#shown;
-    this.#tiles.update(this.#state, shown?.id);
+    this.#tiles.update(this.state, shown?.id);
     setHidden(byId("no_channels"), channels.length > 0);
     for (const id of ["detail", "receivers"]) setHidden(byId(id), !shown);
     setHidden(byId("controls"), mayChange !== true);
@@ -66,7 +66,7 @@ export class Page {
   }
 
   get #shown() {
-    return this.#choice.pick(this.#state?.channels ?? []);
+    return this.#choice.pick(this.state?.channels ?? []);
   }
 
   #drawChannel(channel, time, mayChange) {
@@ -78,7 +78,7 @@ export class Page {
   }
 
   #drawAge() {
-    this.#connection.show(this.#state?.time);
+    this.#connection.show(this.state?.time);
     this.#tiles.age(this.#connection.ageText);
     document.documentElement.dataset.old = this.#connection.isOld;
   }
@@ -101,7 +101,7 @@ export class Page {
 
   // The history follows what is chosen.
   #follow() {
-    if (this.#shown) this.#history.choose(this.#shown.id, this.#choice.span);
+    if (this.#shown) this.history.choose(this.#shown.id, this.#choice.span);
   }
 
   #chooseChannel(id) {
