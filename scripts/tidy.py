@@ -15,7 +15,10 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES = [ROOT / "src", ROOT / "tools"]
 # The tools' files that use a library: its headers, which are none of ours, take minutes to look through.
-LEFT_OUT = [ROOT / "tools" / folder for folder in ("arqrx", "arqrx/cli", "arqlink")]
+LEFT_OUT = [ROOT / "tools" / folder for folder in (
+    "arqrx", "arqrx/cli", "arqlink", "arqctl", "arqctl/cli", "arqctl/doctor", "arqctl/serve", "common_cli")]
+# The static analyzer takes three quarters of the time: it looks at the proxy, and at what reads datagrams of strangers.
+ANALYSED = [ROOT / folder for folder in ("src", "tools/arqrx/core", "tools/arqctl/core", "tools/arqctl/proxy")]
 JOINED = ROOT / "build" / "tidy"
 
 COMMAND = ["clang-tidy-14", "--quiet"]
@@ -42,8 +45,9 @@ def join(folder, files):
     return path, places
 
 
-def run(path):
-    result = subprocess.run([*COMMAND, str(path), "--", *FLAGS], stdin=subprocess.DEVNULL, check=False,
+def run(path, is_analysed):
+    command = COMMAND if is_analysed else [*COMMAND, "--checks=-clang-analyzer-*"]
+    result = subprocess.run([*command, str(path), "--", *FLAGS], stdin=subprocess.DEVNULL, check=False,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     warnings = [line for line in result.stderr.splitlines() if not re.search(r"\d+ warnings? generated", line)]
     return result.returncode == 0, "\n".join([result.stdout, *warnings]).strip()
@@ -52,9 +56,10 @@ def run(path):
 def look_at(folder, files):
     """(true if nothing was found, what was found)"""
     path, places = join(folder, files)
-    good, output = run(path)
+    is_analysed = any(folder.is_relative_to(place) for place in ANALYSED)
+    good, output = run(path, is_analysed)
     if "[clang-diagnostic-error]" in output:
-        outcomes = [run(file) for file in files]
+        outcomes = [run(file, is_analysed) for file in files]
         return all(good for good, _ in outcomes), "\n".join(output for _, output in outcomes if output)
     pattern = re.escape(str(path)) + r":(\d+)"
     return good, re.sub(pattern, lambda match: places[int(match.group(1)) - 1], output)

@@ -19,7 +19,7 @@ namespace {
 
 using namespace test_support;
 
-constexpr int32_t INSTANCE = 2; // reports the stream with index 1
+constexpr int32_t POLLED_INSTANCE = 2; // reports the stream with index 1
 
 class StatusPollTest : public ReplicatorTest {
 protected:
@@ -27,7 +27,7 @@ protected:
     {
         const CapturedOutput output;
         m_context.replicator = &BuildStopped();
-        m_context.instance = INSTANCE;
+        m_context.instance = POLLED_INSTANCE;
     }
 
     // A poll that is due; gives back what it printed.
@@ -40,7 +40,7 @@ protected:
     }
     std::string Toggle()
     {
-        WriteFile(ImpairmentTogglePath(INSTANCE), "anything");
+        WriteFile(ImpairmentTogglePath(POLLED_INSTANCE), "anything");
         return Poll();
     }
     void AddTwoStreams()
@@ -62,7 +62,7 @@ protected:
 TEST_F(StatusPollTest, TheToggleFileSwitchesImpairmentOnAndOffAndIsRemoved)
 {
     EXPECT_EQ(Toggle(), "Impairment ON\n");
-    EXPECT_FALSE(FileExists(ImpairmentTogglePath(INSTANCE)));
+    EXPECT_FALSE(FileExists(ImpairmentTogglePath(POLLED_INSTANCE)));
     EXPECT_EQ(Impair().m_mode, 1);
     EXPECT_EQ(Impair().m_burst.m_min, 1);
     EXPECT_EQ(Impair().m_burst.m_max, 10);
@@ -75,16 +75,16 @@ TEST_F(StatusPollTest, TheToggleFileSwitchesImpairmentOnAndOffAndIsRemoved)
     EXPECT_EQ(Poll(), "");
     Impair().m_dist.m_value = 42;
     EXPECT_EQ(Toggle(), "Impairment OFF\n");
-    EXPECT_FALSE(FileExists(ImpairmentTogglePath(INSTANCE)));
+    EXPECT_FALSE(FileExists(ImpairmentTogglePath(POLLED_INSTANCE)));
     EXPECT_EQ(Impair().m_mode, 0);
     EXPECT_EQ(Impair().m_dist.m_value, 42);
 }
 
 TEST_F(StatusPollTest, AnotherInstancesToggleFileIsLeftAlone)
 {
-    WriteFile(ImpairmentTogglePath(INSTANCE + 1));
+    WriteFile(ImpairmentTogglePath(POLLED_INSTANCE + 1));
     EXPECT_EQ(Poll(), "");
-    EXPECT_TRUE(FileExists(ImpairmentTogglePath(INSTANCE + 1)));
+    EXPECT_TRUE(FileExists(ImpairmentTogglePath(POLLED_INSTANCE + 1)));
 }
 
 TEST_F(StatusPollTest, ThePollWorksOnceASecondAtMost)
@@ -94,20 +94,20 @@ TEST_F(StatusPollTest, ThePollWorksOnceASecondAtMost)
     const uint32_t after = GetTimeMs();
     EXPECT_GE(TicksSince(m_context.nextPollMs, before), 1000);
     EXPECT_LE(TicksSince(m_context.nextPollMs, after), 1000);
-    WriteFile(ImpairmentTogglePath(INSTANCE));
+    WriteFile(ImpairmentTogglePath(POLLED_INSTANCE));
     m_context.nextPollMs = GetTimeMs() + 60000;
     const uint32_t next = m_context.nextPollMs;
     CapturedOutput output;
     PollImpairment(m_context);
     EXPECT_EQ(output.Err(), "");
-    EXPECT_TRUE(FileExists(ImpairmentTogglePath(INSTANCE)));
+    EXPECT_TRUE(FileExists(ImpairmentTogglePath(POLLED_INSTANCE)));
     EXPECT_EQ(m_context.nextPollMs, next);
     EXPECT_EQ(Poll(), "Impairment OFF\n");
 }
 
 TEST_F(StatusPollTest, ThePollTimeMayLieAcrossTheWrapOfTheClock)
 {
-    WriteFile(ImpairmentTogglePath(INSTANCE));
+    WriteFile(ImpairmentTogglePath(POLLED_INSTANCE));
     m_context.nextPollMs = GetTimeMs() - 0x70000000U;
     const CapturedOutput output;
     PollImpairment(m_context);
@@ -116,11 +116,11 @@ TEST_F(StatusPollTest, ThePollTimeMayLieAcrossTheWrapOfTheClock)
 
 TEST_F(StatusPollTest, SettingsAreReadPrintedInOrderAndTheFileKept)
 {
-    WriteFile(ImpairmentSettingsPath(INSTANCE),
+    WriteFile(ImpairmentSettingsPath(POLLED_INSTANCE),
         "mode=2\nmax_dist=40\nmax_drop = 6 # six\nmin_dist=30\nmin_drop=\"5\"\n");
     EXPECT_EQ(
         Toggle(), "min_drop = 5\nmin_dist = 30\nmax_drop = 6\nmax_dist = 40\nmode = 2\nImpairment ON\n");
-    EXPECT_TRUE(FileExists(ImpairmentSettingsPath(INSTANCE)));
+    EXPECT_TRUE(FileExists(ImpairmentSettingsPath(POLLED_INSTANCE)));
     EXPECT_EQ(Impair().m_mode, 2);
     EXPECT_EQ(Impair().m_burst.m_min, 5);
     EXPECT_EQ(Impair().m_burst.m_max, 6);
@@ -132,24 +132,24 @@ TEST_F(StatusPollTest, SettingsAreReadPrintedInOrderAndTheFileKept)
 
 TEST_F(StatusPollTest, MissingAndEmptySettingsTakeTheirDefaultsAndOddOnesWhatStrtolGives)
 {
-    WriteFile(ImpairmentSettingsPath(INSTANCE), "min_drop==\nmin_dist=12abc\nmax_drop=abc\nmax_dist=\n");
+    WriteFile(ImpairmentSettingsPath(POLLED_INSTANCE), "min_drop==\nmin_dist=12abc\nmax_drop=abc\nmax_dist=\n");
     EXPECT_EQ(
         Toggle(), "min_drop = 1\nmin_dist = 12\nmax_drop = 0\nmax_dist = 200\nmode = 1\nImpairment ON\n");
 }
 
 TEST_F(StatusPollTest, AnUnreadableSettingsFileGivesDefaultsForEveryKey)
 {
-    std::filesystem::create_directory(ImpairmentSettingsPath(INSTANCE).c_str());
+    std::filesystem::create_directory(ImpairmentSettingsPath(POLLED_INSTANCE).c_str());
     EXPECT_EQ(
         Toggle(), "min_drop = 1\nmin_dist = 100\nmax_drop = 10\nmax_dist = 200\nmode = 1\nImpairment ON\n");
 }
 
 TEST_F(StatusPollTest, Mode0IsSwitchedOnAgainByTheNextToggle)
 {
-    WriteFile(ImpairmentSettingsPath(INSTANCE), "mode=0");
+    WriteFile(ImpairmentSettingsPath(POLLED_INSTANCE), "mode=0");
     EXPECT_NE(Toggle().find("mode = 0\nImpairment ON\n"), std::string::npos);
     EXPECT_EQ(Impair().m_mode, 0);
-    WriteFile(ImpairmentSettingsPath(INSTANCE), "mode=7");
+    WriteFile(ImpairmentSettingsPath(POLLED_INSTANCE), "mode=7");
     EXPECT_NE(Toggle().find("mode = 7\nImpairment ON\n"), std::string::npos);
     EXPECT_EQ(Impair().m_mode, 7);
     EXPECT_EQ(Toggle(), "Impairment OFF\n");
@@ -157,7 +157,7 @@ TEST_F(StatusPollTest, Mode0IsSwitchedOnAgainByTheNextToggle)
 
 TEST_F(StatusPollTest, AToggleThatCannotBeRemovedTogglesAgain)
 {
-    std::filesystem::create_directory(ImpairmentTogglePath(INSTANCE).c_str());
+    std::filesystem::create_directory(ImpairmentTogglePath(POLLED_INSTANCE).c_str());
     EXPECT_EQ(Poll(), "Impairment ON\n");
     EXPECT_EQ(Poll(), "Impairment OFF\n");
 }
@@ -165,9 +165,9 @@ TEST_F(StatusPollTest, AToggleThatCannotBeRemovedTogglesAgain)
 TEST_F(StatusPollTest, WithoutTheStatusFlagAClearFileStaysAndNothingIsReset)
 {
     AddTwoStreams();
-    WriteFile(ClearRequestPath(INSTANCE));
+    WriteFile(ClearRequestPath(POLLED_INSTANCE));
     EXPECT_EQ(Poll(), "");
-    EXPECT_TRUE(FileExists(ClearRequestPath(INSTANCE)));
+    EXPECT_TRUE(FileExists(ClearRequestPath(POLLED_INSTANCE)));
     ArqSendStats stats {};
     EXPECT_EQ(m_replicator->GetStreamStats(&stats, 1), 1);
     EXPECT_EQ(stats.retransmitted, 11U);
@@ -183,14 +183,14 @@ class StatusRecordTest : public StatusPollTest {
 protected:
     StatusRecordTest() : m_listener(socket(AF_UNIX, SOCK_DGRAM, 0))
     {
-        const sockaddr_un address = UnixAddress(StatusSocketPath(INSTANCE));
+        const sockaddr_un address = UnixAddress(StatusSocketPath(POLLED_INSTANCE));
         EXPECT_EQ(bind(m_listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         m_context.statusFlag = 1;
         CapturedOutput output;
         OpenStatusSocket(m_context);
         m_socket.Reset(m_context.statusSocket);
         EXPECT_EQ(output.Err(), "Created ARQ TX Status Socket\n");
-        EXPECT_STREQ(m_context.statusAddress.sun_path, StatusSocketPath(INSTANCE).c_str());
+        EXPECT_STREQ(m_context.statusAddress.sun_path, StatusSocketPath(POLLED_INSTANCE).c_str());
     }
 
     // Length of the next record, or -1 when there is none.
@@ -223,9 +223,9 @@ TEST_F(StatusRecordTest, EachPollSendsThe32BytesOfTheInstancesStream)
 TEST_F(StatusRecordTest, AClearFileResetsTheStreamBeforeTheRecordIsSentAndIsRemoved)
 {
     AddTwoStreams();
-    WriteFile(ClearRequestPath(INSTANCE));
+    WriteFile(ClearRequestPath(POLLED_INSTANCE));
     EXPECT_EQ(Poll(), "");
-    EXPECT_FALSE(FileExists(ClearRequestPath(INSTANCE)));
+    EXPECT_FALSE(FileExists(ClearRequestPath(POLLED_INSTANCE)));
     ArqSendStats stats {};
     EXPECT_EQ(Read(stats), 32);
     EXPECT_EQ(stats.retransmitted, 0U);
@@ -235,9 +235,9 @@ TEST_F(StatusRecordTest, AClearFileResetsTheStreamBeforeTheRecordIsSentAndIsRemo
 
 TEST_F(StatusRecordTest, WithoutThatStreamNoRecordIsSentButTheClearFileIsRemoved)
 {
-    WriteFile(ClearRequestPath(INSTANCE));
+    WriteFile(ClearRequestPath(POLLED_INSTANCE));
     EXPECT_EQ(Poll(), "");
-    EXPECT_FALSE(FileExists(ClearRequestPath(INSTANCE)));
+    EXPECT_FALSE(FileExists(ClearRequestPath(POLLED_INSTANCE)));
     ArqSendStats stats {};
     EXPECT_EQ(Read(stats), -1);
 }

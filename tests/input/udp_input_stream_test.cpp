@@ -18,11 +18,11 @@ namespace {
 
 using namespace test_support;
 
-std::atomic<int> s_fullCalls { 0 };
+std::atomic<int> s_fullQueues { 0 };
 
-void OnFull(PacketQueue* /*queue*/)
+void CountFull(PacketQueue* /*queue*/)
 {
-    ++s_fullCalls;
+    ++s_fullQueues;
 }
 
 // What the input's data callback was shown; the input thread writes, the test reads when it has been joined.
@@ -60,7 +60,7 @@ protected:
     {
         for (int32_t i = 0; i < CAPACITY; ++i)
             EXPECT_EQ(m_queue.push(&m_stopper, 0), 1);
-        s_fullCalls = 0;
+        s_fullQueues = 0;
     }
 
     // Uses every buffer once, the i-th for a datagram of this length, and fills the queue again.
@@ -80,11 +80,11 @@ protected:
     void SendToWaitTogether(const std::vector<Bytes>& datagrams)
     {
         Send(Payload(12));
-        ASSERT_TRUE(WaitFor([] { return s_fullCalls == 1; }));
+        ASSERT_TRUE(WaitFor([] { return s_fullQueues == 1; }));
         for (const Bytes& datagram : datagrams)
             Send(datagram);
         EXPECT_EQ(m_queue.pop(nullptr, 0), &m_stopper);
-        ASSERT_TRUE(WaitFor([] { return s_fullCalls == 2; }));
+        ASSERT_TRUE(WaitFor([] { return s_fullQueues == 2; }));
     }
 
     // The next packet that the input has pushed, the first one of SendToWaitTogether left out; null when none came.
@@ -120,7 +120,7 @@ protected:
     const std::unique_ptr<PacketBufferPool> m_pool = PacketBufferPool::createDefault(POOL);
     PacketBuffer m_stopper {};
     bool m_ok = true;
-    PacketQueue m_queue { m_ok, CAPACITY, OnFull, nullptr };
+    PacketQueue m_queue { m_ok, CAPACITY, CountFull, nullptr };
     PlainWord<int32_t> m_running { 1 };
     PlainWord<uint32_t> m_inputBytes { 0 };
     char m_sourceAddress[INET_ADDRSTRLEN] = "";
@@ -188,7 +188,7 @@ TEST_F(UdpInputStreamTest, TheFirstSenderOfAllIsRecordedWhoeverSendsNext)
     Start();
     m_encoder.SendTo("127.0.0.1", m_lease.Port(), {}); // an empty one tells of nobody
     other.SendTo("127.0.0.1", m_lease.Port(), Payload(100));
-    ASSERT_TRUE(WaitFor([] { return s_fullCalls == 1; }));
+    ASSERT_TRUE(WaitFor([] { return s_fullQueues == 1; }));
     Send(Payload(100));
     other.SendTo("127.0.0.1", m_lease.Port(), Payload(100));
     for (int i = 0; i < 3; ++i)

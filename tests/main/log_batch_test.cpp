@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t CAPACITY = 100;
+constexpr size_t BATCH_CAPACITY = 100;
 
 using Runs = std::vector<std::pair<int, std::string>>;
 
@@ -24,7 +24,7 @@ Runs RunsOf(const LogBatch& batch)
 TEST(LogBatch, IsEmptyAtFirstAndAfterClear)
 {
     bool ok = true;
-    LogBatch batch(ok, CAPACITY);
+    LogBatch batch(ok, BATCH_CAPACITY);
     EXPECT_TRUE(ok);
     EXPECT_TRUE(batch.IsEmpty());
     EXPECT_TRUE(batch.Put(1, "a", 0));
@@ -37,7 +37,7 @@ TEST(LogBatch, IsEmptyAtFirstAndAfterClear)
 TEST(LogBatch, GivesTextsForOneDescriptorThatFollowEachOtherAsOneRunAndKeepsTheOrder)
 {
     bool ok = true;
-    LogBatch batch(ok, CAPACITY);
+    LogBatch batch(ok, BATCH_CAPACITY);
     for (const auto& [fd, text] :
         Runs { { 2, "Oct 1: " }, { 2, "first\n" }, { 1, "second\n" }, { 2, "third\n" } })
         EXPECT_TRUE(batch.Put(fd, text, 0));
@@ -47,7 +47,7 @@ TEST(LogBatch, GivesTextsForOneDescriptorThatFollowEachOtherAsOneRunAndKeepsTheO
 TEST(LogBatch, StartsANewRunAfterClearForTheSameDescriptorToo)
 {
     bool ok = true;
-    LogBatch batch(ok, CAPACITY);
+    LogBatch batch(ok, BATCH_CAPACITY);
     EXPECT_TRUE(batch.Put(2, "old", 0));
     batch.Clear();
     EXPECT_TRUE(batch.Put(2, "new", 0));
@@ -56,9 +56,9 @@ TEST(LogBatch, StartsANewRunAfterClearForTheSameDescriptorToo)
 
 TEST(LogBatch, TakesATextThatFillsItAndNoneThatIsAByteLonger)
 {
-    const std::string fits(CAPACITY - LogBatch::RUN_BYTES, 'x');
+    const std::string fits(BATCH_CAPACITY - LogBatch::RUN_BYTES, 'x');
     bool ok = true;
-    LogBatch batch(ok, CAPACITY);
+    LogBatch batch(ok, BATCH_CAPACITY);
     EXPECT_FALSE(batch.Put(2, fits + "x", 0));
     EXPECT_TRUE(batch.IsEmpty());
     EXPECT_TRUE(batch.Put(2, fits, 0));
@@ -68,9 +68,9 @@ TEST(LogBatch, TakesATextThatFillsItAndNoneThatIsAByteLonger)
 
 TEST(LogBatch, LeavesTheReserveFree)
 {
-    const std::string text(CAPACITY - LogBatch::RUN_BYTES - 10, 'x');
+    const std::string text(BATCH_CAPACITY - LogBatch::RUN_BYTES - 10, 'x');
     bool ok = true;
-    LogBatch batch(ok, CAPACITY);
+    LogBatch batch(ok, BATCH_CAPACITY);
     EXPECT_FALSE(batch.Put(2, text, 11));
     EXPECT_TRUE(batch.Put(2, text, 10));
     EXPECT_FALSE(batch.Put(2, text, static_cast<size_t>(-1))) << "a sum that wraps is too much";

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr size_t CAPACITY = 64 * 1024;
+constexpr size_t WRITER_CAPACITY = 64 * 1024;
 constexpr uint32_t PATIENCE_MS = 20000;
 
 // A pipe of the test's own in the place of an output.
@@ -73,7 +73,7 @@ protected:
     bool m_bOk = true;
     // Goes before the pipes.
     std::unique_ptr<LogWriter> m_writer
-        = std::make_unique<LogWriter>(m_bOk, CAPACITY, m_output.writer.Get(), m_error.writer.Get());
+        = std::make_unique<LogWriter>(m_bOk, WRITER_CAPACITY, m_output.writer.Get(), m_error.writer.Get());
 };
 
 TEST_F(LogWriterTest, WritesEachStreamToItsDescriptorWithoutBeingAsked)
@@ -136,7 +136,7 @@ TEST_F(LogWriterTest, WithoutAReaderLinesAreThrownAwayAndWhoPrintsNeverWaits)
 TEST_F(LogWriterTest, AFullDiskThrowsLinesAway)
 {
     const UniqueFd full(open("/dev/full", O_WRONLY | O_CLOEXEC));
-    LogWriter writer(m_bOk, CAPACITY, m_output.writer.Get(), full.Get());
+    LogWriter writer(m_bOk, WRITER_CAPACITY, m_output.writer.Get(), full.Get());
     ASSERT_TRUE(writer.Start());
     writer.Append(LogStream::ERROR, "no room\n");
     writer.Append(LogStream::OUTPUT, "behind\n");

@@ -202,7 +202,7 @@ struct Closing {
 };
 std::vector<Closing> s_closings;
 
-void RecordClose(void* session)
+void NoteClose(void* session)
 {
     s_closings.push_back({ session, IsLibraryLoaded() });
 }
@@ -221,7 +221,7 @@ TEST_F(ProxyRunTest, TheEndClosesTheSessionOnceWhileItsLibraryIsLoadedAndUnloads
     m_context->plugin.library = dlopen(LIBRARY, RTLD_LAZY);
     m_context->plugin.session = &session;
     m_context->plugin.dataCallback = LeaveData;
-    m_context->plugin.closeCallback = RecordClose;
+    m_context->plugin.closeCallback = NoteClose;
     ASSERT_TRUE(IsLibraryLoaded());
     std::future<int> run = Start();
     Deliver(1);

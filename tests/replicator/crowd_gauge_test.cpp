@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr uint32_t BEGIN_MS = 5000;
+constexpr uint32_t FIRST_LOOK_MS = 5000;
 
 TEST(CrowdGauge, ALookIsDueAtEach16thDatagramWithoutABreak)
 {
@@ -38,32 +38,32 @@ TEST(CrowdGauge, NoLookIsDueWhereTheSocketIsFoundEmptyBetween)
 TEST(CrowdGauge, ItIsCrowdedFromAFullLookOnAndASecondLonger)
 {
     CrowdGauge gauge;
-    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS));
-    gauge.OnLook(CrowdGauge::CROWDED_BYTES - 1, BEGIN_MS);
-    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS));
-    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS);
-    EXPECT_TRUE(gauge.IsCrowded(BEGIN_MS));
+    EXPECT_FALSE(gauge.IsCrowded(FIRST_LOOK_MS));
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES - 1, FIRST_LOOK_MS);
+    EXPECT_FALSE(gauge.IsCrowded(FIRST_LOOK_MS));
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, FIRST_LOOK_MS);
+    EXPECT_TRUE(gauge.IsCrowded(FIRST_LOOK_MS));
     gauge.OnEmpty();
-    gauge.OnLook(0, BEGIN_MS + 1);
-    EXPECT_TRUE(gauge.IsCrowded(BEGIN_MS + 999));
-    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS + 1000));
+    gauge.OnLook(0, FIRST_LOOK_MS + 1);
+    EXPECT_TRUE(gauge.IsCrowded(FIRST_LOOK_MS + 999));
+    EXPECT_FALSE(gauge.IsCrowded(FIRST_LOOK_MS + 1000));
 }
 
 TEST(CrowdGauge, EachFullLookBeginsTheSecondAnew)
 {
     CrowdGauge gauge;
-    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS);
-    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS + 600);
-    EXPECT_TRUE(gauge.IsCrowded(BEGIN_MS + 1599));
-    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS + 1600));
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, FIRST_LOOK_MS);
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, FIRST_LOOK_MS + 600);
+    EXPECT_TRUE(gauge.IsCrowded(FIRST_LOOK_MS + 1599));
+    EXPECT_FALSE(gauge.IsCrowded(FIRST_LOOK_MS + 1600));
 }
 
 TEST(CrowdGauge, WhatIsOverDoesNotComeBackWhenTheClockHasWrapped)
 {
     CrowdGauge gauge;
-    gauge.OnLook(CrowdGauge::CROWDED_BYTES, BEGIN_MS);
-    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS + 1000));
-    EXPECT_FALSE(gauge.IsCrowded(BEGIN_MS));
+    gauge.OnLook(CrowdGauge::CROWDED_BYTES, FIRST_LOOK_MS);
+    EXPECT_FALSE(gauge.IsCrowded(FIRST_LOOK_MS + 1000));
+    EXPECT_FALSE(gauge.IsCrowded(FIRST_LOOK_MS));
 }
 
 } // namespace

@@ -13,7 +13,7 @@ using namespace test_support;
 
 using Mode = MySocketListener::Mode;
 
-const Bytes STOP { 0xDE, 0xAD, 0xBE, 0xEF, 0xBA, 0xBE, 0xFA, 0xCE };
+const Bytes STOP_DATAGRAM { 0xDE, 0xAD, 0xBE, 0xEF, 0xBA, 0xBE, 0xFA, 0xCE };
 
 // The replicator's own threads are stopped; the listeners here have no socket.
 class MySocketListenerTest : public ReplicatorTest {
@@ -55,7 +55,7 @@ TEST_F(MySocketListenerTest, AnyDatagramEvenAnEmptyOneMakesAStream)
 
 TEST_F(MySocketListenerTest, AStopMessageInEitherByteOrderRemovesTheStream)
 {
-    for (const Bytes& stop : { Bytes { 0xDE, 0xAD, 0xBE, 0xEF }, Bytes { 0xEF, 0xBE, 0xAD, 0xDE }, STOP }) {
+    for (const Bytes& stop : { Bytes { 0xDE, 0xAD, 0xBE, 0xEF }, Bytes { 0xEF, 0xBE, 0xAD, 0xDE }, STOP_DATAGRAM }) {
         Hand(Mode::Pings, "127.0.0.2", { 'p' });
         ASSERT_EQ(Count(), 1);
         Hand(Mode::Pings, "127.0.0.2", stop);
@@ -78,7 +78,7 @@ TEST_F(MySocketListenerTest, AStopMessageOnTheRequestPortEndsNothing)
 {
     Hand(Mode::Pings, "127.0.0.2", { 'p' });
     (void)ReplaceEngine(Stream(0));
-    Hand(Mode::Requests, "127.0.0.2", STOP);
+    Hand(Mode::Requests, "127.0.0.2", STOP_DATAGRAM);
     EXPECT_EQ(Count(), 1);
 }
 

@@ -13,7 +13,7 @@
 
 namespace {
 
-bool IsOpen(int fd)
+bool IsOpenSocket(int fd)
 {
     return fcntl(fd, F_GETFD) != -1;
 }
@@ -44,14 +44,14 @@ TEST(SharedSocket, TheDescriptorIsClosedWithItsLastShare)
             const SharedSocket second(first);
             EXPECT_EQ(second.Get(), fd);
         }
-        EXPECT_TRUE(IsOpen(fd));
+        EXPECT_TRUE(IsOpenSocket(fd));
         const SharedSocket third(first);
         first = SharedSocket();
         EXPECT_FALSE(first.IsValid());
         EXPECT_EQ(third.Get(), fd);
-        EXPECT_TRUE(IsOpen(fd));
+        EXPECT_TRUE(IsOpenSocket(fd));
     }
-    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_FALSE(IsOpenSocket(fd));
 }
 
 TEST(SharedSocket, AMovedFromShareIsEmptyAndCountsNoMore)
@@ -63,7 +63,7 @@ TEST(SharedSocket, AMovedFromShareIsEmptyAndCountsNoMore)
         EXPECT_FALSE(first.IsValid()); // NOLINT(bugprone-use-after-move): what is proved
         EXPECT_EQ(second.Get(), fd);
     }
-    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_FALSE(IsOpenSocket(fd));
 }
 
 TEST(SharedSocket, AssignmentGivesUpTheShareHeldBefore)
@@ -73,11 +73,11 @@ TEST(SharedSocket, AssignmentGivesUpTheShareHeldBefore)
     SharedSocket socket(oldFd);
     const SharedSocket other(newFd);
     socket = other;
-    EXPECT_FALSE(IsOpen(oldFd));
+    EXPECT_FALSE(IsOpenSocket(oldFd));
     EXPECT_EQ(socket.Get(), newFd);
     const SharedSocket& itself = socket;
     socket = itself;
-    EXPECT_TRUE(IsOpen(newFd));
+    EXPECT_TRUE(IsOpenSocket(newFd));
     EXPECT_EQ(socket.Get(), newFd);
 }
 
@@ -88,7 +88,7 @@ TEST(SharedSocket, WithoutMemoryTheDescriptorIsClosedAndNothingHeld)
     const SharedSocket socket(fd);
     EXPECT_TRUE(failing.Fired());
     EXPECT_FALSE(socket.IsValid());
-    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_FALSE(IsOpenSocket(fd));
 }
 
 TEST(SharedSocket, SharesMayBeTakenAndGivenUpByTwoThreadsAtOnce)
@@ -107,9 +107,9 @@ TEST(SharedSocket, SharesMayBeTakenAndGivenUpByTwoThreadsAtOnce)
         std::thread other(take);
         take();
         other.join();
-        EXPECT_TRUE(IsOpen(fd));
+        EXPECT_TRUE(IsOpenSocket(fd));
     }
-    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_FALSE(IsOpenSocket(fd));
 }
 
 } // namespace

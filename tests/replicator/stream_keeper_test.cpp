@@ -20,7 +20,7 @@ namespace {
 
 using namespace test_support;
 
-const Bytes STOP { 0xDE, 0xAD, 0xBE, 0xEF, 0xBA, 0xBE, 0xFA, 0xCE };
+const Bytes STOP_MESSAGE { 0xDE, 0xAD, 0xBE, 0xEF, 0xBA, 0xBE, 0xFA, 0xCE };
 
 TEST_F(StreamKeeperTest, AddStreamMakesALivingStaticStreamAndSaysSo)
 {
@@ -121,7 +121,7 @@ TEST_F(StreamKeeperTest, DeletingAStreamSendsFiveStopMessages20MsApartAndLogsIts
     EXPECT_EQ(m_waits.SleepsMs(), (std::vector<uint32_t> { 20, 20, 20, 20, 20 }));
     EXPECT_EQ(output.StampedErr(), "<time> Stream stopped for 127.0.0.2 ID:0x00000000\n");
     for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(receiver.Next(), STOP);
+        EXPECT_EQ(receiver.Next(), STOP_MESSAGE);
     EXPECT_FALSE(receiver.HasDatagram());
     EXPECT_EQ(Count(), 0);
     EXPECT_EQ(m_stats.m_nTxPackets, 0U);

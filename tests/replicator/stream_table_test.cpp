@@ -327,11 +327,11 @@ TEST(StreamTable, DestroysAllItsStreamsThoseTooThatWait)
 // path does; the sanitizers would report a stream that is used after it was destroyed.
 TEST_F(StreamTableTest, AReaderMeetsEveryStreamThatStaysExactlyOnceWhileOthersAreRemoved)
 {
-    constexpr uint32_t STAYS = 1000;
+    constexpr uint32_t FIRST_TO_STAY = 1000;
     constexpr int STAYING = 4;
     (void)Append("127.0.0.2", 1);
     for (uint32_t i = 0; i < STAYING; ++i)
-        (void)Append("127.0.0.3", STAYS + i);
+        (void)Append("127.0.0.3", FIRST_TO_STAY + i);
     std::atomic<bool> isOver { false };
     std::atomic<int> missed { 0 };
     std::atomic<int> repeated { 0 };
@@ -342,8 +342,8 @@ TEST_F(StreamTableTest, AReaderMeetsEveryStreamThatStaysExactlyOnceWhileOthersAr
             {
                 const StreamTable::View view(m_table);
                 view.ForEach([&](const MyArqSendCB& stream) {
-                    if (stream.StreamId() >= STAYS)
-                        ++met[stream.StreamId() - STAYS];
+                    if (stream.StreamId() >= FIRST_TO_STAY)
+                        ++met[stream.StreamId() - FIRST_TO_STAY];
                 });
             }
             for (const int count : met) {
@@ -365,7 +365,7 @@ TEST_F(StreamTableTest, AReaderMeetsEveryStreamThatStaysExactlyOnceWhileOthersAr
         const StreamTable::Lock lock(m_table);
         const StreamEntries entries = m_table.Current();
         int32_t index = 0;
-        while (entries.At(index).StreamId() >= STAYS)
+        while (entries.At(index).StreamId() >= FIRST_TO_STAY)
             ++index;
         m_table.Remove(index);
     };
