@@ -1,14 +1,40 @@
 """The commands of arqctl against a real proxy, as an operator types them and as a script reads them."""
 
 import json
+import os
+import pathlib
+import socket
+import threading
+import time
 
 import pytest
 
-from txproxy import arqctl, arqrx, control
+from txproxy import arqctl, arqrx, control, instances, ports
 from txproxy.arqrx import Arqrx, joining
 from txproxy.waiting import wait_until
 
 pytestmark = pytest.mark.release_only
+
+
+class Pinging:
+    """Pings without a stream ID, whatever it is told."""
+
+    def __init__(self, net, address):
+        self._ended = threading.Event()
+        self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._socket.bind((address, 0))
+        self._socket.connect(("127.0.0.1", net.destination))
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._ended.wait(0.3):
+            self._socket.send(b"")
+
+    def close(self):
+        self._ended.set()
+        self._thread.join()
+        self._socket.close()
 
 
 def run(net, *arguments, **keywords):
@@ -118,3 +144,69 @@ def test_a_wrong_use_says_what_is_wrong_and_where_help_is(arguments, problem, co
     as_object = arqctl.run(*arguments, "--json")
     assert as_object.status == as_object.json["status"] == arqctl.USAGE
     assert as_object.json["error"] == problem
+
+
+def test_drain_deletes_every_receiver(start_proxy, net, receive):
+    addresses = ["127.0.0.2", "127.0.0.3", "127.0.0.4"]
+    for address in addresses:
+        receive(address)  # else the stop messages come back as pings
+    start_proxy("-a", ",".join(addresses))
+    assert run(net, "drain", "--settle", "100ms") == (arqctl.GOOD, "3 receivers were deleted; none is left\n", "")
+    assert run(net, "list").stdout == ""
+    assert run(net, "drain", "--json").json == {
+        "action": "drain", "result": "already", "text": "there are no receivers", "deleted": [], "left": []}  # fmt: skip
+    assert run(net, "drain").status == arqctl.ALREADY_SO
+
+
+def test_drain_tells_of_receivers_that_ping_and_of_those_with_a_stream_id(start_proxy, net, receive, closing):
+    receive("127.0.0.9")
+    process = start_proxy("-a", "127.0.0.9")
+    closing(Arqrx(*joining(net, "--bind", arqrx.LOCAL)))
+    process.wait_stderr(arqrx.started())
+    closing(Pinging(net, "127.0.0.5"))
+    wait_until(lambda: len(run(net, "list", "--json").json["receivers"]) == 3, "all three to be listed")
+    result = run(net, "drain", "--timeout", "1500ms", "--json")
+    assert result.status == arqctl.NOT_DONE
+    assert result.json["result"] == "refused"
+    assert result.json["deleted"] == ["127.0.0.9"]
+    assert sorted(result.json["left"], key=str) == [
+        {"address": arqrx.LOCAL, "came_back": False}, {"address": "127.0.0.5", "came_back": True}]  # fmt: skip
+    assert result.problem[0].startswith("2 of 3 receivers are left: ")
+    assert "127.0.0.5 (came back: it pings)" in result.problem[0]
+
+
+def test_instances_tells_proxies_stale_sockets_and_other_programs_apart(start_proxy, launch, net, closing):
+    process = start_proxy("-a", "127.0.0.2", "-Z", "secret")
+    ended = instances.reserve(closing)
+    instances.start(launch, ended).stop()
+    cut_off = instances.reserve(closing)
+    without = instances.start(launch, cut_off)
+    os.unlink(control.path(cut_off.instance))
+    pathlib.Path(control.path("X")).write_text("a file", encoding="ascii")
+    try:
+        found = run(net, "instances", "--json")
+        shown = run(net, "instances").stdout
+    finally:
+        os.unlink(control.path("X"))
+    assert found.status == arqctl.GOOD
+    by_number = {each.get("instance"): each for each in found.json["instances"]}
+    live = by_number[net.instance]
+    assert live.pop("start_time") == pytest.approx(time.time(), abs=60)
+    assert live == {
+        "instance": net.instance, "socket": control.path(net.instance), "state": "running", "pid": process.pid,
+        "command": f"tx_proxy -I {net.instance} -p {net.destination} -r {net.request} -a 127.0.0.2 -Z *** {net.input}",
+        "listen_port": net.input, "media_port": net.destination, "request_port": net.request,
+        "lock_port": ports.lock_port(net.instance), "input_bit_rate": 0, "receivers": ["127.0.0.2"]}  # fmt: skip
+    assert by_number[ended.instance] == {"instance": ended.instance, "socket": control.path(ended.instance), "state": "stale"}
+    assert (by_number[cut_off.instance]["state"], by_number[cut_off.instance]["pid"]) == ("no_socket", without.pid)
+    assert by_number[None] == {"socket": control.path("X"), "state": "foreign"}
+    assert f"{net.instance}: running, 1 receiver, pid {process.pid}\n" \
+           f"    input {net.input}, media {net.destination}, requests {net.request}\n" in shown
+    assert f"{ended.instance}: has ended; its socket was left behind\n" in shown
+
+
+def test_instances_without_a_proxy_have_a_status_of_their_own():
+    result = arqctl.run("instances", "--json")
+    assert result.status == arqctl.NO_PROXY
+    assert result.problem[0] == "no proxy runs here"
+    assert {each["state"] for each in result.json["instances"]} <= {"stale"}

@@ -114,3 +114,15 @@ def test_the_tunnel_is_private_and_ends_with_an_arqctl_that_is_killed(server, st
     os.utime(folder, (0, 0))  # long ago
     assert through(server, "-I", net.instance, "list").status == arqctl.GOOD
     assert not tunnel_folders(server)  # what the killed one left is gone too
+
+
+def test_instances_of_another_machine_are_those_that_arqctl_finds_there(server, start_proxy, net):
+    process = start_proxy()
+    there = {**server.environment(), "ARQCTL_THERE": arqctl.program()}
+    found = arqctl.run("--via", f"ssh:{server.HOST}", "instances", "--json", env=there)
+    assert found.status == arqctl.GOOD
+    assert process.pid in [each.get("pid") for each in found.json["instances"]]
+    missing = arqctl.run("--via", f"ssh:{server.HOST}", "instances", env={**there, "ARQCTL_THERE": "/nowhere/arqctl"})
+    assert missing.status == arqctl.NO_START
+    assert missing.problem == (f"there is no program /nowhere/arqctl on {server.HOST}",
+                               "install arqctl there, name it with ARQCTL_THERE=/path/of/arqctl, or run this command there")

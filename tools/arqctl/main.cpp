@@ -23,6 +23,8 @@ void AddCommands(CLI::App& app, Session& session)
     AddDelCommand(app, session);
     AddResetCommand(app, session);
     AddDebugCommand(app, session);
+    AddDrainCommand(app, session);
+    AddInstancesCommand(app, session);
     AddStatsCommand(app, session);
     AddServeCommand(app, session);
 }

@@ -13,6 +13,8 @@ void AddAddCommand(CLI::App& app, Session& session);
 void AddDelCommand(CLI::App& app, Session& session);
 void AddResetCommand(CLI::App& app, Session& session);
 void AddDebugCommand(CLI::App& app, Session& session);
+void AddDrainCommand(CLI::App& app, Session& session);
+void AddInstancesCommand(CLI::App& app, Session& session);
 void AddStatsCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl

@@ -9,8 +9,6 @@
 
 namespace arqctl {
 
-namespace {
-
 ExitStatus StatusOf(Failure failure)
 {
     switch (failure) {
@@ -33,8 +31,6 @@ ExitStatus StatusOf(Failure failure)
     }
     return ExitStatus::BadAnswer;
 }
-
-} // namespace
 
 ExitStatus Fail(
     const Session& session, ExitStatus status, const std::string& problem, const std::string& advice)

@@ -32,6 +32,8 @@ struct Session {
 ExitStatus Fail(
     const Session& session, ExitStatus status, const std::string& problem, const std::string& advice);
 
+ExitStatus StatusOf(Failure failure);
+
 // The same for an exchange that failed.
 ExitStatus FailedAnswer(const Session& session, Failure failure);
 
