@@ -75,15 +75,15 @@ void ReceiverChange::Take(int64_t nowUs)
     const std::string& reply = m_exchange->Reply();
     if (m_step == Step::Before) {
         if (!TakeList(reply, m_before))
-            return End(Failure::CutOff);
+            return End(Failure::Foreign);
         Begin(Step::Command, RequestOf(m_action, m_who), nowUs);
     } else if (m_step == Step::Command) {
         if (reply != ReplyOf(m_action, m_who))
-            return End(Failure::CutOff);
+            return End(Failure::Foreign);
         Begin(Step::After, LIST_REQUEST, nowUs);
     } else {
         if (!TakeList(reply, m_after))
-            return End(Failure::CutOff);
+            return End(Failure::Foreign);
         m_outcome = OutcomeOf(m_action, m_who, m_before, m_after);
         End(Failure::None);
     }
