@@ -62,7 +62,8 @@ void AddResetCommand(CLI::App& app, Session& session)
     command->footer(
         "Examples:\n"
         "  arqctl reset rx\n\n"
-        "Whoever else reads these counts sees them fall: 'arqctl stats --watch' needs no reset.\n");
+        "Whoever else reads these counts sees them fall. 'arqctl stats --watch' shows\n"
+                    "differences without a reset.\n");
     command->callback([&session, chosen] {
         session.run = [&session, chosen] { return CarryOutReset(session, **chosen); };
     });
