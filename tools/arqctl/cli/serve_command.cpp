@@ -66,15 +66,18 @@ void AddServeCommand(CLI::App& app, Session& session)
     CLI::App* command = app.add_subcommand("serve", "a web page of channels, and metrics");
     const auto words = std::make_shared<ServeWords>();
     command->add_option("--listen", words->options.listen, "address and port of the page [127.0.0.1:8080]");
-    command->add_option(
-        "--allow-host", words->options.allowedHosts, "another name under which the page is asked for");
+    command
+        ->add_option(
+            "--allow-host", words->options.allowedHosts, "another name under which the page is asked for")
+        ->allow_extra_args(false);
     command->add_flag("--allow-control", words->options.isControlAllowed,
         "add, delete and impair through the page, with a token");
     command->add_option(
         "--token-file", words->options.tokenFile, "the token, 16 characters at least [one is made]");
     command->add_option(
         "--reports", words->options.reports, "where receivers report to, by UDP, or off [as --listen]");
-    command->add_option("--channel-name", words->names, "2=News: what a channel is called");
+    command->add_option("--channel-name", words->names, "2=News: what a channel is called")
+        ->allow_extra_args(false);
     command->add_option("targets", words->targets, "2, ssh:HOST/2 or /path/of/socket [all that run here]");
     command->callback(
         [&session, words] { session.run = [&session, words] { return RunServe(session, *words); }; });

@@ -9,6 +9,7 @@
 #include "arqctl/core/url_text.h"
 #include "arqctl/core/web_checks.h"
 #include "arqctl/serve/channel_json.h"
+#include "arqctl/serve/channel_metrics.h"
 #include "arqctl/serve/page_files.h"
 #include "common/clock.h"
 
@@ -121,6 +122,7 @@ void Server::Tick()
 {
     m_board.Take(*m_watcher->Latest(), common::NowUs());
     m_stateText.reset();
+    m_metricsText.reset();
     m_events.SendState(StateText());
     m_http.Sweep();
 }
@@ -163,12 +165,13 @@ WebReply Server::Answer(const WebRoute& route, const WebRequest& asked)
         return Page(route.name, asked);
     case Resource::Health:
         return Health();
+    case Resource::Metrics:
+        return Metrics();
     case Resource::Channels:
         return State();
     case Resource::Channel:
     case Resource::History:
         return OfChannel(route, asked);
-    case Resource::Metrics:
     case Resource::Events:
     case Resource::Receivers:
     case Resource::Receiver:
@@ -212,6 +215,20 @@ WebReply Server::State()
     (void)StateText();
     WebReply reply;
     reply.text = m_stateText;
+    return reply;
+}
+
+WebReply Server::Metrics()
+{
+    if (!m_metricsText) {
+        MetricList list;
+        AddChannelMetrics(m_board, ThisMoment(), list);
+        AddOwnMetrics(m_events.Count(), list);
+        m_metricsText = std::make_shared<const std::string>(list.Text());
+    }
+    WebReply reply;
+    reply.type = "text/plain; version=0.0.4; charset=utf-8";
+    reply.text = m_metricsText;
     return reply;
 }
 

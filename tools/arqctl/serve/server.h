@@ -38,6 +38,7 @@ private:
     WebReply Page(const std::string& name, const WebRequest& asked) const;
     WebReply Health() const;
     WebReply State();
+    WebReply Metrics();
     WebReply HistoryOf(const Channel& channel, const WebRequest& asked) const;
     WebReply OfChannel(const WebRoute& route, const WebRequest& asked) const;
     const std::string& StateText();
@@ -53,6 +54,7 @@ private:
     HttpServer m_http;
     ReportSocket m_reports;
     std::shared_ptr<const std::string> m_stateText; // of this second; null: not asked for yet
+    std::shared_ptr<const std::string> m_metricsText; // likewise
     std::unique_ptr<Watcher> m_watcher;
 };
 

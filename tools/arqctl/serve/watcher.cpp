@@ -49,6 +49,7 @@ struct Watcher::Watched {
     Meter meter;
     WatchedChannel now;
     int64_t nextProcessUs = 0;
+    int lookedAtPid = 0;
 };
 
 void Watcher::Watched::Take(PolledAnswer polled, Tunnels& tunnels)
@@ -147,13 +148,13 @@ void Watcher::ProceedAll(int64_t nowUs)
 
 void Watcher::LookAtProcess(Watched& watched, int64_t nowUs)
 {
-    if (nowUs < watched.nextProcessUs)
+    const bool isSeen = watched.now.pid != 0 && watched.now.reading.isUp;
+    const bool isAnother = isSeen && watched.now.pid != watched.lookedAtPid;
+    if (nowUs < watched.nextProcessUs && !isAnother)
         return;
     watched.nextProcessUs = nowUs + PROCESS_US;
-    if (watched.now.pid != 0 && watched.now.reading.isUp)
-        watched.now.facts = FactsOf(watched.now.pid);
-    else
-        watched.now.facts.reset();
+    watched.lookedAtPid = isSeen ? watched.now.pid : 0;
+    watched.now.facts = isSeen ? FactsOf(watched.now.pid) : std::nullopt;
 }
 
 void Watcher::Publish()
