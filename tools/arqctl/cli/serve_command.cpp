@@ -1,4 +1,8 @@
+#include <fmt/format.h>
+
+#include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "arqctl/cli/commands.h"
 #include "arqctl/serve/options.h"
@@ -44,6 +48,19 @@ struct ServeWords {
     std::vector<std::string> names;
 };
 
+// For people: two lines; the token itself is in its file only.
+void Announce(const Session& session, const std::string& url, const std::string& tokenFile)
+{
+    nlohmann::ordered_json object { { "url", url } };
+    if (!tokenFile.empty())
+        object["token_file"] = tokenFile;
+    if (session.isJson)
+        fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    else
+        fmt::print("{}\n{}", url, tokenFile.empty() ? "" : "The token for control is in " + tokenFile + "\n");
+    (void)fflush(stdout);
+}
+
 ExitStatus RunServe(const Session& session, ServeWords& words)
 {
     std::string wrong;
@@ -53,6 +70,8 @@ ExitStatus RunServe(const Session& session, ServeWords& words)
     if (!AddNames(words.names, words.options.channelNames, wrong))
         return Fail(
             session, ExitStatus::Usage, "'" + wrong + "' names no channel", "write --channel-name 2=News");
+    words.options.started
+        = [&session](const std::string& url, const std::string& file) { Announce(session, url, file); };
     words.options.patienceUs = SERVE_PATIENCE_US;
     const ServeEnd end = Serve(words.options);
     return end.problem.empty() ? ExitStatus::Good

@@ -196,4 +196,11 @@ void HttpServer::HoldOpen(evhttp_request* request, bool isHeld)
     connection->sinceUs = common::NowUs();
 }
 
+void HttpServer::Pause(evhttp_request* request)
+{
+    HoldOpen(request, true);
+    (void)bufferevent_disable(
+        evhttp_connection_get_bufferevent(evhttp_request_get_connection(request)), EV_READ);
+}
+
 } // namespace arqctl

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <event2/http.h>
@@ -47,6 +48,8 @@ public:
 
     // A connection that waits on our side does not run out of time, until it is told that it does again.
     void HoldOpen(evhttp_request* request, bool isHeld);
+    // Holds it open, and reads nothing from it until its reply is sent: libevent cannot take more before that.
+    void Pause(evhttp_request* request);
 
 private:
     // The reference keeps the buffer's record, not the connection: libevent may have closed it.

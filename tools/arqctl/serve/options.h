@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@ struct ServeOptions {
     std::map<std::string, std::string> channelNames; // by Target::Name()
     std::vector<Target> targets; // empty: whatever runs here
     int64_t patienceUs = 0; // for one answer of a proxy
+    // Told once all ports are taken: the page's address, and the file of the token ("": no control).
+    std::function<void(const std::string& url, const std::string& tokenFile)> started;
 };
 
 // Why the server does not start, or has ended.

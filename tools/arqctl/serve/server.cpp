@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 
 #include "arqctl/core/url_text.h"
 #include "arqctl/core/web_checks.h"
@@ -57,6 +56,7 @@ Server::Server(const ServeOptions& options)
       m_terminate(evsignal_new(m_base.get(), SIGTERM, Told, this)),
       m_board(options.channelNames),
       m_http(m_base.get(), [this](evhttp_request* request) { Handle(request); }),
+      m_control(m_base.get(), m_http, m_board, options.patienceUs),
       m_reports(m_base.get(), [this](std::string_view datagram, const common::Endpoint& source) {
           m_board.TakeReport(datagram, source, common::NowUs());
       })
@@ -82,9 +82,20 @@ bool Server::Open(ServeEnd& end)
     m_hosts = std::make_unique<HostList>(m_http.Address(), m_http.Port());
     for (const std::string& name : m_options.allowedHosts)
         m_hosts->Allow(name);
-    (void)printf("http://%s/\n", own.c_str());
-    (void)fflush(stdout);
+    if (!TakeToken(end))
+        return false;
+    if (m_options.started)
+        m_options.started("http://" + own + "/", m_token.Path());
     return true;
+}
+
+bool Server::TakeToken(ServeEnd& end)
+{
+    if (!m_options.isControlAllowed)
+        return true;
+    end.advice = "write one with 'openssl rand -hex 16', or leave --token-file out: then one is made";
+    return m_options.tokenFile.empty() ? m_token.Make(end.problem)
+                                       : m_token.Read(m_options.tokenFile, end.problem);
 }
 
 void Server::Run()
@@ -145,6 +156,11 @@ void Server::Route(evhttp_request* request, const WebRequest& asked)
             { 405, "this path does not have that method", "the Allow field says which it has" });
         reply.fields.emplace_back("Allow", AllowedMethods(route->resource));
         return Send(request, reply);
+    }
+    if (asked.ChangesSomething()) {
+        if (const auto refusal = CheckChange(*m_hosts, m_token.Text(), asked))
+            return Send(request, RefusalReply(*refusal));
+        return m_control.Handle(request, *route, asked);
     }
     if (route->resource != Resource::Events || asked.method == Method::Head)
         return Send(request, Answer(*route, asked));

@@ -6,6 +6,8 @@
 #include "arqctl/core/host_list.h"
 #include "arqctl/core/web_route.h"
 #include "arqctl/serve/board.h"
+#include "arqctl/serve/control.h"
+#include "arqctl/serve/control_token.h"
 #include "arqctl/serve/event_clients.h"
 #include "arqctl/serve/http_server.h"
 #include "arqctl/serve/options.h"
@@ -31,6 +33,7 @@ private:
     static void Told(int fd, short what, void* self);
     void Tick();
     void SetTimer();
+    bool TakeToken(ServeEnd& end);
 
     void Handle(evhttp_request* request);
     void Route(evhttp_request* request, const WebRequest& asked);
@@ -52,6 +55,8 @@ private:
     Board m_board;
     EventClients m_events; // goes after m_http: its requests are freed with their connections
     HttpServer m_http;
+    Control m_control; // goes before m_http, which its replies need
+    ControlToken m_token;
     ReportSocket m_reports;
     std::shared_ptr<const std::string> m_stateText; // of this second; null: not asked for yet
     std::shared_ptr<const std::string> m_metricsText; // likewise

@@ -3,10 +3,10 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <utility>
 
 #include "arqctl/core/reply.h"
+#include "arqctl/serve/worker_thread.h"
 #include "common/clock.h"
 
 namespace arqctl {
@@ -22,14 +22,6 @@ int FanOutOf(const std::optional<ProcessFacts>& facts)
 {
     const bool isToGroup = facts && facts->options.unicastPort != 0 && !OutputGroup(facts->options).empty();
     return isToGroup ? 1 : -1;
-}
-
-// Signals are for the thread of the event loop.
-void BlockSignals()
-{
-    sigset_t all;
-    (void)sigfillset(&all);
-    (void)pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
 } // namespace
@@ -77,8 +69,7 @@ Watcher::Watcher(std::vector<Target> targets, int64_t patienceUs)
       m_end(eventfd(0, EFD_CLOEXEC)),
       m_latest(std::make_shared<WatchedChannels>())
 {
-    m_thread = std::thread([this, targets = std::move(targets)] {
-        BlockSignals();
+    m_thread = StartWorker([this, targets = std::move(targets)] {
         m_tunnels = std::make_unique<Tunnels>(); // its sockets and processes are this thread's
         for (const Target& target : targets)
             Watch(target);
