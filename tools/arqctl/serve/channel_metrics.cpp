@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include "arqctl/core/request_budget.h"
+
 namespace arqctl {
 
 namespace {
@@ -113,10 +115,19 @@ void AddProcess(const Board& board, MetricList& list)
     AddFact(board, list, [](const ProcessFacts& facts) { return facts.residentBytes; });
     list.Gauge("tx_proxy_ring_packets", "Packets that the proxy remembers for retransmission.");
     AddFact(board, list, [](const ProcessFacts& facts) { return facts.options.ringPackets; });
-    list.Gauge("tx_proxy_request_budget_bytes", "What one request may have sent again at most.");
-    AddFact(board, list, [](const ProcessFacts& facts) {
-        return RequestBudgetBytes(facts.options.grossBitRate, USUAL_WINDOW_MS);
-    });
+}
+
+void AddBudget(const Board& board, const Moment& now, MetricList& list)
+{
+    list.Gauge("tx_proxy_request_budget_bytes",
+        "What one request may have sent again at most, by the shortest window.");
+    for (const auto& channel : board.All()) {
+        const WatchedChannel& watched = channel->watched;
+        const auto reporters = board.Reports().Of(watched.id, now.monotonicUs);
+        if (watched.facts)
+            list.Add({ { "channel", watched.id } },
+                RequestBudgetBytes(reporters, watched.facts->options.grossBitRate));
+    }
 }
 
 void AddControl(const Board& board, MetricList& list)
@@ -132,13 +143,6 @@ void AddControl(const Board& board, MetricList& list)
 
 } // namespace
 
-uint32_t RequestBudgetBytes(int64_t grossBitRate, uint32_t windowMs)
-{
-    constexpr uint32_t BITS_PER_BYTE_AND_MS = 8000;
-    return windowMs * static_cast<uint32_t>(grossBitRate)
-        / BITS_PER_BYTE_AND_MS; // wraps as the proxy's own does
-}
-
 void AddChannelMetrics(const Board& board, const Moment& now, MetricList& list)
 {
     list.Gauge("tx_proxy_up", "1 while the proxy answers.");
@@ -148,6 +152,7 @@ void AddChannelMetrics(const Board& board, const Moment& now, MetricList& list)
     AddRates(board, now, list);
     AddReceivers(board, list);
     AddProcess(board, list);
+    AddBudget(board, now, list);
     AddControl(board, list);
 }
 

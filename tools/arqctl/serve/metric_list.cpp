@@ -37,6 +37,11 @@ void MetricList::Add(const Labels& labels, double value)
     family.metric.push_back(std::move(metric));
 }
 
+void MetricList::AddFamilies(const std::vector<prometheus::MetricFamily>& families)
+{
+    m_families.insert(m_families.end(), families.begin(), families.end());
+}
+
 std::string MetricList::Text() const
 {
     std::vector<prometheus::MetricFamily> families = m_families;

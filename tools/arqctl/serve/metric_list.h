@@ -17,6 +17,7 @@ public:
     void Counter(const std::string& name, const std::string& help);
     void Gauge(const std::string& name, const std::string& help);
     void Add(const Labels& labels, double value);
+    void AddFamilies(const std::vector<prometheus::MetricFamily>& families);
 
     const std::vector<prometheus::MetricFamily>& Families() const { return m_families; }
     // In the text format of Prometheus, version 0.0.4.

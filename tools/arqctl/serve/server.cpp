@@ -10,6 +10,7 @@
 #include "arqctl/serve/channel_json.h"
 #include "arqctl/serve/channel_metrics.h"
 #include "arqctl/serve/page_files.h"
+#include "arqctl/serve/report_metrics.h"
 #include "common/clock.h"
 
 namespace arqctl {
@@ -238,7 +239,9 @@ WebReply Server::Metrics()
 {
     if (!m_metricsText) {
         MetricList list;
-        AddChannelMetrics(m_board, ThisMoment(), list);
+        const Moment now = ThisMoment();
+        AddChannelMetrics(m_board, now, list);
+        list.AddFamilies(ReportFamilies(m_board.Reports(), now.monotonicUs));
         AddOwnMetrics(m_events.Count(), list);
         m_metricsText = std::make_shared<const std::string>(list.Text());
     }
