@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "arqctl/core/reply.h"
+#include "arqctl/proxy/instances.h"
 #include "arqctl/serve/worker_thread.h"
 #include "common/clock.h"
 
@@ -108,6 +109,11 @@ void Watcher::LookForTargets(int64_t nowUs)
     if (!m_bFindsTargets || nowUs < m_nextLookUs)
         return;
     m_nextLookUs = nowUs + LOOK_US;
+    for (const int number : ListeningInstances()) {
+        Target target;
+        target.instance = number;
+        Watch(target);
+    }
 }
 
 void Watcher::Watch(const Target& target)
