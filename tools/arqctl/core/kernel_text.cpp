@@ -10,12 +10,26 @@ namespace arqctl {
 
 namespace {
 
+// The last four bytes of an IPv6 address that stands for every address or for one of IPv4; empty for others.
+std::string_view Ipv4Part(std::string_view address)
+{
+    constexpr size_t DIGITS = 8;
+    constexpr std::string_view ANY = "000000000000000000000000", MAPPED = "0000000000000000FFFF0000";
+    const std::string_view front = address.substr(0, ANY.size()), back = address.substr(ANY.size());
+    return back.size() == DIGITS && (front == MAPPED || (front == ANY && back == ANY.substr(0, DIGITS)))
+        ? back
+        : std::string_view();
+}
+
 // "0100007F:7D7B": the address as the machine holds its four bytes in network order, the port as a number.
 bool ReadLocal(std::string_view field, UdpSocketFacts& facts)
 {
+    constexpr size_t IPV6_DIGITS = 32;
     uint32_t addressNet = 0;
     const size_t colon = field.find(':');
-    if (colon == std::string_view::npos || !ReadWhole(field.substr(0, colon), addressNet, 16)
+    const std::string_view address = field.substr(0, colon);
+    if (colon == std::string_view::npos
+        || !ReadWhole(address.size() == IPV6_DIGITS ? Ipv4Part(address) : address, addressNet, 16)
         || !ReadWhole(field.substr(colon + 1), facts.port, 16))
         return false;
     facts.address = ntohl(addressNet);

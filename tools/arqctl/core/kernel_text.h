@@ -22,7 +22,8 @@ struct UdpSocketFacts {
     bool operator==(const UdpSocketFacts&) const = default;
 };
 
-// /proc/net/udp: IPv4 sockets.
+// /proc/net/udp: IPv4 sockets. Of /proc/net/udp6 those that may take IPv4 datagrams: bound to every address (0 here) or to
+// one of IPv4 in IPv6's form.
 std::vector<UdpSocketFacts> ReadUdpTable(std::string_view text);
 
 // What /proc/PID/stat says that is used here; times in ticks of sysconf(_SC_CLK_TCK).
