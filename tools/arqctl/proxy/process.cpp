@@ -1,6 +1,5 @@
 #include "arqctl/proxy/process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,10 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <memory>
 #include <set>
 
 #include "arqctl/core/fields.h"
+#include "arqctl/proxy/folder.h"
 #include "base/unique_fd.h"
 #include "common/endpoint.h"
 
@@ -21,23 +20,9 @@ namespace {
 
 constexpr size_t LARGEST_TEXT = size_t { 16 } << 20;
 
-struct CloseFolder {
-    void operator()(DIR* folder) const { (void)closedir(folder); }
-};
-using Folder = std::unique_ptr<DIR, CloseFolder>;
-
 std::string FolderOf(int pid)
 {
     return "/proc/" + std::to_string(pid) + "/";
-}
-
-std::optional<std::string> LinkText(const std::string& path)
-{
-    std::array<char, 1024> text;
-    const ssize_t length = readlink(path.c_str(), text.data(), text.size());
-    if (length < 0)
-        return std::nullopt;
-    return std::string(text.data(), static_cast<size_t>(length));
 }
 
 bool IsProxy(const std::string& folder)
@@ -48,16 +33,15 @@ bool IsProxy(const std::string& folder)
     return IsProxyName(std::string_view(name).substr(0, name.find('\n')));
 }
 
-// Empty where the descriptors may not be looked at.
+// Empty where the descriptors may not be looked at: a process that lets itself be looked at has some.
 std::optional<std::set<uint64_t>> SocketInodes(const std::string& folder)
 {
-    const Folder descriptors(opendir((folder + "fd").c_str()));
-    if (!descriptors)
+    const std::vector<std::string> names = NamesIn(folder + "fd");
+    if (names.empty())
         return std::nullopt;
     std::set<uint64_t> inodes;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): a folder of our own
-    while (const dirent* entry = readdir(descriptors.get())) {
-        const uint64_t inode = SocketInode(LinkText(folder + "fd/" + entry->d_name).value_or(""));
+    for (const std::string& name : names) {
+        const uint64_t inode = SocketInode(LinkText(folder + "fd/" + name).value_or(""));
         if (inode != 0)
             inodes.insert(inode);
     }
@@ -165,13 +149,9 @@ std::optional<ProcessFacts> FactsOf(int pid)
 std::vector<int> ProxyProcesses()
 {
     std::vector<int> processes;
-    const Folder folder(opendir("/proc"));
-    if (!folder)
-        return processes;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): a folder of our own
-    while (const dirent* entry = readdir(folder.get())) {
+    for (const std::string& name : NamesIn("/proc")) {
         int pid = 0;
-        if (ReadWhole(std::string_view(entry->d_name), pid) && pid > 0 && IsProxy(FolderOf(pid)))
+        if (ReadWhole(std::string_view(name), pid) && pid > 0 && IsProxy(FolderOf(pid)))
             processes.push_back(pid);
     }
     std::ranges::sort(processes);
