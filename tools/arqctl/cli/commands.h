@@ -16,5 +16,6 @@ void AddDebugCommand(CLI::App& app, Session& session);
 void AddDrainCommand(CLI::App& app, Session& session);
 void AddInstancesCommand(CLI::App& app, Session& session);
 void AddStatsCommand(CLI::App& app, Session& session);
+void AddDoctorCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl

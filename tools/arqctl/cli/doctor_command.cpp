@@ -1,0 +1,180 @@
+#include <fmt/format.h>
+#include <time.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "arqctl/cli/commands.h"
+#include "arqctl/core/checks.h"
+#include "arqctl/core/option_words.h"
+#include "arqctl/doctor/doctor_report.h"
+#include "arqctl/doctor/gather.h"
+#include "common/clock.h"
+#include "common/endpoint.h"
+#include "common/quantity.h"
+
+namespace arqctl {
+
+namespace {
+
+constexpr int64_t BETWEEN_LOOKS_US = 1'000'000;
+
+struct DoctorOptions {
+    std::string start; // of --start
+    bool isStart = false;
+    bool isOneMeant = false; // -I or --socket
+    std::string rate; // of --rate
+    Expectation expectation;
+};
+
+// The words of a command line that somebody may have pasted with the program's name.
+bool ReadStart(const std::string& text, ProxyOptions& options)
+{
+    std::vector<std::string> words;
+    if (!CutWords(text, words))
+        return false;
+    if (words.empty() || !IsProxyName(words.front()))
+        words.insert(words.begin(), "tx_proxy");
+    return ReadProxyOptions(words, options);
+}
+
+bool ReadExpectation(DoctorOptions& options)
+{
+    int64_t rate = 0;
+    if (!options.rate.empty() && (!common::ParseBitRate(options.rate, rate) || rate == 0))
+        return false;
+    options.expectation.bitRate = static_cast<double>(rate);
+    return true;
+}
+
+void WaitUntil(int64_t timeUs)
+{
+    const int64_t leftUs = timeUs - common::NowUs();
+    if (leftUs <= 0)
+        return;
+    const timespec left { leftUs / common::US_PER_SECOND, leftUs % common::US_PER_SECOND * 1000 };
+    (void)nanosleep(&left, nullptr);
+}
+
+std::vector<DoctorFacts> Examine(
+    const Session& session, const std::vector<Patient>& patients, const Expectation& expectation)
+{
+    std::vector<DoctorFacts> all;
+    for (const Patient& patient : patients)
+        all.push_back(FirstLook(patient, expectation, session.patienceUs));
+    for (DoctorFacts& facts : all) {
+        if (facts.isRunning)
+            WaitUntil(facts.first.atUs + BETWEEN_LOOKS_US);
+        SecondLook(facts, session.patienceUs);
+    }
+    return all;
+}
+
+ExitStatus StatusFor(Verdict worst)
+{
+    switch (worst) {
+    case Verdict::Fault:
+        return ExitStatus::NotDone;
+    case Verdict::Warning:
+        return ExitStatus::AlreadySo;
+    case Verdict::Good:
+    case Verdict::NotApplicable:
+        break;
+    }
+    return ExitStatus::Good;
+}
+
+ExitStatus Report(const Session& session, const std::vector<DoctorFacts>& all)
+{
+    Verdict worst = Verdict::Good;
+    for (const DoctorFacts& facts : all) {
+        const std::vector<Finding> findings = Diagnose(facts);
+        worst = std::max(worst, Worst(findings));
+        if (session.isJson)
+            fmt::print("{}\n", DoctorJson(facts, findings));
+        else
+            fmt::print("{}{}", &facts == all.data() ? "" : "\n", DoctorText(facts, findings));
+    }
+    return StatusFor(worst);
+}
+
+ExitStatus ExamineStart(const Session& session, const DoctorOptions& options)
+{
+    Patient patient;
+    patient.isRunning = false;
+    patient.areOptionsKnown = true;
+    if (!ReadStart(options.start, patient.options))
+        return Fail(session, ExitStatus::Usage,
+            "--start '" + options.start + "' are no options that the proxy takes",
+            "Write them as for tx_proxy: --start '-I 2 -a 10.0.0.1 5000'.");
+    if (options.isOneMeant)
+        return Fail(session, ExitStatus::Usage, "-I and --socket do not go with --start",
+            "Write the instance number among the options: --start '-I 2 5000'.");
+    patient.controlPath
+        = Target { .instance = patient.options.instance, .via = {}, .socketPath = {} }.ControlPath();
+    return Report(session, Examine(session, { patient }, options.expectation));
+}
+
+ExitStatus ExamineOne(const Session& session, const DoctorOptions& options)
+{
+    const std::string path = session.target.ControlPath();
+    const int instance = session.target.socketPath.empty() ? session.target.instance : 0;
+    const Patient patient = PatientAt(path, instance, session.patienceUs);
+    if (!patient.isRunning)
+        return Fail(session, ExitStatus::NoProxy, "no proxy is there: nothing answers on " + path,
+            "Start it, or check its start first: arqctl doctor --start 'its options'");
+    return Report(session, Examine(session, { patient }, options.expectation));
+}
+
+ExitStatus ExamineAll(const Session& session, const DoctorOptions& options)
+{
+    const std::vector<Patient> patients = PatientsHere();
+    if (patients.empty())
+        return Fail(session, ExitStatus::NoProxy, "no proxy runs here",
+            "Start one, or check its start first: arqctl doctor --start 'its options'");
+    return Report(session, Examine(session, patients, options.expectation));
+}
+
+ExitStatus Doctor(const Session& session, DoctorOptions& options)
+{
+    uint32_t address = 0;
+    if (session.target.IsRemote())
+        return Fail(session, ExitStatus::Usage, "the doctor looks at the machine it runs on",
+            "Run it there: ssh " + session.target.via + " arqctl doctor");
+    if (!ReadExpectation(options) || options.expectation.payload < 1)
+        return Fail(session, ExitStatus::Usage, "--rate '" + options.rate + "' is no rate",
+            "Write it as 10M or 8Mbit/s, and --payload in bytes.");
+    if (!options.expectation.source.empty() && !common::ParseAddress(options.expectation.source, address))
+        return Fail(session, ExitStatus::Usage,
+            "--source '" + options.expectation.source + "' is no IPv4 address",
+            "Write the sender's address: --source 10.0.0.1");
+    if (options.isStart)
+        return ExamineStart(session, options);
+    return options.isOneMeant ? ExamineOne(session, options) : ExamineAll(session, options);
+}
+
+} // namespace
+
+void AddDoctorCommand(CLI::App& app, Session& session)
+{
+    CLI::App* command = app.add_subcommand(
+        "doctor", "finds what is wrong with a proxy and its machine, and how to mend it");
+    const auto options = std::make_shared<DoctorOptions>();
+    command->add_option("--start", options->start, "check the start of a proxy with these options instead")
+        ->type_name("OPTIONS");
+    command->add_option("--rate", options->rate, "with --start: bit/s of payload that will come in")
+        ->type_name("RATE");
+    command
+        ->add_option(
+            "--payload", options->expectation.payload, "with --rate: bytes of payload in a packet [1316]")
+        ->type_name("BYTES");
+    command->add_option("--source", options->expectation.source, "where the input comes from, for rp-filter")
+        ->type_name("ADDRESS");
+    command->callback([&app, command, options, &session] {
+        options->isStart = command->count("--start") != 0;
+        options->isOneMeant = app.count("--instance") + app.count("--socket") != 0;
+        session.run = [options, &session] { return Doctor(session, *options); };
+    });
+}
+
+} // namespace arqctl

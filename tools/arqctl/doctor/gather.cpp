@@ -1,0 +1,270 @@
+#include "arqctl/doctor/gather.h"
+
+#include <netdb.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "arqctl/core/network_text.h"
+#include "arqctl/core/reply.h"
+#include "arqctl/proxy/ask.h"
+#include "arqctl/proxy/folder.h"
+#include "arqctl/proxy/network_facts.h"
+#include "arqctl/proxy/other_network.h"
+#include "arqctl/proxy/process.h"
+#include "arqctl/proxy/socket_holders.h"
+#include "arqctl/proxy/target.h"
+#include "common/clock.h"
+#include "common/endpoint.h"
+
+namespace arqctl {
+
+namespace {
+
+constexpr const char* INSTALLED_LIBRARY = "/usr/local/bin/libsorvanex.so.1.0";
+constexpr const char* DISK_LIBRARY = "/disk/sorvanex/libsorvanex.so.1.0";
+constexpr std::string_view LIBRARY = "libsorvanex.so";
+
+// "/proc/PID/" of the proxy, or of this program for one that is to be started: it would inherit.
+std::string ProcessFolder(int pid)
+{
+    return pid == 0 ? "/proc/self/" : "/proc/" + std::to_string(pid) + "/";
+}
+
+// What stands in front of a path as the proxy sees it, where its files are others than ours.
+std::string RootOf(int pid)
+{
+    const std::string root = ProcessFolder(pid) + "root";
+    return pid != 0 && !SharesDevices(pid) && access((root + "/dev").c_str(), F_OK) == 0 ? root : "";
+}
+
+std::optional<FileFacts> FactsOfFile(const std::string& path)
+{
+    constexpr mode_t MODE_BITS = 07777;
+    struct stat status {};
+    struct statvfs system {};
+    if (stat(path.c_str(), &status) != 0)
+        return std::nullopt;
+    FileFacts facts;
+    facts.isFolder = S_ISDIR(status.st_mode);
+    facts.isSocket = S_ISSOCK(status.st_mode);
+    facts.isReadOnly = statvfs(path.c_str(), &system) == 0 && (system.f_flag & ST_RDONLY) != 0;
+    facts.mode = status.st_mode & MODE_BITS;
+    facts.user = status.st_uid;
+    facts.group = status.st_gid;
+    return facts;
+}
+
+ControlState StateOf(const Answer& answer, bool isStatistics)
+{
+    switch (answer.failure) {
+    case Failure::None:
+        return isStatistics ? ControlState::Answers : ControlState::AnotherProgram;
+    case Failure::NoSocket:
+        return ControlState::NoFile;
+    case Failure::NotListening:
+        return ControlState::NobodyListens;
+    case Failure::NotAllowed:
+        return ControlState::NotAllowed;
+    case Failure::CutOff:
+    case Failure::TooLong:
+        return ControlState::AnotherProgram;
+    case Failure::NoAnswer:
+    case Failure::NoDescriptor:
+        break;
+    }
+    return ControlState::Silent;
+}
+
+bool IsStopped(const DoctorFacts& facts)
+{
+    return facts.state == 'T' || facts.state == 't';
+}
+
+// A process that stands still is not waited for.
+void AskCounts(DoctorFacts& facts, CountsLook& look, int64_t patienceUs)
+{
+    look.atUs = common::NowUs();
+    if (IsStopped(facts)) {
+        facts.control.state = ControlState::Silent;
+        return;
+    }
+    const Answer answer = Ask(facts.control.path, "AllStats", patienceUs);
+    look.atUs = common::NowUs();
+    Statistics statistics;
+    const bool isStatistics = answer.IsThere() && ParseStatistics(answer.reply, statistics);
+    facts.control.state = StateOf(answer, isStatistics);
+    if (isStatistics)
+        look.statistics = statistics;
+}
+
+void LookAtSockets(const DoctorFacts& facts, CountsLook& look, const std::optional<ProcessFacts>& process)
+{
+    look.sourceFilterDrops = SourceFilterDrops(facts.pid);
+    if (!process)
+        return;
+    if (const UdpSocketFacts* input = process->Input())
+        look.input = *input;
+    for (const UdpSocketFacts& socket : process->sockets) {
+        if (socket.port == facts.options.requestPort || socket.port == PingPort(facts.options))
+            look.otherDrops += socket.drops;
+    }
+}
+
+// First or second: what grows.
+void LookAtCounts(DoctorFacts& facts, CountsLook& look, int64_t patienceUs)
+{
+    if (!facts.isRunning) {
+        const Answer answer = Ask(facts.control.path, "List", patienceUs);
+        facts.control.state = StateOf(answer, answer.IsThere());
+        return;
+    }
+    facts.state = ReadState(ReadText(ProcessFolder(facts.pid) + "stat").value_or(""));
+    if (facts.pid == 0)
+        facts.state = '\0';
+    AskCounts(facts, look, patienceUs);
+    LookAtSockets(facts, look, facts.pid == 0 ? std::nullopt : FactsOf(facts.pid));
+}
+
+std::vector<uint32_t> AddressesOf(const std::string& text)
+{
+    std::vector<uint32_t> addresses;
+    uint32_t address = 0;
+    if (common::ParseAddress(text, address))
+        return { address };
+    addrinfo hints {};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(text.c_str(), nullptr, &hints, &found) != 0)
+        return addresses;
+    for (const addrinfo* one = found; one != nullptr; one = one->ai_next) {
+        const void* raw = one->ai_addr; // of the family that was asked for
+        addresses.push_back(common::FromSockaddr(*static_cast<const sockaddr_in*>(raw)).address);
+    }
+    freeaddrinfo(found);
+    return addresses;
+}
+
+std::string RealPath(const std::string& path)
+{
+    char* real = realpath(path.c_str(), nullptr);
+    std::string text = real != nullptr ? real : "";
+    free(real); // NOLINT(cppcoreguidelines-no-malloc): realpath's
+    return text;
+}
+
+// A mapped file stands under the name that links lead to.
+std::optional<bool> IsLibraryThere(const DoctorFacts& facts, const std::string& root)
+{
+    if (!facts.isRunning)
+        return access(INSTALLED_LIBRARY, F_OK) == 0 || access(DISK_LIBRARY, F_OK) == 0;
+    const auto maps = ReadText(ProcessFolder(facts.pid) + "maps");
+    if (facts.pid == 0 || !maps || maps->empty())
+        return std::nullopt;
+    const std::string real = RealPath(root + INSTALLED_LIBRARY);
+    const std::string inside = real.starts_with(root) ? real.substr(root.size()) : real;
+    return maps->find(LIBRARY) != std::string::npos
+        || (!inside.empty() && maps->find(inside) != std::string::npos);
+}
+
+void GatherProcess(DoctorFacts& facts)
+{
+    const std::string folder = ProcessFolder(facts.pid);
+    if (facts.isRunning && facts.pid == 0)
+        return;
+    const std::string root = RootOf(facts.pid);
+    facts.user = ReadUser(ReadText(folder + "status").value_or("")).value_or(UserFacts {});
+    facts.deviceFolder = FactsOfFile(root + "/dev");
+    facts.runFolder = FactsOfFile(root + "/var/run");
+    facts.descriptorsLimit = ReadFileLimit(ReadText(folder + "limits").value_or(""));
+    const size_t names = facts.isRunning ? NamesIn(folder + "fd").size() : 0;
+    if (names > 2) // "." and ".."
+        facts.descriptors = names - 2;
+    if (facts.options.isEncrypting)
+        facts.isLibraryLoaded = IsLibraryThere(facts, root);
+}
+
+void GatherDestinations(DoctorFacts& facts)
+{
+    for (const std::string& text : facts.options.destinations)
+        facts.destinations.push_back({ text, AddressesOf(text) });
+}
+
+Patient PatientOf(const ProcessFacts& process)
+{
+    Patient patient;
+    patient.pid = process.pid;
+    patient.options = process.options;
+    patient.areOptionsKnown = true;
+    patient.controlPath
+        = Target { .instance = process.options.instance, .via = {}, .socketPath = {} }.ControlPath();
+    return patient;
+}
+
+} // namespace
+
+std::vector<Patient> PatientsHere()
+{
+    std::vector<Patient> patients;
+    for (const int pid : ProxyProcesses()) {
+        if (!SharesNetwork(pid) && !SharesDevices(pid))
+            continue;
+        if (const auto process = FactsOf(pid))
+            patients.push_back(PatientOf(*process));
+    }
+    return patients;
+}
+
+Patient PatientAt(const std::string& controlPath, int instance, int64_t patienceUs)
+{
+    Patient patient;
+    const Answer answer = Ask(controlPath, "List", patienceUs);
+    if (const auto process = FactsOf(answer.peerPid))
+        patient = PatientOf(*process);
+    else if (instance != 0) {
+        const auto here = PatientsHere();
+        const auto found = std::ranges::find_if(
+            here, [&](const Patient& one) { return one.options.instance == instance; });
+        if (found != here.end())
+            patient = *found;
+    }
+    patient.controlPath = controlPath;
+    patient.isRunning = patient.pid != 0 || answer.IsThere() || answer.failure == Failure::NotAllowed
+        || answer.failure == Failure::NoAnswer;
+    if (!patient.areOptionsKnown)
+        patient.options.instance = instance;
+    return patient;
+}
+
+DoctorFacts FirstLook(const Patient& patient, const Expectation& expectation, int64_t patienceUs)
+{
+    DoctorFacts facts;
+    facts.options = patient.options;
+    facts.areOptionsKnown = patient.areOptionsKnown;
+    facts.isRunning = patient.isRunning;
+    facts.pid = patient.pid;
+    facts.control.path = patient.controlPath;
+    facts.control.file = FactsOfFile(patient.controlPath);
+    facts.source = expectation.source;
+    facts.expectedBitRate = expectation.bitRate;
+    facts.expectedPayload = expectation.payload;
+    LookAtCounts(facts, facts.first, patienceUs);
+    const auto process = facts.pid == 0 ? std::nullopt : FactsOf(facts.pid);
+    GatherProcess(facts);
+    GatherNetwork(facts, process ? process->sockets : std::vector<UdpSocketFacts> {});
+    if (facts.first.input)
+        facts.receiveBuffer = ReceiveBufferOf(facts.pid, facts.first.input->inode);
+    GatherDestinations(facts);
+    return facts;
+}
+
+void SecondLook(DoctorFacts& facts, int64_t patienceUs)
+{
+    LookAtCounts(facts, facts.second, patienceUs);
+}
+
+} // namespace arqctl
