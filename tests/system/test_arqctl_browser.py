@@ -1,0 +1,251 @@
+"""The control-room page in a real browser: one proxy, one server and one browser for all tests, in their order."""
+
+import contextlib
+import re
+import time
+import types
+
+import pytest
+
+from txproxy import ports, rtp
+from txproxy.arqctl import Arqctl
+from txproxy.arqrx import Arqrx, joining
+from txproxy.browser import Browser
+from txproxy.model_receiver import wait_bound
+from txproxy.proxy import Proxy
+from txproxy.receiver import Sender
+from txproxy.traffic import Steady
+from txproxy.waiting import wait_until
+
+pytestmark = pytest.mark.release_only
+
+PER_SECOND = 400
+PAYLOAD = bytes(1316)
+MBIT_PER_SECOND = PER_SECOND * (len(PAYLOAD) + 12) * 8 / 1e6
+TOKEN = "a token of the tests"
+RED, WHITE = "rgb(179, 20, 15)", "rgb(255, 255, 255)"
+TILE = ".tile[data-id]"
+DAY_S = 86400
+MOST_ROWS = 1000  # of a plot
+PAINTED = """const canvas = document.querySelector(".plot canvas");
+    const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
+    const colours = new Set();
+    for (let at = 0; at < data.length; at += 4) if (data[at + 3]) colours.add(data.slice(at, at + 4).join());
+    return colours.size > 10"""
+ALL_INSIDE = """const plots = [...document.querySelectorAll(".plot canvas")];
+    const right = (element) => element.getBoundingClientRect().right;
+    return document.documentElement.scrollWidth <= innerWidth && plots.length === 4 &&
+        plots.every((plot) => right(plot) <= right(plot.closest(".plot")))"""
+
+
+class Room:
+    """A proxy with a stream and a receiver that reports, the server beside it, and a browser before it."""
+
+    def __init__(self, folder):
+        self._opened = contextlib.ExitStack()
+        lease = self._keep(ports.Lease())
+        self.net = types.SimpleNamespace(
+            instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
+        )
+        self.host = f"127.0.0.1:{lease.port()}"
+        self._token_file = folder / "token"
+        self._token_file.write_text(TOKEN + "\n", "ascii")
+        self._token_file.chmod(0o600)
+        self._sender = self._keep(Sender("127.0.0.1", self.net.input))
+        self._sent = 0
+        self._stream = self.server = None
+
+    def open(self):
+        net = self.net
+        proxy = Proxy("-I", net.instance, "-p", net.destination, "-r", net.request, net.input)
+        self._opened.callback(proxy.kill)
+        wait_bound(proxy.wait_ready(), net.destination, net.request)
+        self.start_stream()
+        self.start_server()
+        self._keep(Arqrx(*joining(net)))
+        self.browser = self._keep(Browser())
+        self.browser.open(self.url())
+
+    def _keep(self, thing):
+        self._opened.callback(thing.close)
+        return thing
+
+    def url(self, **choice):
+        return f"http://{self.host}/#" + "&".join(f"{name}={value}" for name, value in choice.items())
+
+    def start_server(self):
+        self.server = Arqctl("serve", self.net.instance, "--channel-name", f"{self.net.instance}=Main feed",
+                             "--listen", self.host, "--allow-control", "--token-file", self._token_file)  # fmt: skip
+        self.server.wait_stdout(re.compile("http://.*"))
+
+    def start_stream(self):
+        first = self._sent
+        self._stream = Steady(self._sender, lambda index: rtp.packet((first + index) & 0xFFFF, PAYLOAD), PER_SECOND)
+
+    def stop_stream(self):
+        self._stream.close()
+        self._sent += self._stream.sent
+
+    def close(self):
+        for thing in filter(None, (self._stream, self.server)):
+            thing.close()
+        self._opened.close()
+
+
+@pytest.fixture(scope="module")
+def room(tmp_path_factory):
+    made = Room(tmp_path_factory.mktemp("room"))
+    try:
+        made.open()
+        yield made
+    finally:
+        made.close()
+
+
+@pytest.fixture
+def browser(room):
+    """The browser with one tab, before a page that shows live figures; afterwards nothing has gone wrong in it."""
+    tabs = room.browser.driver.window_handles
+    for tab in tabs[1:]:
+        room.browser.close_tab(tab)
+    room.browser.turn_to(tabs[0])
+    room.browser.open("about:blank")
+    room.browser.complaints()
+    room.browser.open(room.url())
+    wait_live(room.browser)
+    yield room.browser
+    assert room.browser.complaints() == []
+    assert room.browser.hosts() == {room.host}
+
+
+def wait_live(browser):
+    browser.wait_text("#connection_text", lambda text: text == "Live", "live figures")
+
+
+def figure(browser, name):
+    """A figure of the tile as [value, unit]."""
+    return browser.text(f"{TILE} [data-name={name}] dd").split("\n")[0]
+
+
+def wait_state(browser, word):
+    browser.wait_text(f"{TILE} .word", lambda text: text == word, f"the state {word!r}")
+
+
+def curve(browser, name):
+    """What the plots hold of this curve: [[Unix second, value]...], the newest last."""
+    rows = "columns.time.map((time, row) => [time, columns.curve(given[0])[row]])"
+    return browser.run_module(f"const {{ columns }} = page.history; return {rows}", name)
+
+
+def test_tiles_and_plots_move_while_a_stream_runs(browser):
+    wait_state(browser, "Good")
+    value = f"{TILE} [data-name=input] .value"
+    megabits = browser.wait_text(value, lambda text: text not in ("", "–", "0"), "a rate")
+    assert float(megabits) == pytest.approx(MBIT_PER_SECOND, rel=0.3)
+    assert browser.text(f"{TILE} [data-name=input] .unit") == "Mbit/s"
+    assert browser.text(f"{TILE} h3") == "Main feed"
+    before = wait_until(lambda: curve(browser, "input_bit_rate"), "the past of the channel")
+    assert before[0][1] is None, "a time before the server began stays a gap"
+
+    def moved():
+        rows = curve(browser, "input_bit_rate")
+        return rows if rows[-1][0] >= before[-1][0] + 4 and rows[-1][1] else None
+
+    after = wait_until(moved, "the plots to move")
+    assert after[-1][1] / 1e6 == pytest.approx(MBIT_PER_SECOND, rel=0.3)
+    steps = {late[0] - early[0] for early, late in zip(after, after[1:])}
+    assert steps == {1}, "five minutes are shown second by second"
+    assert browser.run(PAINTED), "the curve is drawn"
+
+
+def test_a_longer_span_is_fetched_once_and_kept_in_the_address(browser):
+    browser.find("#spans [data-span='3600']").click()
+    wait_until(lambda: browser.run_module("return page.history.columns.step") == 5, "an hour in steps of 5 s")
+    assert "span=3600" in browser.run("return location.hash")
+    browser.wait_text("#plots .plot h3", lambda text: text == "Input Mbit/s", "the unit of the first plot")
+    answers = browser.run("return performance.getEntriesByType('resource').filter(e => e.name.includes('/history?'))"
+                          ".map(e => new URL(e.name).search)")  # fmt: skip
+    assert answers == ["?span=300&points=300", "?span=3600&points=720"]
+
+
+def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(room, browser):
+    wait_state(browser, "Good")
+    room.stop_stream()
+    wait_state(browser, "Input gone")
+    wait_until(lambda: browser.style(TILE, "backgroundColor") == RED, "the tile to be red")
+    assert browser.style(TILE, "color") == WHITE
+    sentence = browser.text(f"{TILE} .sentence")
+    assert len(sentence) > 10
+    assert sentence in browser.run("return document.getElementById('said_at_once').textContent"), "it is said aloud"
+    assert browser.driver.title == "✖ Main feed: Input gone"
+    room.start_stream()
+    wait_state(browser, "Good")
+    wait_until(lambda: browser.style(TILE, "backgroundColor") == WHITE, "the tile to be white again")
+    assert browser.text(f"{TILE} .sentence") == ""
+
+
+def test_the_page_follows_the_system_until_somebody_chooses_light_or_dark(room, browser):
+    grounds = {}
+    for theme in ("dark", "light"):
+        browser.prefer(theme)
+        wait_until(lambda: browser.run("return document.documentElement.dataset.theme") == theme, theme)  # noqa: B023
+        grounds[theme] = browser.style("html", "backgroundColor")
+    assert grounds["dark"] != grounds["light"]
+    assert browser.text("#theme") == "Dark"
+    browser.find("#theme").click()
+    browser.open("about:blank")
+    browser.open(room.url())
+    wait_live(browser)
+    assert browser.style("html", "backgroundColor") == grounds["dark"], "the choice is kept"
+    assert browser.text("#theme") == "Light"
+    browser.run("localStorage.clear()")
+
+
+@pytest.mark.parametrize("width, height", [(1920, 1080), (1280, 720), (390, 844)])
+def test_nothing_sticks_out_of_the_screen(browser, width, height):
+    browser.resize(width, height)
+    try:
+        wait_until(lambda: browser.run("return innerWidth") == width, "the new size")
+        wait_until(lambda: browser.run(ALL_INSIDE), "the plots to fit")
+        big = float(browser.style(f"{TILE} [data-name=input] .value", "fontSize").removesuffix("px"))
+        assert big >= {1920: 100, 1280: 60, 390: 30}[width], "the input's rate is read from afar"
+    finally:
+        browser.command("Emulation.clearDeviceMetricsOverride")
+
+
+def test_a_lost_server_is_told_figures_grow_old_and_it_is_found_again(room, browser):
+    wait_state(browser, "Good")
+    room.server.kill()
+    browser.wait_text("#connection_text", lambda text: text.startswith("No connection since "), "the loss")
+    browser.wait_text(f"{TILE} .age", lambda text: text.startswith("old: of "), "old figures")
+    assert browser.style(f"{TILE} .word", "color") != browser.style("#connection", "color")
+    before = "return getComputedStyle(document.querySelector('.tile .word'), '::before').content"
+    assert browser.run(before) == '"was: "'
+    room.server.close()
+    room.start_server()
+    wait_live(browser)
+    assert browser.text(f"{TILE} .age") == ""
+    assert all("ERR_" in text for text in browser.complaints()), "only the browser's own words of the loss"
+
+
+def test_a_page_that_is_open_for_a_day_stays_as_small_as_it_was(browser):
+    wait_until(lambda: len(curve(browser, "lost")) > 200, "the past of the channel")
+    feed = """events.stop();
+        const first = structuredClone(page.state);
+        for (let second = 1; second <= given[0]; second++) {
+            const state = structuredClone(first);
+            state.time = first.time + second;
+            state.channels[0].input.bit_rate = 1e6 + second % 1000;
+            page.take(state, 0);
+            if (second % 100 === 0) await new Promise((resolve) => setTimeout(resolve)); // as the browser breathes
+        }
+        return page.history.columns.time.length;"""
+    rows = browser.run_module(feed, 500)
+    bytes_before, nodes_before = browser.memory()
+    began = time.monotonic()
+    assert browser.run_module(feed, DAY_S // 40) == rows <= MOST_ROWS
+    bytes_after, nodes_after = browser.memory()
+    print(f"{DAY_S // 40} events in {time.monotonic() - began:.1f} s: {bytes_before} -> {bytes_after} bytes, "
+          f"{nodes_before} -> {nodes_after} nodes")  # fmt: skip
+    assert bytes_after - bytes_before < 300_000
+    assert nodes_after - nodes_before < 50
