@@ -4,6 +4,7 @@ import contextlib
 import re
 import time
 import types
+import urllib.request
 
 import pytest
 
@@ -62,7 +63,7 @@ class Room:
         wait_bound(proxy.wait_ready(), net.destination, net.request)
         self.start_stream()
         self.start_server()
-        self._keep(Arqrx(*joining(net)))
+        self._keep(Arqrx(*joining(net, "--report", self.host, "--report-name", "studio-b")))
         self.browser = self._keep(Browser())
         self.browser.open(self.url())
 
@@ -85,6 +86,10 @@ class Room:
     def stop_stream(self):
         self._stream.close()
         self._sent += self._stream.sent
+
+    def event_clients(self):
+        with urllib.request.urlopen(f"http://{self.host}/metrics", timeout=5) as answer:
+            return int(re.search(r"^arqctl_event_clients (\d+)$", answer.read().decode(), re.MULTILINE).group(1))
 
     def close(self):
         for thing in filter(None, (self._stream, self.server)):
@@ -168,6 +173,19 @@ def test_a_longer_span_is_fetched_once_and_kept_in_the_address(browser):
     assert answers == ["?span=300&points=300", "?span=3600&points=720"]
 
 
+def test_receivers_and_what_they_report_are_in_the_table(browser):
+    row = "#receiver_table tbody tr"
+    browser.wait_text(f"{row} [data-name=name]", lambda text: text == "studio-b", "a report")
+    assert browser.text(f"{row} [data-name=state]") == "● receiving"
+    assert browser.text(f"{row} [data-name=packets_lost]") == "0"
+    browser.wait_text(f"{row} [data-name=round_trip_ms]", re.compile(r"[\d.]+ ms").fullmatch, "a round trip")
+    heads = [head.text for head in browser.find_all("#receiver_table thead th[scope=col]")]
+    assert [head.split(" ")[0] for head in heads[:4]] == ["Receiver", "State", "Name", "Since"]
+    lost = browser.find("#receiver_table thead [data-name=packets_lost] button")
+    lost.click()
+    assert browser.find("#receiver_table thead [data-name=packets_lost]").get_attribute("aria-sort") == "descending"
+
+
 def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(room, browser):
     wait_state(browser, "Good")
     room.stop_stream()
@@ -182,6 +200,39 @@ def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(r
     wait_state(browser, "Good")
     wait_until(lambda: browser.style(TILE, "backgroundColor") == WHITE, "the tile to be white again")
     assert browser.text(f"{TILE} .sentence") == ""
+
+
+def test_tabs_share_one_event_stream_and_another_leads_when_the_leader_is_closed(room, browser):
+    tabs = [browser.driver.current_window_handle] + [browser.open_tab(room.url()) for _ in range(3)]
+    leads = "return events.isLeader"
+    for tab in tabs:
+        browser.turn_to(tab)
+        wait_live(browser)
+    wait_until(lambda: room.event_clients() == 1, lambda: f"one event stream; there are {room.event_clients()}")
+    assert browser.run_module(leads) is False
+    browser.close_tab(tabs[0])
+    for tab in tabs[1:]:
+        browser.turn_to(tab)
+        wait_live(browser)
+    newest = curve(browser, "input_bit_rate")[-1][0]
+    wait_until(lambda: curve(browser, "input_bit_rate")[-1][0] >= newest + 2, "figures from the next leader")
+    wait_until(lambda: room.event_clients() == 1, lambda: f"one event stream; there are {room.event_clients()}")
+
+
+def test_without_locks_a_hidden_tab_has_no_event_stream_and_a_visible_one_its_own(room, browser):
+    """As on every address but this machine's own, where browsers have no locks."""
+    script = browser.command("Page.addScriptToEvaluateOnNewDocument", source="delete Navigator.prototype.locks")
+    try:
+        browser.open("about:blank")
+        browser.open(room.url())
+        wait_live(browser)
+        hide = ("Object.defineProperty(document, 'hidden', { value: arguments[0], configurable: true });"
+                "document.dispatchEvent(new Event('visibilitychange'))")  # fmt: skip
+        for is_hidden, clients in ((True, 0), (False, 1)):
+            browser.run(hide, is_hidden)
+            wait_until(lambda: room.event_clients() == clients, f"{clients} event streams")  # noqa: B023
+    finally:
+        browser.command("Page.removeScriptToEvaluateOnNewDocument", **script)
 
 
 def test_the_page_follows_the_system_until_somebody_chooses_light_or_dark(room, browser):
