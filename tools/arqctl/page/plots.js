@@ -34,12 +34,21 @@ const PLOTS = [
     ],
   },
 ];
-const LEAST_TOP = { bitRate: 1000, packets: 1 }; // of a scale over nothing but zeros
+const LEAST_TOP = { bitRate: 1000, packets: 4 }; // of a scale over nothing but zeros
 const HEADROOM = 1.12;
 const TIME_STEPS = [60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 14400, 21600, 43200, 86400]; // seconds
 
 function colourOf(name) {
   return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+}
+
+// The rows of points without neighbours: a line alone would not show them.
+function lonely(plot, seriesIndex) {
+  const values = plot.data[seriesIndex];
+  const isGap = (row) => values[row] === null || values[row] === undefined;
+  const rows = [];
+  for (let row = 0; row < values.length; row++) if (!isGap(row) && isGap(row - 1) && isGap(row + 1)) rows.push(row);
+  return rows.length ? rows : null;
 }
 
 class Plot {
@@ -121,7 +130,13 @@ class Plot {
 
   #series(curve) {
     const colour = () => this.#colours.get(curve.colour);
-    const series = { stroke: colour, width: 2, dash: curve.dash, spanGaps: false, points: { show: false } };
+    const series = {
+      stroke: colour,
+      width: 2,
+      dash: curve.dash,
+      spanGaps: false,
+      points: { show: false, filter: lonely, size: 4 },
+    };
     return curve.fill ? { ...series, fill: () => `${this.#colours.get(curve.colour)}2e` } : series;
   }
 
