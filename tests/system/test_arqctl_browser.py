@@ -8,7 +8,7 @@ import urllib.request
 
 import pytest
 
-from txproxy import ports, rtp
+from txproxy import control, ports, rtp
 from txproxy.arqctl import Arqctl
 from txproxy.arqrx import Arqrx, joining
 from txproxy.browser import Browser
@@ -23,7 +23,8 @@ pytestmark = pytest.mark.release_only
 PER_SECOND = 400
 PAYLOAD = bytes(1316)
 MBIT_PER_SECOND = PER_SECOND * (len(PAYLOAD) + 12) * 8 / 1e6
-TOKEN = "a token of the tests"
+TOKEN = "a-token-of-the-tests"
+STUDIO = "127.0.0.9"
 RED, WHITE = "rgb(179, 20, 15)", "rgb(255, 255, 255)"
 TILE = ".tile[data-id]"
 DAY_S = 86400
@@ -262,6 +263,42 @@ def test_nothing_sticks_out_of_the_screen(browser, width, height):
         assert big >= {1920: 100, 1280: 60, 390: 30}[width], "the input's rate is read from afar"
     finally:
         browser.command("Emulation.clearDeviceMetricsOverride")
+
+
+def answer_dialog(browser, name, token=None, **fields):
+    """Fills an open question in and sends it."""
+    dialog = browser.find(f"#{name}")
+    wait_until(dialog.is_displayed, f"the dialog {name}")
+    for field, value in fields.items():
+        dialog.find_element("name", field).send_keys(value)
+    if token:
+        dialog.find_element("name", "token").send_keys(token)
+    dialog.find_element("css selector", ".go").click()
+    return dialog
+
+
+def test_add_and_delete_ask_first_and_need_the_token_once(room, browser):
+    browser.run("sessionStorage.clear()")
+    browser.find("#open_add").click()
+    dialog = answer_dialog(browser, "add_dialog", token="some-other-token-of-somebody", address=STUDIO)
+    refusal = browser.wait_text("#add_dialog .outcome", len, "the refusal")
+    assert re.fullmatch(r"[A-Z].*token.*\. [A-Z].*\.", refusal), f"what is wrong and what to do: {refusal}"
+    assert dialog.is_displayed(), "the question stays open"
+    assert STUDIO not in control.request(room.net.instance, "List")
+    assert [text for text in browser.complaints() if "403" not in text] == []
+
+    answer_dialog(browser, "add_dialog", token=TOKEN)
+    wait_until(lambda: not dialog.is_displayed(), lambda: f"the dialog to close: {dialog.text}")
+    assert STUDIO in control.request(room.net.instance, "List")
+    assert browser.text("#message")
+    assert browser.run("return [sessionStorage.length, localStorage.length, document.cookie]") == [1, 0, ""]
+
+    button = f"button[aria-label='Delete {STUDIO}']"
+    wait_until(lambda: browser.find_all(button), "the new receiver in the table")
+    browser.find(button).click()
+    dialog = answer_dialog(browser, "delete_dialog")
+    wait_until(lambda: not dialog.is_displayed(), lambda: f"the dialog to close: {dialog.text}")
+    assert STUDIO not in control.request(room.net.instance, "List")
 
 
 def test_a_lost_server_is_told_figures_grow_old_and_it_is_found_again(room, browser):

@@ -33,9 +33,15 @@ async function send(method, path, withToken, body) {
 
 function outcome(answer, { result, text, error, advice }) {
   if (answer.status === 403) keepToken(""); // to be typed again
-  if (answer.ok && result !== "refused") return { isDone: true, text: text ?? "Done." };
-  const sentence = text ?? error ?? `The server refused with status ${answer.status}.`;
-  return { isDone: false, text: advice ? `${sentence} ${advice}` : sentence };
+  if (answer.ok && result !== "refused") return { isDone: true, text: sentence(text ?? "done") };
+  const reason = text ?? error ?? `the server refused with status ${answer.status}`;
+  return { isDone: false, text: [reason, advice].filter(Boolean).map(sentence).join(" ") };
+}
+
+// The server's texts are parts of sentences, as on a terminal.
+function sentence(text) {
+  const begun = text.charAt(0).toUpperCase() + text.slice(1);
+  return /[.!?]$/.test(begun) ? begun : `${begun}.`;
 }
 
 const pathOf = (channelId) => `api/v1/channels/${encodeURIComponent(channelId)}`;
