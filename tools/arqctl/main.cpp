@@ -27,6 +27,7 @@ void AddCommands(CLI::App& app, Session& session)
     AddInstancesCommand(app, session);
     AddStatsCommand(app, session);
     AddDoctorCommand(app, session);
+    AddCalcCommand(app, session);
     AddServeCommand(app, session);
 }
 

@@ -17,5 +17,6 @@ void AddDrainCommand(CLI::App& app, Session& session);
 void AddInstancesCommand(CLI::App& app, Session& session);
 void AddStatsCommand(CLI::App& app, Session& session);
 void AddDoctorCommand(CLI::App& app, Session& session);
+void AddCalcCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl
