@@ -47,6 +47,12 @@ std::string Share(double share)
     return fmt::format("{:.3g}%", share * 100);
 }
 
+// Of events: four digits, and no exponent.
+std::string CountText(double count)
+{
+    return count < 1e4 ? fmt::format("{:.4g}/s", count) : fmt::format("{:.0f}/s", count);
+}
+
 std::string Row(const char* name, const std::string& text)
 {
     return fmt::format("{:<14} {}\n", name, text);
@@ -57,13 +63,24 @@ double LostRate(const CalcResult& result)
     return result.packetRate * result.random.left;
 }
 
+// "one in 7.4 h".
+std::string OneIn(double seconds)
+{
+    constexpr double ENOUGH_SECONDS = 1000 * 365.25 * 86400;
+    return seconds > ENOUGH_SECONDS ? "less than one in 1000 years" : "one in " + LongTime(seconds);
+}
+
 std::string LostText(const CalcInput& input, const CalcResult& result)
 {
     if (result.random.left <= 0)
         return "nothing";
-    return fmt::format("{:.2g} of all packets: a receiver loses one in {}, one of {} receivers in {}",
-        result.random.left, LongTime(1 / LostRate(result)), input.receivers,
-        LongTime(1 / LostRate(result) / static_cast<double>(input.receivers)));
+    const double seconds = 1 / LostRate(result);
+    std::string text
+        = fmt::format("{:.2g} of all packets: a receiver loses {}", result.random.left, OneIn(seconds));
+    if (input.receivers > 1)
+        text += fmt::format(
+            ", all {} together {}", input.receivers, OneIn(seconds / static_cast<double>(input.receivers)));
+    return text;
 }
 
 std::string LineText(const CalcInput& input, const CalcResult& result)
@@ -101,15 +118,15 @@ std::string RepairText(const CalcInput& input, const CalcResult& result)
 std::string FlowRow(const char* name, const CalcFlow& flow, int64_t receivers)
 {
     const auto count = static_cast<double>(receivers);
-    return fmt::format("{:<14} {:>10.4g}/s {:>13} {:>12.4g}/s {:>13}\n", name, flow.packetRate,
-        RateText(flow.bitRate), flow.packetRate * count, RateText(flow.bitRate * count));
+    return fmt::format("{:<14} {:>12} {:>13} {:>14} {:>13}\n", name, CountText(flow.packetRate),
+        RateText(flow.bitRate), CountText(flow.packetRate * count), RateText(flow.bitRate * count));
 }
 
 std::string FlowsText(const CalcInput& input, const CalcResult& result)
 {
     const CalcFlows& flows = result.flows;
-    std::string text = fmt::format("\n{:<14} {:>26} {:>28}\n", "", "a receiver",
-        input.receivers == 1 ? "all 1" : fmt::format("all {}", input.receivers));
+    std::string text
+        = fmt::format("\n{:<14} {:>26} {:>28}\n", "", "a receiver", fmt::format("all {}", input.receivers));
     text += FlowRow("media out", flows.media, input.receivers);
     text += FlowRow("resends out", flows.resends, input.receivers);
     text += FlowRow("requests in", flows.requests, input.receivers);

@@ -57,11 +57,11 @@ CalcLimit Latency(const CalcInput& input, const CalcResult& result)
 CalcLimit Outage(const CalcInput& input, const CalcResult& result)
 {
     const double lost = result.outage.left * result.outagePackets;
+    const double requests = std::ceil(result.outagePackets / static_cast<double>(result.requestNumbers));
     return Judge("outage", result.outage.tries > 0,
-        Text("%.0f packets at once, of which %.2g are lost for good; asked for in %.0f requests",
-            result.outagePackets, lost,
-            std::ceil(result.outagePackets / static_cast<double>(result.requestNumbers))),
-        Text("make the latency longer than outage and round trip, %.0f ms",
+        Text("%.0f packets, asked for in %.0f request%s; %.2g of them are lost for good",
+            result.outagePackets, requests, requests > 1 ? "s" : "", lost),
+        Text("make the latency longer than outage and round trip together, %.0f ms",
             static_cast<double>(input.outageUs + input.roundTripUs) / 1e3));
 }
 

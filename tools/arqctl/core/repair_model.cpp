@@ -106,7 +106,7 @@ Course UntilNoticed(const Courses& courses, double firstLater, double loss)
 
 double FailingTries(const RepairLine& line)
 {
-    return 1 - (1 - line.lossDown) * (1 - line.lossUp);
+    return line.lossDown + line.lossUp - line.lossDown * line.lossUp;
 }
 
 Repair RepairOfRandomLoss(const RepairLine& line)
