@@ -208,7 +208,7 @@ Finding CheckEphemeralPorts(const DoctorFacts& facts)
     const bool isLock = std::ranges::find(ports, LockPort(facts.options.instance)) != ports.end();
     return Warning("port " + names
             + (isLock
-                    ? ", the instance's lock port " + Plain(LockPort(facts.options.instance)) + " among them,"
+                    ? ", the instance's lock port " + WithoutCommas(LockPort(facts.options.instance)) + " among them,"
                     : "")
             + " may be given to any program before the proxy starts: ephemeral ports are " + span,
         "Reserve them, or choose others",

@@ -78,7 +78,7 @@ Finding CheckProcess(const DoctorFacts& facts)
 {
     const std::string pid = std::to_string(facts.pid);
     if (!facts.isRunning)
-        return NotApplicable("instance " + Plain(facts.options.instance) + " is to be started");
+        return NotApplicable("instance " + WithoutCommas(facts.options.instance) + " is to be started");
     if (facts.pid == 0)
         return NotApplicable("its process is not to be seen from here");
     if (facts.state == 'T' || facts.state == 't')
@@ -112,7 +112,7 @@ Finding CheckControlSocket(const DoctorFacts& facts)
         return Good(path + " was left behind, and the start replaces it");
     case ControlState::NotAllowed:
         return Warning("no right to speak to " + path + ": what the proxy counts is not seen",
-            "Ask as root or as the proxy's user", "sudo arqctl doctor -I " + Plain(facts.options.instance));
+            "Ask as root or as the proxy's user", "sudo arqctl doctor -I " + WithoutCommas(facts.options.instance));
     case ControlState::Silent:
         return Fault(path + " does not answer in time",
             "One client is served at a time: close others that hold a connection", "ss -xp | grep " + path);
@@ -179,7 +179,7 @@ Finding CheckEncryption(const DoctorFacts& facts)
         return NotApplicable("neither -z nor -Z is given");
     if (!facts.isLibraryLoaded)
         return NotApplicable("what the process has loaded is not to be seen without root",
-            "sudo arqctl doctor -I " + Plain(facts.options.instance));
+            "sudo arqctl doctor -I " + WithoutCommas(facts.options.instance));
     if (*facts.isLibraryLoaded)
         return Good(facts.isRunning
                 ? "the library is loaded; that it took the password only the line 'Loaded' tells"

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "arqctl/core/amount_text.h"
 #include "arqctl/core/checks.h"
 
 namespace arqctl {

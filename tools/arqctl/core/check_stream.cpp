@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "arqctl/core/amount_text.h"
 #include "arqctl/core/checks.h"
 #include "common/endpoint.h"
 

@@ -1,7 +1,8 @@
 #include "arqctl/core/figures.h"
 
 #include <array>
-#include <charconv>
+
+#include "arqctl/core/amount_text.h"
 
 namespace arqctl {
 
@@ -121,14 +122,6 @@ constexpr std::array COLUMNS {
     Column { Keyed("receiver_count"), "recv", 4 },
 };
 
-std::string Decimal(double number, int digits)
-{
-    char text[400];
-    const auto [end, error]
-        = std::to_chars(text, text + sizeof(text), number, std::chars_format::fixed, digits);
-    return error == std::errc {} ? std::string(text, end) : "";
-}
-
 // To a thousandth, without the noughts that say nothing.
 std::string RawNumber(double number)
 {
@@ -137,18 +130,6 @@ std::string RawNumber(double number)
     if (text.ends_with('.'))
         text.pop_back();
     return text;
-}
-
-// Three digits that count, as far as the unit has them.
-std::string BitRateText(double bitsPerSecond)
-{
-    constexpr std::array UNITS { " bit/s", " kbit/s", " Mbit/s", " Gbit/s" };
-    size_t unit = 0;
-    double shown = bitsPerSecond;
-    for (; shown >= 999.5 && unit + 1 < UNITS.size(); ++unit)
-        shown /= 1000;
-    const int digits = unit == 0 || shown >= 99.95 ? 0 : shown >= 9.995 ? 1 : 2;
-    return Decimal(shown, digits) + UNITS[unit];
 }
 
 std::string Join(const std::vector<std::string>& words)

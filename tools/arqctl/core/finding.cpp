@@ -67,14 +67,4 @@ std::string SecondsText(double seconds)
     return Short(seconds) + " s";
 }
 
-std::string BitRateText(double bitsPerSecond)
-{
-    constexpr double KILO = 1e3, MEGA = 1e6, GIGA = 1e9;
-    if (bitsPerSecond >= GIGA)
-        return Short(bitsPerSecond / GIGA) + " Gbit/s";
-    if (bitsPerSecond >= MEGA)
-        return Short(bitsPerSecond / MEGA) + " Mbit/s";
-    return Short(bitsPerSecond / KILO) + " kbit/s";
-}
-
 } // namespace arqctl

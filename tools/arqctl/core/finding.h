@@ -44,13 +44,12 @@ inline std::string Piece(uint32_t number)
     return Piece(static_cast<uint64_t>(number));
 }
 // Ports and instance numbers have no commas.
-inline std::string Plain(int64_t number)
+inline std::string WithoutCommas(int64_t number)
 {
     return std::to_string(number);
 }
-// "0.43 s", "12 s"; "5.2 Mbit/s".
+// "0.43 s", "12 s".
 std::string SecondsText(double seconds);
-std::string BitRateText(double bitsPerSecond);
 
 template <typename... Pieces>
 std::string Say(const Pieces&... pieces)

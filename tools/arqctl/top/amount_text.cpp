@@ -41,12 +41,6 @@ std::string ThreeDigits(const Scaled& scaled)
 
 } // namespace
 
-std::string BitRateText(double bitsPerSecond)
-{
-    const Scaled scaled = ScaleDown(bitsPerSecond);
-    return fmt::format("{} {}bit/s", ThreeDigits(scaled), PREFIXES[scaled.prefix]);
-}
-
 std::string PerSecondText(double aSecond)
 {
     if (aSecond > 0 && aSecond < 0.05)

@@ -3,12 +3,13 @@
 #include <cstdint>
 #include <string>
 
+#include "arqctl/core/amount_text.h"
+
 namespace arqctl::top {
 
-// Amounts with their unit, three digits and at most 11 letters, for columns that people look along.
+// Amounts with their unit, three digits and at most 11 letters, for columns that people look along; bit rates are in
+// core/amount_text.h.
 
-// "0 bit/s", "999 bit/s", "1.23 kbit/s", "12.3 Mbit/s", "4.20 Gbit/s"
-std::string BitRateText(double bitsPerSecond);
 // "0/s", "<0.1/s", "0.4/s", "9.9/s", "12/s", "1.23k/s"
 std::string PerSecondText(double aSecond);
 // "0", "999", "12.3k", "1.23M"
