@@ -58,24 +58,19 @@ std::optional<FileFacts> FactsOfFile(const std::string& path)
     return facts;
 }
 
-ControlState StateOf(const Answer& answer, bool isStatistics)
+ControlState StateOf(const Answer& answer, bool isAsWanted)
 {
-    switch (answer.failure) {
-    case Failure::None:
-        return isStatistics ? ControlState::Answers : ControlState::AnotherProgram;
-    case Failure::NoSocket:
+    const Failure failure = answer.failure;
+    if (failure == Failure::None)
+        return isAsWanted ? ControlState::Answers : ControlState::AnotherProgram;
+    if (failure == Failure::NoSocket)
         return ControlState::NoFile;
-    case Failure::NotListening:
+    if (failure == Failure::NotListening)
         return ControlState::NobodyListens;
-    case Failure::NotAllowed:
+    if (failure == Failure::NotAllowed)
         return ControlState::NotAllowed;
-    case Failure::CutOff:
-    case Failure::TooLong:
+    if (failure == Failure::CutOff || failure == Failure::TooLong || failure == Failure::Foreign)
         return ControlState::AnotherProgram;
-    case Failure::NoAnswer:
-    case Failure::NoDescriptor:
-        break;
-    }
     return ControlState::Silent;
 }
 
