@@ -1,15 +1,18 @@
 """arqctl reaches proxies of other machines through ssh, and says which part of the way is missing."""
 
+import contextlib
+import json
 import os
 import pathlib
 import signal
 import stat
+import urllib.request
 
 import pytest
 
-from txproxy import arqctl, control, ports, process, raw_control
+from txproxy import arqctl, control, instances, ports, process, raw_control
 from txproxy.ssh_server import SshServer
-from txproxy.waiting import wait_until
+from txproxy.waiting import scaled, wait_until
 
 pytestmark = pytest.mark.release_only
 
@@ -126,3 +129,31 @@ def test_instances_of_another_machine_are_those_that_arqctl_finds_there(server, 
     assert missing.status == arqctl.NO_START
     assert missing.problem == (f"there is no program /nowhere/arqctl on {server.HOST}",
                                "install arqctl there, name it with ARQCTL_THERE=/path/of/arqctl, or run this command there")
+
+
+def states(port):
+    """{ID: state} as the page has them."""
+    with urllib.request.urlopen(f"http://127.0.0.1:{port}/api/v1/channels", timeout=scaled(5)) as answer:
+        return {each["id"]: each["state"] for each in json.load(answer)["channels"]}
+
+
+def test_all_proxies_of_a_host_share_one_ssh_which_is_started_again(server, launch, start_proxy, net, closing):
+    start_proxy()
+    other, missing = instances.reserve(closing), instances.reserve(closing)
+    instances.start(launch, other)
+    port = closing(ports.Lease()).port()
+    names = [f"{server.HOST}/{each.instance}" for each in (net, other, missing)]
+    serving = closing(arqctl.Arqctl("serve", "--listen", f"127.0.0.1:{port}", "--reports", "off", "--timeout", "2s",
+                                    *(f"ssh:{name}" for name in names), env=server.environment()))  # fmt: skip
+
+    def are_up():
+        with contextlib.suppress(OSError):
+            found = states(port)
+            return [found.get(name) for name in names] == ["waiting", "waiting", "down"]
+        return False
+
+    wait_until(are_up, "two proxies to answer through ssh")
+    (ssh,) = children(serving.pid)
+    os.kill(ssh, signal.SIGKILL)
+    wait_until(lambda: children(serving.pid) not in ([ssh], []), "another ssh")
+    wait_until(are_up, "the proxies to answer again")

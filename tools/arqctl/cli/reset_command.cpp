@@ -59,10 +59,9 @@ void AddResetCommand(CLI::App& app, Session& session)
             "rx: input packets and loss; tx: sent packets and their rate; all: both")
         ->type_name("rx|tx|all")
         ->required();
-    command->footer(
-        "Examples:\n"
-        "  arqctl reset rx\n\n"
-        "Whoever else reads these counts sees them fall. 'arqctl stats --watch' shows\n"
+    command->footer("Examples:\n"
+                    "  arqctl reset rx\n\n"
+                    "Whoever else reads these counts sees them fall. 'arqctl stats --watch' shows\n"
                     "differences without a reset.\n");
     command->callback([&session, chosen] {
         session.run = [&session, chosen] { return CarryOutReset(session, **chosen); };

@@ -71,7 +71,8 @@ void HostTunnel::Start()
         return;
     m_line.clear();
     m_said.clear();
-    m_isUp = m_isRefused = false;
+    m_isUp = false;
+    m_nRefusals = 0;
     const int error = m_ssh.Start(Words());
     if (error != 0)
         return Fail(Failure::NoSsh, StartTrouble(error));
@@ -104,8 +105,7 @@ void HostTunnel::TakeLine(std::string_view line)
         m_failure = Failure::None;
         return;
     }
-    if (RefusedChannels(line) > 0)
-        m_isRefused = true;
+    m_nRefusals += RefusedChannels(line);
     m_said.append(line).append("\n");
     if (m_said.size() > MOST_SAID)
         m_said.erase(0, m_said.size() - MOST_SAID);
@@ -135,8 +135,10 @@ void HostTunnel::Fail(Failure failure, Trouble trouble)
 
 bool HostTunnel::TakeRefusal()
 {
-    Look();
-    return std::exchange(m_isRefused, false);
+    if (m_nRefusals == 0)
+        return false;
+    --m_nRefusals;
+    return true;
 }
 
 } // namespace arqctl

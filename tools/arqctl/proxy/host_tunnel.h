@@ -34,7 +34,7 @@ public:
     // Of the last start that came to an end; None before.
     Failure LastFailure() const { return m_failure; }
     const Trouble& LastTrouble() const { return m_trouble; }
-    // True once after ssh has said that it got no connection over there.
+    // True once for each time that ssh has said that it got no connection over there.
     bool TakeRefusal();
 
     int64_t retryUs = 0; // not started before, by Tunnels::Proceed
@@ -54,7 +54,7 @@ private:
     Trouble m_trouble;
     bool m_isRunning = false;
     bool m_isUp = false;
-    bool m_isRefused = false;
+    int m_nRefusals = 0; // not taken yet
 };
 
 } // namespace arqctl

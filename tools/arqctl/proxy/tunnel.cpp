@@ -96,9 +96,9 @@ void Tunnels::Judge(const Target& target, Answer& answer)
     HostTunnel* const host = Find(target);
     if (!host)
         return;
+    host->Look();
     answer.peerPid = 0; // the tunnel's
-    const bool isRefused = host->TakeRefusal();
-    if (isRefused && MayBeRefused(answer))
+    if (MayBeRefused(answer) && host->TakeRefusal())
         answer.failure = Failure::NotForwarded;
     else if (!host->IsUp() && (MayBeRefused(answer) || IsOfSocketFile(answer.failure)))
         answer.failure = host->LastFailure() == Failure::None ? Failure::NoWay : host->LastFailure();

@@ -34,7 +34,7 @@ public:
 
     // Starts what does not run, and looks at what ended: tried again after RETRY_AFTER_US.
     void Proceed(int64_t nowUs);
-    static constexpr int64_t RETRY_AFTER_US = 5'000'000;
+    static constexpr int64_t RETRY_AFTER_US = 3'000'000;
 
     // Waits until the way to the target stands, at most until ssh's own time-outs and `patienceUs` are over.
     Failure Open(const Target& target, int64_t patienceUs);
