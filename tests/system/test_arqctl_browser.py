@@ -18,7 +18,7 @@ from txproxy.receiver import Sender
 from txproxy.traffic import Steady
 from txproxy.waiting import wait_until
 
-pytestmark = pytest.mark.release_only
+pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("browser")]
 
 PER_SECOND = 400
 PAYLOAD = bytes(1316)
@@ -29,6 +29,7 @@ RED, WHITE = "rgb(179, 20, 15)", "rgb(255, 255, 255)"
 TILE = ".tile[data-id]"
 DAY_S = 86400
 MOST_ROWS = 1000  # of a plot
+PICTURE = "return document.querySelector('.plot canvas').toDataURL()"
 PAINTED = """const canvas = document.querySelector(".plot canvas");
     const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
     const colours = new Set();
@@ -150,6 +151,7 @@ def test_tiles_and_plots_move_while_a_stream_runs(browser):
     assert float(megabits) == pytest.approx(MBIT_PER_SECOND, rel=0.3)
     assert browser.text(f"{TILE} [data-name=input] .unit") == "Mbit/s"
     assert browser.text(f"{TILE} h3") == "Main feed"
+    browser.run("document.querySelector('.tile .select').focus()")
     before = wait_until(lambda: curve(browser, "input_bit_rate"), "the past of the channel")
     assert before[0][1] is None, "a time before the server began stays a gap"
 
@@ -157,11 +159,14 @@ def test_tiles_and_plots_move_while_a_stream_runs(browser):
         rows = curve(browser, "input_bit_rate")
         return rows if rows[-1][0] >= before[-1][0] + 4 and rows[-1][1] else None
 
+    picture = browser.run(PICTURE)
     after = wait_until(moved, "the plots to move")
     assert after[-1][1] / 1e6 == pytest.approx(MBIT_PER_SECOND, rel=0.3)
     steps = {late[0] - early[0] for early, late in zip(after, after[1:])}
     assert steps == {1}, "five minutes are shown second by second"
+    assert browser.run("return document.activeElement.className") == "select", "the keyboard stays where it was"
     assert browser.run(PAINTED), "the curve is drawn"
+    assert browser.run(PICTURE) != picture, "and drawn anew"
 
 
 def test_a_longer_span_is_fetched_once_and_kept_in_the_address(browser):
@@ -179,6 +184,7 @@ def test_receivers_and_what_they_report_are_in_the_table(browser):
     browser.wait_text(f"{row} [data-name=name]", lambda text: text == "studio-b", "a report")
     assert browser.text(f"{row} [data-name=state]") == "● receiving"
     assert browser.text(f"{row} [data-name=packets_lost]") == "0"
+    assert len(browser.find_all(row)) == 1, "one row has both"
     browser.wait_text(f"{row} [data-name=round_trip_ms]", re.compile(r"[\d.]+ ms").fullmatch, "a round trip")
     heads = [head.text for head in browser.find_all("#receiver_table thead th[scope=col]")]
     assert [head.split(" ")[0] for head in heads[:4]] == ["Receiver", "State", "Name", "Since"]
@@ -203,15 +209,20 @@ def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(r
     assert browser.text(f"{TILE} .sentence") == ""
 
 
+def leads(browser, tab):
+    browser.turn_to(tab)
+    return browser.run_module("return events.isLeader")
+
+
 def test_tabs_share_one_event_stream_and_another_leads_when_the_leader_is_closed(room, browser):
     tabs = [browser.driver.current_window_handle] + [browser.open_tab(room.url()) for _ in range(3)]
-    leads = "return events.isLeader"
     for tab in tabs:
         browser.turn_to(tab)
         wait_live(browser)
     wait_until(lambda: room.event_clients() == 1, lambda: f"one event stream; there are {room.event_clients()}")
-    assert browser.run_module(leads) is False
+    assert [leads(browser, tab) for tab in tabs] == [True, False, False, False]
     browser.close_tab(tabs[0])
+    wait_until(lambda: any(leads(browser, tab) for tab in tabs[1:]), "another to lead")
     for tab in tabs[1:]:
         browser.turn_to(tab)
         wait_live(browser)

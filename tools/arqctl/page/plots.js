@@ -115,7 +115,7 @@ class Plot {
   #options() {
     return {
       ...this.#size(),
-      padding: [8, 14, 0, 0],
+      padding: [8, 20, 0, 0],
       legend: { show: false },
       cursor: { sync: { key: "arqctl", setSeries: false }, drag: { x: false, y: false }, points: { size: 7 } },
       scales: {
