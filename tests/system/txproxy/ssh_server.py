@@ -1,8 +1,10 @@
 """An ssh server on loopback with its own keys and port, and the words that make arqctl find it. Needs openssh-server."""
 
+import contextlib
 import os
 import pathlib
 import shutil
+import signal
 import socket
 import subprocess
 import tempfile
@@ -65,7 +67,12 @@ class SshServer:
         return changed
 
     def close(self):
+        # Who is logged in has a process of its own, which would outlive the server.
+        logged_in = pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children").read_text(encoding="ascii")
         self.process.terminate()
+        for pid in map(int, logged_in.split()):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGTERM)
         self.process.wait(scaled(DEFAULT_TIMEOUT))
         self.log.finish()
         shutil.rmtree(self.folder)
