@@ -26,6 +26,7 @@ void AddCommands(CLI::App& app, Session& session)
     AddDrainCommand(app, session);
     AddInstancesCommand(app, session);
     AddStatsCommand(app, session);
+    AddImpairCommand(app, session);
     AddDoctorCommand(app, session);
     AddCalcCommand(app, session);
     AddServeCommand(app, session);

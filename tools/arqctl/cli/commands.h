@@ -16,6 +16,7 @@ void AddDebugCommand(CLI::App& app, Session& session);
 void AddDrainCommand(CLI::App& app, Session& session);
 void AddInstancesCommand(CLI::App& app, Session& session);
 void AddStatsCommand(CLI::App& app, Session& session);
+void AddImpairCommand(CLI::App& app, Session& session);
 void AddDoctorCommand(CLI::App& app, Session& session);
 void AddCalcCommand(CLI::App& app, Session& session);
 
