@@ -35,6 +35,7 @@ TEST(LossSettings, LinesAreReadAsTheProxyReadsThem)
         { "mode=apples", 0 },
         { "mode=\"2\"", 2 },
         { "mode=\"2", 2 },
+        { "mode=\"-2\"", -2 },
         { "mode=2=3", 2 },
         { "mode=99999999999999999999", -1 },
         { "mode=", 1 },
