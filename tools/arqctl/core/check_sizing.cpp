@@ -51,8 +51,8 @@ Finding CheckRingTime(const DoctorFacts& facts)
     const double seconds = std::min(ring, MOST_RING) / pace->packets;
     const uint64_t better = RingFor(pace->packets);
     const std::string text = Say("the ring of ", ring, " packets holds ", SecondsText(seconds));
-    const std::string advice
-        = better > ring ? "Start the proxy with a longer ring" : "Give receivers a shorter window";
+    const std::string advice = better > ring ? "Start the proxy with -q " + std::to_string(better)
+                                             : std::string("Give receivers a shorter window");
     if (seconds < INTERVAL_SECONDS)
         return Fault(text + ": packets are gone before they are asked for", advice);
     if (seconds < WINDOW_SECONDS)
