@@ -200,6 +200,17 @@ Patient PatientOf(const ProcessFacts& process)
     return patient;
 }
 
+// The proxy of this number (0: none) whose process shares something with this program; without a process if there is none.
+Patient ProcessWith(int instance, bool (*shares)(int pid))
+{
+    for (const int pid : instance == 0 ? std::vector<int> {} : ProxyProcesses()) {
+        const auto process = shares(pid) ? FactsOf(pid) : std::nullopt;
+        if (process && process->options.instance == instance)
+            return PatientOf(*process);
+    }
+    return {};
+}
+
 } // namespace
 
 std::vector<Patient> PatientsHere()
@@ -216,20 +227,16 @@ std::vector<Patient> PatientsHere()
 
 Patient PatientAt(const std::string& controlPath, int instance, int64_t patienceUs)
 {
-    Patient patient;
-    const Answer answer = Ask(controlPath, "List", patienceUs);
-    if (const auto process = FactsOf(answer.peerPid))
-        patient = PatientOf(*process);
-    else if (instance != 0) {
-        const auto here = PatientsHere();
-        const auto found = std::ranges::find_if(
-            here, [&](const Patient& one) { return one.options.instance == instance; });
-        if (found != here.end())
-            patient = *found;
+    // Whose /dev is ours made this very socket: it need not be asked, and may be unable to answer.
+    Patient patient = ProcessWith(instance, SharesDevices);
+    if (patient.pid == 0) {
+        const Answer answer = Ask(controlPath, "List", patienceUs);
+        const auto process = FactsOf(answer.peerPid);
+        patient = process ? PatientOf(*process) : ProcessWith(instance, SharesNetwork);
+        patient.isRunning = patient.pid != 0 || answer.IsThere() || answer.failure == Failure::NotAllowed
+            || answer.failure == Failure::NoAnswer;
     }
     patient.controlPath = controlPath;
-    patient.isRunning = patient.pid != 0 || answer.IsThere() || answer.failure == Failure::NotAllowed
-        || answer.failure == Failure::NoAnswer;
     if (!patient.areOptionsKnown)
         patient.options.instance = instance;
     return patient;
