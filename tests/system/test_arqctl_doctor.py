@@ -1,0 +1,362 @@
+"""What is really wrong is found, and gone once what the finding proposes was done."""
+
+import contextlib
+import json
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+
+from txproxy import arqctl, control, netns, rtp, sandbox
+from txproxy.arqctl import ALREADY_SO, GOOD, NOT_DONE, NO_PROXY, USAGE
+from txproxy.page import Page, quoted
+from txproxy.process import stopped
+from txproxy.receiver import Sender, udp_socket
+from txproxy.waiting import scaled, wait_until
+
+pytestmark = pytest.mark.release_only
+
+GROUP = "239.1.1.1"
+NOBODY = 65534
+PACKETS_A_SECOND = 500
+# Binds a port and keeps it until it is ended.
+HOLDER = """
+import socket, sys, time
+sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+sock.bind(("0.0.0.0", int(sys.argv[1])))
+print("bound", flush=True)
+time.sleep(60)
+"""
+
+
+class Diagnosis:
+    """One proxy's findings by their names, and the exit status."""
+
+    def __init__(self, result):
+        self.status = result.status
+        self.object = result.json
+        self._findings = {finding["name"]: finding for finding in self.object["findings"]}
+
+    def verdict(self, name):
+        return self._findings[name]["verdict"]
+
+    def text(self, name):
+        return self._findings[name]["text"]
+
+    def command(self, name):
+        return self._findings[name]["command"]
+
+    def advice(self, name):
+        return self._findings[name]["advice"]
+
+    @property
+    def names(self):
+        return list(self._findings)
+
+    def wrong(self):
+        """{name: verdict} of all that is not as it should be."""
+        return {name: finding["verdict"] for name, finding in self._findings.items()
+                if finding["verdict"] in ("warning", "fault")}  # fmt: skip
+
+
+def doctor(*arguments, **keywords):
+    return Diagnosis(arqctl.run("doctor", "--json", *arguments, **keywords))
+
+
+def apply(command, namespace=None):
+    """Does what a finding proposes, as an operator who pastes it."""
+    words = shlex.split(command)
+    if words[0] == "arqctl":
+        words[0] = arqctl.program()
+    inside = ["ip", "netns", "exec", namespace.name] if namespace else []
+    done = subprocess.run([*inside, *words], capture_output=True, text=True, timeout=scaled(15), check=False)
+    assert done.returncode == 0, f"{command}: {done.stderr}"
+
+
+@contextlib.contextmanager
+def streaming(sender):
+    """A stream of PACKETS_A_SECOND that goes on meanwhile."""
+    ended = threading.Event()
+
+    def run():
+        began, index = time.monotonic(), 0
+        while not ended.is_set():
+            for _ in range(int((time.monotonic() - began) * PACKETS_A_SECOND) - index):
+                sender.send(rtp.packet(index & 0xFFFF, bytes(1316)))
+                index += 1
+            ended.wait(0.01)
+
+    thread = threading.Thread(target=run)
+    thread.start()
+    try:
+        yield
+    finally:
+        ended.set()
+        thread.join()
+
+
+def wait_received(instance, least):
+    def received():
+        return int(re.search(r"RECV_PACKETS=(\d+)", control.request(instance, "AllStats")).group(1))
+
+    wait_until(lambda: received() >= least, f"{least} input packets")
+
+
+@pytest.fixture
+def start_options(net):
+    """The options of a proxy on the ports of `net`, as --start takes them."""
+    return lambda *more, group="": " ".join(map(str, (
+        "-I", net.instance, "-p", net.destination, "-r", net.request, *more, net.input, group)))  # fmt: skip
+
+
+def test_a_proxy_in_good_health_has_nothing_that_is_wrong(start_proxy, net, sender):
+    proxy = start_proxy("-a", "127.0.0.2")
+    with streaming(sender):
+        wait_received(net.instance, 1)
+        found = doctor("-I", net.instance)
+        here = arqctl.run("doctor", "--json").json  # no other one has this network or this /dev
+    assert found.wrong() == {}
+    assert found.status == GOOD
+    assert found.object["pid"] == here["pid"] == proxy.pid
+    assert found.object["instance"] == here["instance"] == net.instance
+    assert found.text("receive-buffer") == "the input's socket holds 1,048,576 bytes"
+    assert re.fullmatch(r"4\d\d|5\d\d", re.match(r"\d+", found.text("input")).group()), found.text("input")
+    assert 7 < float(re.search(r"holds ([\d.]+) s", found.text("ring-time")).group(1)) < 11
+
+
+def test_every_option_that_does_not_suit_the_stream_is_found_in_one_look(start_proxy, net, sender):
+    start_proxy("-a", "127.0.0.2,no.such.invalid", "-q", 64, "-G", 10737419, "-z")
+    with streaming(sender):
+        wait_received(net.instance, 1)
+        found = doctor("-I", net.instance)
+    assert found.status == NOT_DONE
+    assert found.wrong() == {"ring-time": "fault", "request-budget": "fault", "encryption": "fault",
+                             "destinations": "fault"}  # fmt: skip
+    assert "unencrypted" in found.text("encryption")
+    assert "no.such.invalid" in found.text("destinations")
+    better = f"{found.advice('ring-time').split('with ')[1]} -G 10700000"
+    assert better == "-q 1024 -G 10700000"
+    checked = doctor("--start", f"-I {net.instance + 1000} {better} {net.input + 20}", "--rate", "5.3M")
+    assert checked.verdict("ring-time") == checked.verdict("request-budget") == "good"
+
+
+def test_a_pacer_that_is_slower_than_the_input_is_a_fault(start_options):
+    for rate, verdict in ((1_000_000, "fault"), (5_100_000, "warning"), (8_000_000, "good"), (500_000_000, "good")):
+        found = doctor("--start", start_options("-X", rate), "--rate", "5M")
+        assert found.verdict("pacing-rate") == verdict, rate
+        assert found.verdict("pacing-quota") == ("fault" if rate > 429_496_729 else "good")
+
+
+def test_a_destination_that_was_deleted_is_missed_and_comes_back_with_the_command(start_proxy, net):
+    start_proxy("-a", "127.0.0.2,127.0.0.3")
+    control.request(net.instance, "Delete 127.0.0.3")
+    found = doctor("-I", net.instance)
+    assert "'127.0.0.3' of -a is not in the list" in found.text("destinations")
+    assert found.verdict("input") == "fault"  # nobody has sent anything
+    apply(found.command("destinations"))
+    assert doctor("-I", net.instance).verdict("destinations") == "good"
+
+
+def test_a_port_that_another_program_has_is_named_with_it_and_free_once_that_ends(net, start_options):
+    holder = subprocess.Popen([sys.executable, "-c", HOLDER, str(net.request)], stdout=subprocess.PIPE)
+    try:
+        assert holder.stdout.readline() == b"bound\n"
+        found = doctor("--start", start_options())
+        assert found.wrong() == {"request-port": "fault"}
+        assert f"(process {holder.pid})" in found.text("request-port")
+        apply(found.command("request-port"))
+        assert holder.wait(scaled(15)) != 0
+    finally:
+        holder.kill()
+        holder.wait()
+        holder.stdout.close()
+    assert doctor("--start", start_options()).status == GOOD
+
+
+def test_a_proxy_that_did_not_get_its_port_is_told_who_has_it(start_proxy, net, closing):
+    thief = closing(udp_socket("0.0.0.0", net.destination, reuse=False))
+    proxy = start_proxy("-a", "127.0.0.2", ready=False)
+    proxy.wait_stderr(f"SocketListener: bind failed on port {net.destination}")
+    assert control.request(net.instance, "List") == "127.0.0.2"
+    found = doctor("-I", net.instance)
+    assert f"(process {os.getpid()})" in found.text("ping-port")
+    assert found.verdict("request-port") == "good"
+    thief.close()
+    found = doctor("-I", net.instance)
+    assert "the proxy does not hold" in found.text("ping-port")
+
+
+def test_one_that_runs_already_is_named_by_its_lock_and_its_socket(start_proxy, net, start_options):
+    proxy = start_proxy()
+    found = doctor("--start", start_options())
+    assert f"tx_proxy (process {proxy.pid})" in found.text("lock-port")
+    assert found.verdict("control-socket") == "fault"
+
+
+def test_a_stopped_proxy_is_found_by_its_state_its_queue_and_its_drops_and_goes_on_by_the_command(start_proxy, net, sender):
+    proxy = start_proxy("-a", "127.0.0.2")
+    sender.send(rtp.packet(0, bytes(1316)))
+    wait_received(net.instance, 1)
+    with stopped(proxy):
+        for index in range(1, 3000):  # more than the socket's buffer holds
+            sender.send(rtp.packet(index, bytes(1316)))
+        found = doctor("-I", net.instance)
+        assert {name: found.verdict(name) for name in ("process", "control-socket", "receive-queue", "input-drops")} == {
+            "process": "fault", "control-socket": "fault", "receive-queue": "fault", "input-drops": "warning"}  # fmt: skip
+        with streaming(sender):
+            assert doctor("-I", net.instance).verdict("input-drops") == "fault"
+        apply(found.command("process"))
+        sender.send(rtp.packet(9999, bytes(1316)))
+        wait_until(lambda: not re.search(r"NET_LOSS=0$", control.request(net.instance, "RxStat").strip()), "input loss")
+    found = doctor("-I", net.instance)
+    assert found.verdict("process") == found.verdict("receive-queue") == found.verdict("control-socket") == "good"
+    assert found.verdict("input-drops") == found.verdict("input-loss") == "warning"
+    apply(found.command("input-loss"))
+    assert doctor("-I", net.instance).verdict("input-loss") == "good"
+
+
+def test_too_few_open_files_are_raised_by_the_command(start_proxy, net):
+    proxy = start_proxy()
+    apply(f"prlimit --pid {proxy.pid} --nofile=60:5000")
+    found = doctor("-I", net.instance)
+    assert "at most 60 files" in found.text("open-files")
+    apply(found.command("open-files"))
+    assert doctor("-I", net.instance).verdict("open-files") == "good"
+
+
+def test_a_group_without_a_route_is_joined_after_the_command_and_a_new_start(start_proxy, net, island, start_options):
+    proxy = start_proxy(group=GROUP, namespace=island)
+    found = doctor("-I", net.instance)  # from another network: the proxy's own is looked at
+    assert found.object["pid"] == proxy.pid
+    assert (found.verdict("group-route"), found.verdict("group-joined")) == ("fault", "fault")
+    apply(found.command("group-route"), island)
+    proxy.stop()
+    assert doctor("--start", start_options(group=GROUP), namespace=island).verdict("group-route") == "good"
+    start_proxy(group=GROUP, namespace=island)
+    found = doctor("-I", net.instance)
+    assert (found.verdict("group-route"), found.verdict("group-joined")) == ("good", "good")
+    assert found.verdict("group-interface") == "warning"  # only this machine is heard by way of lo
+    assert found.verdict("listen-port") == "good"
+
+
+def test_a_strict_source_filter_is_found_and_loosened_by_the_command(start_proxy, net, make_lan, closing):
+    lan = make_lan(2)
+    lan.proxy.ip("route", "add", "default", "via", netns.peer_address(1))
+    lan.peer.ip("address", "add", "10.99.0.1/32", "dev", "lo")
+    apply("sysctl -w net.ipv4.conf.eth0.rp_filter=1", lan.proxy)
+    start_proxy(group=GROUP, namespace=lan.proxy)
+    stranger = closing(Sender(GROUP, net.input, namespace=lan.peer, source="10.99.0.1",
+                              multicast_interface=netns.peer_address(0)))  # fmt: skip
+    with streaming(stranger):
+        found = doctor("-I", net.instance)
+        assert (found.verdict("rp-filter"), found.verdict("input")) == ("fault", "fault")
+        assert "has just refused" in found.text("rp-filter")
+        told = doctor("-I", net.instance, "--source", "10.99.0.1")
+        assert told.verdict("rp-filter") == "fault"
+        apply(found.command("rp-filter"), lan.proxy)
+        wait_received(net.instance, 1)
+        found = doctor("-I", net.instance)
+        assert (found.verdict("rp-filter"), found.verdict("input")) == ("good", "good")
+        assert found.wrong() == {}
+
+
+def test_interfaces_of_n_are_missed_and_set_up_by_the_command(net, island, start_options):
+    found = doctor("--start", start_options("-n", 1), namespace=island)
+    assert "eth0, which -n 1 asks for, is missing" in found.text("output-interfaces")
+    island.ip("link", "add", "eth0", "type", "veth", "peer", "name", "far")
+    island.ip("link", "set", "far", "up")
+    found = doctor("--start", start_options("-n", 1), namespace=island)
+    assert "is down" in found.text("output-interfaces")
+    apply(found.command("output-interfaces"), island)
+    assert doctor("--start", start_options("-n", 1), namespace=island).verdict("output-interfaces") == "good"
+
+
+def test_a_lock_port_among_the_ephemeral_ones_is_reserved_by_the_command(island):
+    options = "-I 700 -p 20000 -r 20001 20002"
+    found = doctor("--start", options, namespace=island)
+    assert found.status == ALREADY_SO
+    assert found.wrong() == {"ephemeral-ports": "warning"}
+    assert "lock port 32823" in found.text("ephemeral-ports")
+    apply(found.command("ephemeral-ports"), island)
+    assert doctor("--start", options, namespace=island).status == GOOD
+
+
+def test_a_small_receive_buffer_limit_is_a_warning(tmp_path, start_options):
+    limit = tmp_path / "rmem_max"
+    limit.write_text("212992\n", encoding="ascii")
+    cover = sandbox.covering(b"/proc/sys/net/core/rmem_max", bytes(limit))
+    found = doctor("--start", start_options(), preexec=cover)
+    assert found.wrong() == {"rmem-max": "warning"}
+    assert found.command("rmem-max") == "sysctl -w net.core.rmem_max=524288"
+    limit.write_text("524288\n", encoding="ascii")
+    assert doctor("--start", start_options(), preexec=cover).status == GOOD
+
+
+def run_as_nobody(*arguments):
+    with open(arqctl.program(), "rb") as program:  # it may lie in a folder that is not nobody's
+        command = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", "--bounding-set=-all",
+                   f"/proc/self/fd/{program.fileno()}", "doctor", *map(str, arguments)]  # fmt: skip
+        return subprocess.run(command, capture_output=True, text=True, timeout=scaled(30), check=False,
+                              pass_fds=[program.fileno()])  # fmt: skip
+
+
+def test_without_rights_it_says_what_it_could_not_see(start_proxy, net, start_options):
+    start_proxy("-a", "127.0.0.2", "-z")
+    done = run_as_nobody("-I", net.instance, "--json")
+    found = {finding["name"]: finding for finding in json.loads(done.stdout)["findings"]}
+    assert done.stderr == ""
+    assert found["control-socket"]["verdict"] == "warning"
+    assert found["control-socket"]["command"] == f"sudo arqctl doctor -I {net.instance}"
+    for name in ("encryption", "input", "input-loss", "receive-buffer"):
+        assert found[name]["verdict"] == "not applicable", name
+    done = run_as_nobody("--start", start_options(), "--json")
+    verdicts = {finding["name"]: finding["verdict"] for finding in json.loads(done.stdout)["findings"]}
+    assert verdicts["dev-rights"] == "fault" and verdicts["run-rights"] == "warning"
+    assert done.returncode == NOT_DONE
+
+
+def test_a_control_socket_that_anybody_may_use_is_closed_by_the_command(start_proxy, net):
+    start_proxy(preexec=lambda: os.umask(0))
+    wait_until(lambda: pathlib.Path(control.path(net.instance)).exists(), "the control socket")
+    found = doctor("-I", net.instance)
+    assert "any user of this machine" in found.text("control-rights")
+    apply(found.command("control-rights"))
+    assert doctor("-I", net.instance).verdict("control-rights") == "good"
+
+
+def test_without_a_proxy_it_says_so_and_how_to_go_on(lease):
+    for arguments in (("doctor",), ("-I", lease.instance, "doctor"), ("doctor", "--socket", "/nowhere")):
+        result = arqctl.run(*arguments)
+        assert result.status == NO_PROXY
+        assert "--start" in result.problem[1]
+        assert arqctl.run(*arguments, "--json").json["status"] == NO_PROXY
+
+
+@pytest.mark.parametrize("arguments", [
+    ("--start", "-I x 5000"), ("--start", ""), ("--start", "'5000"), ("--start", "5000", "--rate", "fast"),
+    ("--start", "5000", "--rate", "8M", "--payload", "0"), ("--start", "5000", "-I", "3"), ("--source", "studio"),
+    ("--via", "ssh:nowhere")])  # fmt: skip
+def test_options_that_are_wrong_end_with_a_sentence_of_advice(arguments):
+    result = arqctl.run("doctor", *arguments)
+    assert result.status == USAGE
+    assert all(result.problem)
+
+
+def test_people_get_the_same_findings_a_line_each_and_the_page_names_them_all(start_options):
+    found = doctor("--start", start_options("-n", 1))
+    result = arqctl.run("doctor", "--start", f"tx_proxy {start_options('-n', 1)}")
+    head, *lines, counts = result.stdout.splitlines()
+    assert head == f"instance {found.object['instance']}, to be started"
+    place = lines[0].index(found.names[0])
+    assert [line[place:].split()[0] for line in lines] == found.names
+    assert [line[:place].strip() for line in lines] == [found.verdict(name) for name in found.names]
+    assert all(found.text(name) in line for name, line in zip(found.names, lines))
+    assert re.fullmatch(r"\d+ good, 0 warnings, 1 fault, \d+ not applicable", counts)
+    assert result.status == found.status == NOT_DONE
+    assert [quoted(cells[0])[0] for cells in Page("arqctl.md").rows("Doctor")] == found.names
