@@ -29,6 +29,7 @@ void AddCommands(CLI::App& app, Session& session)
     AddImpairCommand(app, session);
     AddDoctorCommand(app, session);
     AddCalcCommand(app, session);
+    AddTopCommand(app, session);
     AddServeCommand(app, session);
 }
 

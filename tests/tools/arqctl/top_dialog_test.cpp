@@ -104,6 +104,18 @@ TEST_F(TopDialog, AProxyThatDoesNotAnswerIsLeftAlone)
     EXPECT_EQ(Type("adiry"), std::nullopt);
 }
 
+TEST_F(TopDialog, WhileOneChangeIsUnderWayNoOtherIsBegun)
+{
+    (void)Type("ry");
+    m_dialog.SetBusy(true);
+    EXPECT_EQ(Type("ry"), std::nullopt);
+    EXPECT_EQ(Message(), "no such key: press ? for those there are"); // the y
+    (void)Type("a");
+    EXPECT_EQ(Message(), "wait: the last change is still under way");
+    m_dialog.SetBusy(false);
+    EXPECT_EQ(Type("ry"), (Order { Order::Kind::Reset, "1", "" }));
+}
+
 TEST_F(TopDialog, AQuestionKeepsItsProxyWhenTheListChanges)
 {
     (void)Type("jr");

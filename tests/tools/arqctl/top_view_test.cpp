@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "arqctl/top/plain_line.h"
 #include "top_view_fixture.h"
 
 #include <cstdlib>
@@ -168,6 +169,21 @@ TEST_F(TopView, NoProxyAtAllIsSaid)
     m_state.proxies.clear();
     EXPECT_NE(Screen(80, 24).find("no proxy runs on this machine"), std::string::npos);
     (void)Screen(3, 3);
+}
+
+TEST_F(TopView, APlainLineSaysTheSameInAsciiAndOnOneLine)
+{
+    EXPECT_EQ(PlainLine(m_state.proxies[0], "14:02:31", NOW_US),
+        "14:02:31  1  good  in 12.3 Mbit/s  out 24.7 Mbit/s  lost 0.4/s  resent 12/s  withheld 0/s  receivers 2");
+    EXPECT_EQ(PlainLine(m_state.proxies[2], "14:02:31", NOW_US),
+        "14:02:31  ssh:edge1/3  INPUT GONE for 12 s  in 0 bit/s  out 0 bit/s  lost 0/s  resent 0/s  withheld 0/s  "
+        "receivers 2");
+    ShownProxy& silent = m_state.proxies[1];
+    silent.name = "/tmp/caf\xc3\xa9\n/ctrl";
+    silent.reading.isUp = false;
+    silent.failure = Failure::NoAnswer;
+    EXPECT_EQ(PlainLine(silent, "14:02:31", NOW_US),
+        "14:02:31  /tmp/caf?" "?/ctrl  NO ANSWER: no answer in time on /dev/arq_tx_ctrl2");
 }
 
 } // namespace

@@ -19,5 +19,6 @@ void AddStatsCommand(CLI::App& app, Session& session);
 void AddImpairCommand(CLI::App& app, Session& session);
 void AddDoctorCommand(CLI::App& app, Session& session);
 void AddCalcCommand(CLI::App& app, Session& session);
+void AddTopCommand(CLI::App& app, Session& session);
 
 } // namespace arqctl

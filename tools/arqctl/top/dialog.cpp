@@ -79,13 +79,16 @@ void Dialog::PressWatching(const KeyPress& key, const std::vector<ShownProxy>& p
         return Select(step, proxies);
     if (key.kind != Kind::Letter)
         return;
-    m_message.clear();
+    if (!m_bBusy)
+        m_message.clear();
     if (key.letter == 'q')
         m_bEnd = true;
     else if (key.letter == '?' || key.letter == 'h')
         m_mode = Mode::Help;
     else if (std::string_view("adir").find(key.letter) == std::string_view::npos)
         Say("no such key: press ? for those there are", Tone::Plain);
+    else if (m_bBusy)
+        Say("wait: the last change is still under way", Tone::Warn);
     else if (proxies.empty())
         Say("there is no proxy to change", Tone::Warn);
     else

@@ -25,6 +25,9 @@ public:
     // What became of an order, or of anything else that has to be said. A question that is open is not covered by it.
     void Say(const std::string& text, Tone tone);
 
+    // While an order is carried out, no other one is begun.
+    void SetBusy(bool isBusy) { m_bBusy = isBusy; }
+
     // Selection, message, keys, mark and help of the screen.
     void Fill(ViewState& state) const;
 
@@ -43,6 +46,7 @@ private:
 
     Mode m_mode = Mode::Watch;
     bool m_bEnd = false;
+    bool m_bBusy = false;
     std::string m_selected; // a name
     Order m_order; // being put together
     std::string m_asked; // the question

@@ -135,7 +135,7 @@ std::unique_ptr<Terminal> Terminal::Open(bool wantsColour)
 
 Terminal::~Terminal()
 {
-    (void)endwin();
+    Leave();
 }
 
 int Terminal::Columns() const
@@ -181,8 +181,13 @@ std::optional<KeyPress> Terminal::ReadKey()
     return KeyOf(code);
 }
 
+// Where there is no second screen, what was drawn stays, and the shell goes on below it.
 void Terminal::Leave()
 {
+    (void)wmove(stdscr, Rows() - 1, 0);
+    (void)wclrtoeol(stdscr);
+    if (TakesMore())
+        (void)wrefresh(stdscr);
     (void)endwin();
 }
 
