@@ -131,11 +131,17 @@ TEST(ChannelHistory, ADayIsKeptByTensOfSeconds)
     EXPECT_EQ(Inputs(columns).back(), 19'999.0F);
 }
 
-TEST(ChannelHistory, NothingKnownIsOnlyGaps)
+TEST(ChannelHistory, BeforeTheFirstSampleAndBeforeTheClockBeganAreGaps)
 {
-    const History history;
-    for (const float value : Inputs(history.Read(50, 60, 600)))
-        EXPECT_EQ(value, -1.0F);
+    History history;
+    history.Add(0, Flat(1));
+    history.Add(29, Flat(2));
+    const History::Columns columns = history.Read(30, 60, 600);
+    ASSERT_EQ(columns.seconds.size(), 60U);
+    EXPECT_EQ(columns.seconds.front(), -29);
+    for (size_t step = 0; step < 60; step++)
+        EXPECT_EQ(Inputs(columns)[step], step == 29 ? 1.0F : step == 58 ? 2.0F : -1.0F) << step;
+    EXPECT_EQ(history.Read(30, 86'400, 1000).seconds.size(), 960U);
 }
 
 } // namespace arqctl::history_ring_test

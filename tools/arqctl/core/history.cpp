@@ -107,10 +107,12 @@ History::Columns History::Read(int64_t nowSecond, int64_t span, int64_t points) 
     const int64_t steps = std::max<int64_t>(span / columns.stepSeconds, 1);
     const int64_t last = nowSecond / columns.stepSeconds;
     std::vector<HistorySample> samples;
-    for (int64_t step = std::max<int64_t>(last - steps + 1, 0); step <= last; step++) {
+    for (int64_t step = last - steps + 1; step <= last; step++) {
         samples.clear();
         const int64_t begin = step * columns.stepSeconds;
-        for (int64_t second = begin; second < begin + columns.stepSeconds; second += ring.Step()) {
+        // The clock began at 0: before that nothing is known.
+        for (int64_t second = std::max<int64_t>(begin, 0); second < begin + columns.stepSeconds;
+             second += ring.Step()) {
             if (const HistorySample* sample = ring.At(second / ring.Step()))
                 samples.push_back(*sample);
         }

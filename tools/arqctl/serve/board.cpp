@@ -65,14 +65,17 @@ void AddToHistory(Channel& channel, const ReceiverTable& reports, int64_t nowUs)
 {
     const int64_t second = nowUs / common::US_PER_SECOND;
     const Reading& reading = channel.watched.reading;
-    if (!reading.isUp || nowUs - reading.atUs > FRESH_US || second == channel.secondBefore)
+    const bool isKnown = reading.isUp && nowUs - reading.atUs <= FRESH_US;
+    channel.isAfterGap |= !isKnown;
+    if (!isKnown || second == channel.secondBefore)
         return;
     HistorySample sample = SampleOf(channel, second);
     AddReported(sample, channel, reports, second, nowUs);
-    const bool isClose = channel.secondBefore >= 0 && second - channel.secondBefore <= MOST_FILLED;
-    for (int64_t filled = isClose ? channel.secondBefore + 1 : second; filled <= second; filled++)
+    const bool isLate = !channel.isAfterGap && second - channel.secondBefore <= MOST_FILLED;
+    for (int64_t filled = isLate ? channel.secondBefore + 1 : second; filled <= second; filled++)
         channel.history.Add(filled, sample);
     channel.secondBefore = second;
+    channel.isAfterGap = false;
     channel.totalsBefore = reading.totals;
     channel.reportedBefore = reports.TotalsOf(channel.watched.id);
 }

@@ -33,6 +33,7 @@ struct Channel {
     Totals totalsBefore; // of the history's last known second
     ReportTotals reportedBefore; // the same
     int64_t secondBefore = -1; // -1: none yet
+    bool isAfterGap = true; // some second since was not known
 };
 
 // All channels, in the order in which they were found. Times are microseconds of the monotonic clock.

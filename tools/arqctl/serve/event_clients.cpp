@@ -2,6 +2,7 @@
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <sys/socket.h>
 
 #include <utility>
 
@@ -20,12 +21,17 @@ bufferevent* BufferOf(evhttp_request* request)
     return evhttp_connection_get_bufferevent(evhttp_request_get_connection(request));
 }
 
+// What the kernel keeps for a client that does not read; the rest waits here and is counted.
+constexpr int SEND_BUFFER_BYTES = 64 * 1024;
+
 // Silence on the client's side is what it should keep, so only its taking has a limit.
-void LimitWritingOnly(bufferevent* buffer)
+void Limit(bufferevent* buffer)
 {
     const timeval patience { HttpServer::PATIENCE_S, 0 };
     (void)bufferevent_set_timeouts(buffer, nullptr, &patience);
     bufferevent_setwatermark(buffer, EV_READ, 0, MOST_READ_BYTES);
+    (void)setsockopt(
+        bufferevent_getfd(buffer), SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_BYTES, sizeof(SEND_BUFFER_BYTES));
 }
 
 } // namespace
@@ -47,7 +53,7 @@ void EventClients::Add(evhttp_request* request)
     m_clients.push_back({ this, request });
     evhttp_connection_set_closecb(evhttp_request_get_connection(request), Closed, &m_clients.back());
     evhttp_send_reply_start(request, HTTP_OK, nullptr);
-    LimitWritingOnly(BufferOf(request));
+    Limit(BufferOf(request));
     if (m_newest)
         SendTo(m_clients.back());
 }

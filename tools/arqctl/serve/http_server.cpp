@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "common/clock.h"
+#include "common/endpoint.h"
 
 namespace arqctl {
 
@@ -24,14 +25,30 @@ constexpr int BACKLOG = 128;
 constexpr ev_uint16_t ALL_METHODS = EVHTTP_REQ_GET | EVHTTP_REQ_POST | EVHTTP_REQ_HEAD | EVHTTP_REQ_PUT
     | EVHTTP_REQ_DELETE | EVHTTP_REQ_OPTIONS | EVHTTP_REQ_TRACE | EVHTTP_REQ_CONNECT | EVHTTP_REQ_PATCH;
 
+// "[ADDRESS]:PORT". False: it is none.
+bool ParseAddress6(const std::string& text, sockaddr_in6& address)
+{
+    const size_t end = text.find("]:");
+    uint16_t port = 0;
+    if (!text.starts_with('[') || end == std::string::npos || !common::ParsePort(text.substr(end + 2), port))
+        return false;
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(port);
+    return inet_pton(AF_INET6, text.substr(1, end - 1).c_str(), &address.sin6_addr) == 1;
+}
+
 // False: no address with a port.
 bool ParseListenAddress(const std::string& text, sockaddr_storage& address, int& length)
 {
-    const std::string whole = text.starts_with("*:") ? "0.0.0.0" + text.substr(1) : text;
-    length = sizeof(address);
-    if (evutil_parse_sockaddr_port(whole.c_str(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    common::Endpoint endpoint;
+    length = sizeof(sockaddr_in6);
+    if (ParseAddress6(text, reinterpret_cast<sockaddr_in6&>(address)))
+        return true;
+    length = sizeof(sockaddr_in);
+    if (!common::ParseEndpoint(text, endpoint))
         return false;
-    return whole.rfind(':') != std::string::npos && whole.back() != ']' && whole.back() != ':';
+    reinterpret_cast<sockaddr_in&>(address) = common::ToSockaddr(endpoint);
+    return true;
 }
 
 uint16_t PortOf(const sockaddr_storage& address)

@@ -42,6 +42,14 @@ WebReply TextReply(int status, std::string text)
     return reply;
 }
 
+// For HEAD: what the stream would begin with.
+WebReply EventsHead()
+{
+    WebReply reply;
+    reply.type = "text/event-stream";
+    return reply;
+}
+
 std::string Dumped(const nlohmann::ordered_json& object)
 {
     return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
@@ -190,6 +198,7 @@ WebReply Server::Answer(const WebRoute& route, const WebRequest& asked)
     case Resource::History:
         return OfChannel(route, asked);
     case Resource::Events:
+        return EventsHead();
     case Resource::Receivers:
     case Resource::Receiver:
     case Resource::Impairment:
