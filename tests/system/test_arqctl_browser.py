@@ -1,7 +1,9 @@
 """The control-room page in a real browser: one proxy, one server and one browser for all tests, in their order."""
 
 import contextlib
+import json
 import re
+import socket
 import time
 import types
 import urllib.request
@@ -51,6 +53,7 @@ class Room:
             instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
         )
         self.host = f"127.0.0.1:{lease.port()}"
+        self.channel = str(lease.instance)
         self._token_file = folder / "token"
         self._token_file.write_text(TOKEN + "\n", "ascii")
         self._token_file.chmod(0o600)
@@ -191,6 +194,21 @@ def test_receivers_and_what_they_report_are_in_the_table(browser):
     lost = browser.find("#receiver_table thead [data-name=packets_lost] button")
     lost.click()
     assert browser.find("#receiver_table thead [data-name=packets_lost]").get_attribute("aria-sort") == "descending"
+
+
+def test_what_a_stranger_reports_is_text_and_never_markup(room, browser):
+    name = "<b onclick='x'>&amp;"
+    kinds = ("received", "resent", "missing", "recovered", "waiting", "duplicate", "late")
+    counts = {f"packets_{kind}": 0 for kind in kinds}
+    report = {"arqrx": 1, "name": name, "channel": room.channel, "run_s": 1.0, **counts, "packets_lost": 10**6}
+    report |= {"requests": 0, "numbers_asked": 0, "most_asked": 0}
+    host, _, port = room.host.rpartition(":")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        sender.sendto(json.dumps(report).encode(), (host, int(port)))
+    row = "#receiver_table tbody tr"
+    browser.wait_text(f"{row} [data-name=name]", lambda text: text == name, "the worst receiver on top")
+    assert browser.text(f"{row} [data-name=packets_lost]") == "1,000,000"
+    assert not browser.find_all("#receiver_table b")
 
 
 def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(room, browser):
