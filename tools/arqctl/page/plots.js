@@ -30,7 +30,7 @@ const PLOTS = [
     curves: [
       { name: "reported_recovered", text: "recovered", colour: "--curve-1" },
       { name: "reported_missing", text: "missing", colour: "--curve-3", dash: [6, 3] },
-      { name: "sent_beyond", text: "resent, about", colour: "--curve-4", dash: [2, 3] },
+      { name: "sent_beyond", text: "resent ≈", colour: "--curve-4", dash: [2, 3] },
     ],
   },
 ];

@@ -27,7 +27,7 @@ class Tile {
       this.#figure("input", "Input", "large"),
       this.#figure("output", "Output", "large"),
       this.#figure("loss", "Loss"),
-      this.#figure("resent", "Resent, about"),
+      this.#figure("resent", "Resent ≈"),
       this.#figure("receivers", "Receivers"),
     );
     const foot = make("p", { class: "foot" }, this.#parts.since, this.#parts.badge, this.#parts.age);
