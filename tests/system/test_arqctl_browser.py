@@ -249,6 +249,21 @@ def test_tabs_share_one_event_stream_and_another_leads_when_the_leader_is_closed
     wait_until(lambda: room.event_clients() == 1, lambda: f"one event stream; there are {room.event_clients()}")
 
 
+def test_a_leader_that_the_browser_froze_loses_the_lead_to_a_tab_that_is_seen(room, browser):
+    frozen, seen = browser.driver.current_window_handle, browser.open_tab(room.url())
+    assert [leads(browser, tab) for tab in (frozen, seen)] == [True, False]
+    browser.turn_to(frozen)
+    browser.command("Page.setWebLifecycleState", state="frozen")
+    browser.turn_to(seen)
+    browser.run("const now = performance.now.bind(performance); performance.now = () => now() + 9000")
+    wait_until(lambda: leads(browser, seen), "the other tab to lead")
+    browser.turn_to(frozen)
+    browser.command("Page.setWebLifecycleState", state="active")
+    wait_until(lambda: not leads(browser, frozen), "the old leader to follow")
+    wait_live(browser)
+    wait_until(lambda: room.event_clients() == 1, lambda: f"one event stream; there are {room.event_clients()}")
+
+
 def test_without_locks_a_hidden_tab_has_no_event_stream_and_a_visible_one_its_own(room, browser):
     """As on every address but this machine's own, where browsers have no locks."""
     script = browser.command("Page.addScriptToEvaluateOnNewDocument", source="delete Navigator.prototype.locks")

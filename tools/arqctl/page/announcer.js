@@ -17,13 +17,16 @@ export class Announcer {
     const changed = channels.filter(
       (channel) => this.#states.has(channel.id) && this.#states.get(channel.id) !== channel.state,
     );
-    const red = changed.filter((channel) => isRed(channel.state));
-    const others = changed.filter((channel) => !isRed(channel.state));
-    if (red.length) setText(this.#atOnce, red.map(sentence).join(" "));
-    if (others.length) setText(this.#polite, others.map(sentence).join(" "));
+    // Both are written, so that the same sentence is new when it comes again.
+    if (changed.length) {
+      setText(this.#atOnce, sentences(changed.filter((channel) => isRed(channel.state))));
+      setText(this.#polite, sentences(changed.filter((channel) => !isRed(channel.state))));
+    }
     this.#states = new Map(channels.map((channel) => [channel.id, channel.state]));
   }
 }
 
 const sentence = (channel) =>
   `Channel ${channel.name ?? channel.id}: ${stateOf(channel.state).word}. ${channel.state_text ?? ""}`;
+
+const sentences = (channels) => channels.map(sentence).join(" ");

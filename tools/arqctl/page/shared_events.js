@@ -15,6 +15,7 @@ export class SharedEvents {
   #stream;
   #channel = null;
   #giveUp = null; // ends our lead
+  #waiting = null; // AbortController of our place in the row for the lock
   #timer = 0;
   #heardAt = performance.now(); // of the leader, whoever it is
   #last = null; // {state, at: performance.now()} as heard last
@@ -48,13 +49,14 @@ export class SharedEvents {
     this.#channel = new BroadcastChannel(NAME);
     this.#channel.addEventListener("message", (event) => this.#hear(event.data));
     this.#channel.postMessage({ kind: "hello" });
-    this.#askForLead({});
+    this.#askForLead();
   }
 
   // Before the page is put away: the connection and the lock are free for others at once.
   stop() {
     clearInterval(this.#timer);
     this.#stream.close();
+    this.#waiting?.abort();
     this.#giveUp?.();
     this.#giveUp = null;
     this.#channel?.close();
@@ -72,15 +74,28 @@ export class SharedEvents {
     else this.#stream.open();
   }
 
-  #askForLead(options) {
+  // Waits in the row for the lock.
+  #askForLead() {
     const channel = this.#channel;
-    const lead = () =>
-      new Promise((resolve) => {
-        if (this.#channel !== channel || channel === null) return resolve(); // stopped meanwhile
-        this.#giveUp = resolve;
-        this.#stream.open();
-      });
-    navigator.locks.request(NAME, options, lead).catch(() => this.#deposed(channel));
+    const waiting = new AbortController();
+    this.#waiting = waiting;
+    navigator.locks
+      .request(NAME, { signal: waiting.signal }, () => this.#lead(channel))
+      .catch(() => waiting.signal.aborted || this.#deposed(channel));
+  }
+
+  // Takes the lock from who has it, instead of waiting.
+  #takeLead() {
+    const channel = this.#channel;
+    this.#waiting.abort();
+    navigator.locks.request(NAME, { steal: true }, () => this.#lead(channel)).catch(() => this.#deposed(channel));
+  }
+
+  // Has the lock until the promise is resolved.
+  #lead(channel) {
+    if (channel === null || this.#channel !== channel) return undefined; // stopped meanwhile
+    this.#stream.open();
+    return new Promise((resolve) => (this.#giveUp = resolve));
   }
 
   // Another tab took the lock away: it found us silent.
@@ -90,7 +105,7 @@ export class SharedEvents {
     this.#giveUp = null;
     this.#nextTry = 0;
     this.#heardAt = performance.now();
-    this.#askForLead({});
+    this.#askForLead();
   }
 
   #turn() {
@@ -99,7 +114,7 @@ export class SharedEvents {
       if (this.#nextTry) this.#say({ kind: "lost", nextTry: this.#nextTry });
     } else if (this.#channel && !document.hidden && performance.now() - this.#heardAt > MISSED_MS) {
       this.#heardAt = performance.now();
-      this.#askForLead({ steal: true });
+      this.#takeLead();
     }
   }
 
