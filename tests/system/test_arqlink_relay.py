@@ -35,6 +35,23 @@ def sources(end, count):
     return [datagram.source for datagram in end.datagrams]
 
 
+@pytest.fixture
+def joined(target, client, start):
+    """joined(option, ...) runs arqlink to one far end, and a client sends it a datagram.
+
+    Returns the line, the far end, the client, and from where the far end hears it.
+    """
+
+    def join(*options):
+        far, near = target(), client()
+        line = start([far], *options)
+        near.send(b"ping", line.listen[0])
+        (seen,) = sources(far, 1)
+        return line, far, near, seen
+
+    return join
+
+
 def test_all_of_one_client_comes_from_one_port_and_answers_come_from_where_it_sent_to(target, client, start):
     pings, requests = target(), target()
     line = start([pings, requests])
@@ -170,12 +187,8 @@ def test_what_is_under_way_for_a_forgotten_client_is_counted(target, client, sta
     assert figures["down"]["under_way"] == 0
 
 
-def test_strangers_reach_no_client(target, client, start, closing):
-    far = target()
-    line = start([far])
-    near = client()
-    near.send(b"ping", line.listen[0])
-    (seen,) = sources(far, 1)
+def test_strangers_reach_no_client(joined, closing):
+    line, far, near, seen = joined()
     stranger = closing(udp_socket("127.0.0.99", 0, reuse=False))
     stranger.sendto(b"from nowhere", seen)
     far.send(b"media", seen)
@@ -184,12 +197,8 @@ def test_strangers_reach_no_client(target, client, start, closing):
     assert near.payloads == [b"media"]
 
 
-def test_a_target_with_several_addresses_is_known_by_its_port(target, client, start, closing):
-    far = target()
-    line = start([far])
-    near = client()
-    near.send(b"ping", line.listen[0])
-    (seen,) = sources(far, 1)
+def test_a_target_with_several_addresses_is_known_by_its_port(joined, closing):
+    line, far, near, seen = joined()
     other_address = closing(udp_socket("127.0.0.98", far.address[1], reuse=False))
     other_address.sendto(b"media", seen)
     wait_until(lambda: near.datagrams, "the answer")
@@ -212,12 +221,8 @@ def test_a_target_that_does_not_listen_stops_nothing(client, start, target, clos
     assert line.stop()["up"]["came"] == 21
 
 
-def test_each_client_that_comes_and_goes_is_named_with_its_two_ends(target, client, start):
-    far = target()
-    line = start([far], "--idle", "500ms", "--source", "127.8.0.7")
-    near = client()
-    near.send(b"ping", line.listen[0])
-    (seen,) = sources(far, 1)
+def test_each_client_that_comes_and_goes_is_named_with_its_two_ends(joined):
+    line, _, near, seen = joined("--idle", "500ms", "--source", "127.8.0.7")
     line.wait(lambda: line.events("forgotten"), "the client to be forgotten")
     (came,), (gone,) = line.events("client"), line.events("forgotten")
     ends = (0, "{}:{}".format(*near.address), "{}:{}".format(*seen))
