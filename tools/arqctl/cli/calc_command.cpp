@@ -1,11 +1,10 @@
-#include <fmt/format.h>
-
 #include <charconv>
 #include <cmath>
 #include <memory>
 
 #include "arqctl/cli/calc_report.h"
 #include "arqctl/cli/commands.h"
+#include "arqctl/cli/standard_output.h"
 #include "common/quantity.h"
 
 namespace arqctl {
@@ -151,8 +150,10 @@ ExitStatus Calc(const Session& session, CalcOptions options)
     if (!options.hasLossBack)
         options.input.lossUp = options.input.lossDown;
     const CalcResult result = Calculate(options.input);
-    fmt::print("{}", session.isJson ? CalcJson(options.input, result) : CalcText(options.input, result));
-    return result.IsHeld() ? ExitStatus::Good : ExitStatus::NotDone;
+    const std::string text
+        = session.isJson ? CalcJson(options.input, result) : CalcText(options.input, result);
+    const ExitStatus end = EndOfOutput(session, WriteOut(text));
+    return end == ExitStatus::Good && !result.IsHeld() ? ExitStatus::NotDone : end;
 }
 
 } // namespace
@@ -166,6 +167,12 @@ void AddCalcCommand(CLI::App& app, Session& session)
     AddOption(*command, TARGET_LOSS, options);
     AddOption(*command, LATENCY, options);
     command->get_option("--latency")->excludes("--target-loss");
+    command->footer("Examples:\n"
+                    "  arqctl calc --rate 8M --loss 2% --round-trip 40ms --receivers 50\n"
+                    "      the shortest latency that leaves one packet of a million\n"
+                    "  arqctl calc --rate 8M --loss 2% --round-trip 40ms --latency 300ms --burst 200ms\n"
+                    "      what that latency leaves, outages of 200 ms included\n\n"
+                    "Exit status: 1 when a limit is exceeded.\n");
     command->callback(
         [&session, options] { session.run = [&session, options] { return Calc(session, *options); }; });
 }
