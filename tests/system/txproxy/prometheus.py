@@ -10,10 +10,12 @@ from .proxy import Proxy
 from .waiting import DEFAULT_TIMEOUT, scaled, wait_until
 
 
-def promtool(*arguments, folder):
+def promtool(*arguments, folder, stdin=subprocess.DEVNULL):
     """Runs it in `folder`; returns (status, standard output and error together)."""
-    done = subprocess.run(["promtool", *arguments], cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          timeout=scaled(DEFAULT_TIMEOUT), check=False)  # fmt: skip
+    done = subprocess.run(
+        ["promtool", *arguments], cwd=folder, stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+        timeout=scaled(DEFAULT_TIMEOUT), check=False,
+    )  # fmt: skip
     return done.returncode, done.stdout
 
 
