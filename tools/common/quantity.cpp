@@ -17,8 +17,7 @@ struct Unit {
 
 constexpr Unit DURATIONS[]
     = { { "us", 1 }, { "ms", 1e3 }, { "s", 1e6 }, { "min", 60e6 }, { "m", 60e6 }, { "h", 3600e6 } };
-constexpr Unit RATES[] = { { "", 1 }, { "k", 1e3 }, { "m", 1e6 }, { "g", 1e9 } };
-constexpr Unit SIZES[] = { { "", 1 }, { "k", 1e3 }, { "m", 1e6 }, { "g", 1e9 } };
+constexpr Unit THOUSANDS[] = { { "", 1 }, { "k", 1e3 }, { "m", 1e6 }, { "g", 1e9 } };
 constexpr double LARGEST = 9e15; // exact in a double, and nothing of ours overflows when a few are added
 
 std::string SmallLetters(std::string_view text)
@@ -64,6 +63,18 @@ bool Scale(double number, const std::string& unit, std::span<const Unit> units, 
     return false;
 }
 
+// A number of bits or bytes. The suffixes are those that may stand behind the unit, from the text's end on.
+bool ParseThousands(std::string_view text, std::span<const std::string_view> suffixes, int64_t& result)
+{
+    double number = 0;
+    if (!TakeNumber(text, number))
+        return false;
+    std::string unit = SmallLetters(text);
+    for (const std::string_view suffix : suffixes)
+        DropSuffix(unit, suffix);
+    return Scale(number, unit, THOUSANDS, result);
+}
+
 } // namespace
 
 bool ParseDuration(std::string_view text, int64_t& durationUs)
@@ -80,24 +91,14 @@ bool ParseDuration(std::string_view text, int64_t& durationUs)
 
 bool ParseBitRate(std::string_view text, int64_t& bitsPerSecond)
 {
-    double number = 0;
-    if (!TakeNumber(text, number))
-        return false;
-    std::string unit = SmallLetters(text);
-    DropSuffix(unit, "/s");
-    DropSuffix(unit, "bps");
-    DropSuffix(unit, "bit");
-    return Scale(number, unit, RATES, bitsPerSecond);
+    constexpr std::string_view SUFFIXES[] = { "/s", "bps", "bit" };
+    return ParseThousands(text, SUFFIXES, bitsPerSecond);
 }
 
 bool ParseSize(std::string_view text, int64_t& sizeBytes)
 {
-    double number = 0;
-    if (!TakeNumber(text, number))
-        return false;
-    std::string unit = SmallLetters(text);
-    DropSuffix(unit, "b");
-    return Scale(number, unit, SIZES, sizeBytes);
+    constexpr std::string_view SUFFIXES[] = { "b" };
+    return ParseThousands(text, SUFFIXES, sizeBytes);
 }
 
 bool ParseRatio(std::string_view text, double& ratio)
