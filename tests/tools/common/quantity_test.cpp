@@ -2,34 +2,23 @@
 
 #include <cstdint>
 #include <gtest/gtest.h>
-#include <string>
+#include <string_view>
 
 namespace common {
 namespace {
 
-int64_t Duration(const std::string& text)
+// What a text is read as, -1 if it is refused.
+template <typename Value, bool (*parse)(std::string_view, Value&)>
+Value Read(std::string_view text)
 {
-    int64_t value = -1;
-    return ParseDuration(text, value) ? value : -1;
+    Value value = -1;
+    return parse(text, value) ? value : -1;
 }
 
-int64_t Rate(const std::string& text)
-{
-    int64_t value = -1;
-    return ParseBitRate(text, value) ? value : -1;
-}
-
-int64_t Size(const std::string& text)
-{
-    int64_t value = -1;
-    return ParseSize(text, value) ? value : -1;
-}
-
-double Ratio(const std::string& text)
-{
-    double value = -1;
-    return ParseRatio(text, value) ? value : -1;
-}
+constexpr auto Duration = Read<int64_t, ParseDuration>;
+constexpr auto Rate = Read<int64_t, ParseBitRate>;
+constexpr auto Size = Read<int64_t, ParseSize>;
+constexpr auto Ratio = Read<double, ParseRatio>;
 
 TEST(Quantity, ADurationIsANumberWithAUnit)
 {
