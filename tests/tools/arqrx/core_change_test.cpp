@@ -154,9 +154,8 @@ TEST(ArqrxChange, AResendOfAnotherSourceOnlyFillsItsGap)
     Script script;
     ComeRow(script, 0, 49);
     ComeRow(script, 51, 99);
-    Media again = Script::Even(50);
+    Media again = Script::ResendOf(50);
     again.ssrc = 77;
-    again.payloadType = 122;
     script.Come(again, 100 * MS);
     again.seq = 40'000;
     script.Come(again, 101 * MS);
@@ -175,8 +174,7 @@ TEST(ArqrxChange, ADamagedResendDoesNotFillTheGap)
     Script script;
     ComeRow(script, 0, 49);
     ComeRow(script, 51, 99);
-    Media again = Script::Even(50);
-    again.payloadType = 122;
+    Media again = Script::ResendOf(50);
     again.timestamp += 90'000;
     script.Come(again, 100 * MS);
     EXPECT_EQ(script.Counted().recovered, 0U);
@@ -436,11 +434,9 @@ TEST(ArqrxChange, RestoresTheTypeThatFirstSendingsHaveAndKeepsTheMarker)
         media.payloadType = 96;
         script.Come(media, number * MS);
     }
-    Media again = Script::Even(2);
-    again.payloadType = 122;
-    script.Come(again, 10 * MS);
-    again = Script::Even(3);
-    again.payloadType = 0x80 | 122;
+    script.ComeAgain(2, 10 * MS);
+    Media again = Script::ResendOf(3);
+    again.payloadType |= 0x80;
     script.Come(again, 10 * MS);
     script.RunUntil(SECOND);
     ASSERT_EQ(script.played.size(), 5U);

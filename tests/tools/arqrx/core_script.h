@@ -89,13 +89,14 @@ public:
         return { static_cast<uint16_t>(number), static_cast<uint32_t>(number * 90), 1, 33,
             std::to_string(number) };
     }
-    // The same, sent again, at another time.
-    void ComeAgain(int64_t number, int64_t atUs)
+    // The same, as the proxy sends it again.
+    static Media ResendOf(int64_t number)
     {
         Media media = Even(number);
         media.payloadType = 122;
-        Come(media, atUs);
+        return media;
     }
+    void ComeAgain(int64_t number, int64_t atUs) { Come(ResendOf(number), atUs); }
 
     // Goes from wake-up to wake-up until then.
     void RunUntil(int64_t untilUs)
