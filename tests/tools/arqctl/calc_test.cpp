@@ -109,6 +109,14 @@ TEST(Calc, TheBudgetIsTheLargestThatDoesNotWrap)
     }
 }
 
+TEST(Calc, NothingIsAskedForFartherBehindThanNumbersTellApart)
+{
+    CalcInput input = Usual();
+    input.bitRate = int64_t { 10'000 } * 1316 * 8;
+    input.latencyUs = 60'000 * MS;
+    EXPECT_EQ(Calculate(input).random.tries, 32) << "within 3.28 s";
+}
+
 TEST(Calc, TheBandwidthIsThatOfIp)
 {
     const CalcResult result = Calculate(Usual());
@@ -182,7 +190,7 @@ TEST(CalcLimits, RingAndNumbersEnd)
     input.latencyUs = 4'000 * MS; // a window of 5000 ms
     input.bitRate = int64_t { 32'767 } * 1316 * 8 / 4;
     EXPECT_TRUE(Holds(input, "numbers"));
-    input.bitRate += 1316 * 8;
+    input.bitRate += 1316 * 8 / 4;
     EXPECT_FALSE(Holds(input, "numbers"));
     EXPECT_TRUE(Holds(input, "ring"));
     input.bitRate = int64_t { 13'000 } * 1316 * 8;
