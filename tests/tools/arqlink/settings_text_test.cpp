@@ -31,6 +31,14 @@ TEST(SettingsText, EverySettingIsReadAndWrittenAsTheSame)
     EXPECT_EQ(SettingNames().size(), 11U);
 }
 
+TEST(SettingsText, ASmallRatioIsShownAsItMayBeWritten)
+{
+    for (const char* ratio : { "0.0000001%", "0.00001234567891%", "7%", "0.07%" }) {
+        const Settings settings = Written({ { "loss", ratio } });
+        EXPECT_EQ(SettingsText(settings), std::string("loss ") + ratio);
+    }
+}
+
 TEST(SettingsText, OffPutsEachBackToWhatItWas)
 {
     Settings settings = Written({ { "blackout", "on" }, { "loss", "5%" }, { "burst", "1%,25%" },

@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 #include <cstdio>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
 
@@ -186,11 +187,15 @@ constexpr Names NamesOf()
 
 constexpr Names NAMES = NamesOf();
 
+// Without an exponent, which nobody may write. Ten digits: what the multiplication adds stands behind them.
 std::string RatioText(double ratio)
 {
-    char text[32];
-    (void)std::snprintf(text, sizeof(text), "%.10g%%", ratio * 100);
-    return text;
+    char digits[32];
+    (void)std::snprintf(digits, sizeof(digits), "%.10g", ratio * 100);
+    char text[400]; // the smallest number has 324 places
+    const auto result
+        = std::to_chars(text, text + sizeof(text), std::strtod(digits, nullptr), std::chars_format::fixed);
+    return std::string(text, result.ptr) + "%";
 }
 
 std::string BurstText(const Burst& burst)
