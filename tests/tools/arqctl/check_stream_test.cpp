@@ -35,10 +35,10 @@ TEST(DoctorStream, FiguresThatHaveWrappedAreTold)
     DoctorFacts facts = Healthy();
     ExpectGood(CheckBitRates(facts));
     facts.second.statistics->sentBitRate = 2147483648U;
-    ExpectWarning(CheckBitRates(facts), "printed below 0: 2.1 Gbit/s");
+    ExpectWarning(CheckBitRates(facts), "printed below 0: 2.15 Gbit/s");
     facts.second.statistics->sentBitRate = 5; // 50 receivers at 8.6 million packets a second
     facts.second.statistics->sentPackets = facts.first.statistics->sentPackets + 500'000;
-    ExpectWarning(CheckBitRates(facts), "has wrapped: about 5.3 Gbit/s", "arqctl -I 1 stats");
+    ExpectWarning(CheckBitRates(facts), "has wrapped: about 5.26 Gbit/s", "arqctl -I 1 stats");
     facts.first.statistics.reset();
     ExpectNotApplicable(CheckBitRates(facts));
 }

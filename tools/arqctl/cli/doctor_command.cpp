@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "arqctl/cli/commands.h"
+#include "arqctl/cli/remote_command.h"
 #include "arqctl/core/checks.h"
 #include "arqctl/core/option_words.h"
 #include "arqctl/doctor/doctor_report.h"
@@ -23,18 +24,22 @@ struct DoctorOptions {
     std::string start; // of --start
     bool isStart = false;
     bool isOneMeant = false; // -I or --socket
+    bool isPathGiven = false; // --socket
     std::string rate; // of --rate
+    int payload = 1316; // of --payload
     Expectation expectation;
 };
 
-// The words of a command line that somebody may have pasted with the program's name.
-bool ReadStart(const std::string& text, ProxyOptions& options)
+// The words of a command line that somebody may have pasted with the program's name. An instance number among them counts
+// more than the one of -I.
+bool ReadStart(const std::string& text, int instance, ProxyOptions& options)
 {
     std::vector<std::string> words;
     if (!CutWords(text, words))
         return false;
     if (words.empty() || !IsProxyName(words.front()))
         words.insert(words.begin(), "tx_proxy");
+    words.insert(words.begin() + 1, "-I" + std::to_string(instance));
     return ReadProxyOptions(words, options);
 }
 
@@ -44,6 +49,7 @@ bool ReadExpectation(DoctorOptions& options)
     if (!options.rate.empty() && (!common::ParseBitRate(options.rate, rate) || rate == 0))
         return false;
     options.expectation.bitRate = static_cast<double>(rate);
+    options.expectation.payload = options.payload;
     return true;
 }
 
@@ -103,13 +109,12 @@ ExitStatus ExamineStart(const Session& session, const DoctorOptions& options)
     Patient patient;
     patient.isRunning = false;
     patient.areOptionsKnown = true;
-    if (!ReadStart(options.start, patient.options))
+    if (options.isPathGiven)
+        return Fail(session, ExitStatus::Usage, "--socket does not go with --start", "leave --socket out");
+    if (!ReadStart(options.start, session.target.instance, patient.options))
         return Fail(session, ExitStatus::Usage,
             "--start '" + options.start + "' are no options that the proxy takes",
-            "Write them as for tx_proxy: --start '-I 2 -a 10.0.0.1 5000'.");
-    if (options.isOneMeant)
-        return Fail(session, ExitStatus::Usage, "-I and --socket do not go with --start",
-            "Write the instance number among the options: --start '-I 2 5000'.");
+            "write them as for tx_proxy: --start '-I 2 -a 10.0.0.1 5000'");
     patient.controlPath
         = Target { .instance = patient.options.instance, .via = {}, .socketPath = {} }.ControlPath();
     return Report(session, Examine(session, { patient }, options.expectation));
@@ -122,7 +127,7 @@ ExitStatus ExamineOne(const Session& session, const DoctorOptions& options)
     const Patient patient = PatientAt(path, instance, session.patienceUs);
     if (!patient.isRunning)
         return Fail(session, ExitStatus::NoProxy, "no proxy is there: nothing answers on " + path,
-            "Start it, or check its start first: arqctl doctor --start 'its options'");
+            "start it, or check its start first: arqctl doctor --start 'its options'");
     return Report(session, Examine(session, { patient }, options.expectation));
 }
 
@@ -131,23 +136,35 @@ ExitStatus ExamineAll(const Session& session, const DoctorOptions& options)
     const std::vector<Patient> patients = PatientsHere();
     if (patients.empty())
         return Fail(session, ExitStatus::NoProxy, "no proxy runs here",
-            "Start one, or check its start first: arqctl doctor --start 'its options'");
+            "start one, or check its start first: arqctl doctor --start 'its options'");
     return Report(session, Examine(session, patients, options.expectation));
+}
+
+// The same words for the program on another machine.
+std::vector<std::string> WordsOf(const DoctorOptions& options)
+{
+    std::vector<std::string> words { "doctor" };
+    if (options.isStart)
+        words.insert(words.end(), { "--start", options.start });
+    if (!options.rate.empty())
+        words.insert(words.end(), { "--rate", options.rate, "--payload", std::to_string(options.payload) });
+    if (!options.expectation.source.empty())
+        words.insert(words.end(), { "--source", options.expectation.source });
+    return words;
 }
 
 ExitStatus Doctor(const Session& session, DoctorOptions& options)
 {
     uint32_t address = 0;
-    if (session.target.IsRemote())
-        return Fail(session, ExitStatus::Usage, "the doctor looks at the machine it runs on",
-            "Run it there: ssh " + session.target.via + " arqctl doctor");
-    if (!ReadExpectation(options) || options.expectation.payload < 1)
-        return Fail(session, ExitStatus::Usage, "--rate '" + options.rate + "' is no rate",
-            "Write it as 10M or 8Mbit/s, and --payload in bytes.");
+    if (!ReadExpectation(options))
+        return Fail(session, ExitStatus::Usage, "--rate '" + options.rate + "' is not a rate above 0",
+            "write it as 10M or 8Mbit/s");
     if (!options.expectation.source.empty() && !common::ParseAddress(options.expectation.source, address))
         return Fail(session, ExitStatus::Usage,
             "--source '" + options.expectation.source + "' is no IPv4 address",
-            "Write the sender's address: --source 10.0.0.1");
+            "write the sender's address: --source 10.0.0.1");
+    if (session.target.IsRemote())
+        return RunThere(session, WordsOf(options));
     if (options.isStart)
         return ExamineStart(session, options);
     return options.isOneMeant ? ExamineOne(session, options) : ExamineAll(session, options);
@@ -164,14 +181,20 @@ void AddDoctorCommand(CLI::App& app, Session& session)
         ->type_name("OPTIONS");
     command->add_option("--rate", options->rate, "with --start: bit/s of payload that will come in")
         ->type_name("RATE");
-    command
-        ->add_option(
-            "--payload", options->expectation.payload, "with --rate: bytes of payload in a packet [1316]")
-        ->type_name("BYTES");
+    command->add_option("--payload", options->payload, "with --rate: bytes of payload in a packet [1316]")
+        ->type_name("BYTES")
+        ->check(CLI::Range(1, 65507));
     command->add_option("--source", options->expectation.source, "where the input comes from, for rp-filter")
         ->type_name("ADDRESS");
+    command->footer("Without -I all proxies that run here are looked at.\n\n"
+                    "Examples:\n"
+                    "  arqctl doctor\n"
+                    "  arqctl doctor -I 2 --source 10.0.0.1\n"
+                    "  arqctl doctor --start '-I 2 -a 10.0.0.7 5000 239.1.1.1' --rate 10M\n\n"
+                    "Exit status: 0 all good, 6 warnings only, 1 a fault, 3 no proxy runs.\n");
     command->callback([&app, command, options, &session] {
         options->isStart = command->count("--start") != 0;
+        options->isPathGiven = app.count("--socket") != 0;
         options->isOneMeant = app.count("--instance") + app.count("--socket") != 0;
         session.run = [options, &session] { return Doctor(session, *options); };
     });

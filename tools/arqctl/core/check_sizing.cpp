@@ -3,6 +3,7 @@
 
 #include "arqctl/core/amount_text.h"
 #include "arqctl/core/checks.h"
+#include "arqctl/core/request_budget.h"
 
 namespace arqctl {
 
@@ -10,7 +11,6 @@ namespace {
 
 constexpr double WINDOW_SECONDS = 0.6; // (2 retries + 1) x 200 ms: how old a packet may be that is sent again
 constexpr double INTERVAL_SECONDS = 0.2; // until the first request for a packet has been repeated
-constexpr uint32_t BUDGET_MS = 400; // 2 retries x 200 ms
 constexpr uint32_t MS_TIMES_BITS_PER_BYTE = 8000;
 constexpr uint64_t MOST_BUDGET_BYTES = 0xFFFFFFFF / MS_TIMES_BITS_PER_BYTE;
 constexpr uint32_t MOST_RING = 65536; // numbers have 16 bits
@@ -66,8 +66,8 @@ Finding CheckRequestBudget(const DoctorFacts& facts)
 {
     constexpr uint64_t PACKET_BYTES = 1500, FEW = 10;
     const auto rate = static_cast<uint64_t>(facts.options.grossBitRate);
-    const uint64_t product = rate * BUDGET_MS;
-    const uint64_t bytes = static_cast<uint32_t>(product) / MS_TIMES_BITS_PER_BYTE; // wraps as the proxy's
+    const uint64_t product = rate * USUAL_WINDOW_MS;
+    const uint64_t bytes = RequestBudgetBytes(USUAL_WINDOW_MS, facts.options.grossBitRate);
     const bool hasWrapped = product > 0xFFFFFFFF;
     const std::string text = Say("one request may bring ", bytes, " bytes",
         hasWrapped ? "; -G wraps: " : " of at most ",
