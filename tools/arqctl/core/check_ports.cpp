@@ -207,9 +207,9 @@ Finding CheckEphemeralPorts(const DoctorFacts& facts)
     const std::string names = ReservedWith("", ports);
     const bool isLock = std::ranges::find(ports, LockPort(facts.options.instance)) != ports.end();
     return Warning("port " + names
-            + (isLock
-                    ? ", the instance's lock port " + WithoutCommas(LockPort(facts.options.instance)) + " among them,"
-                    : "")
+            + (isLock ? ", the instance's lock port " + WithoutCommas(LockPort(facts.options.instance))
+                        + " among them,"
+                      : "")
             + " may be given to any program before the proxy starts: ephemeral ports are " + span,
         "Reserve them, or choose others",
         "sysctl -w net.ipv4.ip_local_reserved_ports=" + ReservedWith(facts.reservedPortsText, ports));

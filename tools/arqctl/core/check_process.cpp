@@ -112,7 +112,8 @@ Finding CheckControlSocket(const DoctorFacts& facts)
         return Good(path + " was left behind, and the start replaces it");
     case ControlState::NotAllowed:
         return Warning("no right to speak to " + path + ": what the proxy counts is not seen",
-            "Ask as root or as the proxy's user", "sudo arqctl doctor -I " + WithoutCommas(facts.options.instance));
+            "Ask as root or as the proxy's user",
+            "sudo arqctl doctor -I " + WithoutCommas(facts.options.instance));
     case ControlState::Silent:
         return Fault(path + " does not answer in time",
             "One client is served at a time: close others that hold a connection", "ss -xp | grep " + path);
