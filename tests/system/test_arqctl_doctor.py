@@ -13,7 +13,7 @@ import time
 
 import pytest
 
-from txproxy import arqctl, control, netns, rtp, sandbox
+from txproxy import arqctl, control, netns, plugin_builder, rtp, sandbox
 from txproxy.arqctl import ALREADY_SO, GOOD, NOT_DONE, NO_PROXY, USAGE
 from txproxy.page import Page, quoted
 from txproxy.process import stopped
@@ -122,7 +122,7 @@ def start_options(net):
 
 
 def test_a_proxy_in_good_health_has_nothing_that_is_wrong(start_proxy, net, sender):
-    proxy = start_proxy("-a", "127.0.0.2")
+    proxy = start_proxy("-a", "127.0.0.2", argv0="media")  # what it was told its name is does not count
     with streaming(sender):
         wait_received(net.instance, 1)
         found = doctor("-I", net.instance)
@@ -272,14 +272,14 @@ def test_a_strict_source_filter_is_found_and_loosened_by_the_command(start_proxy
 
 
 def test_interfaces_of_n_are_missed_and_set_up_by_the_command(net, island, start_options):
-    found = doctor("--start", start_options("-n", 1), namespace=island)
+    found = doctor("--start", start_options("-n", 1, "-a", "127.0.0.2"), namespace=island)
     assert "eth0, which -n 1 asks for, is missing" in found.text("output-interfaces")
     island.ip("link", "add", "eth0", "type", "veth", "peer", "name", "far")
     island.ip("link", "set", "far", "up")
-    found = doctor("--start", start_options("-n", 1), namespace=island)
+    found = doctor("--start", start_options("-n", 1, "-a", "127.0.0.2"), namespace=island)
     assert "is down" in found.text("output-interfaces")
     apply(found.command("output-interfaces"), island)
-    assert doctor("--start", start_options("-n", 1), namespace=island).verdict("output-interfaces") == "good"
+    assert doctor("--start", start_options("-n", 1, "-a", "127.0.0.2"), namespace=island).verdict("output-interfaces") == "good"
 
 
 def test_a_lock_port_among_the_ephemeral_ones_is_reserved_by_the_command(island):
@@ -335,6 +335,17 @@ def test_a_control_socket_that_anybody_may_use_is_closed_by_the_command(start_pr
     assert doctor("-I", net.instance).verdict("control-rights") == "good"
 
 
+def test_a_library_under_another_name_in_folders_of_the_proxys_own_is_seen(start_proxy, net, tmp_path, monkeypatch):
+    folders = plugin_builder.PrivateFolders(tmp_path, monkeypatch)
+    folders.library("cipher.so", plugin_builder.build(tmp_path / "xor.so"))
+    (folders.installed / plugin_builder.INSTALLED_NAME).symlink_to("cipher.so")
+    proxy = folders.start(start_proxy, "-Z", "secret")
+    proxy.wait_stderr(re.compile("Loaded xor cipher, .*"))
+    found = doctor("-I", net.instance)
+    assert found.object["pid"] == proxy.pid
+    assert found.verdict("encryption") == "good"
+
+
 def test_without_a_proxy_it_says_so_and_how_to_go_on(lease):
     for arguments in (("doctor",), ("-I", lease.instance, "doctor"), ("doctor", "--socket", "/nowhere")):
         result = arqctl.run(*arguments)
@@ -353,8 +364,8 @@ def test_options_that_are_wrong_end_with_a_sentence_of_advice(arguments):
 
 
 def test_people_get_the_same_findings_a_line_each_and_the_page_names_them_all(start_options):
-    found = doctor("--start", start_options("-n", 1))
-    result = arqctl.run("doctor", "--start", f"tx_proxy {start_options('-n', 1)}")
+    found = doctor("--start", start_options("-n", 1, "-a", "127.0.0.2"))
+    result = arqctl.run("doctor", "--start", f"tx_proxy {start_options('-n', 1, '-a', '127.0.0.2')}")
     head, *lines, counts = result.stdout.splitlines()
     assert head == f"instance {found.object['instance']}, to be started"
     place = lines[0].index(found.names[0])

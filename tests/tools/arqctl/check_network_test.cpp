@@ -119,6 +119,9 @@ TEST(DoctorOutput, EachInterfaceOfNIsThereAndUp)
     ExpectNotApplicable(CheckOutputInterfaces(facts));
     facts.options.interfaces = 1;
     ExpectGood(CheckOutputInterfaces(facts), "eth0 is up");
+    facts.options.unicastPort = 5005;
+    ExpectNotApplicable(CheckOutputInterfaces(facts), "there is none");
+    facts.options.unicastPort = 0;
     facts.options.interfaces = 3;
     ExpectFault(CheckOutputInterfaces(facts), "eth1, which -n 3 asks for, is missing");
     facts.interfaces = { Ethernet("eth0"), Ethernet("eth1"), Ethernet("eth2") };

@@ -181,6 +181,8 @@ Finding CheckOutputInterfaces(const DoctorFacts& facts)
     constexpr int MOST = 4, WITH_MEDIA = 2;
     if (facts.options.interfaces == 0)
         return NotApplicable("without -n the way out is left to routing");
+    if (facts.options.destinations.empty() || facts.options.unicastPort != 0)
+        return NotApplicable("-n is for unicast destinations of -a, and there is none");
     if (!facts.isNetworkSeen)
         return NotApplicable(NOT_SEEN);
     const int count = std::min(facts.options.interfaces, MOST);

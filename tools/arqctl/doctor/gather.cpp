@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "arqctl/core/network_text.h"
 #include "arqctl/core/reply.h"
@@ -144,26 +143,22 @@ std::vector<uint32_t> AddressesOf(const std::string& text)
     return addresses;
 }
 
-std::string RealPath(const std::string& path)
+// A mapped file stands under the name that links lead to, which may be any: then its inode tells.
+bool IsMapped(const std::string& maps, const std::string& path)
 {
-    char* real = realpath(path.c_str(), nullptr);
-    std::string text = real != nullptr ? real : "";
-    free(real); // NOLINT(cppcoreguidelines-no-malloc): realpath's
-    return text;
+    struct stat status {};
+    return maps.find(LIBRARY) != std::string::npos
+        || (stat(path.c_str(), &status) == 0
+            && maps.find(" " + std::to_string(status.st_ino) + " ") != std::string::npos);
 }
 
-// A mapped file stands under the name that links lead to.
-std::optional<bool> IsLibraryThere(const DoctorFacts& facts, const std::string& root)
+std::optional<bool> IsLibraryThere(const DoctorFacts& facts)
 {
     if (!facts.isRunning)
         return access(INSTALLED_LIBRARY, F_OK) == 0 || access(DISK_LIBRARY, F_OK) == 0;
-    const auto maps = ReadText(ProcessFolder(facts.pid) + "maps");
-    if (facts.pid == 0 || !maps || maps->empty())
-        return std::nullopt;
-    const std::string real = RealPath(root + INSTALLED_LIBRARY);
-    const std::string inside = real.starts_with(root) ? real.substr(root.size()) : real;
-    return maps->find(LIBRARY) != std::string::npos
-        || (!inside.empty() && maps->find(inside) != std::string::npos);
+    const std::string folder = ProcessFolder(facts.pid);
+    const std::string maps = ReadText(folder + "maps").value_or("");
+    return maps.empty() ? std::nullopt : std::optional(IsMapped(maps, folder + "root" + INSTALLED_LIBRARY));
 }
 
 void GatherProcess(DoctorFacts& facts)
@@ -180,7 +175,7 @@ void GatherProcess(DoctorFacts& facts)
     if (names > 2) // "." and ".."
         facts.descriptors = names - 2;
     if (facts.options.isEncrypting)
-        facts.isLibraryLoaded = IsLibraryThere(facts, root);
+        facts.isLibraryLoaded = IsLibraryThere(facts);
 }
 
 void GatherDestinations(DoctorFacts& facts)
