@@ -18,6 +18,7 @@ from txproxy.arqctl import ALREADY_SO, GOOD, NOT_DONE, NO_PROXY, USAGE
 from txproxy.page import Page, quoted
 from txproxy.process import stopped
 from txproxy.receiver import Sender, udp_socket
+from txproxy.ssh_server import SshServer
 from txproxy.waiting import scaled, wait_until
 
 pytestmark = pytest.mark.release_only
@@ -344,6 +345,19 @@ def test_a_library_under_another_name_in_folders_of_the_proxys_own_is_seen(start
     found = doctor("-I", net.instance)
     assert found.object["pid"] == proxy.pid
     assert found.verdict("encryption") == "good"
+
+
+def test_another_machine_is_looked_at_by_the_program_over_there(start_proxy, net, lease, closing):
+    proxy = start_proxy()
+    server = closing(SshServer(lease.port()))
+    there = {**server.environment(), "ARQCTL_THERE": arqctl.program()}
+    via = ("--via", f"ssh:{server.HOST}/{net.instance}")
+    found = doctor(*via, env=there)
+    assert (found.status, found.object["pid"]) == (NOT_DONE, proxy.pid)
+    assert found.wrong() == {"input": "fault"}
+    started = doctor(*via, "--start", f"-X 1000000 {net.input + 9}", "--rate", "2M", "--payload", 188, env=there)
+    assert started.object["instance"] == net.instance  # it runs already
+    assert started.wrong() == {"pacing-rate": "fault", "lock-port": "fault", "control-socket": "fault"}
 
 
 def test_without_a_proxy_it_says_so_and_how_to_go_on(lease):
