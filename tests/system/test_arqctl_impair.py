@@ -1,12 +1,16 @@
 """`arqctl impair` beside real proxies: it switches only what has to be switched, and says what it cannot know."""
 
+import contextlib
 import fcntl
+import os
+import socket
 import threading
 
 import pytest
 
-from txproxy import arqctl, arqrx, control, impairment, reports, rtp
+from txproxy import arqctl, arqrx, control, impairment, ports, reports, rtp
 from txproxy.receiver import pump
+from txproxy.ssh_server import SshServer
 from txproxy.traffic import Steady
 from txproxy.waiting import wait_until
 
@@ -162,6 +166,98 @@ def test_of_a_group_each_packet_is_due_once(start_proxy, net, sender, closing, l
     closing(Steady(sender, media, PER_SECOND))
     assert impair(net, "status").stdout.startswith("off: ")
     assert impair(net, "on", *QUICK).status == arqctl.GOOD
+    assert switched(proxy) == ["ON"]
+
+
+class StubbornProxy(threading.Thread):
+    """Answers as a proxy with one receiver and a steady stream, and never looks at its files."""
+
+    def __init__(self, instance):
+        super().__init__(daemon=True)
+        self._path = control.path(instance)
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(self._path)
+        self._listener.listen()
+        self._running = True
+        self._answers = 0
+        self.start()
+
+    def run(self):
+        while self._running:
+            client = self._listener.accept()[0]
+            with client, contextlib.suppress(OSError):  # a client may have gone
+                client.recv(1024)
+                self._answers += 1
+                count = self._answers // 10 * 5  # at rest now and then
+                client.sendall(b"RECV_PACKETS=%d\nRECV_BITRATE=0\nRECV_LOSS=0\nSEND_PACKETS=%d\nSEND_BITRATE=0\n"
+                               b"CLIENTS=10.0.0.1" % (count, count))  # fmt: skip
+
+    def close(self):
+        self._running = False
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as last:
+            last.connect(self._path)
+        self.join()
+        self._listener.close()
+        os.unlink(self._path)
+
+
+def test_a_toggle_that_nobody_takes_is_removed_again(net, closing):
+    impairment.write_settings(net.instance, min_dist=3)
+    closing(StubbornProxy(net.instance))
+    result = impair(net, "on", "--timeout", "1s")
+    assert result.status == arqctl.NOT_DONE
+    assert result.problem[0] == f"the proxy did not take {impairment.toggle_file(net.instance)}, which is removed again"
+    assert not impairment.toggle_file(net.instance).exists()
+
+
+def test_a_toggle_that_is_there_already_is_waited_for(net, closing):
+    closing(StubbornProxy(net.instance))
+    impairment.toggle(net.instance)
+    result = impair(net, "on", "--timeout", "300ms")
+    assert result.problem[0] == f"{impairment.toggle_file(net.instance)} is there and no proxy removes it"
+    assert impairment.toggle_file(net.instance).exists(), "somebody else's"
+
+
+def test_settings_that_are_no_file_are_left_alone(running, net):
+    path = impairment.settings_file(net.instance)
+    path.unlink()
+    path.mkdir()
+    try:
+        result = impair(net, "on", *QUICK)
+    finally:
+        path.rmdir()
+    assert (result.status, result.problem[0]) == (arqctl.NO_START, f"{path} is no file")
+    assert switched(running) == []
+
+
+@pytest.fixture(scope="module")
+def server():
+    lease = ports.Lease()
+    opened = SshServer(lease.port(), "SetEnv HOME=/nonexistent")  # a login there reads nobody's start files
+    yield opened
+    opened.close()
+    lease.close()
+
+
+def test_through_ssh_it_is_switched_with_the_files_over_there(start_proxy, net, server):
+    proxy = start_proxy("-a", RECEIVER)  # without input it has to be told to switch blindly
+
+    def through(*words):
+        return arqctl.run("--via", f"ssh:{server.HOST}", "-I", net.instance, "impair", *words, "--look", "100ms",
+                          env=server.environment())  # fmt: skip
+
+    settings = impairment.settings_file(net.instance)
+    settings.write_text("owner=lab\n", "ascii")
+    assert through("on", *QUICK).problem[0].startswith("nothing was switched, whether it is on is not known: ")
+    assert switched(proxy) == [] and settings.read_text("ascii") == "owner=lab\n"
+    assert through("on", *QUICK, "--blind").problem[0].startswith("it was switched, whether it is on is not known: ")
+    assert switched(proxy) == ["ON"]
+    assert settings.read_text("ascii") == "owner=lab\nmode=1\nmin_drop=1\nmax_drop=1\nmin_dist=10\nmax_dist=10\n"
+    with open(f"/var/run/tx_proxy{net.instance}.imp.lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        held = through("off", "--blind")
+    assert held.status == arqctl.NO_START
+    assert held.problem[0] == "another arqctl is switching the deliberate loss of this proxy"
     assert switched(proxy) == ["ON"]
 
 

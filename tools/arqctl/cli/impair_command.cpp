@@ -149,12 +149,10 @@ struct ImpairPlace {
 
 ExitStatus FindImpairPlace(const Session& session, const ImpairChoice& choice, ImpairPlace& place)
 {
-    const Failure failure = session.tunnels->Open(session.target, session.patienceUs);
+    Statistics statistics;
+    const Failure failure = AskStatistics(session, statistics); // says best what is wrong with a socket
     if (failure != Failure::None)
         return FailedAnswer(session, failure);
-    const Answer answer = AskProxy(session, "List"); // says best what is wrong with a socket
-    if (!answer.IsThere())
-        return FailedAnswer(session, answer.failure);
     const auto instance = InstanceOf(session.target, session.patienceUs);
     if (!instance)
         return Fail(session, ExitStatus::NotDone,
@@ -176,6 +174,8 @@ ExitStatus SwitchImpair(const Session& session, const ImpairChoice& choice, bool
         if (!problem.empty())
             return Fail(session, ExitStatus::Usage, problem, "see 'arqctl impair on --help'");
     }
+    if (session.isPatienceGiven)
+        order.takePatienceUs = session.patienceUs;
     ImpairPlace place;
     const ExitStatus found = FindImpairPlace(session, choice, place);
     if (found != ExitStatus::Good)
@@ -214,10 +214,13 @@ void AddLookOption(CLI::App& command, ImpairChoice& choice)
 
 void AddSettingOptions(CLI::App& on, ImpairChoice& choice)
 {
-    choice.modeOption = on.add_option("--mode", choice.mode, "1: gaps of one length [1], 2: random ones");
-    choice.dropOption = on.add_option("--drop", choice.drop, "packets withheld in a row [1]");
-    choice.distOption
-        = on.add_option("--dist", choice.dist, "packets between two bursts: N [100], or MIN-MAX for mode 2");
+    choice.modeOption = on.add_option("--mode", choice.mode, "1: gaps of one length [1], 2: random ones")
+                            ->type_name("MODE");
+    choice.dropOption
+        = on.add_option("--drop", choice.drop, "packets withheld in a row [1]")->type_name("COUNT");
+    choice.distOption = on.add_option("--dist", choice.dist,
+                              "packets that pass between two bursts [100]; MIN-MAX for mode 2")
+                            ->type_name("COUNT");
     on.footer("Without all three the settings file is used as it is.");
 }
 

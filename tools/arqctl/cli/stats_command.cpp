@@ -5,7 +5,6 @@
 #include "arqctl/cli/standard_output.h"
 #include "arqctl/cli/stats_forms.h"
 #include "arqctl/cli/stats_watch.h"
-#include "arqctl/core/reply.h"
 #include "common/clock.h"
 #include "common/quantity.h"
 
@@ -39,14 +38,12 @@ std::string OneReading(const Sample& sample, StatsForm form)
 
 ExitStatus ReadOnce(const Session& session, StatsForm form)
 {
-    const Answer answer = AskProxy(session, "AllStats");
-    if (!answer.IsThere())
-        return FailedAnswer(session, answer.failure);
     Statistics statistics;
-    if (!ParseStatistics(answer.reply, statistics))
-        return FailedAnswer(session, Failure::CutOff);
+    const Failure failure = AskStatistics(session, statistics);
+    if (failure != Failure::None)
+        return FailedAnswer(session, failure);
     Meter meter;
-    meter.Take(statistics, common::NowUs(), answer.peerPid);
+    meter.Take(statistics, common::NowUs(), 0);
     const std::chrono::duration<double> unixTime = std::chrono::system_clock::now().time_since_epoch();
     const Sample sample { .now = meter.Now(), .unixTime = unixTime.count(), .before = {} };
     return EndOfOutput(session, WriteOut(OneReading(sample, form)));
@@ -89,8 +86,9 @@ void AddStatsCommand(CLI::App& app, Session& session)
         ->type_name("TIME")
         ->expected(0, 1);
     choice->count
-        = command->add_option("--count", choice->watch.count, "with --watch: end after so many lines")
-              ->check(CLI::Range(1, 1'000'000'000));
+        = command->add_option("--count", choice->watch.count, "with --watch: end after so many questions")
+              ->check(CLI::Range(1, 1'000'000'000))
+              ->type_name("COUNT");
     choice->failOnDown = command->add_flag(
         "--fail-on-down", choice->watch.endsWhenDown, "with --watch: end when the proxy does not answer");
     command->callback(

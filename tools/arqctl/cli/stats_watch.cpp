@@ -96,7 +96,7 @@ void StatsWatch::Take(PolledAnswer& polled)
     else if (ParseStatistics(polled.answer.reply, statistics))
         TakeAnswer(statistics, polled);
     else
-        TakeMiss(Failure::CutOff, polled.atUs);
+        TakeMiss(Failure::Foreign, polled.atUs);
     if (!m_end && m_settings.count != 0 && m_nAsked >= m_settings.count)
         m_end = ExitStatus::Good;
 }

@@ -73,7 +73,7 @@ std::string LossDoubtAdvice(LossDoubt doubt)
     case LossDoubt::TooFew:
         return "look longer with --look, or switch without knowing with --blind";
     case LossDoubt::Busy:
-        return "try again with a lower rate, or switch without knowing with --blind";
+        return "run arqctl on the proxy's own machine, or switch without knowing with --blind";
     case LossDoubt::MayBeGroup:
         return "run arqctl on the proxy's own machine, as its user";
     }

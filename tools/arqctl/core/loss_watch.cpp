@@ -70,7 +70,8 @@ LossDoubt LossWatch::Doubt(int64_t nowUs, bool isLast) const
         return LossDoubt::NoInput;
     if (!isLast)
         return LossDoubt::None;
-    return m_nEach < 0 ? LossDoubt::Busy : LossDoubt::TooFew;
+    const bool isRestRare = m_nEach < 0 || (m_nPackets == 0 && m_nSeen != m_before.receivedPackets);
+    return isRestRare ? LossDoubt::Busy : LossDoubt::TooFew;
 }
 
 } // namespace arqctl

@@ -113,7 +113,7 @@ private:
         m_nPid = m_look.isRemote ? 0 : answer.peerPid;
         if (!m_hasLooked)
             LookAtProcess();
-        return ParseStatistics(answer.reply, statistics) ? Failure::None : Failure::CutOff;
+        return ParseStatistics(answer.reply, statistics) ? Failure::None : Failure::Foreign;
     }
 
     // A proxy that sends to a group shows that only on its command line.
