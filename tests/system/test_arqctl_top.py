@@ -7,7 +7,7 @@ import signal
 
 import pytest
 
-from txproxy import arqctl, control, ports, process, proxy, rtp, tmux
+from txproxy import arqctl, control, impairment, ports, process, proxy, rtp, tmux
 from txproxy.receiver import Receiver, Sender
 from txproxy.traffic import Steady
 from txproxy.waiting import wait_until, within
@@ -148,6 +148,26 @@ def test_statistics_are_reset_after_yes_and_not_after_no(channel, top):
     window.keys("r", "y")
     window.wait("its statistics were set to 0")
     assert "NET_TOTAL_PACKETS=0" in control.request(channel.instance, "RxStat")
+
+
+def test_deliberate_loss_is_switched_on_and_off_after_yes_and_not_after_no(channel, top):
+    impairment.write_settings(channel.instance, min_dist=20)
+    with channel.fed():
+        window = top(channel.instance)
+        window.wait(has_state(channel, "good"))
+        window.keys("i")
+        window.wait(f"Switch deliberate loss of proxy {channel.instance} ON?")
+        window.keys("n")
+        window.wait("nothing was changed")
+        window.keys("i", "y")
+        window.wait("deliberate loss: it is on: ")
+        assert channel.proxy.stderr.find("Impairment ON") == ["Impairment ON"]
+        window.wait(lambda screen: figures(screen)["withheld"] not in ("0/s", "-"))
+        window.keys("i")
+        window.wait(f"Switch deliberate loss of proxy {channel.instance} OFF?")
+        window.keys("y")
+        window.wait("deliberate loss: it is off: ")
+    assert channel.proxy.stderr.find("Impairment OFF") == ["Impairment OFF"]
 
 
 def test_silly_sizes_and_terminals_without_colour_are_drawn_too(channel, top):

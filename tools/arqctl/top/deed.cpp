@@ -6,6 +6,7 @@
 #include "arqctl/proxy/ask.h"
 #include "arqctl/proxy/exchange.h"
 #include "arqctl/proxy/receiver_change.h"
+#include "arqctl/top/impair_deed.h"
 
 namespace arqctl::top {
 
@@ -92,6 +93,20 @@ private:
     Exchange m_exchange;
 };
 
+// For what ends before it begins.
+class KnownResult : public Deed {
+public:
+    explicit KnownResult(DeedResult result) : m_result(std::move(result)) {}
+
+    int64_t Wait(std::vector<pollfd>& /*descriptors*/) const override { return 0; }
+    void Proceed(int64_t /*nowUs*/) override {}
+    bool IsOver() const override { return true; }
+    DeedResult Result() const override { return m_result; }
+
+private:
+    const DeedResult m_result;
+};
+
 } // namespace
 
 std::unique_ptr<Deed> BeginDeed(const Order& order, const DeedPlace& place, int64_t nowUs)
@@ -100,7 +115,10 @@ std::unique_ptr<Deed> BeginDeed(const Order& order, const DeedPlace& place, int6
         return std::make_unique<ReceiverDeed>(order, place, nowUs);
     if (order.kind == Order::Kind::Reset)
         return std::make_unique<ResetDeed>(order, place, nowUs);
-    return nullptr;
+    if (place.instance == 0)
+        return std::make_unique<KnownResult>(DeedResult {
+            "proxy " + order.proxy + ": nothing was changed: its instance number is not known", Tone::Warn });
+    return std::make_unique<ImpairDeed>(order, place);
 }
 
 } // namespace arqctl::top

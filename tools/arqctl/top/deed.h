@@ -39,7 +39,6 @@ struct DeedPlace {
     int64_t patienceUs = 0;
 };
 
-// Null for what cannot be done from here.
 std::unique_ptr<Deed> BeginDeed(const Order& order, const DeedPlace& place, int64_t nowUs);
 
 } // namespace arqctl::top

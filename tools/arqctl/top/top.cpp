@@ -169,9 +169,7 @@ private:
         m_deed = BeginDeed(order,
             { *target, m_watch.PathOf(*target), m_watch.InstanceOf(order.proxy), m_options.patienceUs },
             nowUs);
-        m_dialog.SetBusy(m_deed != nullptr);
-        if (!m_deed)
-            m_dialog.Say("nothing was changed: use 'arqctl impair' for that", Tone::Warn);
+        m_dialog.SetBusy(true);
     }
 
     const TopOptions& m_options;
