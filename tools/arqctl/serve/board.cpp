@@ -91,6 +91,7 @@ void Board::Take(const WatchedChannels& seen, int64_t nowUs)
         if (!wasAsked)
             continue;
         channel.alarm.Take(one.reading, nowUs);
+        channel.loss.Take(one.reading.totals, nowUs);
         if (one.reading.isUp)
             channel.receivers.Take(one.reading.statistics.receivers, nowUs);
         AddToHistory(channel, m_reports, nowUs);

@@ -9,6 +9,7 @@
 
 #include "arqctl/core/channel_state.h"
 #include "arqctl/core/history.h"
+#include "arqctl/core/loss_sign.h"
 #include "arqctl/core/receiver_table.h"
 #include "arqctl/core/receiver_watch.h"
 #include "arqctl/serve/watcher.h"
@@ -29,6 +30,7 @@ struct Channel {
     std::string name;
     ChannelAlarm alarm;
     ReceiverWatch receivers;
+    LossSign loss;
     History history;
     Totals totalsBefore; // of the history's last known second
     ReportTotals reportedBefore; // the same

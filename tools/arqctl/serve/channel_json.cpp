@@ -105,6 +105,8 @@ Json ChannelObject(const Channel& channel, const ReceiverTable& reports, const M
         { "restarts", watched.reading.totals.restarts } };
     if (watched.facts)
         object["options"] = OptionsObject(watched.facts->options);
+    if (const std::optional<bool> isImpaired = channel.loss.IsOn())
+        object["impairment"] = *isImpaired;
     const std::vector<ReporterView> reporters = reports.Of(watched.id, now.monotonicUs);
     object["receivers"] = ReceiversArray(channel, reporters, now);
     object["reports"] = Json::array();

@@ -3,24 +3,15 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <variant>
+#include <string_view>
 
 #include "arqctl/core/host_list.h"
 #include "arqctl/core/web_route.h"
-#include "arqctl/proxy/receiver_change.h"
 #include "arqctl/serve/board.h"
 #include "arqctl/serve/job_pool.h"
+#include "arqctl/serve/order.h"
 
 namespace arqctl {
-
-// What a request wants changed.
-struct Order {
-    ReceiverAction action = ReceiverAction::Add;
-    std::string who;
-};
-
-// The order in a request's path and body, or why there is none (400, 415).
-std::variant<Order, Refusal> ReadOrder(const WebRoute& route, const WebRequest& asked);
 
 // Whether a request may change something: the three checks that reading does not need.
 std::optional<Refusal> CheckChange(const HostList& hosts, std::string_view token, const WebRequest& asked);
