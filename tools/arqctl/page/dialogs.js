@@ -7,6 +7,7 @@ import { byId, setText } from "./dom.js";
 class Question {
   #dialog;
   #form;
+  #word; // of the button that sends it
   #act;
   #onDone;
   #channelId = "";
@@ -16,10 +17,11 @@ class Question {
   constructor(id, word, act, onDone) {
     this.#dialog = byId(id);
     this.#form = this.#dialog.querySelector("form");
+    this.#word = word;
     this.#act = act;
     this.#onDone = onDone;
     this.#form.append(byId("dialog_end").content.cloneNode(true));
-    setText(this.#form.querySelector(".go"), word);
+    setText(this.#form.querySelector(".go"), this.#word);
     this.#form.querySelector(".cancel").addEventListener("click", () => this.#dialog.close());
     this.#form.addEventListener("submit", (event) => this.#submit(event));
   }
@@ -58,9 +60,11 @@ class Question {
     const go = this.#form.querySelector(".go");
     this.#say("");
     go.disabled = true; // one change at a time
+    setText(go, "Wait…"); // deliberate loss takes the proxy a second or two
     control.keepToken(token);
     const answer = await this.#act(this.#channelId, data, token, this.#subject);
     go.disabled = false;
+    setText(go, this.#word);
     this.#showToken();
     if (!answer.isDone) return this.#say(answer.text);
     this.#dialog.close();
