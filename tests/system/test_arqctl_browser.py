@@ -345,6 +345,15 @@ def test_add_and_delete_ask_first_and_need_the_token_once(room, browser):
     assert STUDIO not in control.request(room.net.instance, "List")
 
 
+def test_deliberate_loss_is_switched_on_and_off_and_told_on_the_tile(browser):
+    browser.run("sessionStorage.setItem('arqctl-token', arguments[0])", TOKEN)
+    for wanted in (True, False):
+        browser.find("#open_impair").click()
+        dialog = answer_dialog(browser, "impair_dialog")
+        wait_until(lambda: not dialog.is_displayed(), lambda: f"the dialog to close: {dialog.text}")  # noqa: B023
+        wait_until(lambda: bool(browser.text(f"{TILE} .badge")) == wanted, f"deliberate loss {wanted}")  # noqa: B023
+
+
 def test_a_lost_server_is_told_figures_grow_old_and_it_is_found_again(room, browser):
     wait_state(browser, "Good")
     room.server.kill()

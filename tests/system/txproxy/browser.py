@@ -66,7 +66,8 @@ class Browser:
 
     def text(self, selector):
         """What a person reads there; empty when there is nothing, or nothing to be seen."""
-        return self.run("return document.querySelector(arguments[0])?.innerText ?? ''", selector)
+        found = "const found = document.querySelector(arguments[0]);"
+        return self.run(f"{found} return found?.checkVisibility() ? found.innerText : ''", selector)
 
     def wait_text(self, selector, condition, what):
         """Returns the first text there for which condition(text) holds."""
