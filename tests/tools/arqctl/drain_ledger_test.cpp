@@ -14,7 +14,7 @@ TEST(ArqctlDrainLedger, WhatWentAndDidNotComeBackIsGone)
     ledger.Take({ "b" });
     ledger.Take({});
     EXPECT_EQ(ledger.Gone(), (Addresses { "a", "b" }));
-    EXPECT_EQ(ledger.StillThere(), Left {});
+    EXPECT_EQ(ledger.NotGone(), Left {});
 }
 
 TEST(ArqctlDrainLedger, WhatIsThereAgainCameBackAndWhatNeverWentDidNot)
@@ -23,7 +23,18 @@ TEST(ArqctlDrainLedger, WhatIsThereAgainCameBackAndWhatNeverWentDidNot)
     ledger.Take({ "a", "b" });
     ledger.Take({ "b" });
     ledger.Take({ "b", "a" });
-    EXPECT_EQ(ledger.StillThere(), (Left { { "a", true }, { "b", false } }));
+    EXPECT_EQ(ledger.NotGone(), (Left { { "a", true }, { "b", false } }));
+    EXPECT_EQ(ledger.Gone(), Addresses {});
+}
+
+TEST(ArqctlDrainLedger, WhatHasComeBackOnceIsNotGoneThoughTheLastListHasItNot)
+{
+    arqctl::DrainLedger ledger;
+    ledger.Take({ "a" });
+    ledger.Take({});
+    ledger.Take({ "a" });
+    ledger.Take({});
+    EXPECT_EQ(ledger.NotGone(), (Left { { "a", true } }));
     EXPECT_EQ(ledger.Gone(), Addresses {});
 }
 
@@ -32,7 +43,7 @@ TEST(ArqctlDrainLedger, AReceiverThatJoinsMeanwhileIsLeftToo)
     arqctl::DrainLedger ledger;
     ledger.Take({ "a" });
     ledger.Take({ "c", "c" });
-    EXPECT_EQ(ledger.StillThere(), (Left { { "c", false } }));
+    EXPECT_EQ(ledger.NotGone(), (Left { { "c", false } }));
     EXPECT_EQ(ledger.Gone(), Addresses { "a" });
 }
 

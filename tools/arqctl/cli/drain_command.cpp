@@ -49,7 +49,8 @@ private:
             m_ledger.Take(list);
             const int64_t nowUs = common::NowUs();
             emptyUs = !list.empty() ? 0 : emptyUs > 0 ? emptyUs : nowUs;
-            if (nowUs >= deadlineUs || (emptyUs > 0 && nowUs - emptyUs >= m_settleUs))
+            m_isSettled = emptyUs > 0 && nowUs - emptyUs >= m_settleUs;
+            if (m_isSettled || nowUs >= deadlineUs)
                 return Failure::None;
             Failure failure = DeleteEach(list, deadlineUs);
             if (failure == Failure::None)
@@ -84,7 +85,7 @@ private:
 
     ExitStatus Tell(bool wasEmpty) const
     {
-        const auto left = m_ledger.StillThere();
+        const auto left = m_isSettled ? std::vector<DrainLedger::Left>() : m_ledger.NotGone();
         const char* const result = wasEmpty ? "already" : left.empty() ? "done" : "refused";
         const std::string sentence = wasEmpty ? "there are no receivers" : Sentence(left);
         if (m_session.isJson)
@@ -96,9 +97,12 @@ private:
         return wasEmpty ? ExitStatus::AlreadySo : left.empty() ? ExitStatus::Good : ExitStatus::NotDone;
     }
 
+    // Once the list has stayed empty, what came back meanwhile too.
+    std::vector<std::string> Deleted() const { return m_isSettled ? m_ledger.Seen() : m_ledger.Gone(); }
+
     std::string Sentence(const std::vector<DrainLedger::Left>& left) const
     {
-        const size_t gone = m_ledger.Gone().size();
+        const size_t gone = Deleted().size();
         if (left.empty())
             return fmt::format("{} deleted; none is left",
                 gone == 1 ? "1 receiver was" : fmt::format("{} receivers were", gone));
@@ -116,7 +120,7 @@ private:
         nlohmann::ordered_json object { { "action", "drain" }, { "result", result }, { "text", sentence } };
         if (!left.empty())
             object["advice"] = DRAIN_ADVICE;
-        object["deleted"] = m_ledger.Gone();
+        object["deleted"] = Deleted();
         object["left"] = nlohmann::ordered_json::array();
         for (const auto& each : left)
             object["left"].push_back({ { "address", each.address }, { "came_back", each.hasComeBack } });
@@ -126,6 +130,7 @@ private:
     const Session& m_session;
     const int64_t m_settleUs;
     DrainLedger m_ledger;
+    bool m_isSettled = false;
 };
 
 } // namespace

@@ -10,17 +10,19 @@ void DrainLedger::Take(const std::vector<std::string>& list)
     for (const std::string& address : m_seen)
         if (!m_now.contains(address))
             m_wereGone.insert(address);
+        else if (m_wereGone.contains(address))
+            m_haveComeBack.insert(address);
     for (const std::string& address : list)
         if (std::find(m_seen.begin(), m_seen.end(), address) == m_seen.end())
             m_seen.push_back(address);
 }
 
-std::vector<DrainLedger::Left> DrainLedger::StillThere() const
+std::vector<DrainLedger::Left> DrainLedger::NotGone() const
 {
     std::vector<Left> left;
     for (const std::string& address : m_seen)
-        if (m_now.contains(address))
-            left.push_back({ address, m_wereGone.contains(address) });
+        if (m_now.contains(address) || m_haveComeBack.contains(address))
+            left.push_back({ address, m_haveComeBack.contains(address) });
     return left;
 }
 
@@ -28,7 +30,7 @@ std::vector<std::string> DrainLedger::Gone() const
 {
     std::vector<std::string> gone;
     for (const std::string& address : m_seen)
-        if (!m_now.contains(address))
+        if (!m_now.contains(address) && !m_haveComeBack.contains(address))
             gone.push_back(address);
     return gone;
 }

@@ -20,14 +20,16 @@ public:
         bool operator==(const Left&) const = default;
     };
 
-    // By the last list, each address once.
-    std::vector<Left> StillThere() const;
-    // What was there at one time and is not now.
+    // What the last list has, and what has come back before, though it may be gone for the moment; each address once.
+    std::vector<Left> NotGone() const;
+    // All that were seen but those.
     std::vector<std::string> Gone() const;
+    const std::vector<std::string>& Seen() const { return m_seen; }
 
 private:
     std::vector<std::string> m_seen; // each once, in the order of its first sight
     std::set<std::string> m_wereGone;
+    std::set<std::string> m_haveComeBack;
     std::set<std::string> m_now;
 };
 

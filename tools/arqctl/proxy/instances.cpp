@@ -30,6 +30,7 @@ std::vector<std::string> ControlFiles()
 {
     std::vector<std::string> paths;
     glob_t found {};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): without a tilde no user is looked up
     if (glob((std::string(CONTROL_PREFIX) + "*").c_str(), GLOB_NOSORT, nullptr, &found) == 0)
         paths.assign(found.gl_pathv, found.gl_pathv + std::min(found.gl_pathc, MOST_SOCKETS));
     globfree(&found);

@@ -57,6 +57,7 @@ bool IsOldAndOurs(const UniqueFd& folder)
 void RemoveLeftFolders()
 {
     glob_t found {};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): without a tilde no user is looked up
     if (glob(FolderPattern("??????").c_str(), GLOB_NOSORT, nullptr, &found) == 0)
         for (size_t i = 0; i < found.gl_pathc; ++i) {
             const UniqueFd folder = OpenFolder(found.gl_pathv[i]);
