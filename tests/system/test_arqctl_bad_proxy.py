@@ -17,6 +17,7 @@ from txproxy.receiver import Sender
 from txproxy.waiting import scaled, wait_until, within
 
 IMPATIENT = ("--timeout", "300ms")
+PATIENT = ("--timeout", "60s")
 COMMANDS = [("list",), ("add", "127.0.0.3"), ("del", "127.0.0.2"), ("reset", "all"), ("debug",), ("drain",)]
 
 
@@ -83,13 +84,14 @@ FAULTS = {
 def test_what_is_no_answer_of_a_proxy_is_told_by_every_command(net, closing, fault):
     fake = closing(FakeControl(net.instance, fault))
     problem = FAULTS[fault].format(path=fake.path)
+    patience = IMPATIENT if fault in (no_answer, half_and_silence) else PATIENT
     for command in COMMANDS:
-        result = ask(net, *IMPATIENT, *command)
+        result = ask(net, *patience, *command)
         assert result.status == arqctl.BAD_ANSWER, command
         assert result.problem[0] == problem, command
         assert result.problem[1]
         assert result.stdout == ""
-    as_object = ask(net, *IMPATIENT, "--json", "list")
+    as_object = ask(net, *patience, "--json", "list")
     assert (as_object.json["error"], as_object.json["status"]) == (problem, arqctl.BAD_ANSWER)
 
 
