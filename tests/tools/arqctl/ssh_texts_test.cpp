@@ -46,7 +46,7 @@ TEST(ArqctlSshTexts, AChangedHostKeyIsToldThoughAnUnknownOneIsNamedToo)
 
 TEST(ArqctlSshTexts, WhatIsNotKnownIsGivenByItsLastLine)
 {
-    EXPECT_EQ(arqctl::SshTrouble("h", "first\nlast \x1b\r\n\n").problem, "ssh to h ended: last ?");
+    EXPECT_EQ(arqctl::SshTrouble("h", "first\nmiddle\nlast \x1b\r\n\n").problem, "ssh to h ended: last ?");
     EXPECT_EQ(arqctl::SshTrouble("h", "one").problem, "ssh to h ended: one");
     EXPECT_EQ(arqctl::SshTrouble("h", "\n").problem, "ssh to h ended without a word");
 }
