@@ -189,7 +189,8 @@ def test_a_full_backlog_is_waited_for_and_bounded(net, closing):
         assert (result.status, result.problem[0]) == (arqctl.BAD_ANSWER, f"no answer in time on {fake.path}")
 
 
-def test_ten_clients_at_once_are_all_answered_while_a_stream_runs(start_proxy, net, closing):
+def test_ten_clients_at_once_are_all_answered_while_a_stream_runs(start_proxy, net, receive, closing):
+    receive("127.0.0.2")  # else the stream comes back as pings
     start_proxy("-a", "127.0.0.2", "-u")
     sender = closing(Sender("127.0.0.1", net.input))
     running = [closing(arqctl.Arqctl("-I", net.instance, "--timeout", "30s", "--json", "list")) for _ in range(10)]

@@ -45,7 +45,9 @@ def objects(result):
     return [json.loads(line) for line in result.stdout.splitlines()]
 
 
-def test_add_del_and_list_tell_what_happened_by_one_line_and_the_status(start_proxy, net):
+def test_add_del_and_list_tell_what_happened_by_one_line_and_the_status(start_proxy, net, receive):
+    for address in ("127.0.0.2", "127.0.0.3"):
+        receive(address)  # else what is sent there comes back as pings
     start_proxy("-a", "127.0.0.2")
     assert run(net, "add", "127.0.0.3") == (arqctl.GOOD, "127.0.0.3 was added\n", "")
     assert run(net, "list") == (arqctl.GOOD, "127.0.0.2\n127.0.0.3\n", "")
@@ -67,7 +69,8 @@ def test_a_name_is_looked_up_by_the_proxy(start_proxy, net):
     assert run(net, "del", "no-such-host.invalid").status == arqctl.NOT_DONE
 
 
-def test_several_receivers_have_a_line_each_and_one_status(start_proxy, net):
+def test_several_receivers_have_a_line_each_and_one_status(start_proxy, net, receive):
+    receive("127.0.0.2")
     start_proxy("-a", "127.0.0.2")
     some = run(net, "add", "127.0.0.2,127.0.0.3", "127.0.0.4", "--json")
     assert some.status == arqctl.GOOD
@@ -93,7 +96,9 @@ def test_a_receiver_with_a_stream_id_is_refused_with_the_reason(start_proxy, net
 
 
 @pytest.mark.parametrize("what, left", [("rx", ("0", "6")), ("tx", ("3", "0")), ("all", ("0", "0"))])
-def test_reset_begins_the_counts_again(start_proxy, net, sender, what, left):
+def test_reset_begins_the_counts_again(start_proxy, net, receive, sender, what, left):
+    for address in ("127.0.0.2", "127.0.0.3"):
+        receive(address)
     start_proxy("-a", "127.0.0.2,127.0.0.3", "-u")
     for _ in range(3):
         sender.send(b"x" * 100)
