@@ -38,7 +38,7 @@ TOOL_LAYERS = {
     "arqrx/": ["common/", *WIRE],
     "arqrx/cli/": ["arqrx/", "common/", "common_cli/", *WIRE],
     "arqlink/": ["common/", *WIRE],
-    "arqctl/core/": ["common/endpoint.", "common/quantity.", *WIRE],
+    "arqctl/core/": ["arqrx/core/request_window.", "arqrx/core/settings.", "common/endpoint.", "common/quantity.", *WIRE],
     "arqctl/proxy/": ["arqctl/core/", "common/", *WIRE],
     "arqctl/": ["common/", "common_cli/", *WIRE],
     "demo/": ["arqrx/core/", "arqlink/core/", "common/", *WIRE],
