@@ -52,7 +52,7 @@ function lonely(plot, seriesIndex) {
 }
 
 class Plot {
-  #spec;
+  #plan;
   #history;
   #uplot;
   #unit;
@@ -60,14 +60,14 @@ class Plot {
   #colours = new Map();
   #canvasBox;
 
-  constructor(spec, history) {
-    this.#spec = spec;
+  constructor(plan, history) {
+    this.#plan = plan;
     this.#history = history;
     this.#unit = make("span", { class: "unit" });
-    this.#cells = spec.curves.map(() => make("b"));
+    this.#cells = plan.curves.map(() => make("b"));
     this.#canvasBox = make("div", { class: "canvas", role: "img" });
-    const legend = make("p", { class: "legend" }, ...spec.curves.map((curve, index) => this.#legendOf(curve, index)));
-    const caption = make("figcaption", {}, make("h3", {}, spec.title, " ", this.#unit), legend);
+    const legend = make("p", { class: "legend" }, ...plan.curves.map((curve, index) => this.#legendOf(curve, index)));
+    const caption = make("figcaption", {}, make("h3", {}, plan.title, " ", this.#unit), legend);
     this.element = make("figure", { class: "plot" }, caption, this.#canvasBox);
   }
 
@@ -88,7 +88,7 @@ class Plot {
   }
 
   readColours() {
-    for (const name of ["--axis", "--grid", ...this.#spec.curves.map((curve) => curve.colour)])
+    for (const name of ["--axis", "--grid", ...this.#plan.curves.map((curve) => curve.colour)])
       this.#colours.set(name, colourOf(name));
     this.#uplot?.redraw(false);
   }
@@ -100,7 +100,7 @@ class Plot {
 
   #data() {
     const { columns } = this.#history;
-    return [columns.time, ...this.#spec.curves.map((curve) => columns.curve(curve.name))];
+    return [columns.time, ...this.#plan.curves.map((curve) => columns.curve(curve.name))];
   }
 
   #size() {
@@ -122,7 +122,7 @@ class Plot {
         x: { time: true, range: () => this.#timeRange() },
         y: { range: (_, least, most) => [0, this.#top(most)] },
       },
-      series: [{}, ...this.#spec.curves.map((curve) => this.#series(curve))],
+      series: [{}, ...this.#plan.curves.map((curve) => this.#series(curve))],
       axes: [this.#timeAxis(), this.#valueAxis()],
       hooks: { setCursor: [() => this.#tell()] },
     };
@@ -161,7 +161,7 @@ class Plot {
   }
 
   #scaled(value, top) {
-    if (!this.#spec.isBitRate) return String(value);
+    if (!this.#plan.isBitRate) return String(value);
     return String(Number((value / bitRateUnit(top / HEADROOM)[0]).toPrecision(4)));
   }
 
@@ -172,7 +172,7 @@ class Plot {
   }
 
   #top(most) {
-    const least = this.#spec.isBitRate ? LEAST_TOP.bitRate : LEAST_TOP.packets;
+    const least = this.#plan.isBitRate ? LEAST_TOP.bitRate : LEAST_TOP.packets;
     return known(most) && most > 0 ? Math.max(most * HEADROOM, least) : least;
   }
 
@@ -182,13 +182,13 @@ class Plot {
     if (!plot) return;
     const last = this.#history.columns.time.length - 1;
     const row = plot.cursor.idx ?? last;
-    const [size, unit] = this.#spec.isBitRate ? bitRateUnit(plot.scales.y.max / HEADROOM) : [1, "packets/s"];
+    const [size, unit] = this.#plan.isBitRate ? bitRateUnit(plot.scales.y.max / HEADROOM) : [1, "packets/s"];
     setText(this.#unit, unit);
-    this.#spec.curves.forEach((curve, index) => {
+    this.#plan.curves.forEach((curve, index) => {
       const value = this.#history.columns.curve(curve.name)[row];
       setText(
         this.#cells[index],
-        !known(value) ? UNKNOWN : this.#spec.isBitRate ? digits(value / size) : perSecond(value),
+        !known(value) ? UNKNOWN : this.#plan.isBitRate ? digits(value / size) : perSecond(value),
       );
     });
     setData(this.element, "rows", last + 1);
@@ -198,11 +198,11 @@ class Plot {
   // What a screen reader says of the picture.
   #describe(unit) {
     const { time } = this.#history.columns;
-    const values = this.#spec.curves
+    const values = this.#plan.curves
       .map((curve, index) => `${curve.text} ${this.#cells[index].textContent}`)
       .join(", ");
     const range = time.length ? `from ${moment(time[0])} to ${moment(time.at(-1))}` : "without data yet";
-    const label = `${this.#spec.title}, ${unit}, ${range}: ${values}`;
+    const label = `${this.#plan.title}, ${unit}, ${range}: ${values}`;
     if (this.#canvasBox.getAttribute("aria-label") !== label) this.#canvasBox.setAttribute("aria-label", label);
   }
 }
@@ -211,7 +211,7 @@ export class Plots {
   #plots;
 
   constructor(box, note, history) {
-    this.#plots = PLOTS.map((spec) => new Plot(spec, history));
+    this.#plots = PLOTS.map((plan) => new Plot(plan, history));
     box.replaceChildren(...this.#plots.map((plot) => plot.element));
     this.note = note;
     this.history = history;
