@@ -132,7 +132,7 @@ TEST(LossWatch, AcrossAResetOrARestartNothingIsCompared)
         proxy.Now().receivedPackets = 50;
         proxy.Step(0, 0);
         proxy.Now().sentPackets = 3;
-        proxy.Step(0, 0);
+        proxy.Step(50, 50);
     }
     EXPECT_EQ(proxy.Find().packets, 400U);
     EXPECT_NE(proxy.Find().state, LossState::On);

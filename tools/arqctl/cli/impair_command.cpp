@@ -221,7 +221,10 @@ void AddSettingOptions(CLI::App& on, ImpairChoice& choice)
     choice.distOption = on.add_option("--dist", choice.dist,
                               "packets that pass between two bursts [100]; MIN-MAX for mode 2")
                             ->type_name("COUNT");
-    on.footer("Without all three the settings file is used as it is.");
+    on.footer("Examples:\n"
+              "  arqctl impair on --drop 2 --dist 50\n"
+              "  arqctl impair on --dist 100-200\n\n"
+              "Without --mode, --drop and --dist the settings file is used as it is.\n");
 }
 
 } // namespace
@@ -231,6 +234,12 @@ void AddImpairCommand(CLI::App& app, Session& session)
     auto choice = std::make_shared<ImpairChoice>();
     CLI::App* command
         = app.add_subcommand("impair", "deliberate loss: switches it, and finds out whether it is on");
+    command->footer("Examples:\n"
+                    "  arqctl impair on --drop 1 --dist 100\n"
+                    "  arqctl impair status\n"
+                    "  arqctl impair off\n\n"
+                    "The proxy only flips, and does not say which way: its counts are looked at\n"
+                    "before and after. 'arqctl impair on --help' shows the settings.\n");
     command->require_subcommand(1);
     command->fallthrough();
     CLI::App* on = command->add_subcommand("on", "withhold packets, with these settings");
@@ -242,6 +251,8 @@ void AddImpairCommand(CLI::App& app, Session& session)
         one->fallthrough();
         AddLookOption(*one, *choice);
     }
+    off->footer("Examples:\n  arqctl impair off\n");
+    status->footer("Examples:\n  arqctl impair status --json\n");
     for (CLI::App* one : { on, off })
         one->add_flag("--blind", choice->isBlind, "switch once even when it cannot be known which way");
     on->callback([&session, choice] {

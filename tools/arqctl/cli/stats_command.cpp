@@ -91,6 +91,11 @@ void AddStatsCommand(CLI::App& app, Session& session)
               ->type_name("COUNT");
     choice->failOnDown = command->add_flag(
         "--fail-on-down", choice->watch.endsWhenDown, "with --watch: end when the proxy does not answer");
+    command->footer("Examples:\n"
+                    "  arqctl stats\n"
+                    "  arqctl stats --watch 1s\n"
+                    "  arqctl stats --watch 10s --csv >figures.csv\n\n"
+                    "A watch resets nothing. 'beyond' and 'withheld' are estimated.\n");
     command->callback(
         [&session, choice] { session.run = [&session, choice] { return Stats(session, *choice); }; });
 }

@@ -12,9 +12,10 @@ constexpr uint64_t PERIODS_FOR_OFF = 8;
 constexpr uint64_t PERIODS_FOR_OFF_AT_LAST = 2;
 constexpr uint64_t MOST_BETWEEN = 1'000'000'000; // answers with more between them are not of one proxy
 
-bool IsBack(const Statistics& before, const Statistics& now)
+// A step back of the input is more than MOST_BETWEEN, the difference wraps.
+bool IsOutputReset(const Statistics& before, const Statistics& now)
 {
-    return now.receivedPackets < before.receivedPackets || now.sentPackets < before.sentPackets;
+    return now.sentPackets < before.sentPackets;
 }
 
 } // namespace
@@ -29,8 +30,8 @@ void LossWatch::See(const Statistics& statistics, int64_t nowUs)
 void LossWatch::TakeAtRest(const Statistics& statistics, int fanOut)
 {
     const int each = fanOut >= 0 ? fanOut : static_cast<int>(statistics.receivers.size());
-    const bool isComparable
-        = each == m_nEach && statistics.receivers == m_before.receivers && !IsBack(m_before, statistics);
+    const bool isComparable = each == m_nEach && statistics.receivers == m_before.receivers
+        && !IsOutputReset(m_before, statistics);
     const uint64_t packets = statistics.receivedPackets - m_before.receivedPackets;
     const uint64_t sent = statistics.sentPackets - m_before.sentPackets;
     m_before = statistics;
