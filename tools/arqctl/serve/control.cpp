@@ -67,7 +67,8 @@ void Control::Start(evhttp_request* request, const Channel& channel, const Order
 {
     m_http.Pause(request);
     const std::string id = channel.watched.id;
-    const OrderPlace place { channel.watched.target, channel.watched.socketPath, m_patienceUs };
+    const OrderPlace place { channel.watched.target, channel.watched.socketPath, m_patienceUs,
+        &m_jobs.IsEnding() };
     m_jobs.Start(
         id, [order, place] { return CarryOut(order, place); },
         [this, request, id, order](const WebReply& reply) { Finish(request, id, order, reply); });

@@ -18,6 +18,7 @@ JobPool::JobPool(event_base* base)
 
 JobPool::~JobPool()
 {
+    m_bIsEnding = true;
     {
         const MutexLock lock(m_mutex);
         m_bEnds = true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -36,6 +37,8 @@ public:
     bool IsFull() const { return m_channels.size() >= MOST_JOBS; }
     // For a channel that it is not busy with, and while it is not full.
     void Start(const std::string& channel, Work work, Done done);
+    // Set when the pool ends: work that watches a proxy for long should look at it. Lives as long as the pool.
+    const std::atomic<bool>& IsEnding() const { return m_bIsEnding; }
 
 private:
     struct Job {
@@ -52,6 +55,7 @@ private:
 
     UniqueFd m_news; // an eventfd: results wait
     EventPtr<event> m_event;
+    std::atomic<bool> m_bIsEnding { false };
     std::set<std::string> m_channels; // of all jobs; the event loop's own
 
     Mutex m_mutex;

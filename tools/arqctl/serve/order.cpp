@@ -142,6 +142,7 @@ WebReply ImpairReply(const ImpairOrder& impair, const OrderPlace& place)
     look.socketPath = place.socketPath;
     look.isRemote = place.target.IsRemote();
     look.answerPatienceUs = place.patienceUs;
+    look.stop = place.stop;
     const ImpairOutcome outcome = SwitchLoss(*files, look, impair);
     if (outcome.result == ImpairResult::NoAnswer)
         return FailureReply(outcome.failure, place.target.ControlPath());

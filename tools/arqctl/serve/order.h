@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <variant>
@@ -27,6 +29,7 @@ struct OrderPlace {
     Target target;
     std::string socketPath; // on this machine
     int64_t patienceUs = 0; // for each answer of the proxy
+    const std::atomic<bool>* stop = nullptr; // set: watch the proxy no longer
 };
 
 // What became of it. Waits for the proxy: some seconds, for a thread of its own.
