@@ -163,9 +163,13 @@ TEST(LossWatch, AProxyThatIsNeverAtRestIsTold)
     watch.See({}, 0);
     EXPECT_EQ(watch.Judge(SECOND, false).doubt, LossDoubt::None);
     EXPECT_EQ(watch.Judge(SECOND, true).doubt, LossDoubt::Busy);
-    watch.TakeAtRest({ .receivers = { "10.0.0.1" } }, 1);
+    Statistics first;
+    first.receivers = { "10.0.0.1" };
+    watch.TakeAtRest(first, 1);
     EXPECT_EQ(watch.Judge(SECOND, true).doubt, LossDoubt::TooFew);
-    watch.See({ .receivedPackets = 700 }, SECOND);
+    Statistics later;
+    later.receivedPackets = 700;
+    watch.See(later, SECOND);
     EXPECT_EQ(watch.Judge(SECOND, true).doubt, LossDoubt::Busy) << "at rest once, and then no more";
 }
 
