@@ -132,7 +132,8 @@ TEST_F(StatusPollTest, SettingsAreReadPrintedInOrderAndTheFileKept)
 
 TEST_F(StatusPollTest, MissingAndEmptySettingsTakeTheirDefaultsAndOddOnesWhatStrtolGives)
 {
-    WriteFile(ImpairmentSettingsPath(POLLED_INSTANCE), "min_drop==\nmin_dist=12abc\nmax_drop=abc\nmax_dist=\n");
+    WriteFile(
+        ImpairmentSettingsPath(POLLED_INSTANCE), "min_drop==\nmin_dist=12abc\nmax_drop=abc\nmax_dist=\n");
     EXPECT_EQ(
         Toggle(), "min_drop = 1\nmin_dist = 12\nmax_drop = 0\nmax_dist = 200\nmode = 1\nImpairment ON\n");
 }

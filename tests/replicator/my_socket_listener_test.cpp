@@ -55,7 +55,8 @@ TEST_F(MySocketListenerTest, AnyDatagramEvenAnEmptyOneMakesAStream)
 
 TEST_F(MySocketListenerTest, AStopMessageInEitherByteOrderRemovesTheStream)
 {
-    for (const Bytes& stop : { Bytes { 0xDE, 0xAD, 0xBE, 0xEF }, Bytes { 0xEF, 0xBE, 0xAD, 0xDE }, STOP_DATAGRAM }) {
+    for (const Bytes& stop :
+        { Bytes { 0xDE, 0xAD, 0xBE, 0xEF }, Bytes { 0xEF, 0xBE, 0xAD, 0xDE }, STOP_DATAGRAM }) {
         Hand(Mode::Pings, "127.0.0.2", { 'p' });
         ASSERT_EQ(Count(), 1);
         Hand(Mode::Pings, "127.0.0.2", stop);

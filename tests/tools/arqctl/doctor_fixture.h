@@ -115,8 +115,9 @@ inline void ExpectFinding(
 {
     EXPECT_STREQ(VerdictText(finding.verdict), VerdictText(verdict)) << finding.text;
     EXPECT_NE(finding.text.find(words), std::string::npos) << "'" << words << "' is not in: " << finding.text;
-    if (!command.empty())
+    if (!command.empty()) {
         EXPECT_EQ(finding.command, command);
+    }
     const bool isWrong = verdict == Verdict::Warning || verdict == Verdict::Fault;
     EXPECT_EQ(isWrong, !finding.advice.empty()) << finding.text;
 }

@@ -183,7 +183,8 @@ TEST_F(TopView, APlainLineSaysTheSameInAsciiAndOnOneLine)
     silent.reading.isUp = false;
     silent.failure = Failure::NoAnswer;
     EXPECT_EQ(PlainLine(silent, "14:02:31", NOW_US),
-        "14:02:31  /tmp/caf?" "?/ctrl  NO ANSWER: no answer in time on /dev/arq_tx_ctrl2");
+        "14:02:31  /tmp/caf?"
+        "?/ctrl  NO ANSWER: no answer in time on /dev/arq_tx_ctrl2");
 }
 
 } // namespace

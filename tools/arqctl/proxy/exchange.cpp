@@ -15,18 +15,23 @@ namespace arqctl {
 
 namespace {
 
-constexpr int64_t RETRY_US = 10 * common::US_PER_MS; // a full backlog has room when the client before has been served
+constexpr int64_t RETRY_US
+    = 10 * common::US_PER_MS; // a full backlog has room when the client before has been served
 
 Failure ReasonOf(int error)
 {
     switch (error) {
     case ENOENT:
-    case ENOTDIR: return Failure::NoSocket;
+    case ENOTDIR:
+        return Failure::NoSocket;
     case ECONNREFUSED:
-    case ENOTSOCK: return Failure::NotListening;
+    case ENOTSOCK:
+        return Failure::NotListening;
     case EACCES:
-    case EPERM: return Failure::NotAllowed;
-    default: return Failure::CutOff;
+    case EPERM:
+        return Failure::NotAllowed;
+    default:
+        return Failure::CutOff;
     }
 }
 
@@ -89,7 +94,8 @@ void Exchange::Connect(int64_t nowUs)
 
 void Exchange::Send()
 {
-    const ssize_t sent = send(m_fd.Get(), m_request.data() + m_nSent, m_request.size() - m_nSent, MSG_NOSIGNAL);
+    const ssize_t sent
+        = send(m_fd.Get(), m_request.data() + m_nSent, m_request.size() - m_nSent, MSG_NOSIGNAL);
     if (sent < 0 && errno != EAGAIN && errno != EINTR)
         return End(Failure::CutOff);
     m_nSent += static_cast<size_t>(std::max<ssize_t>(sent, 0));
