@@ -147,7 +147,7 @@ TEST(StatsFigures, BitRatesForPeopleHaveThreeDigits)
     EXPECT_EQ(BitRateOf(99'960), "100 kbit/s");
     EXPECT_EQ(BitRateOf(999'600), "1.00 Mbit/s");
     EXPECT_EQ(BitRateOf(4'294'967'295), "4.29 Gbit/s");
-    EXPECT_EQ(BitRateOf(5e15), "5000000 Gbit/s");
+    EXPECT_EQ(BitRateOf(5e15), "5000 Tbit/s");
 }
 
 TEST(StatsFigures, NumbersForProgramsHaveNoMoreThanAThousandth)
