@@ -170,7 +170,7 @@ void AddCalcCommand(CLI::App& app, Session& session)
     command->footer("Examples:\n"
                     "  arqctl calc --rate 8M --loss 2% --round-trip 40ms --receivers 50\n"
                     "      the shortest latency that leaves one packet of a million\n"
-                    "  arqctl calc --rate 8M --loss 2% --round-trip 40ms --latency 300ms --burst 200ms\n"
+                    "  arqctl calc --rate 8M --loss 2% --round-trip 40ms --latency 1s --burst 200ms\n"
                     "      what that latency leaves, outages of 200 ms included\n\n"
                     "Exit status: 1 when a limit is exceeded.\n");
     command->callback(
