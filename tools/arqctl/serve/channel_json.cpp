@@ -86,6 +86,16 @@ constexpr const char* CURVE_NAMES[] = { "input_bit_rate", "output_bit_rate", "in
     "sent_beyond", "withheld", "receivers", "reported_missing", "reported_recovered", "reported_lost" };
 static_assert(std::size(CURVE_NAMES) == CURVES);
 
+// A proxy that is down has its reason with it: it has ended, it stands still, ssh is refused.
+std::string StateSentence(const Channel& channel)
+{
+    std::string text = channel.alarm.Text();
+    const std::string& problem = channel.watched.problem;
+    if (channel.alarm.State() == ChannelState::Down && !problem.empty())
+        text.replace(text.size() - 1, 1, ": " + problem + ".");
+    return text;
+}
+
 } // namespace
 
 Moment ThisMoment()
@@ -99,7 +109,7 @@ Json ChannelObject(const Channel& channel, const ReceiverTable& reports, const M
 {
     const WatchedChannel& watched = channel.watched;
     Json object { { "id", watched.id }, { "name", channel.name }, { "state", NameOf(channel.alarm.State()) },
-        { "state_text", channel.alarm.Text() }, { "since", Rounded(now.UnixOf(channel.alarm.SinceUs())) },
+        { "state_text", StateSentence(channel) }, { "since", Rounded(now.UnixOf(channel.alarm.SinceUs())) },
         { "up", watched.reading.isUp }, { "input", InputObject(watched, now) },
         { "output", OutputObject(watched.reading) }, { "resets", watched.reading.totals.resets },
         { "restarts", watched.reading.totals.restarts } };
