@@ -13,7 +13,7 @@ import types
 
 import pytest
 
-from txproxy import model_receiver, mpegts, netns, ports, proxy, receiver, sandbox
+from txproxy import control, model_receiver, mpegts, netns, ports, proxy, receiver, sandbox
 
 
 AFTER_LONG_LOADS = 8  # tests of every other file
@@ -120,6 +120,18 @@ def start_proxy(launch, net):
         arguments = ["-I", net.instance, "-p", net.destination, "-r", net.request, *options, net.input]
         process = launch(*arguments, *([group] if group else []), **keywords)
         return process.wait_ready() if ready else process
+
+    return start
+
+
+@pytest.fixture
+def commanded_proxy(start_proxy, net):
+    """start_proxy, which then waits until the proxy takes commands, too."""
+
+    def start(*options, **keywords):
+        process = start_proxy(*options, **keywords)
+        control.request(net.instance, "RxStat")
+        return process
 
     return start
 

@@ -109,8 +109,8 @@ def test_other_programs_and_silent_ones_are_told_apart_from_proxies_by_instances
     assert [(each["state"], each["pid"]) for each in mine] == [("foreign", os.getpid())]
 
 
-def test_a_proxy_that_stands_still_does_not_answer_and_is_known_all_the_same(start_proxy, net):
-    proxy = start_proxy()
+def test_a_proxy_that_stands_still_does_not_answer_and_is_known_all_the_same(commanded_proxy, net):
+    proxy = commanded_proxy()
     with process.stopped(proxy):
         result = ask(net, *IMPATIENT, "list")
         found = ask(net, *IMPATIENT, "instances", "--json")
@@ -120,8 +120,8 @@ def test_a_proxy_that_stands_still_does_not_answer_and_is_known_all_the_same(sta
     assert [(each["state"], each["pid"], each["media_port"]) for each in mine] == [("silent", proxy.pid, net.destination)]
 
 
-def test_a_proxy_that_dies_while_it_is_asked_is_told_at_once(launch, start_proxy, net, closing):
-    proxy = start_proxy()
+def test_a_proxy_that_dies_while_it_is_asked_is_told_at_once(launch, commanded_proxy, net, closing):
+    proxy = commanded_proxy()
     with process.stopped(proxy):
         waiting = closing(arqctl.Arqctl("-I", net.instance, "--timeout", "60s", "list"))
         wait_until(lambda: process.thread_state(waiting.pid, waiting.pid) == "S", "arqctl to wait")
@@ -131,11 +131,11 @@ def test_a_proxy_that_dies_while_it_is_asked_is_told_at_once(launch, start_proxy
     assert waiting.stderr.text.count("\n") == 2
 
 
-def test_no_socket_a_stale_one_and_a_plain_file_are_told_apart(start_proxy, net):
+def test_no_socket_a_stale_one_and_a_plain_file_are_told_apart(commanded_proxy, net):
     path = control.path(net.instance)
     missing = ask(net, "list")
     assert (missing.status, missing.problem[0]) == (arqctl.NO_PROXY, f"there is no control socket {path}")
-    start_proxy().stop()
+    commanded_proxy().stop()
     stale = ask(net, "list")
     assert (stale.status, stale.problem[0]) == (arqctl.NO_PROXY, f"nobody listens on {path}: its proxy has ended")
     os.unlink(path)
@@ -145,8 +145,8 @@ def test_no_socket_a_stale_one_and_a_plain_file_are_told_apart(start_proxy, net)
     assert too_long.status == arqctl.NO_PROXY
 
 
-def test_no_right_to_the_socket_is_told_as_that(start_proxy, net):
-    start_proxy()
+def test_no_right_to_the_socket_is_told_as_that(commanded_proxy, net):
+    commanded_proxy()
     os.chmod(control.path(net.instance), 0o600)
 
     def become_nobody():
@@ -172,8 +172,8 @@ def closing_copy():
     return path
 
 
-def test_a_held_connection_ends_in_a_message_and_others_are_served_once_it_is_let_go(start_proxy, net):
-    start_proxy("-a", "127.0.0.2")
+def test_a_held_connection_ends_in_a_message_and_others_are_served_once_it_is_let_go(commanded_proxy, net):
+    commanded_proxy("-a", "127.0.0.2")
     with raw_control.connected(net.instance) as held:
         assert raw_control.ask(held, "List") == "127.0.0.2"
         assert ask(net, *IMPATIENT, "list").status == arqctl.BAD_ANSWER
@@ -189,9 +189,9 @@ def test_a_full_backlog_is_waited_for_and_bounded(net, closing):
         assert (result.status, result.problem[0]) == (arqctl.BAD_ANSWER, f"no answer in time on {fake.path}")
 
 
-def test_ten_clients_at_once_are_all_answered_while_a_stream_runs(start_proxy, net, receive, closing):
+def test_ten_clients_at_once_are_all_answered_while_a_stream_runs(commanded_proxy, net, receive, closing):
     receive("127.0.0.2")  # else the stream comes back as pings
-    start_proxy("-a", "127.0.0.2", "-u")
+    commanded_proxy("-a", "127.0.0.2", "-u")
     sender = closing(Sender("127.0.0.1", net.input))
     running = [closing(arqctl.Arqctl("-I", net.instance, "--timeout", "30s", "--json", "list")) for _ in range(10)]
     while any(each.is_alive() for each in running):

@@ -45,10 +45,10 @@ def objects(result):
     return [json.loads(line) for line in result.stdout.splitlines()]
 
 
-def test_add_del_and_list_tell_what_happened_by_one_line_and_the_status(start_proxy, net, receive):
+def test_add_del_and_list_tell_what_happened_by_one_line_and_the_status(commanded_proxy, net, receive):
     for address in ("127.0.0.2", "127.0.0.3"):
         receive(address)  # else what is sent there comes back as pings
-    start_proxy("-a", "127.0.0.2")
+    commanded_proxy("-a", "127.0.0.2")
     assert run(net, "add", "127.0.0.3") == (arqctl.GOOD, "127.0.0.3 was added\n", "")
     assert run(net, "list") == (arqctl.GOOD, "127.0.0.2\n127.0.0.3\n", "")
     assert run(net, "add", "127.0.0.3") == (arqctl.ALREADY_SO, "127.0.0.3 was in the list before\n", "")
@@ -57,8 +57,8 @@ def test_add_del_and_list_tell_what_happened_by_one_line_and_the_status(start_pr
     assert run(net, "list", "--json").json == {"receivers": ["127.0.0.3"]}
 
 
-def test_a_name_is_looked_up_by_the_proxy(start_proxy, net):
-    start_proxy("-a", "127.0.0.2")
+def test_a_name_is_looked_up_by_the_proxy(commanded_proxy, net):
+    commanded_proxy("-a", "127.0.0.2")
     assert run(net, "add", "localhost").status == arqctl.GOOD
     assert run(net, "list").stdout == "127.0.0.2\n127.0.0.1\n"
     assert run(net, "del", "localhost").status == arqctl.GOOD
@@ -69,9 +69,9 @@ def test_a_name_is_looked_up_by_the_proxy(start_proxy, net):
     assert run(net, "del", "no-such-host.invalid").status == arqctl.NOT_DONE
 
 
-def test_several_receivers_have_a_line_each_and_one_status(start_proxy, net, receive):
+def test_several_receivers_have_a_line_each_and_one_status(commanded_proxy, net, receive):
     receive("127.0.0.2")
-    start_proxy("-a", "127.0.0.2")
+    commanded_proxy("-a", "127.0.0.2")
     some = run(net, "add", "127.0.0.2,127.0.0.3", "127.0.0.4", "--json")
     assert some.status == arqctl.GOOD
     assert [(each["receiver"], each["result"]) for each in objects(some)] == [
@@ -81,8 +81,8 @@ def test_several_receivers_have_a_line_each_and_one_status(start_proxy, net, rec
     assert run(net, "del", "127.0.0.2", "no-such-host.invalid").status == arqctl.NOT_DONE
 
 
-def test_a_receiver_with_a_stream_id_is_refused_with_the_reason(start_proxy, net, closing):
-    proxy_process = start_proxy()
+def test_a_receiver_with_a_stream_id_is_refused_with_the_reason(commanded_proxy, net, closing):
+    proxy_process = commanded_proxy()
     receiver = closing(Arqrx(*joining(net, "--bind", arqrx.LOCAL)))
     proxy_process.wait_stderr(arqrx.started())
     refused = run(net, "del", arqrx.LOCAL)
@@ -96,10 +96,10 @@ def test_a_receiver_with_a_stream_id_is_refused_with_the_reason(start_proxy, net
 
 
 @pytest.mark.parametrize("what, left", [("rx", ("0", "6")), ("tx", ("3", "0")), ("all", ("0", "0"))])
-def test_reset_begins_the_counts_again(start_proxy, net, receive, sender, what, left):
+def test_reset_begins_the_counts_again(commanded_proxy, net, receive, sender, what, left):
     for address in ("127.0.0.2", "127.0.0.3"):
         receive(address)
-    start_proxy("-a", "127.0.0.2,127.0.0.3", "-u")
+    commanded_proxy("-a", "127.0.0.2,127.0.0.3", "-u")
     for _ in range(3):
         sender.send(b"x" * 100)
 
@@ -112,15 +112,15 @@ def test_reset_begins_the_counts_again(start_proxy, net, receive, sender, what, 
     assert counts() == left
 
 
-def test_debug_says_where_the_dump_is(start_proxy, net):
-    process = start_proxy("-a", "127.0.0.2")
+def test_debug_says_where_the_dump_is(commanded_proxy, net):
+    process = commanded_proxy("-a", "127.0.0.2")
     result = run(net, "debug")
     assert result == (arqctl.GOOD, "the proxy has written its dump to its own standard error\n", "")
     process.wait_stderr("m_nNumStreams 1")
 
 
-def test_options_stand_before_or_behind_the_command_or_in_a_file(start_proxy, net, tmp_path):
-    start_proxy("-a", "127.0.0.2")
+def test_options_stand_before_or_behind_the_command_or_in_a_file(commanded_proxy, net, tmp_path):
+    commanded_proxy("-a", "127.0.0.2")
     settings = tmp_path / "arqctl.ini"
     settings.write_text(f"instance={net.instance}\njson=true\ntimeout=10s\n", encoding="ascii")
     wanted = (arqctl.GOOD, '{"receivers":["127.0.0.2"]}\n', "")
@@ -151,11 +151,11 @@ def test_a_wrong_use_says_what_is_wrong_and_where_help_is(arguments, problem, co
     assert as_object.json["error"] == problem
 
 
-def test_drain_deletes_every_receiver(start_proxy, net, receive):
+def test_drain_deletes_every_receiver(commanded_proxy, net, receive):
     addresses = ["127.0.0.2", "127.0.0.3", "127.0.0.4"]
     for address in addresses:
         receive(address)  # else the stop messages come back as pings
-    start_proxy("-a", ",".join(addresses))
+    commanded_proxy("-a", ",".join(addresses))
     assert run(net, "drain", "--settle", "100ms") == (arqctl.GOOD, "3 receivers were deleted; none is left\n", "")
     assert run(net, "list").stdout == ""
     assert run(net, "drain", "--json").json == {
@@ -163,9 +163,9 @@ def test_drain_deletes_every_receiver(start_proxy, net, receive):
     assert run(net, "drain").status == arqctl.ALREADY_SO
 
 
-def test_drain_tells_of_receivers_that_ping_and_of_those_with_a_stream_id(start_proxy, net, receive, closing):
+def test_drain_tells_of_receivers_that_ping_and_of_those_with_a_stream_id(commanded_proxy, net, receive, closing):
     receive("127.0.0.9")
-    process = start_proxy("-a", "127.0.0.9")
+    process = commanded_proxy("-a", "127.0.0.9")
     closing(Arqrx(*joining(net, "--bind", arqrx.LOCAL)))
     process.wait_stderr(arqrx.started())
     closing(Pinging(net, "127.0.0.5"))
@@ -180,8 +180,8 @@ def test_drain_tells_of_receivers_that_ping_and_of_those_with_a_stream_id(start_
     assert "127.0.0.5 (came back: it pings)" in result.problem[0]
 
 
-def test_instances_tells_proxies_stale_sockets_and_other_programs_apart(start_proxy, launch, net, closing):
-    process = start_proxy("-a", "127.0.0.2", "-Z", "secret")
+def test_instances_tells_proxies_stale_sockets_and_other_programs_apart(commanded_proxy, launch, net, closing):
+    process = commanded_proxy("-a", "127.0.0.2", "-Z", "secret")
     ended = instances.reserve(closing)
     instances.start(launch, ended).stop()
     cut_off = instances.reserve(closing)

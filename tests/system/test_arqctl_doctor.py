@@ -122,8 +122,8 @@ def start_options(net):
         "-I", net.instance, "-p", net.destination, "-r", net.request, *more, net.input, group)))  # fmt: skip
 
 
-def test_a_proxy_in_good_health_has_nothing_that_is_wrong(start_proxy, net, sender):
-    proxy = start_proxy("-a", "127.0.0.2", argv0="media")  # what it was told its name is does not count
+def test_a_proxy_in_good_health_has_nothing_that_is_wrong(commanded_proxy, net, sender):
+    proxy = commanded_proxy("-a", "127.0.0.2", argv0="media")  # what it was told its name is does not count
     with streaming(sender):
         wait_received(net.instance, 1)
         found = doctor("-I", net.instance)
@@ -138,8 +138,8 @@ def test_a_proxy_in_good_health_has_nothing_that_is_wrong(start_proxy, net, send
     assert 4 < float(re.search(r"holds ([\d.]+) s", found.text("ring-time")).group(1)) < 17
 
 
-def test_every_option_that_does_not_suit_the_stream_is_found_in_one_look(start_proxy, net, sender):
-    start_proxy("-a", "127.0.0.2,no.such.invalid", "-q", 32, "-G", 10737419, "-z")
+def test_every_option_that_does_not_suit_the_stream_is_found_in_one_look(commanded_proxy, net, sender):
+    commanded_proxy("-a", "127.0.0.2,no.such.invalid", "-q", 32, "-G", 10737419, "-z")
     with streaming(sender):
         wait_received(net.instance, 1)
         found = doctor("-I", net.instance)
@@ -161,8 +161,8 @@ def test_a_pacer_that_is_slower_than_the_input_is_a_fault(start_options):
         assert found.verdict("pacing-quota") == ("fault" if rate > 429_496_729 else "good")
 
 
-def test_a_destination_that_was_deleted_is_missed_and_comes_back_with_the_command(start_proxy, net):
-    start_proxy("-a", "127.0.0.2,127.0.0.3")
+def test_a_destination_that_was_deleted_is_missed_and_comes_back_with_the_command(commanded_proxy, net):
+    commanded_proxy("-a", "127.0.0.2,127.0.0.3")
     control.request(net.instance, "Delete 127.0.0.3")
     found = doctor("-I", net.instance)
     assert "'127.0.0.3' of -a is not in the list" in found.text("destinations")
@@ -200,15 +200,15 @@ def test_a_proxy_that_did_not_get_its_port_is_told_who_has_it(start_proxy, net, 
     assert "the proxy does not hold" in found.text("ping-port")
 
 
-def test_one_that_runs_already_is_named_by_its_lock_and_its_socket(start_proxy, net, start_options):
-    proxy = start_proxy()
+def test_one_that_runs_already_is_named_by_its_lock_and_its_socket(commanded_proxy, net, start_options):
+    proxy = commanded_proxy()
     found = doctor("--start", start_options())
     assert f"tx_proxy (process {proxy.pid})" in found.text("lock-port")
     assert found.verdict("control-socket") == "fault"
 
 
-def test_a_stopped_proxy_is_found_by_its_state_its_queue_and_its_drops_and_goes_on_by_the_command(start_proxy, net, sender):
-    proxy = start_proxy("-a", "127.0.0.2")
+def test_a_stopped_proxy_is_found_by_its_state_its_queue_and_its_drops_and_goes_on_by_the_command(commanded_proxy, net, sender):
+    proxy = commanded_proxy("-a", "127.0.0.2")
     sender.send(rtp.packet(0, bytes(1316)))
     wait_received(net.instance, 1)
     with stopped(proxy):
@@ -228,8 +228,8 @@ def test_a_stopped_proxy_is_found_by_its_state_its_queue_and_its_drops_and_goes_
     assert doctor("-I", net.instance).verdict("input-loss") == "good"
 
 
-def test_too_few_open_files_are_raised_by_the_command(start_proxy, net):
-    proxy = start_proxy()
+def test_too_few_open_files_are_raised_by_the_command(commanded_proxy, net):
+    proxy = commanded_proxy()
     apply(f"prlimit --pid {proxy.pid} --nofile=60:5000")
     found = doctor("-I", net.instance)
     assert "at most 60 files" in found.text("open-files")
@@ -237,27 +237,27 @@ def test_too_few_open_files_are_raised_by_the_command(start_proxy, net):
     assert doctor("-I", net.instance).verdict("open-files") == "good"
 
 
-def test_a_group_without_a_route_is_joined_after_the_command_and_a_new_start(start_proxy, net, island, start_options):
-    proxy = start_proxy(group=GROUP, namespace=island)
+def test_a_group_without_a_route_is_joined_after_the_command_and_a_new_start(commanded_proxy, net, island, start_options):
+    proxy = commanded_proxy(group=GROUP, namespace=island)
     found = doctor("-I", net.instance)  # from another network: the proxy's own is looked at
     assert found.object["pid"] == proxy.pid
     assert (found.verdict("group-route"), found.verdict("group-joined")) == ("fault", "fault")
     apply(found.command("group-route"), island)
     proxy.stop()
     assert doctor("--start", start_options(group=GROUP), namespace=island).verdict("group-route") == "good"
-    start_proxy(group=GROUP, namespace=island)
+    commanded_proxy(group=GROUP, namespace=island)
     found = doctor("-I", net.instance)
     assert (found.verdict("group-route"), found.verdict("group-joined")) == ("good", "good")
     assert found.verdict("group-interface") == "warning"  # only this machine is heard by way of lo
     assert found.verdict("listen-port") == "good"
 
 
-def test_a_strict_source_filter_is_found_and_loosened_by_the_command(start_proxy, net, make_lan, closing):
+def test_a_strict_source_filter_is_found_and_loosened_by_the_command(commanded_proxy, net, make_lan, closing):
     lan = make_lan(2)
     lan.proxy.ip("route", "add", "default", "via", netns.peer_address(1))
     lan.peer.ip("address", "add", "10.99.0.1/32", "dev", "lo")
     apply("sysctl -w net.ipv4.conf.eth0.rp_filter=1", lan.proxy)
-    start_proxy(group=GROUP, namespace=lan.proxy)
+    commanded_proxy(group=GROUP, namespace=lan.proxy)
     stranger = closing(Sender(GROUP, net.input, namespace=lan.peer, source="10.99.0.1",
                               multicast_interface=netns.peer_address(0)))  # fmt: skip
     with streaming(stranger):
@@ -313,8 +313,8 @@ def run_as_nobody(*arguments):
                               pass_fds=[program.fileno()])  # fmt: skip
 
 
-def test_without_rights_it_says_what_it_could_not_see(start_proxy, net, start_options):
-    start_proxy("-a", "127.0.0.2", "-z")
+def test_without_rights_it_says_what_it_could_not_see(commanded_proxy, net, start_options):
+    commanded_proxy("-a", "127.0.0.2", "-z")
     done = run_as_nobody("-I", net.instance, "--json")
     found = {finding["name"]: finding for finding in json.loads(done.stdout)["findings"]}
     assert done.stderr == ""
@@ -328,8 +328,8 @@ def test_without_rights_it_says_what_it_could_not_see(start_proxy, net, start_op
     assert done.returncode == NOT_DONE
 
 
-def test_a_control_socket_that_anybody_may_use_is_closed_by_the_command(start_proxy, net):
-    start_proxy(preexec=lambda: os.umask(0))
+def test_a_control_socket_that_anybody_may_use_is_closed_by_the_command(commanded_proxy, net):
+    commanded_proxy(preexec=lambda: os.umask(0))
     wait_until(lambda: pathlib.Path(control.path(net.instance)).exists(), "the control socket")
     found = doctor("-I", net.instance)
     assert "any user of this machine" in found.text("control-rights")
@@ -348,8 +348,8 @@ def test_a_library_under_another_name_in_folders_of_the_proxys_own_is_seen(start
     assert found.verdict("encryption") == "good"
 
 
-def test_another_machine_is_looked_at_by_the_program_over_there(start_proxy, net, lease, closing):
-    proxy = start_proxy()
+def test_another_machine_is_looked_at_by_the_program_over_there(commanded_proxy, net, lease, closing):
+    proxy = commanded_proxy()
     server = closing(SshServer(lease.port()))
     there = {**server.environment(), "ARQCTL_THERE": arqctl.program()}
     via = ("--via", f"ssh:{server.HOST}/{net.instance}")

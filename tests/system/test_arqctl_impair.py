@@ -35,10 +35,10 @@ def switched(proxy):
 
 
 @pytest.fixture
-def running(start_proxy, net, sender, receive, closing):
+def running(commanded_proxy, net, sender, receive, closing):
     """A proxy with a receiver that asks for nothing, and a stream."""
     impairment.write_settings(net.instance, min_dist=10)
-    proxy = start_proxy("-a", RECEIVER)
+    proxy = commanded_proxy("-a", RECEIVER)
     receive(RECEIVER)
     closing(Steady(sender, media, PER_SECOND))
     return proxy
@@ -90,8 +90,8 @@ def test_status_says_what_is_so_in_both_forms(running, net):
     assert found["settings"] == {"mode": 1, "min_drop": 1, "max_drop": 10, "min_dist": 10, "max_dist": 200}
 
 
-def test_it_is_seen_while_a_receiver_fetches_all_that_is_withheld(start_proxy, net, sender, closing):
-    proxy = start_proxy()
+def test_it_is_seen_while_a_receiver_fetches_all_that_is_withheld(commanded_proxy, net, sender, closing):
+    proxy = commanded_proxy()
     receiver = closing(arqrx.Arqrx(*arqrx.joining(net))).wait_ready()
     closing(Steady(sender, media, PER_SECOND))
     receiver.wait_played(10)
@@ -124,8 +124,8 @@ def test_a_lock_that_is_held_is_told(running, net):
     assert switched(running) == []
 
 
-def test_without_a_receiver_nothing_is_switched_unless_blindly(start_proxy, net, sender, closing):
-    proxy = start_proxy()
+def test_without_a_receiver_nothing_is_switched_unless_blindly(commanded_proxy, net, sender, closing):
+    proxy = commanded_proxy()
     closing(Steady(sender, media, PER_SECOND))
     result = impair(net, "on")
     assert result.status == arqctl.NOT_DONE
@@ -136,15 +136,15 @@ def test_without_a_receiver_nothing_is_switched_unless_blindly(start_proxy, net,
     assert switched(proxy) == ["ON"]
 
 
-def test_without_input_the_state_is_not_known(start_proxy, net):
-    start_proxy("-a", RECEIVER)
+def test_without_input_the_state_is_not_known(commanded_proxy, net):
+    commanded_proxy("-a", RECEIVER)
     result = impair(net, "status")
     assert result.status == arqctl.NOT_DONE
     assert result.problem[0] == "not known: there is no input"
 
 
-def test_too_few_packets_are_told(start_proxy, net, sender, receive):
-    start_proxy("-a", RECEIVER)
+def test_too_few_packets_are_told(commanded_proxy, net, sender, receive):
+    commanded_proxy("-a", RECEIVER)
     pump(sender, [receive(RECEIVER)], [media(number) for number in range(20)])
     result = impair(net, "status", "--look", "300ms")
     assert result.problem[0].startswith("not known: only 0 packets came")
@@ -158,9 +158,9 @@ def test_a_proxy_that_was_on_and_withheld_nothing_is_switched_on_all_the_same(ru
     assert switched(running) == ["ON", "OFF", "ON"]
 
 
-def test_of_a_group_each_packet_is_due_once(start_proxy, net, sender, closing, lease):
+def test_of_a_group_each_packet_is_due_once(commanded_proxy, net, sender, closing, lease):
     impairment.write_settings(net.instance, min_dist=10)
-    proxy = start_proxy("-a", "239.1.2.3", "-b", lease.port())  # no way there: failed sendings count
+    proxy = commanded_proxy("-a", "239.1.2.3", "-b", lease.port())  # no way there: failed sendings count
     for receiver in (RECEIVER, "127.0.0.3"):
         control.request(net.instance, f"Add {receiver}")
     closing(Steady(sender, media, PER_SECOND))
@@ -239,8 +239,8 @@ def server():
     lease.close()
 
 
-def test_through_ssh_it_is_switched_with_the_files_over_there(start_proxy, net, server):
-    proxy = start_proxy("-a", RECEIVER)  # without input it has to be told to switch blindly
+def test_through_ssh_it_is_switched_with_the_files_over_there(commanded_proxy, net, server):
+    proxy = commanded_proxy("-a", RECEIVER)  # without input it has to be told to switch blindly
 
     def through(*words):
         return arqctl.run("--via", f"ssh:{server.HOST}", "-I", net.instance, "impair", *words, "--look", "100ms",

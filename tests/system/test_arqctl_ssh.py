@@ -39,8 +39,8 @@ def children(pid):
             for child in pathlib.Path(f"/proc/{pid}/task/{task}/children").read_text(encoding="ascii").split()]
 
 
-def test_a_command_reaches_a_proxy_through_ssh_and_leaves_nothing_behind(server, start_proxy, net):
-    start_proxy("-a", "127.0.0.2,127.0.0.3")
+def test_a_command_reaches_a_proxy_through_ssh_and_leaves_nothing_behind(server, commanded_proxy, net):
+    commanded_proxy("-a", "127.0.0.2,127.0.0.3")
     result = through(server, "-I", net.instance, "list")
     assert result == (arqctl.GOOD, "127.0.0.2\n127.0.0.3\n", "")
     assert not tunnel_folders(server)
@@ -53,8 +53,8 @@ def test_no_such_socket_over_there(server, net):
                               f"start the proxy there, or see with 'arqctl --via ssh:{server.HOST} instances' which ones run")
 
 
-def test_a_socket_over_there_whose_proxy_has_ended(server, start_proxy, net):
-    start_proxy().stop()
+def test_a_socket_over_there_whose_proxy_has_ended(server, commanded_proxy, net):
+    commanded_proxy().stop()
     result = through(server, "-I", net.instance, "list", "--json")
     assert result.status == result.json["status"] == arqctl.NO_PROXY
     assert result.json["error"] == f"nobody listens on {server.HOST}:{control.path(net.instance)}: its proxy has ended"
@@ -90,8 +90,8 @@ def test_no_ssh_program_here(net):
     assert result.problem == ("there is no program no-such-ssh", "install openssh-client, or name another with ARQCTL_SSH")
 
 
-def test_an_ssh_server_that_forwards_nothing(start_proxy, net, lease, closing):
-    start_proxy("-a", "127.0.0.2")
+def test_an_ssh_server_that_forwards_nothing(commanded_proxy, net, lease, closing):
+    commanded_proxy("-a", "127.0.0.2")
     strict = closing(SshServer(lease.port(), "AllowStreamLocalForwarding no"))
     result = through(strict, "-I", net.instance, "list")
     assert result.status == arqctl.NO_PROXY
@@ -99,8 +99,8 @@ def test_an_ssh_server_that_forwards_nothing(start_proxy, net, lease, closing):
                               "allow it in its sshd_config: AllowStreamLocalForwarding yes (or local)")
 
 
-def test_the_tunnel_is_private_and_ends_with_an_arqctl_that_is_killed(server, start_proxy, net, closing):
-    start_proxy()
+def test_the_tunnel_is_private_and_ends_with_an_arqctl_that_is_killed(server, commanded_proxy, net, closing):
+    commanded_proxy()
     with raw_control.connected(net.instance) as held:  # so that arqctl waits for its answer
         held.sendall(b"RxStat")
         assert held.recv(100)
@@ -119,8 +119,8 @@ def test_the_tunnel_is_private_and_ends_with_an_arqctl_that_is_killed(server, st
     assert not tunnel_folders(server)  # what the killed one left is gone too
 
 
-def test_instances_of_another_machine_are_those_that_arqctl_finds_there(server, start_proxy, net):
-    process = start_proxy()
+def test_instances_of_another_machine_are_those_that_arqctl_finds_there(server, commanded_proxy, net):
+    process = commanded_proxy()
     there = {**server.environment(), "ARQCTL_THERE": arqctl.program()}
     found = arqctl.run("--via", f"ssh:{server.HOST}", "instances", "--json", env=there)
     assert found.status == arqctl.GOOD
@@ -137,8 +137,8 @@ def states(port):
         return {each["id"]: each["state"] for each in json.load(answer)["channels"]}
 
 
-def test_all_proxies_of_a_host_share_one_ssh_which_is_started_again(server, launch, start_proxy, net, closing):
-    start_proxy()
+def test_all_proxies_of_a_host_share_one_ssh_which_is_started_again(server, launch, commanded_proxy, net, closing):
+    commanded_proxy()
     other, missing = instances.reserve(closing), instances.reserve(closing)
     instances.start(launch, other)
     port = closing(ports.Lease()).port()

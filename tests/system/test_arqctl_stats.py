@@ -42,8 +42,8 @@ def wait_object(watching, condition, what):
                       lambda: f"{what}; it printed:\n{watching.stdout.text}\n{watching.stderr.text}")  # fmt: skip
 
 
-def test_one_reading_is_the_same_in_all_its_forms(start_proxy, net, sender, receive):
-    start_proxy("-a", RECEIVER)
+def test_one_reading_is_the_same_in_all_its_forms(commanded_proxy, net, sender, receive):
+    commanded_proxy("-a", RECEIVER)
     pump(sender, [receive(RECEIVER)], [media(number) for number in (1, 2, 5)])
     read = arqctl.run("-I", net.instance, "--json", "stats").json
     assert read.pop("time") > 1.6e9
@@ -68,8 +68,8 @@ def test_one_reading_is_the_same_in_all_its_forms(start_proxy, net, sender, rece
     ]
 
 
-def test_the_deltas_of_a_watch_add_up_and_the_proxy_is_not_reset(start_proxy, net, receive, stream, watch):
-    start_proxy("-a", RECEIVER)
+def test_the_deltas_of_a_watch_add_up_and_the_proxy_is_not_reset(commanded_proxy, net, receive, stream, watch):
+    commanded_proxy("-a", RECEIVER)
     receive(RECEIVER)
     stream()
     watching = watch(net.instance, "--json", "--count", "8")
@@ -85,8 +85,8 @@ def test_the_deltas_of_a_watch_add_up_and_the_proxy_is_not_reset(start_proxy, ne
     assert reports.all_stats(net.instance)["RECV_PACKETS"] >= objects[-1]["input_packets"]
 
 
-def test_a_watch_for_people_prints_aligned_lines_until_sigint(start_proxy, net, receive, stream, watch):
-    start_proxy("-a", RECEIVER)
+def test_a_watch_for_people_prints_aligned_lines_until_sigint(commanded_proxy, net, receive, stream, watch):
+    commanded_proxy("-a", RECEIVER)
     receive(RECEIVER)
     stream()
     watching = watch(net.instance)
@@ -129,8 +129,8 @@ def test_a_reset_and_a_restart_are_told_and_counted_over(launch, closing, lease,
     assert all(one.get("input_packets_delta", 0) >= 0 for one in watching.objects)
 
 
-def test_with_fail_on_down_a_watch_ends_when_the_proxy_does(start_proxy, net, watch):
-    proxy = start_proxy()
+def test_with_fail_on_down_a_watch_ends_when_the_proxy_does(commanded_proxy, net, watch):
+    proxy = commanded_proxy()
     watching = watch(net.instance, "--csv", "--fail-on-down")
     wait_until(lambda: len(watching.stdout.lines) > 2, "rows")
     proxy.stop()
@@ -140,8 +140,8 @@ def test_with_fail_on_down_a_watch_ends_when_the_proxy_does(start_proxy, net, wa
     assert all(row["up"] == "1" for row in rows) and rows[-1]["input_gone"] in "01"
 
 
-def test_a_reader_that_goes_ends_the_watch_quietly(start_proxy, net):
-    start_proxy()
+def test_a_reader_that_goes_ends_the_watch_quietly(commanded_proxy, net):
+    commanded_proxy()
     command = [arqctl.program(), "-I", str(net.instance), "stats", "--watch", "24h"]
     with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as watching:
         assert watching.stdout.readline().startswith(b"time")

@@ -11,6 +11,17 @@ namespace arqctl {
 
 namespace {
 
+constexpr auto EXAMPLES = R"(Examples:
+  arqctl serve
+      all proxies of this machine, on http://127.0.0.1:8080
+  arqctl serve 1 ssh:edge1/2 --channel-name 1=News
+      these two, one of them on another machine
+  arqctl serve --listen 0.0.0.0:8080 --allow-host control.example.net
+      for the whole network, also under that name
+  arqctl serve --allow-control
+      add, delete and impair from the page, with the token that it names
+)";
+
 // One second passes between questions: who takes longer is as good as gone.
 constexpr int64_t SERVE_PATIENCE_US = 3'000'000;
 
@@ -84,20 +95,29 @@ void AddServeCommand(CLI::App& app, Session& session)
 {
     CLI::App* command = app.add_subcommand("serve", "a web page of channels, and metrics");
     const auto words = std::make_shared<ServeWords>();
-    command->add_option("--listen", words->options.listen, "address and port of the page [127.0.0.1:8080]");
+    command->add_option("--listen", words->options.listen, "address and port of the page [127.0.0.1:8080]")
+        ->type_name("ADDRESS:PORT");
     command
         ->add_option(
             "--allow-host", words->options.allowedHosts, "another name under which the page is asked for")
+        ->type_name("NAME")
         ->allow_extra_args(false);
     command->add_flag("--allow-control", words->options.isControlAllowed,
         "add, delete and impair through the page, with a token");
-    command->add_option(
-        "--token-file", words->options.tokenFile, "the token, 16 characters at least [one is made]");
-    command->add_option(
-        "--reports", words->options.reports, "where receivers report to, by UDP, or off [as --listen]");
+    command
+        ->add_option(
+            "--token-file", words->options.tokenFile, "the token, 16 characters at least [one is made]")
+        ->type_name("FILE");
+    command
+        ->add_option(
+            "--reports", words->options.reports, "where receivers report to, by UDP, or off [as --listen]")
+        ->type_name("ADDRESS:PORT");
     command->add_option("--channel-name", words->names, "2=News: what a channel is called")
+        ->type_name("TARGET=NAME")
         ->allow_extra_args(false);
-    command->add_option("targets", words->targets, "2, ssh:HOST/2 or /path/of/socket [all that run here]");
+    command->add_option("targets", words->targets, "2, ssh:HOST/2 or /path/of/socket [all that run here]")
+        ->type_name("TARGET");
+    command->footer(EXAMPLES);
     command->callback(
         [&session, words] { session.run = [&session, words] { return RunServe(session, *words); }; });
 }

@@ -158,7 +158,7 @@ std::vector<uint16_t> OwnPorts(const ProxyOptions& options)
     std::vector<uint16_t> ports { LockPort(options.instance), options.listenPort, PingPort(options),
         options.requestPort };
     std::ranges::sort(ports);
-    ports.erase(std::ranges::unique(ports).begin(), ports.end());
+    ports.erase(std::unique(ports.begin(), ports.end()), ports.end());
     return ports;
 }
 

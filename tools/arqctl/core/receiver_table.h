@@ -1,9 +1,9 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "arqctl/core/receiver_report.h"
@@ -78,7 +78,11 @@ private:
         std::string channel; // as the report says
         std::string name;
         uint16_t port;
-        auto operator<=>(const Key&) const = default;
+        bool operator<(const Key& other) const
+        {
+            return std::tie(address, channel, name, port)
+                < std::tie(other.address, other.channel, other.name, other.port);
+        }
         bool IsTwinOf(const Key& other) const
         {
             return address == other.address && channel == other.channel && name == other.name;

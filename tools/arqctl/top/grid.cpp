@@ -91,10 +91,10 @@ std::string Grid::Line(int row) const
 
 std::string Grid::Tones(int row) const
 {
-    constexpr std::string_view LETTERS = " fhsgwrba";
+    constexpr std::string_view TONE_LETTERS = " fhsgwrba";
     std::string line;
     for (int column = 0; column < m_nColumns; ++column)
-        line += LETTERS[static_cast<size_t>(At(column, row).tone)];
+        line += TONE_LETTERS[static_cast<size_t>(At(column, row).tone)];
     line.erase(line.find_last_not_of(' ') + 1);
     return line;
 }
