@@ -23,6 +23,7 @@ MARKERS = {
     "release": "release_only: limits of memory, time and libraries are promises of the release build",
     "asan": "asan_only: needs the address sanitizer",
 }
+LARGE = "large: runs programs that take a whole machine, a browser or a Prometheus; after the others, two at a time"
 
 
 def pytest_collection_modifyitems(config, items):
@@ -47,7 +48,7 @@ def pytest_collection_modifyitems(config, items):
 
 
 def pytest_configure(config):
-    for marker in MARKERS.values():
+    for marker in (*MARKERS.values(), LARGE):
         config.addinivalue_line("markers", marker)
     # Also in the process that only hands out the tests: it meets a refusal first and says so once.
     try:

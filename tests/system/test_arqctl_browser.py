@@ -20,7 +20,7 @@ from txproxy.receiver import Sender
 from txproxy.traffic import Steady
 from txproxy.waiting import wait_until
 
-pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("browser")]
+pytestmark = [pytest.mark.release_only, pytest.mark.large, pytest.mark.xdist_group("browser")]
 
 PER_SECOND = 400
 PAYLOAD = bytes(1316)

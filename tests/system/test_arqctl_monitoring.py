@@ -23,7 +23,7 @@ from txproxy.receiver import Sender
 from txproxy.traffic import Steady
 from txproxy.waiting import wait_until
 
-pytestmark = pytest.mark.release_only
+pytestmark = [pytest.mark.release_only, pytest.mark.large]
 
 FOLDER = ROOT / "monitoring"
 METRIC = re.compile(r"\b(?:tx_proxy|arqctl)_\w+\b|\bup\b(?={)")

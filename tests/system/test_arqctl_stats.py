@@ -108,6 +108,7 @@ def test_a_reset_and_a_restart_are_told_and_counted_over(launch, closing, lease,
     wait_until(lambda: len(people.stdout.lines) > 2, "the first lines")
     assert control.request(where.instance, "StatClear") == "OK: Stat Reset"
     wait_object(watching, lambda one: one["resets"] == 1, "a reset")
+    wait_until(lambda: "its counts were reset" in people.stdout.text, "a line of it")
     proxy.stop()
     down = wait_object(watching, lambda one: not one["up"], "the proxy to be down")
     assert down["error"] == f"nobody listens on /dev/arq_tx_ctrl{where.instance}: its proxy has ended"

@@ -5,6 +5,8 @@ import pathlib
 
 from .proxy import Proxy, binary
 
+LONGEST_RUN = 60  # seconds; its own limits are far below, but ssh has much to compute on a busy machine
+
 # Exit statuses.
 GOOD, NOT_DONE, USAGE, NO_PROXY, BAD_ANSWER, NO_START, ALREADY_SO = range(7)
 
@@ -56,7 +58,7 @@ def run(*arguments, **keywords):
     """Runs it to its own end: run("-I", 3, "list").status; `keywords` are those of txproxy.proxy.Proxy."""
     arqctl = Arqctl(*arguments, **keywords)
     try:
-        status = arqctl.wait_exit()
+        status = arqctl.wait_exit(LONGEST_RUN)
     finally:
         arqctl.kill()
     return Result((status, arqctl.stdout.text, arqctl.stderr.text))

@@ -14,7 +14,7 @@ def promtool(*arguments, folder, stdin=subprocess.DEVNULL):
     """Runs it in `folder`; returns (status, standard output and error together)."""
     done = subprocess.run(
         ["promtool", *arguments], cwd=folder, stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-        timeout=scaled(DEFAULT_TIMEOUT), check=False,
+        timeout=scaled(4 * DEFAULT_TIMEOUT), check=False,
     )  # fmt: skip
     return done.returncode, done.stdout
 
