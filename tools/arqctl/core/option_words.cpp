@@ -74,7 +74,7 @@ bool SortWords(const std::vector<std::string>& arguments, std::string_view lette
             sorted.positionals.push_back(word);
         else if (word == "--")
             isOver = true;
-        else if (!TakeLetters(arguments, next, std::string_view(word).substr(1), letters, sorted.options))
+        else if (!TakeLetters(arguments, next, std::string_view { word }.substr(1), letters, sorted.options))
             return false;
     }
     words = std::move(sorted);

@@ -5,6 +5,8 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <string_view>
@@ -44,8 +46,8 @@ struct ChildPipes {
     char* const* words, char* const* environment, const ChildPipes& pipes, pid_t parent)
 {
     sigset_t none;
-    sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)sigemptyset(&none);
+    (void)pthread_sigmask(SIG_SETMASK, &none, nullptr);
     (void)signal(SIGPIPE, SIG_DFL);
     (void)setsid();
     (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -80,16 +82,17 @@ void NeverWait(const UniqueFd& fd)
 // The first three are taken by the child's own: a pipe must not be one of them.
 bool IsAboveStandard(const ChildPipes& pipes)
 {
-    for (const Pipe* pipe : { &pipes.input, &pipes.output, &pipes.errors, &pipes.word })
-        if (pipe->readEnd.Get() <= STDERR_FILENO || pipe->writeEnd.Get() <= STDERR_FILENO)
-            return false;
-    return true;
+    const std::array all { &pipes.input, &pipes.output, &pipes.errors, &pipes.word };
+    return std::all_of(all.begin(), all.end(), [](const Pipe* pipe) {
+        return pipe->readEnd.Get() > STDERR_FILENO && pipe->writeEnd.Get() > STDERR_FILENO;
+    });
 }
 
 // With a null behind the last, as exec wants them.
 std::vector<char*> PointersTo(std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
         pointers.push_back(text.data());
     pointers.push_back(nullptr);

@@ -45,7 +45,7 @@ std::string HostTunnel::LocalPath(const std::string& remotePath)
     const int error = m_folder.Make();
     if (error != 0)
         Fail(Failure::NoSsh,
-            { std::string("no folder could be made for the tunnel: ") + strerror(error),
+            { std::string("no folder could be made for the tunnel: ") + strerrordesc_np(error),
                 "name one that can be written to with TMPDIR" });
     return m_folder.Path() + "/" + std::to_string(found - m_remotePaths.begin());
 }

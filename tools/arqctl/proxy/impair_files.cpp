@@ -27,7 +27,8 @@ std::string RunPath(int instance, const char* end)
 
 Trouble FileTrouble(const std::string& what, const std::string& path, int error)
 {
-    return { what + " " + path + ": " + strerror(error), "run this as the proxy's user (root, as a rule)" };
+    return { what + " " + path + ": " + strerrordesc_np(error),
+        "run this as the proxy's user (root, as a rule)" };
 }
 
 // Where a link to the file points; the path itself without a file.

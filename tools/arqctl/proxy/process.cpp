@@ -30,7 +30,7 @@ bool IsProxy(const std::string& folder)
     if (const auto file = LinkText(folder + "exe"))
         return IsProxyName(*file);
     std::string name = ReadText(folder + "comm").value_or("");
-    return IsProxyName(std::string_view(name).substr(0, name.find('\n')));
+    return IsProxyName(std::string_view { name }.substr(0, name.find('\n')));
 }
 
 // Empty where the descriptors may not be looked at: a process that lets itself be looked at has some.
@@ -41,7 +41,8 @@ std::optional<std::set<uint64_t>> SocketInodes(const std::string& folder)
         return std::nullopt;
     std::set<uint64_t> inodes;
     for (const std::string& name : names) {
-        const uint64_t inode = SocketInode(LinkText(folder + "fd/" + name).value_or(""));
+        const uint64_t inode
+            = SocketInode(LinkText(std::string(folder).append("fd/").append(name)).value_or(""));
         if (inode != 0)
             inodes.insert(inode);
     }
@@ -151,7 +152,7 @@ std::vector<int> ProxyProcesses()
     std::vector<int> processes;
     for (const std::string& name : NamesIn("/proc")) {
         int pid = 0;
-        if (ReadWhole(std::string_view(name), pid) && pid > 0 && IsProxy(FolderOf(pid)))
+        if (ReadWhole(name, pid) && pid > 0 && IsProxy(FolderOf(pid)))
             processes.push_back(pid);
     }
     std::ranges::sort(processes);

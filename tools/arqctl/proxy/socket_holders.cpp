@@ -22,7 +22,7 @@ void ForEachSocket(int pid, const std::function<void(int fd, uint64_t inode)>& t
     for (const std::string& name : NamesIn(folder)) {
         int fd = 0;
         const uint64_t inode = SocketInode(LinkText(folder + name).value_or(""));
-        if (inode != 0 && ReadWhole(std::string_view(name), fd))
+        if (inode != 0 && ReadWhole(name, fd))
             take(fd, inode);
     }
 }
@@ -50,7 +50,7 @@ std::map<uint64_t, SocketHolder> HoldersOf(const std::set<uint64_t>& inodes)
         return holders;
     for (const std::string& entry : NamesIn("/proc")) {
         int pid = 0;
-        if (!ReadWhole(std::string_view(entry), pid))
+        if (!ReadWhole(entry, pid))
             continue;
         ForEachSocket(pid, [&](int /*fd*/, uint64_t inode) {
             if (inodes.contains(inode) && !holders.contains(inode))

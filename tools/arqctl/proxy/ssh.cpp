@@ -121,7 +121,7 @@ Trouble StartTrouble(int error)
     if (error == ENOENT)
         return { "there is no program " + program,
             "install openssh-client, or name another with ARQCTL_SSH" };
-    return { "the program " + program + " cannot be started: " + strerror(error),
+    return { "the program " + program + " cannot be started: " + strerrordesc_np(error),
         "see that it may be run, and that ARQCTL_SSH is right" };
 }
 

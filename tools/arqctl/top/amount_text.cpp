@@ -74,11 +74,12 @@ double RoundTop(double value, double least)
 {
     if (!std::isfinite(value) || value <= least)
         return least;
-    double power = std::pow(10.0, std::floor(std::log10(value)));
-    for (;; power *= 10)
-        for (const double factor : { 1.0, 2.0, 5.0 })
-            if (factor * power >= value)
-                return factor * power;
+    const double power = std::pow(10.0, std::floor(std::log10(value)));
+    constexpr double NEXT = 10; // power of ten: rounding may have made this one too small by a hair
+    for (const double factor : { 1.0, 2.0, 5.0, NEXT, 2 * NEXT })
+        if (factor * power >= value)
+            return factor * power;
+    return value;
 }
 
 } // namespace arqctl::top

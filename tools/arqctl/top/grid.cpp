@@ -72,12 +72,12 @@ void Grid::PutLetter(int column, int row, char32_t letter, Tone tone)
 {
     if (column < 0 || column >= m_nColumns || row < 0 || row >= m_nRows)
         return;
-    m_cells[static_cast<size_t>(row * m_nColumns + column)] = { letter, tone };
+    m_cells[Index(column, row)] = { letter, tone };
 }
 
 const Cell& Grid::At(int column, int row) const
 {
-    return m_cells[static_cast<size_t>(row * m_nColumns + column)];
+    return m_cells[Index(column, row)];
 }
 
 std::string Grid::Line(int row) const
@@ -142,7 +142,7 @@ std::string CutFront(const std::string& text, int columns)
     if (room <= CUT.size())
         return std::string(CUT.substr(0, room));
     return std::string(CUT)
-        + Utf8OfAll(std::u32string_view(letters).substr(letters.size() - room + CUT.size()));
+        + Utf8OfAll(std::u32string_view { letters }.substr(letters.size() - room + CUT.size()));
 }
 
 std::string CutBack(const std::string& text, int columns)
@@ -153,7 +153,7 @@ std::string CutBack(const std::string& text, int columns)
         return Utf8OfAll(letters);
     if (room <= CUT.size())
         return std::string(CUT.substr(0, room));
-    return Utf8OfAll(std::u32string_view(letters).substr(0, room - CUT.size())) + std::string(CUT);
+    return Utf8OfAll(std::u32string_view { letters }.substr(0, room - CUT.size())) + std::string(CUT);
 }
 
 std::vector<std::string> WrapText(const std::string& text, int columns)

@@ -47,6 +47,12 @@ public:
     std::string Tones(int row) const;
 
 private:
+    // Of a cell inside.
+    size_t Index(int column, int row) const
+    {
+        return static_cast<size_t>(row) * static_cast<size_t>(m_nColumns) + static_cast<size_t>(column);
+    }
+
     int m_nColumns;
     int m_nRows;
     std::vector<Cell> m_cells;

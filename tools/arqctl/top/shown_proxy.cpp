@@ -67,7 +67,7 @@ std::string StateWord(const ShownProxy& proxy)
 
 std::string StateSentence(const ShownProxy& proxy, int64_t nowUs)
 {
-    const std::string word = StateWord(proxy);
+    std::string word = StateWord(proxy);
     switch (StateOf(proxy)) {
     case ProxyState::Asked:
         return "waiting for its first answer";

@@ -187,7 +187,7 @@ void DrawReceivers(Grid& grid, const Area& area, const ShownProxy& proxy, const 
     const int markedAt = found == receivers.end() ? 0 : static_cast<int>(found - receivers.begin());
     const int first = std::clamp(markedAt - shown / 2, 0, count - shown);
     for (int place = 0; place < shown; ++place) {
-        const std::string& receiver = receivers[static_cast<size_t>(first + place)];
+        const std::string& receiver = receivers[static_cast<size_t>(first) + static_cast<size_t>(place)];
         grid.Put(area.column + 1 + place % aRow * RECEIVER, area.row + 1 + place / aRow, receiver,
             first + place == markedAt && !marked.empty() ? Tone::Ask
                 : proxy.reading.isUp                     ? Tone::Plain

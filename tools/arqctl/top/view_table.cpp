@@ -152,7 +152,8 @@ void DrawTable(Grid& grid, const Area& area, bool hasHead, const ViewState& stat
     const int first = std::clamp(selected - area.rows / 2, 0, std::max(0, count - area.rows));
     for (int row = 0; row < area.rows && first + row < count; ++row)
         DrawRow(grid, { area.column, area.row + row, area.columns, 1 }, layout,
-            state.proxies[static_cast<size_t>(first + row)], state, first + row == selected);
+            state.proxies[static_cast<size_t>(first) + static_cast<size_t>(row)], state,
+            first + row == selected);
 }
 
 } // namespace arqctl::top

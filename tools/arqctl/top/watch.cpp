@@ -32,7 +32,7 @@ std::string FactsText(const ProxyOptions& options)
 
 } // namespace
 
-Watch::Watch(std::vector<Target> targets, int64_t patienceUs)
+Watch::Watch(const std::vector<Target>& targets, int64_t patienceUs)
     : m_bFinds(targets.empty()),
       m_poller({}, ASK_EVERY_US, patienceUs)
 {

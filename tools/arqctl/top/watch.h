@@ -22,7 +22,7 @@ namespace arqctl::top {
 // Times are microseconds of the monotonic clock. Threads: one thread's own.
 class Watch {
 public:
-    Watch(std::vector<Target> targets, int64_t patienceUs);
+    Watch(const std::vector<Target>& targets, int64_t patienceUs);
 
     // Adds what to wait for, and returns when Proceed is to be called at the latest.
     int64_t Wait(std::vector<pollfd>& descriptors) const;

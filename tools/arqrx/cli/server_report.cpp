@@ -51,7 +51,7 @@ std::string Text(nlohmann::ordered_json& object)
 
 } // namespace
 
-ServerReport::ServerReport(std::string stream, const Options& options)
+ServerReport::ServerReport(const std::string& stream, const Options& options)
     : m_stream(stream.substr(0, LONGEST_STREAM)),
       m_server(options.report),
       m_name(options.reportName.empty() ? HostName() : options.reportName),

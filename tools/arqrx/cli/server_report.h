@@ -15,7 +15,7 @@ constexpr size_t LONGEST_SERVER_REPORT = 1400; // bytes
 class ServerReport : public Report {
 public:
     // `stream` as the operator named it.
-    ServerReport(std::string stream, const Options& options);
+    ServerReport(const std::string& stream, const Options& options);
 
     std::string Interval(const Sample& now, int64_t wallSeconds) override;
     std::string Last(const Sample& last, const RunEnd& end, int64_t wallSeconds) override;
