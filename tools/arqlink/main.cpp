@@ -1,8 +1,8 @@
 #include "arqlink/options.h"
 #include "arqlink/relay/relay.h"
-#include "arqlink/relay/stop_signal.h"
 #include "arqlink/report.h"
 #include "common/clock.h"
+#include "common/stop_signal.h"
 
 #include <algorithm>
 #include <csignal>
@@ -97,7 +97,7 @@ private:
 
 int RunRelay(Options& options, Report& report)
 {
-    const UniqueFd stop = OpenStopSignal();
+    const UniqueFd stop = common::OpenStopSignal();
     (void)std::signal(SIGPIPE, SIG_IGN);
     AllowDescriptors(options.relay);
     options.relay.stopFd = stop.Get();

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -51,16 +50,6 @@ ExitStatus EndOfOutput(const Session& session, Written written)
     return Fail(session, ExitStatus::NoStart,
         "standard output takes nothing more: " + std::generic_category().message(errno),
         "make room where it is written to, or write elsewhere");
-}
-
-UniqueFd OpenStopSignal()
-{
-    sigset_t signals;
-    (void)sigemptyset(&signals);
-    (void)sigaddset(&signals, SIGINT);
-    (void)sigaddset(&signals, SIGTERM);
-    (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 } // namespace arqctl

@@ -3,7 +3,6 @@
 #include <string_view>
 
 #include "arqctl/cli/session.h"
-#include "base/unique_fd.h"
 
 namespace arqctl {
 
@@ -21,9 +20,5 @@ Written WriteOut(std::string_view text, int stop = -1);
 
 // How the command ends after something else than Yes.
 ExitStatus EndOfOutput(const Session& session, Written written);
-
-// A descriptor that becomes readable when the program is asked to end (SIGINT, SIGTERM). From then on these two signals
-// do nothing else.
-UniqueFd OpenStopSignal();
 
 } // namespace arqctl

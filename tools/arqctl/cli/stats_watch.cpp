@@ -14,6 +14,7 @@
 #include "arqctl/proxy/poller.h"
 #include "arqctl/proxy/process.h"
 #include "common/clock.h"
+#include "common/stop_signal.h"
 
 namespace arqctl {
 
@@ -31,7 +32,7 @@ public:
     StatsWatch(const Session& session, const WatchSettings& settings)
         : m_session(session),
           m_settings(settings),
-          m_stop(OpenStopSignal()),
+          m_stop(common::OpenStopSignal()),
           m_poller({ session.tunnels->PathOf(session.target) }, settings.periodUs, session.patienceUs)
     {
     }

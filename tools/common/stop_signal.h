@@ -2,10 +2,10 @@
 
 #include "base/unique_fd.h"
 
-namespace arqlink {
+namespace common {
 
 // A descriptor that becomes readable when the program is asked to end (SIGINT, SIGTERM). From then on these two signals
 // do nothing else, so it is made before any thread.
 UniqueFd OpenStopSignal();
 
-} // namespace arqlink
+} // namespace common

@@ -1,9 +1,9 @@
-#include "arqlink/relay/stop_signal.h"
+#include "common/stop_signal.h"
 
 #include <csignal>
 #include <sys/signalfd.h>
 
-namespace arqlink {
+namespace common {
 
 UniqueFd OpenStopSignal()
 {
@@ -15,4 +15,4 @@ UniqueFd OpenStopSignal()
     return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-} // namespace arqlink
+} // namespace common
