@@ -518,6 +518,24 @@ def test_a_port_in_use_is_said_so(server):
                               "choose another one with --listen ADDRESS:PORT")
 
 
+def bound_to(server, protocol):
+    """The addresses and ports, in hexadecimal, of the sockets of this protocol that it listens with."""
+    folder = pathlib.Path(f"/proc/{server.pid}")
+    own = {match.group(1) for link in (folder / "fd").iterdir()
+           if (match := re.fullmatch(r"socket:\[(\d+)\]", str(link.readlink())))}  # fmt: skip
+    rows = [line.split() for line in (folder / "net" / protocol).read_text("utf-8").splitlines()[1:]]
+    return [row[1] for row in rows if row[9] in own]
+
+
+@pytest.mark.release_only
+def test_unless_told_it_is_reached_from_this_machine_only(closing):
+    server = closing(arqctl.Arqctl("serve", NOWHERE))
+    server.wait_stdout("http://127.0.0.1:8080/")
+    here = "0100007F:1F90"
+    assert (bound_to(server, "tcp"), bound_to(server, "udp")) == ([here], [here])
+    assert bound_to(server, "tcp6") == bound_to(server, "udp6") == []
+
+
 @pytest.mark.parametrize("told", [signal.SIGTERM, signal.SIGINT])
 def test_a_signal_ends_it_cleanly_with_clients_and_removes_the_token(closing, told):
     server = closing(Server("--allow-control", NOWHERE))
