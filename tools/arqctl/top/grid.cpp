@@ -131,29 +131,33 @@ std::string Utf8OfAll(std::u32string_view letters)
 
 constexpr std::string_view CUT = "..";
 
+enum class Side { Front, Back };
+
+// The text in so many columns; what has no room is cut off at one side.
+std::string CutAt(Side side, const std::string& text, int columns)
+{
+    const std::u32string letters = LettersOf(text);
+    const auto room = static_cast<size_t>(std::max(columns, 0));
+    if (letters.size() <= room)
+        return Utf8OfAll(letters);
+    if (room <= CUT.size())
+        return std::string(CUT.substr(0, room));
+    const std::u32string_view all = letters;
+    const size_t kept = room - CUT.size();
+    return side == Side::Front ? std::string(CUT) + Utf8OfAll(all.substr(all.size() - kept))
+                               : Utf8OfAll(all.substr(0, kept)) + std::string(CUT);
+}
+
 } // namespace
 
 std::string CutFront(const std::string& text, int columns)
 {
-    const std::u32string letters = LettersOf(text);
-    const auto room = static_cast<size_t>(std::max(columns, 0));
-    if (letters.size() <= room)
-        return Utf8OfAll(letters);
-    if (room <= CUT.size())
-        return std::string(CUT.substr(0, room));
-    return std::string(CUT)
-        + Utf8OfAll(std::u32string_view { letters }.substr(letters.size() - room + CUT.size()));
+    return CutAt(Side::Front, text, columns);
 }
 
 std::string CutBack(const std::string& text, int columns)
 {
-    const std::u32string letters = LettersOf(text);
-    const auto room = static_cast<size_t>(std::max(columns, 0));
-    if (letters.size() <= room)
-        return Utf8OfAll(letters);
-    if (room <= CUT.size())
-        return std::string(CUT.substr(0, room));
-    return Utf8OfAll(std::u32string_view { letters }.substr(0, room - CUT.size())) + std::string(CUT);
+    return CutAt(Side::Back, text, columns);
 }
 
 std::vector<std::string> WrapText(const std::string& text, int columns)
