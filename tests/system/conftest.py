@@ -6,9 +6,11 @@ this file says beforehand whether the machine lets it make them.
 TX_PROXY_TIME_SCALE   factor for all time-outs (default 1; 3 with the address sanitizer, 5 with the thread sanitizer)
 TX_PROXY_BUILD_KIND   "release" when the binary is an optimised build without sanitizers, "asan" with the
                       address sanitizer
+TX_PROXY_LONG         set and not empty: tests marked `long`, which take minutes, run too
 """
 
 import collections
+import os
 import types
 
 import pytest
@@ -23,6 +25,7 @@ MARKERS = {
     "release": "release_only: limits of memory, time and libraries are promises of the release build",
     "asan": "asan_only: needs the address sanitizer",
 }
+LONG = "long: takes minutes, or what only a release needs; its short form is a test of its own (TX_PROXY_LONG)"
 LARGE = "large: runs programs that take a whole machine, a browser or a Prometheus; after the others, two at a time"
 
 
@@ -34,6 +37,8 @@ def pytest_collection_modifyitems(config, items):
     each the first test of its file, have had some time.
     """
     foreign = [f"{kind}_only" for kind in MARKERS if kind != proxy.build_kind()]
+    if not os.environ.get("TX_PROXY_LONG"):
+        foreign.append("long")
     dropped = [item for item in items if any(map(item.get_closest_marker, foreign))
                or (proxy.build_kind() == "tsan" and item.path.name.startswith(ONE_THREAD))]
     items[:] = [item for item in items if item not in dropped]
@@ -48,7 +53,7 @@ def pytest_collection_modifyitems(config, items):
 
 
 def pytest_configure(config):
-    for marker in (*MARKERS.values(), LARGE):
+    for marker in (*MARKERS.values(), LARGE, LONG):
         config.addinivalue_line("markers", marker)
     # Also in the process that only hands out the tests: it meets a refusal first and says so once.
     try:
