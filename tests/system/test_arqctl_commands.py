@@ -183,9 +183,12 @@ def test_drain_tells_of_receivers_that_ping_and_of_those_with_a_stream_id(comman
 def test_instances_tells_proxies_stale_sockets_and_other_programs_apart(commanded_proxy, launch, net, closing):
     process = commanded_proxy("-a", "127.0.0.2", "-Z", "secret")
     ended = instances.reserve(closing)
-    instances.start(launch, ended).stop()
+    process_of_ended = instances.start(launch, ended)
     cut_off = instances.reserve(closing)
     without = instances.start(launch, cut_off)
+    for each in (ended, cut_off):
+        wait_until(pathlib.Path(control.path(each.instance)).exists, "the control socket")
+    process_of_ended.stop()
     os.unlink(control.path(cut_off.instance))
     pathlib.Path(control.path("X")).write_text("a file", encoding="ascii")
     try:

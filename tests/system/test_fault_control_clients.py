@@ -11,6 +11,7 @@ import pytest
 
 from txproxy import control, impairment, raw_control, rtp
 from txproxy.control import request
+from txproxy.model_receiver import wait_bound
 from txproxy.process import cpu_seconds, descriptors
 from txproxy.receiver import pump
 from txproxy.waiting import DEFAULT_TIMEOUT, scaled, wait_until
@@ -163,6 +164,7 @@ def test_a_bad_client_stops_neither_stream_nor_toggles_and_the_next_one_is_serve
     start_proxy, net, sender, receive, kind
 ):
     proxy = start_proxy("-a", "127.0.0.2")
+    wait_bound(proxy, net.destination, net.request)  # every thread has its descriptors
     receiver = receive()
     impairment.write_settings(net.instance, mode=9)  # withholds nothing
     usual = min(descriptors_without_clients(proxy, net.instance) for _ in range(3))

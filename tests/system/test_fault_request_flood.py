@@ -28,6 +28,8 @@ from txproxy.receiver import udp_socket
 from txproxy.traffic import Paced, send_all
 from txproxy.waiting import scaled
 
+pytestmark = pytest.mark.xdist_group("flood")  # one at a time: two floods share the kernel's queues, and leave no core
+
 RATE = float(os.environ.get("TX_PROXY_FLOOD_RATE", "10000")) / scaled(1)
 THREADS = int(os.environ.get("TX_PROXY_FLOOD_THREADS", "1"))
 STRANGER = "127.0.0.66"

@@ -25,6 +25,8 @@ from txproxy.reports import rx_stat
 from txproxy.shaping import SLOW_PEER, SlowCable
 from txproxy.waiting import scaled, wait_until
 
+pytestmark = pytest.mark.xdist_group("flood")  # one at a time: two floods share the kernel's queues, and leave no core
+
 CONFIGURED = "127.0.1.3"
 STAYING = ["127.0.1.1", "127.0.1.2", CONFIGURED]
 GUESTS = 40
