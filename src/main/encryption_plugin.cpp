@@ -11,16 +11,16 @@ namespace {
 
 constexpr int32_t OPEN_MODE = 1;
 
-FilePath s_root("%s", "");
+FilePath s_libraryRoot("%s", "");
 
 FilePath InstalledPath()
 {
-    return FilePath("%s/usr/local/bin/libsorvanex.so.1.0", s_root.c_str());
+    return FilePath("%s/usr/local/bin/libsorvanex.so.1.0", s_libraryRoot.c_str());
 }
 
 FilePath DiskPath()
 {
-    return FilePath("%s/disk/sorvanex/libsorvanex.so.1.0", s_root.c_str());
+    return FilePath("%s/disk/sorvanex/libsorvanex.so.1.0", s_libraryRoot.c_str());
 }
 
 // Prints the loader's last error; false when there was none.
@@ -44,7 +44,7 @@ bool Resolve(void* library, const char* name, Function* function)
 
 void SetPluginRoot(const char* root)
 {
-    s_root = FilePath("%s", root != nullptr ? root : "");
+    s_libraryRoot = FilePath("%s", root != nullptr ? root : "");
 }
 
 void EncryptionPlugin::Load(const char* password, int32_t length)

@@ -5,31 +5,24 @@
 #include <cstring>
 
 #include "simulation/failure.h"
+#include "simulation/time_units.h"
+#include "simulation/words.h"
 
 namespace simulation {
 
 namespace {
 
-constexpr int64_t MS = 1000;
-constexpr int64_t SECOND = 1000000;
-constexpr size_t MEDIA_HEADER_BYTES = 12;
+constexpr size_t MEDIA_BYTES = 12;
 constexpr size_t TAG_BYTES = 8;
 constexpr size_t REQUEST_HEADER_BYTES = 10;
 constexpr uint8_t RESENT_TYPE = 122;
 constexpr int64_t PAUSE_US = 500 * MS; // in which media may be taken for ended
-constexpr int JUMP = 100; // numbers that may be taken for another stream
+constexpr int NEW_STREAM_JUMP = 100; // numbers that may be taken for another stream
 constexpr int64_t CLEAR_STEP_US = 2 * SECOND; // of the clock: nobody takes it for a delay
 constexpr int64_t STEP_SEEN_US = 3 * SECOND; // behind it and the latency
 // A wake-up for each thing done, and some for each second: pings, echoes, and a margin.
 constexpr uint64_t WAKE_UPS_EACH = 3;
 constexpr uint64_t WAKE_UPS_A_SECOND = 25;
-
-uint16_t Word16(const uint8_t* bytes)
-{
-    uint16_t word = 0;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-}
 
 // What 32 bits of ticks show of a step: whole laps of 13 hours are nothing.
 int64_t ShownUs(int64_t byUs)
@@ -40,7 +33,7 @@ int64_t ShownUs(int64_t byUs)
 
 bool IsMedia(const std::vector<uint8_t>& bytes)
 {
-    return bytes.size() >= MEDIA_HEADER_BYTES && bytes[0] == 0x80;
+    return bytes.size() >= MEDIA_BYTES && bytes[0] == 0x80;
 }
 
 // An echo or a stop message.
@@ -174,7 +167,7 @@ void ArqrxLife::NoteArrival(const std::vector<uint8_t>& bytes)
     const bool isRepeated = m_nMedia != 0 && !isResend && static_cast<int16_t>(seq - m_usLastSeq) <= 0
         && static_cast<int32_t>(timestamp - m_nLastTimestamp) > 0;
     const bool isPause = m_nMedia != 0 && NowUs() - m_nLastMediaUs > PAUSE_US;
-    const bool isJump = m_nMedia != 0 && std::abs(static_cast<int16_t>(seq - m_usLastSeq)) > JUMP;
+    const bool isJump = m_nMedia != 0 && std::abs(static_cast<int16_t>(seq - m_usLastSeq)) > NEW_STREAM_JUMP;
     if (m_nMedia == 0 || isPause || isJump || isRepeated || ssrc != m_nSsrc) {
         ++m_nReasons;
         m_nLastReasonUs = NowUs();

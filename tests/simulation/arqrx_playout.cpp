@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "simulation/failure.h"
+#include "simulation/time_units.h"
 
 namespace simulation {
 
@@ -12,8 +13,6 @@ namespace {
 
 using Verdict = EngineModel::Verdict;
 
-constexpr int64_t MS = 1000;
-constexpr int64_t SECOND = 1000000;
 constexpr int JUMP = 30000; // numbers
 constexpr int LATEST = 5000; // numbers by which a packet is late; more than that is ahead by a lap
 // Tolerance, round trip and hold-off fit in, at their longest.

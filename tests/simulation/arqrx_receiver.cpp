@@ -1,4 +1,5 @@
 #include "simulation/arqrx_receiver.h"
+#include "simulation/time_units.h"
 
 #include <arpa/inet.h>
 
@@ -8,8 +9,6 @@ namespace simulation {
 
 namespace {
 
-constexpr int64_t MS = 1000;
-constexpr int64_t SECOND = 1000000;
 // And a few packets more: more than any latency and way, and than two packets take to prove another source.
 constexpr int64_t SOURCE_KEPT_US = 15 * SECOND;
 

@@ -7,15 +7,15 @@
 
 #include "simulation/failure.h"
 #include "simulation/recovery.h"
+#include "simulation/time_units.h"
 #include "simulation/world.h"
 
 namespace simulation {
 
 namespace {
 
-constexpr int64_t SECOND = 1000000;
 constexpr int64_t PAYLOAD_BYTES = 1316; // seven packets of a transport stream
-constexpr int64_t HEADER_BYTES = 12;
+constexpr int64_t MEDIA_HEADER_BYTES = 12;
 
 constexpr const char* USAGE
     = "usage: simulation --recovery [loss=PERCENT] [up=PERCENT] [burst=PACKETS] [rate=MBIT]\n"
@@ -135,7 +135,7 @@ void PrintHop(const Words& words, const Config& config, const PlayedTotals& play
     const double tries = TriesIn(words);
     fprintf(Report(), "lost of all: %.2g; %.0f tries fit into the latency and leave %.2g\n", lost, tries,
         LostAfter(down, up, tries));
-    const double datagramBytes = static_cast<double>(PAYLOAD_BYTES + HEADER_BYTES);
+    const double datagramBytes = static_cast<double>(PAYLOAD_BYTES + MEDIA_HEADER_BYTES);
     fprintf(Report(),
         "a receiver gets %.0f packets/s and %.2f resends/s (%.3f times the bandwidth, %.2f Mbit/s) and sends %.2f "
         "requests/s for %.2f numbers/s\n",

@@ -4,14 +4,12 @@
 #include <array>
 
 #include "simulation/arqrx_playout.h"
+#include "simulation/time_units.h"
 #include "simulation/world.h"
 
 namespace simulation {
 
 namespace {
-
-constexpr int64_t MS = 1000;
-constexpr int64_t SECOND = 1000000;
 
 // Ten receivers behind links of 20 ms that lose a tenth each way, 200 packets a second.
 Config LossyConfig(uint64_t seed)

@@ -12,6 +12,7 @@
 #include "input/packet_buffer.h"
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
+#include "simulation/words.h"
 
 namespace simulation {
 
@@ -23,13 +24,6 @@ namespace {
 constexpr uint32_t POOL_MARGIN = 1024;
 constexpr uint32_t STOP_MAGIC = 0xDEADBEEF;
 constexpr uint32_t ID_MAGIC = 0xBABEFACE;
-
-uint16_t Word16(const uint8_t* bytes)
-{
-    uint16_t word = 0;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-}
 
 uint32_t Word32(const uint8_t* bytes)
 {

@@ -5,13 +5,12 @@
 #include <iterator>
 
 #include "base/most_together.h"
+#include "simulation/time_units.h"
 
 namespace simulation {
 
 namespace {
 
-constexpr int64_t MS = 1000;
-constexpr int64_t SECOND = 1000000;
 constexpr int64_t HOUR = 3600 * SECOND;
 
 constexpr const char* KINDS[] = { "short", "dense", "wide", "sparse", "days" };

@@ -6,13 +6,12 @@
 #include <cstring>
 
 #include "simulation/failure.h"
+#include "simulation/time_units.h"
 
 namespace simulation {
 
 namespace {
 
-constexpr int64_t MS = 1000;
-constexpr int64_t SECOND = 1000000;
 constexpr int ASKS = 6; // for one number, then it is given up
 constexpr int64_t LONGEST_RECOVERY_US = 3 * SECOND; // all asks for a number and some time
 // Numbers of one request. Who would miss more takes a new stream to have begun.
@@ -232,13 +231,13 @@ void ModelReceiver::Ask()
 // In the calm every request is heard and every answer arrives: who has asked and got nothing was refused.
 void ModelReceiver::GiveUp(const Missing& missing) const
 {
-    using Verdict = EngineModel::Verdict;
     if (missing.calmAsks < ASKS || !missing.isAnswered)
         return;
-    const bool isRefused = missing.verdict == Verdict::NotInBuffer || missing.verdict == Verdict::Reused
-        || missing.verdict == Verdict::Expired;
+    const bool isRefused = missing.verdict == EngineModel::Verdict::NotInBuffer
+        || missing.verdict == EngineModel::Verdict::Reused
+        || missing.verdict == EngineModel::Verdict::Expired;
     // A wall clock that was set back holds off what was sent again before that.
-    const bool isHeldOff = m_config.clockSteps != 0 && missing.verdict == Verdict::HeldOff;
+    const bool isHeldOff = m_config.clockSteps != 0 && missing.verdict == EngineModel::Verdict::HeldOff;
     if (!isRefused && !isHeldOff)
         Fail(Outcome::LostLiveness,
             "receiver %d asked for number %d %d times and got it neither nor a reason", m_identity.index,

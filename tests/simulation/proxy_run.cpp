@@ -11,15 +11,15 @@
 #include "pacing/c_pacer.h"
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
+#include "simulation/time_units.h"
 
 namespace simulation {
 
 namespace {
 
 constexpr int32_t PACER_PERIOD_MS = 10;
-constexpr int32_t HEADER_BYTES = 12;
+constexpr int32_t RTP_HEADER_BYTES = 12;
 constexpr size_t SSRC_AT = 8;
-constexpr int64_t SECOND = 1000000;
 constexpr uint8_t PAYLOAD_TYPES[] = { 0x21, 0xA1 }; // without and with the marker
 
 uint64_t NumberIn(const PacketBuffer& packet)
@@ -139,7 +139,7 @@ void ProxyRun::CreatePacer()
     m_pPacerCB = std::make_unique<WatchedSend>(*this, m_pReplicator.get());
     m_pPacerCB->m_pPacer = std::make_unique<WatchedPacer>(*this, ok, m_pPacerCB.get(), PACER_PERIOD_MS);
     REQUIRE_THAT(ok, "there is no pacer");
-    const int32_t freeBytes = m_config.udpInputMode ? 0 : HEADER_BYTES;
+    const int32_t freeBytes = m_config.udpInputMode ? 0 : RTP_HEADER_BYTES;
     m_pPacerCB->m_pPacer->SetPacingRate(static_cast<uint32_t>(m_config.pacingBitRate));
     m_pPacerCB->m_pPacer->SetHeaderBytes(freeBytes);
     m_pacerModel.emplace(m_config.pacingBitRate, freeBytes);
@@ -210,7 +210,7 @@ PacketBuffer* ProxyRun::FillPacket()
     const uint64_t input = m_checker.Inputs();
     std::memcpy(packet->userWords, &input, sizeof(input));
     const int32_t payload = PayloadBytes();
-    const int32_t header = m_config.udpInputMode ? 0 : HEADER_BYTES;
+    const int32_t header = m_config.udpInputMode ? 0 : RTP_HEADER_BYTES;
     uint8_t* bytes = packet->Data();
     Random filler(input + m_config.seed);
     for (int32_t at = 0; at < header + payload; at += 8) {

@@ -6,12 +6,12 @@
 #include "replicator/arq_send_replicator.h"
 #include "simulation/failure.h"
 #include "simulation/model_receiver.h"
+#include "simulation/time_units.h"
 
 namespace simulation {
 
 namespace {
 
-constexpr int64_t SECOND = 1000000;
 constexpr int64_t LAST_GASP_US = 5 * SECOND; // for the end of the proxy, with lateness
 
 } // namespace

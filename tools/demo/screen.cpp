@@ -36,9 +36,9 @@ std::string ColorSequence(const std::optional<Color>& color, int base, Colors co
 
 std::string Sequence(const Look& look, Colors colors)
 {
-    constexpr int INK = 38, GROUND = 48;
-    return "\x1b[0" + std::string(look.isBold ? ";1" : "") + ColorSequence(look.ink, INK, colors)
-        + ColorSequence(look.ground, GROUND, colors) + "m";
+    constexpr int FOREGROUND = 38, BACKGROUND = 48;
+    return "\x1b[0" + std::string(look.isBold ? ";1" : "") + ColorSequence(look.ink, FOREGROUND, colors)
+        + ColorSequence(look.ground, BACKGROUND, colors) + "m";
 }
 
 } // namespace

@@ -10,7 +10,7 @@ namespace arqctl {
 
 namespace {
 
-constexpr auto EXAMPLES = R"(Examples:
+constexpr auto COMMON_OPTIONS_EXAMPLES = R"(Examples:
   arqctl list
       the receivers of the proxy with -I 1
   arqctl -I 2 add 10.0.0.1
@@ -101,7 +101,7 @@ void AddCommonOptions(CLI::App& app, Session& session)
 
 void FinishHelp(CLI::App& app)
 {
-    app.footer(EXAMPLES); // not sooner: commands take over their program's
+    app.footer(COMMON_OPTIONS_EXAMPLES); // not sooner: commands take over their program's
     for (CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; }))
         command->group("Commands");
 }

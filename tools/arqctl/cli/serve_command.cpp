@@ -11,7 +11,7 @@ namespace arqctl {
 
 namespace {
 
-constexpr auto EXAMPLES = R"(Examples:
+constexpr auto SERVE_EXAMPLES = R"(Examples:
   arqctl serve
       all proxies of this machine, on http://127.0.0.1:8080
   arqctl serve 1 ssh:edge1/2 --channel-name 1=News
@@ -117,7 +117,7 @@ void AddServeCommand(CLI::App& app, Session& session)
         ->allow_extra_args(false);
     command->add_option("targets", words->targets, "2, ssh:HOST/2 or /path/of/socket [all that run here]")
         ->type_name("TARGET");
-    command->footer(EXAMPLES);
+    command->footer(SERVE_EXAMPLES);
     command->callback(
         [&session, words] { session.run = [&session, words] { return RunServe(session, *words); }; });
 }

@@ -126,12 +126,12 @@ Finding CheckInputLoss(const DoctorFacts& facts)
 
 Finding CheckBitRates(const DoctorFacts& facts)
 {
-    constexpr double SIGN = 2147483648.0, WRAP = 4294967296.0;
+    constexpr double SIGN = 2147483648.0, WRAPPED = 4294967296.0;
     if (!HasLooks(facts))
         return NoCounts(facts);
     const double rate
         = std::max(SentBitRate(facts), static_cast<double>(facts.second.statistics->sentBitRate));
-    if (rate >= WRAP)
+    if (rate >= WRAPPED)
         return Warning("SEND_BITRATE has wrapped: about " + BitRateText(rate) + " leave",
             "Take rates from the packets", "arqctl -I " + std::to_string(facts.options.instance) + " stats");
     if (rate >= SIGN)

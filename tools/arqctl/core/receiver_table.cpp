@@ -13,13 +13,13 @@ namespace {
 // A receiver that is silent for so long and reports again from another port was started again.
 constexpr int64_t PAUSE_US = 2'500'000;
 // No receiver counts so many packets between two reports: the count has jumped.
-constexpr uint64_t MOST_BETWEEN = 1'000'000'000;
+constexpr uint64_t MOST_AT_ONCE = 1'000'000'000;
 constexpr double US_PER_S = 1e6;
 
 uint64_t Since(uint64_t before, uint64_t now)
 {
     const uint64_t more = now >= before ? now - before : now; // it went back: it began again at 0
-    return more <= MOST_BETWEEN ? more : 0;
+    return more <= MOST_AT_ONCE ? more : 0;
 }
 
 // It was sent before one that is here already, and is no sign of a restart: the receiver that sent it ran then.
