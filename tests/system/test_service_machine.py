@@ -1,13 +1,16 @@
 """The units on a machine with systemd: channels start, end, come back, and do all they can do within their bounds."""
 
+import contextlib
 import itertools
 import pathlib
+import re
 import threading
 import time
+import types
 
 import pytest
 
-from txproxy import arqrx, booted, model_receiver, plugin_builder, ports, receiver, rtp
+from txproxy import arqrx, booted, model_receiver, netns, plugin_builder, ports, receiver, rtp, serving
 from txproxy.waiting import scaled, wait_until
 
 pytestmark = [pytest.mark.release_only]
@@ -81,6 +84,17 @@ class Channel:
     def close(self):
         self.machine.run("systemctl", "stop", self.unit)
         self.machine.run("systemctl", "reset-failed", self.unit)
+
+
+class Stopping:
+    """A unit that the test has started."""
+
+    def __init__(self, machine, unit):
+        self._machine = machine
+        self._unit = unit
+
+    def close(self):
+        self._machine.run("systemctl", "stop", self._unit)
 
 
 @pytest.fixture
@@ -200,3 +214,164 @@ def test_a_stop_tells_the_receivers_and_does_not_wait_for_those_that_cannot_be_t
     assert with_id.arqrx.figures()["stops"] == 0
     assert "1 of 3 receivers is left: 127.0.0.4" in either.journal()
     assert either.machine.property(either.unit, "Result") == "success"
+
+
+def test_a_proxy_that_dies_is_started_again(channel):
+    channel.start()
+    channel.machine.do("systemctl", "kill", "--signal", "KILL", channel.unit)
+    channel.wait_restarts(1)
+    channel.wait_ready()
+
+
+def test_a_channel_whose_number_is_taken_comes_when_it_is_free(channel, lease):
+    with receiver.udp_socket("0.0.0.0", ports.lock_port(lease.instance), reuse=False):
+        channel.order("start")
+        wait_until(lambda: channel.journal().count("Process already running!") >= 2, "it to be tried a second time")
+    channel.wait_ready()
+    channel.machine.wait_state(channel.unit, "active")
+
+
+@pytest.mark.parametrize("settings, status, words", [
+    ({"TX_PROXY_OPTIONS": "-p x"}, 255, "invalid udp port: x"),
+    ({"TX_PROXY_LISTEN": ""}, 2, "TX_PROXY_LISTEN is empty"),
+])  # fmt: skip
+def test_settings_that_are_wrong_are_not_tried_again(channel, settings, status, words):
+    channel.set(**settings)
+    channel.machine.run("systemctl", "start", channel.unit)
+    channel.machine.wait_state(channel.unit, "failed")
+    wait_until(lambda: words in channel.journal(), words)
+    assert channel.machine.property(channel.unit, "ExecMainStatus") == str(status)
+    assert channel.machine.property(channel.unit, "NRestarts") == "0"
+
+
+def test_without_settings_a_channel_does_not_start(machine, lease):
+    result = machine.run("systemctl", "start", f"tx_proxy@{lease.instance}")
+    assert result.returncode != 0 and "Assertion failed" in result.stderr
+
+
+def test_without_the_tools_a_stop_says_that_nobody_is_told(channel):
+    channel.start()
+    program = channel.machine.root / "usr/bin/arqctl"
+    program.rename(program.with_suffix(".away"))
+    try:
+        channel.order("stop")
+    finally:
+        program.with_suffix(".away").rename(program)
+    assert f"arqctl is not installed: receivers of channel {channel.net.instance} are not told" in channel.journal()
+    assert channel.machine.property(channel.unit, "Result") == "success"
+
+
+def capabilities(status):
+    """Those that it has or could get."""
+    sets = [int(status[name], 16) for name in ("CapBnd", "CapPrm", "CapEff", "CapInh", "CapAmb")]
+    return sets[0] | sets[1] | sets[2] | sets[3] | sets[4]
+
+
+def test_a_channel_has_the_rights_of_its_unit_and_no_more(either):
+    status = either.set("-n", 1).start().status()
+    is_private = either.unit.startswith("tx_proxy-private")
+    assert capabilities(status) == (0 if is_private else CAP_NET_BIND_SERVICE | CAP_NET_RAW)
+    assert (int(status["Uid"].split()[0]) == 0) == (not is_private)
+    assert (status["NoNewPrivs"], status["Seccomp"]) == ("1", "2")
+    root = pathlib.Path(f"/proc/{either.pid}/root")
+    # What stands in its place is for nobody.
+    orders = root / "run/systemd/private"
+    assert not orders.exists() or orders.stat().st_mode & 0o777 == 0
+    assert list((root / "root").iterdir()) == []
+    mounts = [line.split() for line in pathlib.Path(f"/proc/{either.pid}/mountinfo").read_text(encoding="utf-8").splitlines()]
+    assert "ro" in next(fields[5] for fields in mounts if fields[4] == "/").split(",")
+
+
+def test_the_control_socket_is_for_the_group(either):
+    either.start()
+    assert either.machine.do("stat", "--format", "%F %a %G", either.socket) == "socket 770 tx_proxy\n"
+
+
+@pytest.fixture
+def interface(closing):
+    """An eth0 that leads nowhere, and the way of groups."""
+    netns.ip("link", "add", "eth0", "type", "veth", "peer", "name", "nobody")
+    closing(types.SimpleNamespace(close=lambda: netns.ip("link", "del", "eth0")))
+    netns.ip("addr", "add", "10.78.0.1/24", "dev", "eth0")
+    for name in ("eth0", "nobody"):
+        netns.ip("link", "set", name, "up")
+    netns.ip("route", "add", "224.0.0.0/4", "dev", "eth0")
+
+
+def test_ports_below_1024_sockets_of_an_interface_and_groups_work_in_a_channel(channel, closing, interface):
+    channel.set("-n", 1, "-a", "10.78.0.9", listen="601 239.7.7.7").start()
+    sender = closing(receiver.Sender("239.7.7.7", 601, multicast_interface="10.78.0.1"))
+    sender.send(rtp.packet(1, bytes(PAYLOAD_BYTES)))
+    wait_until(lambda: "input packets    1" in channel.arqctl("stats").stdout, "the packet to arrive")
+    assert "SO_BINDTODEVICE" not in channel.journal()
+
+
+def test_deliberate_loss_is_switched_by_its_file(either):
+    either.start()
+    folder = f"/run/tx_proxy-{either.net.instance}/run" if either.unit.startswith("tx_proxy-private") else "/run"
+    switch = f"{folder}/tx_proxy{either.net.instance}.imp"
+    either.machine.do("touch", switch)
+    wait_until(lambda: "Impairment ON" in either.journal(), "deliberate loss to be on")
+    assert either.machine.run("test", "-e", switch).returncode == 1
+
+
+def test_the_library_gets_its_password_with_blanks(either):
+    library = plugin_builder.build(either.machine.root / "usr/local/bin" / plugin_builder.INSTALLED_NAME)
+    try:
+        either.set(TX_PROXY_PASSWORD="two words").start()
+        assert "Loaded" in either.journal()
+        arguments = pathlib.Path(f"/proc/{either.pid}/cmdline").read_text(encoding="utf-8").split("\0")
+        assert arguments[arguments.index("-Z") + 1] == "two words"
+        assert "two words" not in pathlib.Path(f"/proc/{either.pid}/environ").read_text(encoding="utf-8")
+    finally:
+        library.unlink()
+
+
+def test_names_of_destinations_are_looked_up(either):
+    either.machine.write("/etc/hosts", "127.0.0.1 localhost\n127.0.0.5 studio-b\n")
+    either.set("-a", "studio-b").start()
+    assert either.list() == ["127.0.0.5"]
+
+
+def test_both_units_of_one_channel_exclude_each_other(closing, machine, net):
+    usual = closing(Channel(machine, net)).set().start()
+    private = closing(Channel(machine, net, "tx_proxy-private")).start()
+    assert machine.property(usual.unit, "ActiveState") == "inactive"
+    assert private.list() == []
+
+
+def test_the_page_and_the_metrics_see_a_channel_and_its_machine(closing, machine, channel, lease):
+    channel.start()
+    unit = f"arqctl@{lease.instance}"
+    port = lease.port()
+    machine.write(f"/etc/default/arqctl-{lease.instance}", f'ARQCTL_OPTIONS="--listen 127.0.0.1:{port}"\n')
+    machine.do("systemctl", "start", unit)
+    closing(Stopping(machine, unit))
+    client = types.SimpleNamespace(port=port)
+
+    def metrics():
+        with contextlib.suppress(OSError):
+            return serving.Server.get(client, "/metrics").body
+        return ""
+
+    client.request = lambda *arguments: serving.Server.request(client, *arguments)
+    wanted = ("tx_proxy_up", "tx_proxy_cpu_seconds_total", "tx_proxy_input_kernel_drops_total", "tx_proxy_ring_packets")
+    lines = [re.compile(rf'^{name}{{channel="{channel.net.instance}"}} \d', re.MULTILINE) for name in wanted]
+    wait_until(lambda: all(line.search(metrics()) for line in lines), metrics)
+    assert re.search(rf'^tx_proxy_up{{channel="{channel.net.instance}"}} 1$', metrics(), re.MULTILINE)
+
+
+def test_a_receiver_writes_into_its_folder_and_says_that_it_leaves(closing, machine, channel, lease):
+    channel.start()
+    stream = closing(Stream(channel.net.input))
+    unit = f"arqrx@{lease.instance}"
+    options = f"127.0.0.1:{channel.net.destination} --request-port {channel.net.request} --id none --output file:live.ts"
+    machine.write(f"/etc/default/arqrx-{lease.instance}", f'ARQRX_OPTIONS="{options}"\n')
+    machine.do("systemctl", "start", unit)
+    closing(Stopping(machine, unit))
+    path = machine.root / f"var/lib/private/arqrx-{lease.instance}/live.ts"
+    wait_until(lambda: path.exists() and path.stat().st_size > 10 * PAYLOAD_BYTES, "the stream in its file")
+    assert channel.list() == ["127.0.0.2"] and stream.count
+    assert machine.do("readlink", f"/var/lib/arqrx-{lease.instance}") == f"private/arqrx-{lease.instance}\n"
+    machine.do("systemctl", "stop", unit)
+    wait_until(lambda: not channel.list(), "the receiver to have left")
