@@ -4,20 +4,17 @@ import contextlib
 import itertools
 import pathlib
 import re
-import threading
 import time
 import types
 
 import pytest
 
-from txproxy import arqrx, booted, model_receiver, netns, plugin_builder, ports, receiver, rtp, serving
+from txproxy import arqrx, booted, encoder, model_receiver, netns, plugin_builder, ports, receiver, rtp, serving
 from txproxy.waiting import scaled, wait_until
 
 pytestmark = [pytest.mark.release_only]
 
 UNITS = ("tx_proxy", "tx_proxy-private")
-PACKETS_A_SECOND = 100
-PAYLOAD_BYTES = 188
 NEW_MEDIA_SECONDS = 4  # a restart, the ping a second after it, and a slow machine
 NO_CAPABILITY = 0
 CAP_NET_BIND_SERVICE, CAP_NET_RAW = 1 << 10, 1 << 13
@@ -49,7 +46,7 @@ class Channel:
 
     def start(self):
         self.order("start")
-        return self.wait_ready()
+        return self
 
     def order(self, what):
         self.machine.do("systemctl", what, self.unit)
@@ -108,34 +105,6 @@ def either(request, closing, machine, net):
     return closing(Channel(machine, net, request.param)).set()
 
 
-class Stream:
-    """An encoder: numbered packets at an even rate from the beginning to the end of the test."""
-
-    def __init__(self, port):
-        self.count = 0
-        self._sender = receiver.Sender("127.0.0.1", port)
-        self._is_running = True
-        self._thread = threading.Thread(target=self._run, daemon=True)
-        self._thread.start()
-
-    def _run(self):
-        began = time.monotonic()
-        while self._is_running:
-            payload = self.count.to_bytes(4, "big") * (PAYLOAD_BYTES // 4)
-            self._sender.send(rtp.packet(self.count, payload))
-            self.count += 1
-            time.sleep(max(0.0, began + self.count / PACKETS_A_SECOND - time.monotonic()))
-
-    def close(self):
-        self._is_running = False
-        self._thread.join()
-        self._sender.close()
-
-
-def number(payload):
-    return int.from_bytes(payload[:4], "big")
-
-
 class Player:
     """An arqrx that joins by ping, and what it plays."""
 
@@ -148,11 +117,11 @@ class Player:
         ))  # fmt: skip
 
     def numbers(self):
-        return list(map(number, self.played.payloads))
+        return list(map(encoder.number, self.played.payloads))
 
     def wait_beyond(self, count):
         def is_beyond():
-            return self.played.count() and number(self.played.payloads[-1]) > count
+            return self.played.count() and encoder.number(self.played.payloads[-1]) > count
 
         wait_until(is_beyond, lambda: f"packets behind {count}: {self.arqrx.figures()}", NEW_MEDIA_SECONDS)
 
@@ -175,7 +144,7 @@ def restart(channel, players, stream):
 
 def restarts(closing, lease, channel, count):
     """Receivers notice a gap each time, and nothing else: neither a message nor a loss beside it."""
-    stream = closing(Stream(channel.net.input))
+    stream = closing(encoder.Stream(channel.net.input))
     players = [Player(closing, lease, channel.net, *who) for who in (("127.0.0.3", "0x51"), ("127.0.0.4", "none"))]
     gaps = [restart(channel, players, stream) for _ in range(count)]
     for player in players:
@@ -216,6 +185,12 @@ def test_a_stop_tells_the_receivers_and_does_not_wait_for_those_that_cannot_be_t
     assert either.machine.property(either.unit, "Result") == "success"
 
 
+def test_a_start_is_over_when_commands_are_taken(either):
+    for order in ("start", *["restart"] * 5):
+        either.order(order)
+        assert either.arqctl("list").returncode == 0
+
+
 def test_a_proxy_that_dies_is_started_again(channel):
     channel.start()
     channel.machine.do("systemctl", "kill", "--signal", "KILL", channel.unit)
@@ -225,7 +200,7 @@ def test_a_proxy_that_dies_is_started_again(channel):
 
 def test_a_channel_whose_number_is_taken_comes_when_it_is_free(channel, lease):
     with receiver.udp_socket("0.0.0.0", ports.lock_port(lease.instance), reuse=False):
-        channel.order("start")
+        assert channel.machine.run("systemctl", "start", channel.unit).returncode == 1
         wait_until(lambda: channel.journal().count("Process already running!") >= 2, "it to be tried a second time")
     channel.wait_ready()
     channel.machine.wait_state(channel.unit, "active")
@@ -301,7 +276,7 @@ def interface(closing):
 def test_ports_below_1024_sockets_of_an_interface_and_groups_work_in_a_channel(channel, closing, interface):
     channel.set("-n", 1, "-a", "10.78.0.9", listen="601 239.7.7.7").start()
     sender = closing(receiver.Sender("239.7.7.7", 601, multicast_interface="10.78.0.1"))
-    sender.send(rtp.packet(1, bytes(PAYLOAD_BYTES)))
+    sender.send(rtp.packet(1, bytes(encoder.PAYLOAD_BYTES)))
     wait_until(lambda: "input packets    1" in channel.arqctl("stats").stdout, "the packet to arrive")
     assert "SO_BINDTODEVICE" not in channel.journal()
 
@@ -363,14 +338,14 @@ def test_the_page_and_the_metrics_see_a_channel_and_its_machine(closing, machine
 
 def test_a_receiver_writes_into_its_folder_and_says_that_it_leaves(closing, machine, channel, lease):
     channel.start()
-    stream = closing(Stream(channel.net.input))
+    stream = closing(encoder.Stream(channel.net.input))
     unit = f"arqrx@{lease.instance}"
     options = f"127.0.0.1:{channel.net.destination} --request-port {channel.net.request} --id none --output file:live.ts"
     machine.write(f"/etc/default/arqrx-{lease.instance}", f'ARQRX_OPTIONS="{options}"\n')
     machine.do("systemctl", "start", unit)
     closing(Stopping(machine, unit))
     path = machine.root / f"var/lib/private/arqrx-{lease.instance}/live.ts"
-    wait_until(lambda: path.exists() and path.stat().st_size > 10 * PAYLOAD_BYTES, "the stream in its file")
+    wait_until(lambda: path.exists() and path.stat().st_size > 10 * encoder.PAYLOAD_BYTES, "the stream in its file")
     assert channel.list() == ["127.0.0.2"] and stream.count
     assert machine.do("readlink", f"/var/lib/arqrx-{lease.instance}") == f"private/arqrx-{lease.instance}\n"
     machine.do("systemctl", "stop", unit)
