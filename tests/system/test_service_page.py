@@ -1,0 +1,114 @@
+"""docs/service.md: its commands in their order on a machine with systemd, and its tables."""
+
+import re
+
+import pytest
+
+from txproxy import arqctl, booted, encoder
+from txproxy.page import ROOT, Page, quoted
+from txproxy.waiting import wait_until
+
+pytestmark = [pytest.mark.release_only]
+
+PAGE = Page("service.md")
+FOLDER = ROOT / "packaging" / "service"
+UNITS = ("tx_proxy@", "tx_proxy-private@", "arqctl@", "arqrx@")
+SHELL = re.compile(r"^```sh\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+
+
+def unit_text(unit):
+    return (FOLDER / f"{unit}.service.in").read_text(encoding="utf-8")
+
+
+def value(unit, key):
+    """The last value of a key in a unit, "" without."""
+    return (re.findall(rf"^{key}=(.*)$", unit_text(unit), re.MULTILINE) or [""])[-1]
+
+
+class Story:
+    """The page's commands, a section at a time."""
+
+    def __init__(self, machine):
+        self.machine = machine
+
+    def tell(self, heading):
+        """Each block of the section in turn; returns what they print."""
+        return list(map(self._run, SHELL.findall(PAGE.section(heading))))
+
+    def _run(self, block):
+        result = self.machine.run("sh", "-euc", block)
+        is_doctor_last = block.splitlines()[-1].startswith("arqctl doctor")
+        allowed = (arqctl.GOOD, arqctl.ALREADY_SO) if is_doctor_last else (arqctl.GOOD,)  # it may warn of our machine
+        assert result.returncode in allowed, f"{block}: {result.returncode}\n{result.stdout}{result.stderr}"
+        return result.stdout
+
+    def is_active(self, unit):
+        return self.machine.property(unit, "ActiveState") == "active"
+
+
+def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
+    machine = closing(booted.Machine({}))
+    stream = closing(encoder.Stream(5000))
+    story = Story(machine)
+    status, stats, _ = story.tell("A channel")
+    assert "active (running)" in status and "0 faults" in status
+    assert "receivers        1\n                 192.0.2.9\n" in stats
+    assert story.is_active("tx_proxy@1") and machine.property("tx_proxy@1", "UnitFileState") == "enabled"
+    assert machine.do("arqctl", "list") == ""
+
+    assert "Listening on port 5000 for incoming stream" in story.tell("Logs")[0]
+    before = machine.property("tx_proxy@1", "MainPID")
+    story.tell("Upgrade")
+    assert machine.property("tx_proxy@1", "MainPID") != before
+
+    wait_until(lambda: machine.run("/usr/lib/tx_proxy/channel", "ready", "1").returncode == 0, "the channel to have input")
+    stream.stop()
+    wait_until(lambda: machine.run("/usr/lib/tx_proxy/channel", "ready", "1").returncode == 1, "the input to be missed")
+
+    story.tell("Without rights")
+    assert story.is_active("tx_proxy@2") and not story.is_active("tx_proxy-private@2")
+
+    assert "arqctl_build_info" in story.tell("Page and metrics")[0]
+    wanted = {f'tx_proxy_up{{channel="{number}"}} 1' for number in (1, 2)}
+    ask = SHELL.findall(PAGE.section("Page and metrics"))[0].splitlines()[-1].split()
+    wait_until(lambda: wanted <= set(machine.run(*ask).stdout.splitlines()), "both channels in the metrics")
+
+    ended = story.tell("The receiving side")
+    assert len(ended) == 2 and "live.ts" in ended[1]
+    wait_until(lambda: machine.do("arqctl", "list") == "", "the receiver to have left")
+    assert machine.do("/usr/lib/systemd/systemd-sysctl", "--cat-config").count("# /usr/lib/sysctl.d/50-tx_proxy.conf\n") == 1
+
+
+def test_the_page_names_units_settings_and_states_as_they_are():
+    for unit, row in zip(UNITS, PAGE.text.split("## A channel")[0].split("|---|---|---|\n")[1].splitlines()):
+        name, settings = quoted(row)[0], quoted(row)[-1]
+        assert name.startswith(unit) and re.search(
+            rf"^EnvironmentFile=-?{re.escape(settings.replace('-NAME', '-%i').replace('-N', '-%i'))}$", unit_text(unit), re.MULTILINE
+        )
+    assert "RestartPreventExitStatus=2 255" in unit_text("tx_proxy@")
+    assert value("tx_proxy@", "LogRateLimitIntervalSec") == "30s" and value("tx_proxy@", "LogRateLimitBurst") == "1000"
+
+
+def test_the_table_of_what_units_may_do_is_that_of_the_units():
+    rows = {cells[0]: cells[1:] for cells in PAGE.rows("What the units may do")}
+    for unit, user, group, capabilities in zip(UNITS, rows["user"], rows["group"], rows["capabilities"]):
+        assert (user == "its own") == (value(unit, "DynamicUser") == "yes")
+        assert ("`tx_proxy`" in group) == ("tx_proxy" in (value(unit, "Group"), value(unit, "SupplementaryGroups")))
+        assert ("its own" in group) == (value(unit, "Group") == "")
+        assert quoted(capabilities) == value(unit, "CapabilityBoundingSet").split()
+    places = [value(unit, key) for unit, key in zip(
+        UNITS, ("ReadWritePaths", "RuntimeDirectory", "RuntimeDirectory", "StateDirectory"))]  # fmt: skip
+    named = [path.replace("NAME", "%i").replace("-N", "-%i") for cell in rows["may write to"] for path in quoted(cell)]
+    assert named == [*places[0].split(), "/run/" + places[1].split()[0], "/run/" + places[2], "/var/lib/" + places[3]]
+
+
+def test_the_table_of_commands_and_variables_is_that_of_the_script():
+    script = (FOLDER / "channel").read_text(encoding="utf-8")
+    head = script.split("set -u")[0]
+    rows = [quoted(cells[0])[0] for cells in PAGE.rows("Without systemd")]
+    commands = re.findall(r"^#   (channel \w+ N) ", head.split("for systemd")[0], re.MULTILINE)
+    assert commands == [row for row in rows if row.startswith("channel")]
+    assert sorted(re.findall(r"^#   (TX_PROXY_\w+)", head, re.MULTILINE)) == sorted(
+        row for row in rows if row.startswith("TX_PROXY")
+    )
+    assert set(re.findall(r"TX_PROXY_\w+", script)) == set(re.findall(r"TX_PROXY_\w+", head))
