@@ -6,10 +6,11 @@ import pathlib
 import re
 import time
 import types
+import urllib.request
 
 import pytest
 
-from txproxy import arqrx, booted, encoder, model_receiver, netns, plugin_builder, ports, receiver, rtp, serving
+from txproxy import arqctl, arqrx, booted, encoder, model_receiver, netns, plugin_builder, ports, receiver, rtp
 from txproxy.waiting import scaled, wait_until
 
 pytestmark = [pytest.mark.release_only]
@@ -191,11 +192,15 @@ def test_a_start_is_over_when_commands_are_taken(either):
         assert either.arqctl("list").returncode == 0
 
 
-def test_a_proxy_that_dies_is_started_again(channel):
+def test_a_proxy_that_dies_is_started_again_and_receivers_come_back(closing, lease, channel):
     channel.start()
+    stream = closing(encoder.Stream(channel.net.input))
+    player = Player(closing, lease, channel.net, "127.0.0.3", "none")
+    player.wait_beyond(stream.count)
     channel.machine.do("systemctl", "kill", "--signal", "KILL", channel.unit)
     channel.wait_restarts(1)
-    channel.wait_ready()
+    player.wait_beyond(stream.count)
+    assert len(player.holes()) == 1
 
 
 def test_a_channel_whose_number_is_taken_comes_when_it_is_free(channel, lease):
@@ -260,6 +265,27 @@ def test_a_channel_has_the_rights_of_its_unit_and_no_more(either):
 def test_the_control_socket_is_for_the_group(either):
     either.start()
     assert either.machine.do("stat", "--format", "%F %a %G", either.socket) == "socket 770 tx_proxy\n"
+    nobody = ("setpriv", "--reuid", "nobody", "--regid", "nogroup")
+    asked = ("arqctl", "--socket", either.socket, "list")
+    assert either.machine.run(*nobody, "--groups", "tx_proxy", *asked).returncode == arqctl.GOOD
+    assert either.machine.run(*nobody, "--clear-groups", *asked).returncode == arqctl.NO_PROXY
+
+
+def test_without_the_group_a_channel_says_so_and_comes_when_it_is_there(channel):
+    channel.machine.do("groupdel", "tx_proxy")
+    try:
+        channel.machine.run("systemctl", "start", channel.unit)
+        wait_until(lambda: "status=216/GROUP" in channel.journal(), "the group to be missed")
+    finally:
+        channel.machine.do("systemd-sysusers")
+    channel.machine.wait_state(channel.unit, "active")
+
+
+def test_instances_sees_a_channel_in_dev_and_no_other(either):
+    either.start()
+    lines = either.machine.run("arqctl", "instances").stdout.splitlines()
+    running = [line for line in lines if line.startswith(f"{either.net.instance}: ") and "has ended" not in line]
+    assert len(running) == (0 if either.unit.startswith("tx_proxy-private") else 1), lines
 
 
 @pytest.fixture
@@ -313,27 +339,26 @@ def test_both_units_of_one_channel_exclude_each_other(closing, machine, net):
     private = closing(Channel(machine, net, "tx_proxy-private")).start()
     assert machine.property(usual.unit, "ActiveState") == "inactive"
     assert private.list() == []
+    usual.start()
+    assert machine.property(private.unit, "ActiveState") == "inactive"
 
 
-def test_the_page_and_the_metrics_see_a_channel_and_its_machine(closing, machine, channel, lease):
-    channel.start()
+def test_the_page_and_the_metrics_see_a_channel_and_its_machine(closing, machine, either, lease):
+    either.start()
     unit = f"arqctl@{lease.instance}"
     port = lease.port()
-    machine.write(f"/etc/default/arqctl-{lease.instance}", f'ARQCTL_OPTIONS="--listen 127.0.0.1:{port}"\n')
+    machine.write(f"/etc/default/arqctl-{lease.instance}", f'ARQCTL_OPTIONS="--listen 127.0.0.1:{port} {either.socket}"\n')
     machine.do("systemctl", "start", unit)
     closing(Stopping(machine, unit))
-    client = types.SimpleNamespace(port=port)
 
     def metrics():
-        with contextlib.suppress(OSError):
-            return serving.Server.get(client, "/metrics").body
+        with contextlib.suppress(OSError), urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=5) as reply:
+            return reply.read().decode()
         return ""
 
-    client.request = lambda *arguments: serving.Server.request(client, *arguments)
-    wanted = ("tx_proxy_up", "tx_proxy_cpu_seconds_total", "tx_proxy_input_kernel_drops_total", "tx_proxy_ring_packets")
-    lines = [re.compile(rf'^{name}{{channel="{channel.net.instance}"}} \d', re.MULTILINE) for name in wanted]
-    wait_until(lambda: all(line.search(metrics()) for line in lines), metrics)
-    assert re.search(rf'^tx_proxy_up{{channel="{channel.net.instance}"}} 1$', metrics(), re.MULTILINE)
+    wanted = ("tx_proxy_cpu_seconds_total", "tx_proxy_input_kernel_drops_total", "tx_proxy_ring_packets")
+    lines = [r"^tx_proxy_up\{.*\} 1$", *(rf"^{name}\{{.*\}} \d" for name in wanted)]
+    wait_until(lambda: all(re.search(line, metrics(), re.MULTILINE) for line in lines), metrics)
 
 
 def test_a_receiver_writes_into_its_folder_and_says_that_it_leaves(closing, machine, channel, lease):

@@ -1,10 +1,11 @@
 """docs/service.md: its commands in their order on a machine with systemd, and its tables."""
 
+import json
 import re
 
 import pytest
 
-from txproxy import arqctl, booted, encoder
+from txproxy import arqctl, booted, encoder, model_receiver, receiver
 from txproxy.page import ROOT, Page, quoted
 from txproxy.waiting import wait_until
 
@@ -46,6 +47,15 @@ class Story:
         return self.machine.property(unit, "ActiveState") == "active"
 
 
+def ordered(machine):
+    """What becomes of an order that is given through the page's interface with its token."""
+    body = ("-H", "Content-Type: application/json", "-d", '{"address":"192.0.2.7"}')
+    token = machine.do("cat", "/etc/tx_proxy.token").strip()
+    url = "http://127.0.0.1:8080/api/v1/channels/1/receivers"
+    answer = machine.run("curl", "-s", "-H", f"X-Arqctl-Token: {token}", *body, url).stdout
+    return json.loads(answer).get("result") if answer else None
+
+
 def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
     machine = closing(booted.Machine({}))
     stream = closing(encoder.Stream(5000))
@@ -72,10 +82,21 @@ def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
     wanted = {f'tx_proxy_up{{channel="{number}"}} 1' for number in (1, 2)}
     ask = SHELL.findall(PAGE.section("Page and metrics"))[0].splitlines()[-1].split()
     wait_until(lambda: wanted <= set(machine.run(*ask).stdout.splitlines()), "both channels in the metrics")
+    wait_until(lambda: ordered(machine) == "done", "the token to be good for an order")
+    assert machine.do("arqctl", "list") == "192.0.2.7\n"
+    machine.do("arqctl", "del", "192.0.2.7")
 
     ended = story.tell("The receiving side")
     assert len(ended) == 2 and "live.ts" in ended[1]
     wait_until(lambda: machine.do("arqctl", "list") == "", "the receiver to have left")
+    configured = closing(receiver.Receiver("127.0.0.5", 10000))
+    machine.do("arqctl", "add", "127.0.0.5")
+    machine.run("systemctl", "poweroff")
+    assert configured.wait_count(5)[:5] == [model_receiver.STOP_MESSAGE] * 5
+
+
+def test_receive_buffers_are_set_at_boot(closing):
+    machine = closing(booted.Machine({}))
     assert machine.do("/usr/lib/systemd/systemd-sysctl", "--cat-config").count("# /usr/lib/sysctl.d/50-tx_proxy.conf\n") == 1
 
 

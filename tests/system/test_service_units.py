@@ -48,6 +48,8 @@ def test_a_unit_is_exposed_little(installed, unit):
     name, exposure = EXPOSURE.search(result.stdout).groups()
     print(f"{name}: exposure {exposure}")
     assert float(exposure) <= MOST_EXPOSURE, result.stdout
+    on_page = next(cells[1:] for cells in Page("service.md").rows("What the units may do") if cells[0] == "exposure")
+    assert on_page[UNITS.index(unit)] == exposure
 
 
 def test_units_are_verified_without_a_word(installed):
