@@ -13,7 +13,7 @@ import pytest
 from txproxy import arqctl, arqrx, booted, encoder, model_receiver, netns, plugin_builder, ports, receiver, rtp
 from txproxy.waiting import scaled, wait_until
 
-pytestmark = [pytest.mark.release_only]
+pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("service_machine")]  # one machine for all
 
 UNITS = ("tx_proxy", "tx_proxy-private")
 NEW_MEDIA_SECONDS = 4  # a restart, the ping a second after it, and a slow machine

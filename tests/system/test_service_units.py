@@ -112,6 +112,11 @@ def test_the_receive_buffer_is_what_doctor_and_receivers_ask_for():
     assert f"`net.core.rmem_max` is below {DOCTORS_LEAST}" in Page("arqctl.md").text
 
 
+def test_receive_buffers_are_set_at_boot(installed):
+    said = systemd_analyze("cat-config", f"--root={installed}", "sysctl.d").stdout
+    assert said.count(f"# {installed}/usr/lib/sysctl.d/50-tx_proxy.conf\n") == 1
+
+
 class Prefix:
     """The script in a prefix with programs that only tell how they were called."""
 
