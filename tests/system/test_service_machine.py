@@ -11,7 +11,8 @@ import urllib.request
 import pytest
 
 from txproxy import arqctl, arqrx, booted, encoder, model_receiver, netns, plugin_builder, ports, receiver, rtp
-from txproxy.waiting import scaled, wait_until
+from txproxy.booted import wait_until
+from txproxy.waiting import scaled
 
 pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("service_machine")]  # one machine for all
 
@@ -341,6 +342,7 @@ def test_both_units_of_one_channel_exclude_each_other(closing, machine, net):
     assert private.list() == []
     usual.start()
     assert machine.property(private.unit, "ActiveState") == "inactive"
+    assert "Process already running!" not in usual.journal() + private.journal()
 
 
 def test_the_page_and_the_metrics_see_a_channel_and_its_machine(closing, machine, either, lease):

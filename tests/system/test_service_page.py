@@ -7,7 +7,7 @@ import pytest
 
 from txproxy import arqctl, booted, encoder, model_receiver, receiver
 from txproxy.page import ROOT, Page, quoted
-from txproxy.waiting import wait_until
+from txproxy.booted import wait_until
 
 pytestmark = [pytest.mark.release_only]
 

@@ -11,9 +11,12 @@ import re
 import shutil
 import subprocess
 import tempfile
+import time
 
+from . import waiting
 from .proxy import Proxy, binary
-from .waiting import wait_until
+
+TURN_SECONDS = 0.1
 
 FOLDERS_OF_ITS_OWN = ("etc/systemd/system", "etc/default", "var/log/journal", "usr/local/bin")
 # A minute of boot is not for what no channel needs.
@@ -33,6 +36,18 @@ def install(root, prefix="/usr"):
             ["cmake", "--install", build, "--prefix", prefix, "--component", component],
             env={**os.environ, "DESTDIR": str(root)}, check=True, stdout=subprocess.DEVNULL,
         )  # fmt: skip
+
+
+def wait_until(condition, what, timeout=waiting.DEFAULT_TIMEOUT):
+    """The usual wait for conditions that start programs to look: seldom."""
+
+    def look():
+        value = condition()
+        if not value:
+            time.sleep(TURN_SECONDS)
+        return value
+
+    return waiting.wait_until(look, what, timeout)
 
 
 def _mount(*arguments):
