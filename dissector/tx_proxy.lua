@@ -123,6 +123,8 @@ function proto.dissector(tvb, pinfo, tree)
         if take_note then
             take_note(tvb, at, here)
         end
+        -- From now on these two ports are ours, though the receiver's may be another protocol's.
+        pinfo.conversation = proto
     end
     local text = show(kind, tvb, at, here, memory.facts_of(pinfo.number), tree:add(proto, tvb()), pinfo.visited)
     if kind == "media" and proto.prefs.to_rtp and tvb:len() >= datagram.RTP_BYTES then

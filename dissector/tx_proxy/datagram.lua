@@ -100,7 +100,7 @@ function D.classify(tvb, pinfo)
         return "stop", 0, 0
     end
     -- One port may serve as both, and media go to a port of the same number at configured receivers.
-    if starts_as_rtp(tvb) and not (to_request and (not to_ping or D.is_right_request(tvb, 0))) then
+    if not magic and starts_as_rtp(tvb) and not (to_request and (not to_ping or D.is_right_request(tvb, 0))) then
         return "media", 0, 0
     end
     if to_request and not (to_ping and tvb:reported_len() == behind) then

@@ -144,14 +144,15 @@ function M.note_media(tvb, here)
     local seq, stamp, ssrc = tvb(2, 2):uint(), tvb(4, 4):uint(), tvb(8, 4):le_uint()
     local again = tvb(1, 1):uint() % 128 == AGAIN_PAYLOAD_TYPE
     local stream = stream_at(here.to, here.destination)
-    if stream.ssrc and stream.ssrc ~= ssrc then
-        begin_anew(stream)
-    end
-    stream.ssrc, stream.bytes = ssrc, tvb:reported_len()
+    stream.bytes = tvb:reported_len()
     local fact = { frame = here.frame }
     if again then
         note_again(stream, fact, seq, stamp, here)
     else
+        if stream.ssrc and stream.ssrc ~= ssrc then
+            begin_anew(stream)
+        end
+        stream.ssrc = ssrc
         note_gap(stream, fact, seq, here)
         if fact.late then
             fill_gap(stream, fact, seq, here)
