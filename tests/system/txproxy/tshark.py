@@ -1,0 +1,75 @@
+"""tshark with the dissector of this project, and with nothing of the user or the machine: no settings, no other plugins."""
+
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+
+from . import sandbox
+from .page import ROOT
+from .waiting import DEFAULT_TIMEOUT, scaled
+
+SCRIPT = ROOT / "dissector" / "tx_proxy.lua"
+CAPTURES = ROOT / "dissector" / "captures"
+EXPECTED = ROOT / "dissector" / "expected"
+AS_ROOT = 'Running as user "root" and group "root". This could be dangerous.\n'
+# Media that nothing is to be said about is left out of the texts.
+REMARKABLE = 'txproxy.kind != "media" || txproxy.media.again == 1 || txproxy.media.missing || txproxy.media.again_frame'
+
+
+def run(*arguments, script=SCRIPT, plugins=None, command=None):
+    """Runs it to its end; returns its output. `plugins` stands for the machine's folder of plugins, an empty one unless
+    given; `command` is a whole command line instead of arguments."""
+    with tempfile.TemporaryDirectory() as home:
+        line = command or ["tshark", *(["-X", f"lua_script:{script}"] if script else []), *map(str, arguments)]
+        environment = {"PATH": os.environ["PATH"], "HOME": home, "LC_ALL": "C.UTF-8", "TZ": "UTC"}
+        done = subprocess.run(
+            line, capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL, timeout=scaled(DEFAULT_TIMEOUT), cwd=ROOT,
+            env=environment, preexec_fn=sandbox.covering(global_plugins(), plugins or home),
+        )  # fmt: skip
+    trouble = done.stderr.replace(AS_ROOT, "")
+    assert done.returncode == 0 and "Lua" not in trouble, f"{line}: {done.returncode}\n{trouble}"
+    return done.stdout
+
+
+def folders():
+    """{name: path} as the program tells them."""
+    output = subprocess.run(["tshark", "-G", "folders"], capture_output=True, text=True, check=True).stdout
+    return dict(re.findall(r"^(.+?):\s+(\S+)$", output, re.MULTILINE))
+
+
+_global_plugins = []
+
+
+def global_plugins():
+    if not _global_plugins:
+        _global_plugins.append(folders()["Global Lua Plugins"])
+    return _global_plugins[0]
+
+
+def fields(path, *names, only=None, options=()):
+    """A list of {name: [values]} for each frame that has anything of the proxy's, read twice as Wireshark itself does."""
+    chosen = [text for name in ("frame.number", *names) for text in ("-e", name)]
+    shown = run("-2", "-r", path, "-Y", only or "txproxy", "-T", "fields", "-E", "separator=/t", "-E", "aggregator=;",
+                "-E", "occurrence=a", *chosen, *options)  # fmt: skip
+    rows = []
+    for line in shown.splitlines():
+        cells = [cell.split(";") if cell else [] for cell in line.split("\t")]
+        rows.append(dict(zip(("frame.number", *names), cells)))
+    return rows
+
+
+def text(path):
+    """The trees of all that is remarkable, frame by frame."""
+    shown = run("-2", "-r", path, "-O", "txproxy", "-Y", REMARKABLE)
+    blocks = re.findall(r"^(Frame \d+): .*?^(tx_proxy, .*?)^(?=\S|$)", shown, re.MULTILINE | re.DOTALL)
+    trees = "\n".join(f"{frame}\n{tree.rstrip()}\n" for frame, tree in blocks)
+    # A note's lines below its first one say the same again.
+    return re.sub(r"(?<=\])\n +\[[^\n]*\]\n +\[Severity level: [^\n]*\n +\[Group: [^\n]*", "", trees)
+
+
+def write_expected():
+    EXPECTED.mkdir(exist_ok=True)
+    for path in sorted(CAPTURES.glob("*.pcapng")):
+        pathlib.Path(EXPECTED, f"{path.stem}.txt").write_text(text(path), encoding="utf-8")
