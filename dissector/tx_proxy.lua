@@ -1,19 +1,19 @@
 -- Dissector for Wireshark and tshark: what goes between tx_proxy and its receivers.
 --
--- docs/dissector.md is its page, docs/protocol.md says what the fields mean. Its parts are in the folder tx_proxy beside it:
+-- docs/dissector.md is its page, docs/protocol.md says what the fields mean. Its parts are in the folder beside it:
 --
 --   fields    names, units and notes of all that is shown
 --   datagram  what a datagram is; checksum and window
 --   memory    what belongs together: requests, packets sent again, gaps, echoes
 --   show      a datagram and what is known of it as a tree
 --
--- Wireshark also runs the parts by themselves, as it does with all files below its folder for plugins: each only returns a
--- function.
+-- Wireshark also runs the parts by themselves, as it does with all files below its folder for plugins: each only
+-- returns a function.
 
-if tx_proxy_dissector then
+local is_there, there = pcall(Dissector.get, "txproxy")
+if is_there and there then
     return -- installed twice, for the user and for all: the first one serves
 end
-tx_proxy_dissector = true
 
 local TS_BYTES, TS_SYNC = 188, 0x47
 local AGAIN_PAYLOAD_TYPE = 122
@@ -21,7 +21,8 @@ local AGAIN_PAYLOAD_TYPE = 122
 local proto = Proto("txproxy", "tx_proxy")
 local again_payload = Proto("txproxy_again", "tx_proxy media sent again")
 
-local folder = (__DIR__ == "" and "" or __DIR__ .. "/") .. "tx_proxy/"
+-- Wireshark tells its own variable for this to plugins of a user only.
+local folder = (debug.getinfo(1, "S").source:match("^@(.*[/\\])") or "") .. "tx_proxy/"
 
 local function part(name, ...)
     return assert(loadfile(folder .. name .. ".lua"))()(...)

@@ -86,7 +86,7 @@ local function show_links(tree, fact)
     frames(tree, F["media.again_frame"], fact.again)
 end
 
--- The proxy stamps with its wall clock: against the time of the capture this is the way, the wait and the clocks' difference.
+-- The proxy stamps with its wall clock. Against the capture's time: the way, the wait and the difference of the clocks.
 local function show_times(tree, range, here)
     local age = D.signed32(math.floor(here.clock * TICKS_PER_SECOND) % LONG - range:uint())
     generated(tree, F["media.sent"], moment(here.clock - age / TICKS_PER_SECOND))

@@ -13,6 +13,7 @@ SO_TIMESTAMPNS = 35  # not in the socket module
 NANOSECONDS = 10**9
 ETHERNET = 1  # the link type
 SECTION_HEADER, INTERFACE, PACKET = 0x0A0D0D0A, 1, 6  # blocks
+LONGEST = 1 << 16
 RESOLUTION_OPTION, NANOSECOND_RESOLUTION = 9, 9
 
 
@@ -21,15 +22,16 @@ def _block(kind, body):
     return struct.pack("<II", kind, len(padded) + 12) + padded + struct.pack("<I", len(padded) + 12)
 
 
-def write(path, frames, longest=1 << 16):
-    """`frames` are (nanoseconds since the epoch, bytes); no more than `longest` bytes of each are kept."""
+def write(path, frames):
+    """`frames` are (nanoseconds since the epoch, bytes), and a third if the capture kept less: the length on the wire."""
+    interface = struct.pack("<HHIHHBxxxHH", ETHERNET, 0, LONGEST, RESOLUTION_OPTION, 1, NANOSECOND_RESOLUTION, 0, 0)
     blocks = [
         _block(SECTION_HEADER, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)),
-        _block(INTERFACE, struct.pack("<HHIHHBxxxHH", ETHERNET, 0, longest, RESOLUTION_OPTION, 1, NANOSECOND_RESOLUTION, 0, 0)),
+        _block(INTERFACE, interface),
     ]
-    for time, frame in frames:
-        head = struct.pack("<5I", 0, time >> 32, time & 0xFFFFFFFF, len(frame[:longest]), len(frame))
-        blocks.append(_block(PACKET, head + frame[:longest]))
+    for time, frame, *length in frames:
+        head = struct.pack("<5I", 0, time >> 32, time & 0xFFFFFFFF, len(frame), *(length or [len(frame)]))
+        blocks.append(_block(PACKET, head + frame))
     path.write_bytes(b"".join(blocks))
 
 

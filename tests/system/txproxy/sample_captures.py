@@ -7,7 +7,6 @@
 The proxy has its usual ports. Datagrams are small, and leave one by one.
 """
 
-import itertools
 import re
 import subprocess
 import time
@@ -30,6 +29,7 @@ STREAM_ID = 0x51
 LOST = [11, 21, 22, 23, 31]  # 31 is lost again when it is sent again
 DROPPED = "11,21-23,31x2"
 PACKETS = 45
+MORE_PACKETS = 5  # when all is repaired: Wireshark counts losses up to the last packet
 PER_SECOND = 100
 DELAY = "10ms"
 TS_PID = 0x100
@@ -55,8 +55,8 @@ class Stage:
         self.lan = closing(netns.Lan())
         for side in (self.lan.proxy, self.lan.peer):
             # Headers as on a wire: no datagrams in trains, no checksum left to the network card.
-            subprocess.run(["ip", "netns", "exec", side.name, "ethtool", "-K", "eth0", "tx", "off", "tx-udp-segmentation", "off"],
-                           check=True, capture_output=True)  # fmt: skip
+            settings = ["ethtool", "-K", "eth0", "tx", "off", "tx-udp-segmentation", "off"]
+            subprocess.run(["ip", "netns", "exec", side.name, *settings], check=True, capture_output=True)
         for i, side in enumerate((self.lan.proxy, self.lan.peer), 1):
             side.ip("link", "set", "eth0", "address", f"02:00:00:00:00:0{i}")
         for address in (LINE, RECEIVER[0]):
@@ -65,10 +65,14 @@ class Stage:
         self.proxy = launch("-I", instance, "-u", INPUT_PORT, namespace=self.lan.proxy).wait_ready()
         wait_bound(self.proxy, PING_PORT, REQUEST_PORT)
         self._feed = closing(Sender("127.0.0.1", INPUT_PORT, self.lan.proxy))
-        self._numbers = itertools.count(1)
+        self._next = 1
 
     def send(self, count):
-        send_evenly(self._feed, [media(next(self._numbers)) for _ in range(count)], PER_SECOND)
+        """Returns the numbers that the proxy gives them."""
+        numbers = range(self._next, self._next + count)
+        self._next += count
+        send_evenly(self._feed, list(map(media, numbers)), PER_SECOND)
+        return numbers
 
 
 def lossy_run(stage):
@@ -82,12 +86,15 @@ def lossy_run(stage):
     receiver = None
     try:
         line.wait_stdout(re.compile("The line: .*"))
-        receiver = Arqrx(LINE, "--bind", f"{RECEIVER[0]}:{RECEIVER[1]}", "--id", hex(STREAM_ID), "--json", "--interval", "100ms",
-                         "--latency", "2s", namespace=peer)  # fmt: skip
+        receiver = Arqrx(LINE, "--bind", f"{RECEIVER[0]}:{RECEIVER[1]}", "--id", hex(STREAM_ID), "--json", "--interval",
+                         "100ms", "--latency", "2s", namespace=peer)  # fmt: skip
         stage.proxy.wait_stderr(re.compile(rf".*Media started on port \d+ for .* ID:0x{STREAM_ID:08x}"))
         receiver.wait_figures(lambda figures: figures.get("round_trip_ms"), "a round trip")
         stage.send(PACKETS)
         receiver.wait_figures(lambda figures: figures["packets_recovered"] == len(LOST), "all that was lost")
+        before = receiver.figures()["packets_received"]
+        stage.send(MORE_PACKETS)
+        receiver.wait_figures(lambda figures: figures["packets_received"] >= before + MORE_PACKETS, "the last packets")
         receiver.end()
         stage.proxy.wait_stderr(re.compile(r".*Stream stopped for .*"))
     finally:
@@ -108,11 +115,10 @@ def one_of_each(stage):
 
     tagged = joined(*TAGGED[:2], stream_id=TAGGED[2], swapped=True)
     plain = joined(*PLAIN)
-    before = next(stage._numbers)
-    stage._numbers = itertools.count(before)
-    stage.send(6)
-    first = before + 1
-    wait_until(lambda: {rtp.seq(data) for data in plain.payloads if len(data) > 100} >= set(range(before, before + 6)), "media")
+    sent = stage.send(6)
+    first = sent[1]
+    for receiver in (tagged, plain):
+        receiver.wait_for(lambda datagram: len(datagram.data) > 100 and rtp.seq(datagram.data) == sent[-1])
     tagged.ask([first, first + 2], USUAL_WINDOW)
     tagged.fence()
     tagged.ask([first], USUAL_WINDOW)  # less than the hold-off ago

@@ -1,4 +1,4 @@
-"""tshark with the dissector of this project, and with nothing of the user or the machine: no settings, no other plugins."""
+"""tshark with this project's dissector, and with no settings or plugins of the user or the machine."""
 
 import os
 import pathlib
@@ -18,15 +18,19 @@ AS_ROOT = 'Running as user "root" and group "root". This could be dangerous.\n'
 REMARKABLE = 'txproxy.kind != "media" || txproxy.media.again == 1 || txproxy.media.missing || txproxy.media.again_frame'
 
 
-def run(*arguments, script=SCRIPT, plugins=None, command=None):
-    """Runs it to its end; returns its output. `plugins` stands for the machine's folder of plugins, an empty one unless
-    given; `command` is a whole command line instead of arguments."""
-    with tempfile.TemporaryDirectory() as home:
-        line = command or ["tshark", *(["-X", f"lua_script:{script}"] if script else []), *map(str, arguments)]
-        environment = {"PATH": os.environ["PATH"], "HOME": home, "LC_ALL": "C.UTF-8", "TZ": "UTC"}
+def run(*arguments, script=SCRIPT, plugins=None, shell=None, home=None):
+    """Runs it to its end; returns its output.
+
+    `plugins` stands for the machine's folder of plugins, an empty one unless given, and `home` for the user's folder,
+    where it also runs then. `shell` is a script for a shell instead of arguments.
+    """
+    with tempfile.TemporaryDirectory() as empty:
+        line = ["bash", "-euo", "pipefail", "-c", shell] if shell else [
+            "tshark", *(["-X", f"lua_script:{script}"] if script else []), *map(str, arguments)]  # fmt: skip
+        environment = {"PATH": os.environ["PATH"], "HOME": str(home or empty), "LC_ALL": "C.UTF-8", "TZ": "UTC"}
         done = subprocess.run(
-            line, capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL, timeout=scaled(DEFAULT_TIMEOUT), cwd=ROOT,
-            env=environment, preexec_fn=sandbox.covering(global_plugins(), plugins or home),
+            line, capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL, timeout=scaled(DEFAULT_TIMEOUT),
+            cwd=home or ROOT, env=environment, preexec_fn=sandbox.covering(global_plugins(), plugins or empty),
         )  # fmt: skip
     trouble = done.stderr.replace(AS_ROOT, "")
     assert done.returncode == 0 and "Lua" not in trouble, f"{line}: {done.returncode}\n{trouble}"
