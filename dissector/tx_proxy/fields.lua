@@ -84,6 +84,7 @@ end
 warning("malformed", "MALFORMED", "ERROR", "Malformed")
 warning("cut", "UNDECODED", "NOTE", "Cut off by the capture: the rest of the datagram is not in it")
 warning("too_long", "PROTOCOL", "WARN", "The proxy reads 1536 bytes and cuts off the rest")
+warning("train", "PROTOCOL", "WARN", "Longer than any packet: a train of the sending side, its first packet is shown")
 warning("gap", "SEQUENCE", "NOTE", "Sequence numbers are missing")
 warning("never_came", "SEQUENCE", "WARN", "Missing numbers that do not come in this capture")
 warning("jump", "SEQUENCE", "NOTE", "Sequence numbers jump")

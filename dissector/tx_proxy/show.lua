@@ -8,6 +8,7 @@ local LONG = 0x100000000
 local TEN_YEARS = 10 * 365 * 86400
 local LATEST_PING_MS = 4900
 local PROXY_READS_BYTES = 1536
+local MOST_RANGES = 12 -- in the column "Info"
 
 local function rounded(ms)
     return math.floor(ms * 1000 + 0.5) / 1000
@@ -36,8 +37,8 @@ local function link(tree, field, frame)
 end
 
 local function moment(seconds)
-    local whole = math.floor(seconds)
-    return NSTime.new(whole, math.floor((seconds - whole) * 1e6 + 0.5) * 1000)
+    local microseconds = math.floor(seconds * 1e6 + 0.5)
+    return NSTime.new(math.floor(microseconds / 1e6), microseconds % 1e6 * 1000)
 end
 
 -- "3, 7 to 9"
@@ -50,6 +51,9 @@ local function ranges(numbers)
         end
         parts[#parts + 1] = last == i and tostring(numbers[i]) or string.format("%d to %d", numbers[i], numbers[last])
         i = last + 1
+    end
+    if #parts > MOST_RANGES then
+        return string.format("%s, ... (%d in all)", table.concat(parts, ", ", 1, MOST_RANGES), #numbers)
     end
     return table.concat(parts, ", ")
 end
@@ -111,6 +115,9 @@ local function media(tvb, _, here, fact, tree, visited)
         generated(tree, F["media.made"], moment(ssrc))
     end
     generated(tree, F["media.payload_bytes"], tvb:reported_len() - D.RTP_BYTES)
+    if tvb:reported_len() > PROXY_READS_BYTES + D.RTP_BYTES then
+        tree:add_proto_expert_info(E.train)
+    end
     show_gap(tree, fact, seq, visited)
     show_links(tree, fact)
     if not again then

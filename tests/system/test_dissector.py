@@ -343,6 +343,27 @@ def test_a_datagram_that_the_network_quotes_in_an_error_is_not_sent_once_more(sh
     assert found[3]["media.seq"] == ["2"] and "First sending that came twice" not in found[3]["note"]
 
 
+def test_a_train_is_told_and_its_first_packet_shown(shown):
+    packets = [rtp.packet(seq, bytes(1316)) for seq in (1, 2, 3)]
+    script = Script()
+    script.add(0, packets[0], PING, RECEIVER)
+    script.add(1, b"".join(packets[1:]), PING, RECEIVER)
+    script.add(2, rtp.packet(4, bytes(1536)), PING, RECEIVER)  # the longest that the proxy sends
+    found = shown(script, "media.seq", "note")
+    assert [row["media.seq"] for row in found.values()] == [["1"], ["2"], ["4"]]
+    told = [any("a train of the sending side" in note for note in row["note"]) for row in found.values()]
+    assert told == [False, True, False]
+
+
+def test_a_long_list_of_numbers_is_cut_in_its_line(tmp_path):
+    script = Script()
+    script.ask(0, range(0, 24, 2))
+    script.ask(1, range(0, 26, 2))
+    lines = tshark.run("-r", script.write(tmp_path / "long.pcapng")).splitlines()
+    assert lines[0].endswith("Request for 0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22")
+    assert lines[1].endswith(" 20, 22, ... (13 in all)")
+
+
 def test_times_are_those_of_the_proxys_clock(shown):
     script = Script()
     frame = script.media(100, 1, sent=80.5)
