@@ -13,7 +13,7 @@ PAGE = Page("receiver.md")
 OPTION = re.compile(r"^  (?:-h,)?(--[a-z-]+)", re.MULTILINE)
 # Fields that a run without loss, proxy and failure does not have.
 NOT_IN_EVERY_RUN = {"proxy", "round_trip_ms", "recover_p50_ms", "recover_p99_ms", "error", "transport_packets",
-                    "continuity_errors"}  # fmt: skip
+                    "continuity_errors", "packets_decrypted", "packets_clear", "packets_undecided"}  # fmt: skip
 
 
 def help_text():

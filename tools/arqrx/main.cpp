@@ -57,6 +57,8 @@ int Receive(const Options& options, const Voice& voice)
     std::string problem;
     if (!OpenMedia(options, parts, problem))
         return voice.Fail(ExitStatus::NoStart, problem);
+    for (const std::string& news : parts.news)
+        LinePrinter(STDERR_FILENO).Print("arqrx: " + news + "\n");
     SampleBoard board;
     std::optional<Metrics> metrics;
     try {

@@ -167,4 +167,15 @@ TEST(ArqrxOptions, StrippingAndKeepingContradictEachOther)
         "--strip-rtp and --keep-rtp contradict each other; name rtp:// outputs where RTP is wanted");
 }
 
+TEST(ArqrxOptions, APasswordNeedsSomethingThatDecrypts)
+{
+    Options options = WithProxy();
+    options.passwordFile = "secret";
+    EXPECT_EQ(Contradiction(options), "--password-file goes with --decrypt LIBRARY");
+    options.decryptionLibrary = "./libsorvanex.so.1.0";
+    EXPECT_EQ(Contradiction(options), "");
+    options.passwordFile = "";
+    EXPECT_EQ(Contradiction(options), "");
+}
+
 } // namespace

@@ -130,6 +130,15 @@ TEST_F(TextReportTest, TheEndTellsAllThatWasCounted)
         "  output     file:x: 10 packets, 1690 dropped; failed: No space left on device\n");
 }
 
+TEST_F(TextReportTest, TheEndTellsWhatWasDecrypted)
+{
+    Sample last = Second();
+    last.decryption = { 1690, 7, 3 };
+    const std::string text = TextReport(PingingOptions()).Last(last, EndOf(EndReason::Duration), NOON);
+    EXPECT_NE(text.find("  decrypted  1690 packets, 7 in clear; 3 that could not be, not played\n"),
+        std::string::npos);
+}
+
 TEST_F(TextReportTest, QuietSaysNothing)
 {
     Options options = PingingOptions();
@@ -170,6 +179,21 @@ TEST(News, TheFiveStopMessagesOfADeleteAreToldOnce)
     EXPECT_NE(News(before, now), "");
 }
 
+TEST(News, TellOnceThatPacketsCannotBeDecrypted)
+{
+    Sample before = Second();
+    Sample now = before;
+    now.decryption = { 5, 5, 0 };
+    EXPECT_EQ(News(before, now), "");
+    before = now;
+    now.decryption->undecided = 1;
+    EXPECT_EQ(News(before, now),
+        "packets that cannot be decrypted come, and are not played: is the password that of the proxy's -Z?\n");
+    before = now;
+    now.decryption->undecided = 9;
+    EXPECT_EQ(News(before, now), "");
+}
+
 TEST(JsonReport, EachLineIsOneObjectWithEveryCount)
 {
     JsonReport report("10.0.0.1:10000", false);
@@ -198,6 +222,17 @@ TEST(JsonReport, WhatIsNotKnownIsLeftOut)
     for (const char* name : { "round_trip_ms", "recover_p50_ms", "recover_p99_ms", "play_late_p50_ms",
              "silent_s", "proxy", "outputs", "transport_packets" })
         EXPECT_FALSE(object.contains(name)) << name;
+}
+
+TEST(JsonReport, WhatWasDecryptedIsCountedWhereThatIsDone)
+{
+    Sample sample = First();
+    EXPECT_FALSE(json::parse(JsonReport("x", false).Interval(sample, NOON)).contains("packets_decrypted"));
+    sample.decryption = { 3, 2, 1 };
+    const json object = json::parse(JsonReport("x", false).Interval(sample, NOON));
+    EXPECT_EQ(object["packets_decrypted"], 3);
+    EXPECT_EQ(object["packets_clear"], 2);
+    EXPECT_EQ(object["packets_undecided"], 1);
 }
 
 TEST(JsonReport, TheLastObjectTellsReasonAndStatus)
@@ -267,6 +302,19 @@ TEST(MetricFamilies, WhatIsNotKnownIsLeftOut)
     const auto families = MetricFamilies(First(), "x");
     EXPECT_EQ(FindFamily(families, "arqrx_round_trip_seconds"), nullptr);
     EXPECT_EQ(FindFamily(families, "arqrx_output_packets_total"), nullptr);
+}
+
+TEST(MetricFamilies, WhatWasDecryptedIsCountedWhereThatIsDone)
+{
+    Sample sample = First();
+    EXPECT_EQ(FindFamily(MetricFamilies(sample, "x"), "arqrx_packets_undecided_total"), nullptr);
+    sample.decryption = { 3, 2, 1 };
+    const auto families = MetricFamilies(sample, "x");
+    const prometheus::MetricFamily* undecided = FindFamily(families, "arqrx_packets_undecided_total");
+    ASSERT_NE(undecided, nullptr);
+    EXPECT_EQ(undecided->metric.at(0).counter.value, 1);
+    EXPECT_NE(FindFamily(families, "arqrx_packets_decrypted_total"), nullptr);
+    EXPECT_NE(FindFamily(families, "arqrx_packets_clear_total"), nullptr);
 }
 
 TEST(MetricFamilies, OutputsHaveALabelEach)

@@ -258,6 +258,14 @@ void AddOutputOptions(CLI::App& app, Options& options)
            "what may wait for a slow file or pipe; beyond it packets are dropped [16M]")
         ->type_name("SIZE")
         ->group(group);
+    app.add_option("--decrypt", options.decryptionLibrary,
+           "the encryption library that the proxy has loaded (-z, -Z): play out in clear")
+        ->type_name("LIBRARY")
+        ->group(group);
+    app.add_option(
+           "--password-file", options.passwordFile, "its first line is the password of the proxy's -Z")
+        ->type_name("FILE")
+        ->group(group);
 }
 
 void AddReportOptions(CLI::App& app, Options& options)

@@ -42,6 +42,10 @@ Json Object(const Sample& sample, const std::string& stream, int64_t wallSeconds
         object["silent_s"] = Seconds(sample.sinceMediaUs);
     for (const CountField& field : COUNT_FIELDS)
         object[field.name] = core.*field.count;
+    if (sample.decryption) {
+        for (const DecryptionField& field : DECRYPTION_FIELDS)
+            object[field.name] = (*sample.decryption).*field.count;
+    }
     object["packets_waiting"] = core.waiting;
     object["packets_buffered"] = core.buffered;
     for (const TimeField& field : TIME_FIELDS)

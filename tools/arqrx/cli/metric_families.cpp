@@ -85,6 +85,10 @@ std::vector<MetricFamily> MetricFamilies(const Sample& sample, const std::string
     Page page(stream);
     for (const CountField& field : COUNT_FIELDS)
         page.AddCount(field.name, field.help, sample.core.*field.count);
+    if (sample.decryption) {
+        for (const DecryptionField& field : DECRYPTION_FIELDS)
+            page.AddCount(field.name, field.help, (*sample.decryption).*field.count);
+    }
     page.AddCount("transport_packets", "MPEG-TS packets played out", sample.transportPackets);
     page.AddCount("continuity_errors", "Jumps of their continuity counters", sample.continuityErrors);
     page.AddCount("socket_drops", "Datagrams that the kernel had no room for", sample.socketDrops);

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "arqrx/core/figures.h"
+#include "arqrx/program/sample.h"
 
 namespace arqrx {
 
@@ -40,6 +41,22 @@ inline constexpr std::array COUNT_FIELDS {
     CountField {
         "restarts", &Figures::restarts, "Times play-out began afresh: the clock stepped or numbers jumped" },
     CountField { "strangers", &Figures::strangers, "Datagrams that are nothing of a stream" },
+};
+
+// The same for --decrypt; not published without it.
+struct DecryptionField {
+    const char* name;
+    uint64_t DecryptionFigures::*count;
+    const char* help;
+};
+
+inline constexpr std::array DECRYPTION_FIELDS {
+    DecryptionField {
+        "packets_decrypted", &DecryptionFigures::decrypted, "Packets of those played that were decrypted" },
+    DecryptionField {
+        "packets_clear", &DecryptionFigures::clear, "Packets of those played that came in clear" },
+    DecryptionField { "packets_undecided", &DecryptionFigures::undecided,
+        "Packets that no output got because they could not be decrypted" },
 };
 
 // A time of now in microseconds, below 0 while it is not known. In JSON it is "<name>_ms" and left out while not

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <utility>
 
+#include "arqrx/program/password_file.h"
 #include "common/clock.h"
 
 namespace arqrx {
@@ -25,10 +26,30 @@ void SleepUntil(int64_t timeUs)
     (void)clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
 }
 
+bool OpenDecryption(const Options& options, MediaParts& parts, std::string& problem)
+{
+    if (options.decryptionLibrary.empty())
+        return true;
+    PasswordFile file;
+    if (!options.passwordFile.empty() && !file.Read(options.passwordFile, problem))
+        return false;
+    if (file.isReadByOthers)
+        parts.news.push_back("others can read the password; chmod 600 " + options.passwordFile);
+    parts.decryption = std::make_unique<DecryptionLibrary>();
+    if (!parts.decryption->Open(options.decryptionLibrary, file.password, problem)) {
+        problem = "cannot decrypt: " + problem;
+        return false;
+    }
+    parts.news.push_back("decrypting by " + parts.decryption->Description());
+    return true;
+}
+
 } // namespace
 
 bool OpenMedia(const Options& options, MediaParts& parts, std::string& problem)
 {
+    if (!OpenDecryption(options, parts, problem))
+        return false;
     if (!options.proxyHost.empty() && !parts.proxy.LookUp(options.proxyHost, problem)) {
         problem = "cannot find the proxy: " + problem;
         return false;
@@ -49,7 +70,7 @@ MediaLoop::MediaLoop(const Options& options, MediaParts&& parts, SampleBoard& bo
       m_proxy(std::move(parts.proxy)),
       m_sockets(std::move(parts.sockets)),
       m_receiver(options.settings),
-      m_playOut(std::move(parts.outputs)),
+      m_playOut(std::move(parts.outputs), std::move(parts.decryption)),
       m_startUs(common::NowUs()),
       m_nowUs(m_startUs)
 {

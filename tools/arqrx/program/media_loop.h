@@ -27,6 +27,8 @@ struct MediaParts {
     ProxyAddress proxy;
     MediaSockets sockets;
     std::vector<std::unique_ptr<Output>> outputs;
+    std::unique_ptr<DecryptionLibrary> decryption; // null without --decrypt
+    std::vector<std::string> news; // what is to be said at the start
 };
 
 // Opens what the options name. False with a sentence in `problem`. Looks names up, which can take seconds.

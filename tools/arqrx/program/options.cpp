@@ -59,6 +59,8 @@ std::string OutputContradiction(const Options& options)
             > 1)
             return "'" + output.text + "' is an output twice";
     }
+    if (!options.passwordFile.empty() && options.decryptionLibrary.empty())
+        return "--password-file goes with --decrypt LIBRARY";
     if (options.isStripping && options.isKeepingRtp)
         return "--strip-rtp and --keep-rtp contradict each other; name rtp:// outputs where RTP is wanted";
     return "";

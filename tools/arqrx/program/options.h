@@ -33,6 +33,8 @@ struct Options {
     bool isStripping = false; // udp:// without the RTP header
     bool isKeepingRtp = false; // file: and - with it, behind two bytes of length (RFC 4571)
     int64_t writeBufferBytes = 16'000'000; // what may wait for a slow file
+    std::string decryptionLibrary; // whose other end the proxy has loaded; empty: the stream is not decrypted
+    std::string passwordFile; // for it; empty: it gets none
 
     bool isJson = false;
     bool isQuiet = false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,13 @@ struct OutputFigures {
     std::string problem; // why
 };
 
+// What became of the packets that were played out, by --decrypt.
+struct DecryptionFigures {
+    uint64_t decrypted = 0;
+    uint64_t clear = 0; // came in clear
+    uint64_t undecided = 0; // neither in clear nor of our password: no output has got them
+};
+
 // Everything that is known about a run at one moment; counts are those since its beginning.
 struct Sample {
     int64_t runUs = 0; // since the start
@@ -28,6 +36,7 @@ struct Sample {
     uint64_t sendFailures = 0; // pings and requests that the system refused
     int64_t playLateP50Us = -1; // from when a packet was due to when it left, of the last 4096; -1: none yet
     int64_t playLateP99Us = -1;
+    std::optional<DecryptionFigures> decryption; // nothing without --decrypt
     std::string proxy; // ADDRESS:PORT that is pinged now; empty: nobody
     std::vector<OutputFigures> outputs;
 };

@@ -94,6 +94,9 @@ std::string Totals(const Sample& last)
     if (last.transportPackets > 0)
         text += fmt::format("  transport  {} in {}\n", Plural(last.continuityErrors, "continuity error"),
             Plural(last.transportPackets, "packet"));
+    if (last.decryption)
+        text += fmt::format("  decrypted  {}, {} in clear; {} that could not be, not played\n",
+            Plural(last.decryption->decrypted, "packet"), last.decryption->clear, last.decryption->undecided);
     if (last.socketDrops > 0)
         text += fmt::format("  kernel     {} dropped; raise net.core.rmem_max, --receive-buffer\n",
             Plural(last.socketDrops, "datagram"));
@@ -146,6 +149,11 @@ uint64_t Deletes(const Sample& sample)
     return (sample.core.stops + STOPS_A_DELETE - 1) / STOPS_A_DELETE;
 }
 
+bool HasUndecided(const Sample& sample)
+{
+    return sample.decryption && sample.decryption->undecided > 0;
+}
+
 } // namespace
 
 std::string News(const Sample& before, const Sample& now)
@@ -157,6 +165,9 @@ std::string News(const Sample& before, const Sample& now)
         text += "nothing came for a while; joining anew\n";
     if (now.core.restarts > before.core.restarts)
         text += "play-out has begun afresh: the proxy's clock or its numbers jumped\n";
+    if (HasUndecided(now) && !HasUndecided(before))
+        text
+            += "packets that cannot be decrypted come, and are not played: is the password that of the proxy's -Z?\n";
     if (now.proxy != before.proxy && !before.proxy.empty())
         text += "the proxy has moved to " + now.proxy + "\n";
     for (size_t i = 0; i < now.outputs.size(); ++i) {
