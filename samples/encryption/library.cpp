@@ -27,9 +27,9 @@ Scrambler::Packet PacketAt(std::span<uint8_t> region, size_t offset)
     return region.subspan(offset).first<Scrambler::PACKET_BYTES>();
 }
 
-// Where the first whole packet begins, by the length alone: a region of packets only is a datagram of the proxy's -u, and
-// one with 12 bytes more begins with the last 12 of the packet behind an RTP header. Nothing else is looked into, because a
-// wrong guess would scramble what no receiver finds again.
+// Where the first whole packet begins, by the length alone: a region of packets only is a datagram of the proxy's
+// -u, and one with 12 bytes more begins with the last 12 of the packet behind an RTP header. Nothing else is looked
+// into, because a wrong guess would scramble what no receiver finds again.
 bool FindFirstPacket(std::span<uint8_t> region, size_t& offset)
 {
     offset = region.size() % Scrambler::PACKET_BYTES;
@@ -78,8 +78,9 @@ void* sorvanex_open_callback(int32_t mode, const char* password, int32_t length)
     if (password == nullptr || length <= 0)
         return Refuse("it needs a password: -Z PASSWORD of the proxy, --password-file FILE of arqrx");
     auto scrambler = Scrambler::Create({ password, static_cast<size_t>(length) });
-    auto* const session = scrambler ? new (std::nothrow) Session { mode, std::move(scrambler) } : nullptr;
-    return session != nullptr ? session : Refuse("memory is short, or libcrypto has no AES");
+    if (!scrambler)
+        return Refuse("memory is short, or libcrypto has no AES");
+    return new (std::nothrow) Session { mode, std::move(scrambler) };
 }
 
 int32_t sorvanex_data_callback(void* session, uint8_t* data, int32_t length)

@@ -11,17 +11,17 @@
 // Scrambles MPEG-TS packets one by one, without a byte more and without state between them, so that any of them may be
 // lost, late, sent again or in clear.
 //
-// There is no place for a nonce, so the counter that AES-CTR starts from is made of the packet itself: three rounds of an
-// unbalanced Feistel network, in which equal packets give equal results and any difference changes all. With A the bytes
-// 1 to 16 and B the bytes 17 to 187 of a packet:
+// There is no place for a nonce, so the counter that AES-CTR starts from is made of the packet itself: three rounds
+// of an unbalanced Feistel network, in which equal packets give equal results and any difference changes all. With A
+// the bytes 1 to 16 and B the bytes 17 to 187 of a packet:
 //
 //     A ^= CMAC(first key, B)
 //     S = AES-CTR(stream key, counter from CMAC(start key, A)), 16 bytes and as many as B
 //     byte 0 = 0x47 ^ (1 + (first 4 bytes of S, big-endian) mod 255);  B ^= S without its first 16 bytes
 //     A ^= CMAC(last key, B)
 //
-// Byte 0 of a scrambled packet is therefore never the 0x47 of one in clear, and 254 of 255 packets that were scrambled
-// with another password, or changed on the way, are found out by it.
+// Byte 0 of a scrambled packet is therefore never the 0x47 of one in clear, and 254 of 255 packets that were
+// scrambled with another password, or changed on the way, are found out by it.
 //
 // Threads: one at a time.
 class Scrambler {

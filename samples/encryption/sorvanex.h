@@ -3,8 +3,8 @@
  * tx_proxy (-z, -Z PASSWORD) loads it to transform the media that it takes in, and arqrx (--decrypt) to transform them
  * back. docs/encryption.md tells where the proxy looks for it, and which datagrams it never shows.
  *
- * Threads: a host opens, prints and closes on one thread and calls for data on one thread, never two calls at a time for
- * one session. There may be several sessions in a process: the proxy opens two when it has both -z and -Z.
+ * Threads: a host opens, prints and closes on one thread and calls for data on one thread, never two calls at a time
+ * for one session. There may be several sessions in a process: the proxy opens two when it has both -z and -Z.
  *
  * A function must not throw, end the process, wait or change signals, locale or environment. The call for data stands
  * between the network and the stream: what it takes, every packet takes. The host runs with all its rights in it.

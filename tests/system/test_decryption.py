@@ -12,7 +12,7 @@ from txproxy.model_receiver import wait_bound
 from txproxy.mpegts import PACKET_BYTES, SYNC_BYTE
 from txproxy.plugin_builder import INSTALLED_NAME
 from txproxy.receiver import Receiver, pump
-from txproxy.sample_encryption import NULL_PACKET, Reference
+from txproxy.sample_encryption import NULL_PACKET, Reference, as_sent, transport_packets
 
 RELEASE = os.environ.get("TX_PROXY_BUILD_KIND") == "release"
 PER_SECOND = 400 if RELEASE else 150
@@ -27,13 +27,6 @@ POOL = RING + 1024  # datagrams that leave as they came
 LATE = 20  # of these, what a receiver still sees
 TRAILER = [NULL_PACKET * 7] * 40  # behind it, what is missing at the end is noticed
 DESCRIPTION = "tx_proxy sample encryption {}, AES-256-CTR, {}"
-
-
-def transport_packets(source, count):
-    """Packets with a sync byte where it belongs and nowhere else, and continuity counters that no one follows."""
-    return b"".join(
-        bytes([SYNC_BYTE]) + source.randbytes(PACKET_BYTES - 1).replace(bytes([SYNC_BYTE]), b"\0") for _ in range(count)
-    )
 
 
 def media(count, first=0):
@@ -95,16 +88,15 @@ def test_over_a_line_that_loses_and_doubles_every_byte_comes_back(
     wire = receive(WIRE)
     warm_up = [NULL_PACKET * 7] * (POOL - LATE) + media(LATE)
     pump(sender, [wire], [datagram(i, data) for i, data in enumerate(warm_up[:-LATE])])
-    line = closing(Link([("127.0.0.1", net.destination), ("127.0.0.1", net.request)], "--loss", "5%", "--duplicate", "5%",
-                        "--delay", "5ms", "--seed", "7", "--source", FAR_END, address="127.0.0.70"))  # fmt: skip
+    line = closing(Link([("127.0.0.1", net.destination), ("127.0.0.1", net.request)], "--loss", "5%", "--duplicate",
+                        "5%", "--delay", "5ms", "--seed", "7", "--source", FAR_END, address="127.0.0.70"))  # fmt: skip
     (host, ping_port), (_, request_port) = line.listen
-    receiver = closing(Arqrx(f"{host}:{ping_port}", "--request-port", request_port, "--id", arqrx.ID, "--json", "--interval",
-                             "100ms", "--latency", seconds(1), "--strip-rtp", "--output", url(player), "--output",
-                             f"file:{tmp_path}/x.ts", *decrypting(password_file)))  # fmt: skip
+    receiver = closing(Arqrx(f"{host}:{ping_port}", "--request-port", request_port, "--id", arqrx.ID, "--json",
+                             "--interval", "100ms", "--latency", seconds(1), "--strip-rtp", "--output", url(player),
+                             "--output", f"file:{tmp_path}/x.ts", *decrypting(password_file)))  # fmt: skip
     proxy.wait_stderr(started(FAR_END))
     sent = media(COUNT, first=POOL)
     after = warm_up[-LATE:] + sent + TRAILER
-    # The first is sent till it arrives: before one packet there is no loss to notice.
     send_evenly(sender, [datagram(POOL - LATE + i, data) for i, data in enumerate(after)], PER_SECOND)
     received = wire.wait_count(POOL + len(sent))
     player.wait_count(LATE + COUNT - 3)
@@ -143,23 +135,6 @@ def of_size(source, size):
     return head + (transport_packets(source, count) if rest == 12 else bytes(size - rest))
 
 
-def as_sent(data, previous, reference):
-    """What becomes of a datagram whose buffer was last used for `previous` bytes: the rules of the page."""
-    if len(data) % PACKET_BYTES == 0:
-        start, length = 0, previous
-    elif (len(data) - 12) % PACKET_BYTES == 0:
-        start, length = PACKET_BYTES, previous - PACKET_BYTES
-    else:
-        return data
-    if length <= 0 or length % PACKET_BYTES not in (0, 12):
-        return data
-    at = start + length % PACKET_BYTES
-    while at + PACKET_BYTES <= min(start + length, len(data)) and data[at] == SYNC_BYTE:
-        data = data[:at] + reference.scramble(data[at : at + PACKET_BYTES]) + data[at + PACKET_BYTES :]
-        at += PACKET_BYTES
-    return data
-
-
 def test_whatever_sizes_come_the_wire_is_as_the_page_says_and_nothing_is_garbled(
     encrypting, net, closing, sender, receive, player, reference, password_file
 ):
@@ -170,8 +145,8 @@ def test_whatever_sizes_come_the_wire_is_as_the_page_says_and_nothing_is_garbled
     before = [of_size(source, source.choice(SIZES)) for _ in range(pool)]
     sent = [of_size(source, source.choice(SIZES)) for _ in range(COUNT)]
     pump(sender, [wire], before)
-    receiver = closing(Arqrx(*joining(net, "--bind", JOINER, "--latency", "100ms", "--strip-rtp", "--output", url(player),
-                                      *decrypting(password_file))))  # fmt: skip
+    receiver = closing(Arqrx(*joining(net, "--bind", JOINER, "--latency", "100ms", "--strip-rtp", "--output",
+                                      url(player), *decrypting(password_file))))  # fmt: skip
     proxy.wait_stderr(started(JOINER))
     pump(sender, [wire], sent)
     expected = [as_sent(data, len(previous), reference) for data, previous in zip(sent, before, strict=False)]
@@ -186,7 +161,9 @@ def test_whatever_sizes_come_the_wire_is_as_the_page_says_and_nothing_is_garbled
     assert figures["packets_clear"] + figures["packets_decrypted"] == figures["packets_played"]
 
 
-def test_with_another_password_nothing_is_played_and_it_is_said(encrypting, net, closing, sender, receive, player, tmp_path):
+def test_with_another_password_nothing_is_played_and_it_is_said(
+    encrypting, net, closing, sender, receive, player, tmp_path
+):
     proxy = encrypting("-u", "-q", 1, "-a", WIRE)
     wire = receive(WIRE)
     pump(sender, [wire], [NULL_PACKET * 7] * 1025)
@@ -232,16 +209,16 @@ def test_what_is_no_library_is_told_with_what_to_do(tmp_path, password_file):
     for symbol in plugin_builder.SYMBOLS:
         library = plugin_builder.build(tmp_path / f"{symbol}.so", plugin_builder.without(symbol))
         assert refusal("--decrypt", library) == (
-            f"arqrx: cannot decrypt: {library}: undefined symbol: sorvanex_{symbol}; it is no library for -z and -Z of the "
-            "proxy\n"
+            f"arqrx: cannot decrypt: {library}: undefined symbol: sorvanex_{symbol}; it is no library for -z and -Z "
+            "of the proxy\n"
         )
     refusing = plugin_builder.build(tmp_path / "refusing.so", plugin_builder.NO_SESSION)
     assert refusal("--decrypt", refusing) == (
-        f"arqrx: cannot decrypt: {refusing}: it gives no session without a password; name a file that holds it with "
+        "arqrx: cannot decrypt: the library gives no session without a password; name a file that holds it with "
         "--password-file\n"
     )
     assert refusal("--decrypt", refusing, "--password-file", password_file) == (
-        f"arqrx: cannot decrypt: {refusing}: it gives no session with this password, or none for receivers\n"
+        "arqrx: cannot decrypt: the library gives no session with this password, or none for receivers\n"
     )
 
 
@@ -258,12 +235,15 @@ def test_a_password_file_that_is_none_is_told_with_what_to_do(tmp_path):
         assert refusal(*library) == f"arqrx: password file {tmp_path}/file: {why}\n"
 
 
-def test_the_library_is_given_what_the_header_says_and_closed_at_the_end(tmp_path, net, closing, monkeypatch, password_file):
+def test_the_library_is_given_what_the_header_says_and_closed_at_the_end(
+    tmp_path, net, closing, monkeypatch, password_file
+):
     record = tmp_path / "record"
     monkeypatch.setenv("SORVANEX_RECORD", str(record))
     library = plugin_builder.build(tmp_path / "xor.so")
-    receiver = closing(Arqrx("--listen", f"{arqrx.LOCAL}:{net.destination}", "--latency", "100ms", "--json", "--interval",
-                             "100ms", "--decrypt", library, "--password-file", password_file))  # fmt: skip
+    receiver = closing(Arqrx("--listen", f"{arqrx.LOCAL}:{net.destination}", "--latency", "100ms", "--json",
+                             "--interval", "100ms", "--decrypt", library, "--password-file",
+                             password_file))  # fmt: skip
     receiver.wait_ready()
     source = closing(Receiver(arqrx.LOCAL))
     sizes = [1316, 1328, 188, 200, 12, 0, 100, 1317]

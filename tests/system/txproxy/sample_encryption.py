@@ -3,6 +3,7 @@
 import ctypes
 import mmap
 import pathlib
+import time
 
 from cryptography.hazmat.primitives.ciphers import Cipher, algorithms, modes
 from cryptography.hazmat.primitives.cmac import CMAC
@@ -14,6 +15,8 @@ from .proxy import binary
 RECEIVE, SEND = 0, 1
 UNDECIDED, CLEAR, DONE = -1, 0, 1
 KEY_BYTES = 32
+RTP_BYTES = 12
+SCRYPT = {"n": 32768, "r": 8, "p": 1}
 SALT = b"tx_proxy sample encryption 1"
 NULL_PACKET = b"\x47\x1f\xff\x10" + b"\xff" * 184
 
@@ -51,13 +54,20 @@ class Library:
     def close(self, session):
         self._library.sorvanex_close_callback(session)
 
-    def call(self, session, region):
-        """(result, the region afterwards); any access outside of it ends the process."""
-        area, places = bytes_between_guards(len(region))
+    def timed_call(self, session, data):
+        """Seconds of this thread."""
+        place = (ctypes.c_uint8 * len(data)).from_buffer_copy(data)
+        began = time.thread_time()
+        assert self._library.sorvanex_data_callback(session, place, len(data)) == DONE
+        return time.thread_time() - began
+
+    def call(self, session, data):
+        """(result, the bytes afterwards); any access outside of it ends the process."""
+        area, places = bytes_between_guards(len(data))
         results = []
         for place in places:
-            place[:] = region
-            results.append((self._library.sorvanex_data_callback(session, place, len(region)), bytes(place)))
+            place[:] = data
+            results.append((self._library.sorvanex_data_callback(session, place, len(data)), bytes(place)))
         assert results[0] == results[1]
         assert area
         return results[0]
@@ -71,7 +81,7 @@ class Reference:
     """What docs/encryption.md says of the cipher, over another library's parts."""
 
     def __init__(self, password):
-        keys = Scrypt(salt=SALT, length=4 * KEY_BYTES, n=32768, r=8, p=1).derive(password)
+        keys = Scrypt(salt=SALT, length=4 * KEY_BYTES, **SCRYPT).derive(password)
         self._first, self._start, self._stream, self._last = (
             algorithms.AES(keys[i : i + KEY_BYTES]) for i in range(0, len(keys), KEY_BYTES)
         )
@@ -95,3 +105,34 @@ class Reference:
         """MPEG-TS packets one behind the other."""
         starts = range(0, len(packets), PACKET_BYTES)
         return b"".join(self.scramble(packets[start : start + PACKET_BYTES]) for start in starts)
+
+
+def transport_packets(source, count):
+    """MPEG-TS packets, made by a random.Random, with a sync byte where it belongs and nowhere else."""
+    return b"".join(
+        bytes([SYNC_BYTE]) + source.randbytes(PACKET_BYTES - 1).replace(bytes([SYNC_BYTE]), b"\0")
+        for _ in range(count)
+    )
+
+
+def region(size, previous):
+    """(start, length) of what the proxy shows of a datagram whose buffer had `previous` bytes before, or None."""
+    if size % PACKET_BYTES == 0:
+        start, length = 0, previous
+    elif (size - RTP_BYTES) % PACKET_BYTES == 0:
+        start, length = PACKET_BYTES, previous - PACKET_BYTES
+    else:
+        return None
+    return (start, length) if length > 0 else None
+
+
+def as_sent(data, previous, reference):
+    """What becomes of such a datagram with the sample."""
+    start, length = region(len(data), previous) or (0, 0)
+    if length % PACKET_BYTES not in (0, RTP_BYTES):
+        return data
+    at = start + length % PACKET_BYTES
+    while at + PACKET_BYTES <= min(start + length, len(data)) and data[at] == SYNC_BYTE:
+        data = data[:at] + reference.scramble(data[at : at + PACKET_BYTES]) + data[at + PACKET_BYTES :]
+        at += PACKET_BYTES
+    return data

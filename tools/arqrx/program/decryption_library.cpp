@@ -44,29 +44,25 @@ std::span<uint8_t> TransportPackets(std::span<uint8_t> payload)
 
 } // namespace
 
+std::unique_ptr<DecryptionLibrary> DecryptionLibrary::Open(
+    const std::string& path, const std::string& password, std::string& problem)
+{
+    void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        problem = LoaderError();
+        return nullptr;
+    }
+    std::unique_ptr<DecryptionLibrary> library(new DecryptionLibrary(handle));
+    if (library->Resolve(problem) && library->OpenFor(password, problem))
+        return library;
+    return nullptr;
+}
+
 DecryptionLibrary::~DecryptionLibrary()
 {
     if (m_pSession != nullptr)
         m_pClose(m_pSession);
-    if (m_pLibrary != nullptr)
-        (void)dlclose(m_pLibrary);
-}
-
-bool DecryptionLibrary::Open(const std::string& path, const std::string& password, std::string& problem)
-{
-    m_pLibrary = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (m_pLibrary == nullptr)
-        problem = LoaderError();
-    if (m_pLibrary == nullptr || !Resolve(problem))
-        return false;
-    const char* const text = password.empty() ? nullptr : password.c_str();
-    m_pSession = m_pOpen(RECEIVE_MODE, text, static_cast<int32_t>(password.size()));
-    if (m_pSession != nullptr)
-        return true;
-    problem = path + ": it gives no session";
-    problem += password.empty() ? " without a password; name a file that holds it with --password-file"
-                                : " with this password, or none for receivers";
-    return false;
+    (void)dlclose(m_pLibrary);
 }
 
 bool DecryptionLibrary::Resolve(std::string& problem)
@@ -75,6 +71,18 @@ bool DecryptionLibrary::Resolve(std::string& problem)
         && ResolveOne(m_pLibrary, "sorvanex_data_callback", m_pData, problem)
         && ResolveOne(m_pLibrary, "sorvanex_close_callback", m_pClose, problem)
         && ResolveOne(m_pLibrary, "sorvanex_print_info", m_pPrintInfo, problem);
+}
+
+bool DecryptionLibrary::OpenFor(const std::string& password, std::string& problem)
+{
+    const char* const text = password.empty() ? nullptr : password.c_str();
+    m_pSession = m_pOpen(RECEIVE_MODE, text, static_cast<int32_t>(password.size()));
+    if (m_pSession != nullptr)
+        return true;
+    problem = password.empty()
+        ? "the library gives no session without a password; name a file that holds it with --password-file"
+        : "the library gives no session with this password, or none for receivers";
+    return false;
 }
 
 std::string DecryptionLibrary::Description() const

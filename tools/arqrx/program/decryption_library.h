@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -19,13 +20,13 @@ public:
         Undecided // neither in clear nor of this password; the bytes mean nothing any more
     };
 
-    DecryptionLibrary() = default;
+    // Loads the library at `path` and opens a session; an empty password is none. Null with a sentence in `problem`.
+    static std::unique_ptr<DecryptionLibrary> Open(
+        const std::string& path, const std::string& password, std::string& problem);
+
     DecryptionLibrary(const DecryptionLibrary&) = delete;
     DecryptionLibrary& operator=(const DecryptionLibrary&) = delete;
     ~DecryptionLibrary();
-
-    // Loads the library at `path` and opens a session; an empty password is none. False with a sentence in `problem`.
-    bool Open(const std::string& path, const std::string& password, std::string& problem);
 
     // What the library says of itself, on one line.
     std::string Description() const;
@@ -40,9 +41,11 @@ private:
     using CloseSession = void (*)(void* session);
     using PrintInfo = void (*)(void* session, int32_t zero, FILE* stream);
 
+    explicit DecryptionLibrary(void* library) : m_pLibrary(library) {}
     bool Resolve(std::string& problem);
+    bool OpenFor(const std::string& password, std::string& problem);
 
-    void* m_pLibrary = nullptr; // from dlopen
+    void* const m_pLibrary; // from dlopen
     void* m_pSession = nullptr;
     OpenSession m_pOpen = nullptr;
     Data m_pData = nullptr;

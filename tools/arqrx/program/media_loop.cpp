@@ -35,8 +35,8 @@ bool OpenDecryption(const Options& options, MediaParts& parts, std::string& prob
         return false;
     if (file.isReadByOthers)
         parts.news.push_back("others can read the password; chmod 600 " + options.passwordFile);
-    parts.decryption = std::make_unique<DecryptionLibrary>();
-    if (!parts.decryption->Open(options.decryptionLibrary, file.password, problem)) {
+    parts.decryption = DecryptionLibrary::Open(options.decryptionLibrary, file.password, problem);
+    if (!parts.decryption) {
         problem = "cannot decrypt: " + problem;
         return false;
     }
