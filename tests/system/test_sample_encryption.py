@@ -94,8 +94,8 @@ REGIONS = (
 def test_only_whole_packets_of_a_region_are_scrambled_and_nothing_else_is_read_or_written(
     library, sending, reference, length, first, count
 ):
-    tail = bytes([SYNC_BYTE]) * RTP_BYTES  # looks like clear packets wherever it is looked at
-    region = (tail[: first or 0] + packets(9))[:length]
+    # Of other lengths it would be a packet wherever it is looked at.
+    region = (bytes([SYNC_BYTE]) * (1536 if first is None else first) + packets(9))[:length]
     assert len(region) == length
     result, after = library.call(sending, region)
     begin = first or 0
@@ -117,6 +117,13 @@ def test_a_datagram_that_is_scrambled_in_part_comes_back_whole(library, receivin
         head, tail = clear[:cut], clear[cut:]
         for received in (reference.scramble_all(head) + tail, head + reference.scramble_all(tail)):
             assert library.call(receiving, received) == (CLEAR if received == clear else DONE, clear)
+
+
+def test_a_receiver_leaves_what_is_no_whole_packet(library, receiving, reference):
+    clear, rest = packets(2), bytes(PACKET_BYTES - 1)
+    for length in (1, 12, 100, 187):
+        assert library.call(receiving, reference.scramble_all(clear) + rest[:length]) == (DONE, clear + rest[:length])
+        assert library.call(receiving, rest[:length]) == (CLEAR, rest[:length])
 
 
 def test_another_password_is_found_out(library, reference):
