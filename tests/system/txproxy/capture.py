@@ -12,7 +12,7 @@ HEADERS_BYTES = ETHERNET_BYTES + IP_BYTES + UDP_BYTES
 ETHERTYPE_ANY = 3
 ETHERTYPE_IP = 0x0800
 
-Frame = collections.namedtuple("Frame", "address port payload")
+Frame = collections.namedtuple("Frame", "address port payload ttl")
 
 
 def parse(frame):
@@ -21,7 +21,7 @@ def parse(frame):
         return None
     address = socket.inet_ntoa(frame[ETHERNET_BYTES + 16 : ETHERNET_BYTES + 20])
     (port,) = struct.unpack_from("!H", frame, ETHERNET_BYTES + IP_BYTES + 2)
-    return Frame(address, port, frame[HEADERS_BYTES:])
+    return Frame(address, port, frame[HEADERS_BYTES:], frame[ETHERNET_BYTES + 8])
 
 
 class Capture:
