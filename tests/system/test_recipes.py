@@ -1,0 +1,421 @@
+"""docs/recipes.md: every command of the page runs as it stands there, and what comes out is what was sent.
+
+Sources send a clip, or their own picture: what left the encoder's host is compared with the source and with what a
+receiver played out. Players are sent the clip over and over: what they wrote begins with it.
+"""
+
+import itertools
+import json
+import re
+import shlex
+import subprocess
+import threading
+import time
+import types
+
+import pytest
+
+from txproxy import capture, mpegts, recipe, rtp
+from txproxy.page import quoted
+from txproxy.receiver import Sender
+from txproxy.waiting import scaled, wait_until
+
+# What counts is what the page says of other programs; they take most of the time, so once is enough.
+pytestmark = pytest.mark.release_only
+
+RECIPES = recipe.recipes()
+SETTING = ("Routes for groups", "A file to send", "The receiver behind every source")
+STARTED = re.compile(r".*Media started on port \d+ for .*")
+TICKS_PER_HOUR = 27_000_000 * 3600
+CLIP_SECONDS = 3
+FIRST_SEQ = 65500  # the numbers come round
+VIDEO_START = b"\0\0\1\xe0"
+UDP_BYTES, RTP_BYTES = 1316, 1328
+GROUP_TTL = 4
+MISSED_PICTURES = 40  # by FFmpeg while it opens its port a second time
+LIVE_PICTURES = 25  # as many as make sure that a stream without an end goes through
+
+
+def command_of(heading):
+    (command,) = RECIPES[heading]
+    return command
+
+
+@pytest.fixture(scope="module")
+def hosts():
+    """The hosts of the page with its routes."""
+    made = recipe.Hosts()
+    try:
+        for host, line in RECIPES["Routes for groups"]:
+            program, *arguments = shlex.split(line)
+            assert program == "ip"
+            made[host].ip(*arguments)
+        yield made
+    finally:
+        made.close()
+
+
+@pytest.fixture(scope="module")
+def clip(hosts):
+    """The page's clip: its bytes, and its pictures as decoded and as coded."""
+    kitchen = recipe.Kitchen(hosts)
+    try:
+        assert kitchen.start(command_of("A file to send")).wait_exit() == 0
+        stream = kitchen.file("clip.ts")
+    finally:
+        kitchen.close()
+    return types.SimpleNamespace(stream=stream, decoded=decoded(stream), coded=coded(stream))
+
+
+@pytest.fixture
+def kitchen(closing, hosts, clip):
+    made = closing(recipe.Kitchen(hosts))
+    path = made.folder / "clip.ts"
+    path.write_bytes(clip.stream)
+    path.chmod(0o644)
+    return made
+
+
+def checksums(stream, *options):
+    command = mpegts.ffmpeg("-i", "-", "-map", "0:v", "-fps_mode", "passthrough", *options, "-f", "framemd5", "-")
+    command.remove("-nostdin")
+    done = subprocess.run(command, input=stream, capture_output=True, check=True, timeout=scaled(30))
+    lines = [line.split(",") for line in done.stdout.decode().splitlines() if not line.startswith("#")]
+    return [(int(line[4]), line[5].strip()) for line in lines]
+
+
+def decoded(stream):
+    """(size, checksum) of each picture as a player shows it."""
+    return checksums(stream)
+
+
+def coded(stream):
+    """(size, checksum) of each picture as it is in the stream."""
+    return checksums(stream, "-c", "copy")
+
+
+def assert_part(got, wanted, at_least, first_at_most=0):
+    """`got` begins with pictures that follow each other in `wanted`: `at_least` of them, and none is left out."""
+    first = wanted.index(got[0])
+    assert first <= first_at_most, f"the first {first} pictures are missing"
+    count = min(len(got), len(wanted) - first)
+    assert count >= at_least and got[:count] == wanted[first : first + count]
+
+
+def ports_of(line):
+    """The UDP ports that a player's command listens on."""
+    return [int(port) for port in re.findall(r"(?:(?:udp://@?|rtp://@?| @)[\d.]+:| port=)(\d+)", line)]
+
+
+class Chain:
+    """The proxy and the receivers of a recipe, started in the order of the page."""
+
+    def __init__(self, kitchen, heading):
+        self.kitchen = kitchen
+        self.commands = list(RECIPES[heading])
+        self.running = {}
+        self.joined = 0
+
+    def take(self, host):
+        """The commands of a host, which are then started."""
+        taken = [command for command in self.commands if command.host == host]
+        self.commands = [command for command in self.commands if command.host != host]
+        return taken
+
+    def start_proxy(self):
+        (command,) = self.take("proxy") or RECIPES["FFmpeg: RTP"][:1]
+        self.proxy = self.kitchen.start(command).wait_ready()
+
+    def start_player(self, command):
+        running = self.kitchen.start(command)
+        if running.runs("mkdir"):
+            assert running.wait_exit() == 0
+        elif running.runs("arqlink"):
+            self.kitchen.wait_bound(running, 17020)
+        elif running.runs("arqrx"):
+            self.joined += 1
+            self.proxy.wait_stderr(STARTED, count=self.joined)
+        else:
+            (port,) = ports_of(command.line)
+            self.kitchen.wait_bound(running, port)
+        return running
+
+    def start_players(self):
+        return [self.start_player(command) for command in self.take("player")]
+
+
+# Sources
+
+
+class Sent:
+    """What leaves the encoder's host for the proxy's input, as a capture there shows it."""
+
+    def __init__(self, closing, chain, line):
+        self._capture = closing(capture.Capture(chain.kitchen.hosts["encoder"], "eth0"))
+        self._is_rtp = not re.search(r" -u\b", line)
+        group = re.search(r" (2\d+\.[\d.]+)$", line)
+        self._address, self._ttl = (group.group(1), GROUP_TTL) if group else ("10.80.1.1", None)
+        self._stream = b""
+
+    def stream(self):
+        """The transport stream so far. All datagrams are as the page says."""
+        for frame in self._capture.take():
+            if frame.port == 5001:
+                continue  # reports of RTP
+            assert (frame.address, frame.port) == (self._address, 5000)
+            assert self._ttl in (None, frame.ttl)
+            payload = frame.payload
+            if self._is_rtp:
+                assert len(payload) <= RTP_BYTES and payload[0] == 0x80
+                assert rtp.payload_type(payload) == rtp.MEDIA_PAYLOAD_TYPE
+                payload = rtp.payload(payload)
+            assert len(payload) % mpegts.PACKET_BYTES == 0 and payload[0] == mpegts.SYNC_BYTE
+            self._stream += payload
+        return self._stream
+
+
+@pytest.fixture
+def run_source(closing, kitchen):
+    """run_source(heading, enough) returns what the source sent, which is what the receiver wrote.
+
+    A source that does not end is ended once enough(stream) holds.
+    """
+
+    def run(heading, enough=None):
+        chain = Chain(kitchen, heading)
+        sent = Sent(closing, chain, RECIPES[heading][0].line)
+        chain.start_proxy()
+        player = chain.start_player(command_of("The receiver behind every source"))
+        *before, source = chain.take("encoder")
+        for command in before:
+            assert kitchen.start(command).wait_exit() == 0
+        source = kitchen.start(source)
+        if enough:
+            wait_until(lambda: enough(sent.stream()), lambda: f"a live stream\n{source.stderr.text}")
+            source.end()
+        else:
+            assert source.wait_exit() == 0, source.stderr.text
+        wait_until(lambda: kitchen.file("live.ts") == sent.stream(), "everything to be played out")
+        assert player.end() == 0, player.stderr.text
+        stream = sent.stream()
+        assert mpegts.continuity_errors(stream) == 0
+        return source, stream
+
+    return run
+
+
+FFMPEG_SOURCES = ["FFmpeg: RTP", "FFmpeg: UDP", "FFmpeg: RTP to a group"]
+
+
+@pytest.mark.parametrize("heading", FFMPEG_SOURCES)
+def test_ffmpeg_sends_every_picture_of_a_file(run_source, clip, heading):
+    _, stream = run_source(heading)
+    # Over RTP it keeps back what does not fill the last datagram: the end of the last picture.
+    assert_part(coded(stream)[:-1], clip.coded, len(clip.coded) - 1)
+
+
+SAME_BYTES = ["GStreamer: RTP", "GStreamer: RTP to a group",
+              "multicat: RTP", "multicat: UDP", "multicat: RTP to a group"]  # fmt: skip
+
+
+@pytest.mark.parametrize("heading", SAME_BYTES)
+def test_gstreamer_and_multicat_send_the_bytes_of_a_file(run_source, clip, heading):
+    _, stream = run_source(heading)
+    assert len(stream) % UDP_BYTES == 0
+    if "multicat" in heading:
+        # Its last datagram is always full: old bytes of its buffer stand behind the end of the file.
+        stream = stream[: len(clip.stream)]
+    assert mpegts.without_nulls(stream) == mpegts.without_nulls(clip.stream)
+
+
+VLC_SOURCES = ["VLC: RTP", "VLC: UDP", "VLC: RTP to a group"]
+
+
+@pytest.mark.parametrize("heading", VLC_SOURCES)
+def test_vlc_sends_the_pictures_of_a_file(run_source, clip, heading):
+    _, stream = run_source(heading, lambda stream: len(stream) > len(clip.stream) / 2)
+    # When it is ended it keeps the end of the last picture.
+    assert_part(decoded(stream)[:-2], clip.decoded, LIVE_PICTURES)
+
+
+OWN_PICTURES = ["FFmpeg: a test picture", "GStreamer: a test picture"]
+
+
+@pytest.mark.parametrize("heading", OWN_PICTURES)
+def test_a_test_picture_arrives_whole(run_source, heading):
+    # A picture takes two packets of its own at most: one may hold nothing but parameters.
+    _, stream = run_source(heading, lambda stream: stream.count(VIDEO_START) > 2 * LIVE_PICTURES + 2)
+    assert len(decoded(stream)) >= LIVE_PICTURES
+
+
+# Players and recorders
+
+
+class Feeding:
+    """A source that sends the clip over and over, faster than its clock or slower."""
+
+    def __init__(self, kitchen, clip, speed):
+        self._sender = Sender("10.80.1.1", 5000, namespace=kitchen.hosts["encoder"])
+        self._datagrams = mpegts.datagrams(clip.stream)
+        self._pause = CLIP_SECONDS / speed / len(self._datagrams)
+        self._running = True
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        began = time.monotonic()
+        for number, data in enumerate(itertools.cycle(self._datagrams)):
+            time.sleep(max(0.0, began + number * self._pause - time.monotonic()))
+            if not self._running:
+                return
+            self._sender.send(rtp.packet(FIRST_SEQ + number, data))
+
+    def close(self):
+        self._running = False
+        self._thread.join()
+        self._sender.close()
+
+
+@pytest.fixture
+def feed(closing, kitchen, clip):
+    """feed(speed=1) sends the clip over and over from now on."""
+    return lambda speed=1.0: closing(Feeding(kitchen, clip, speed))
+
+
+@pytest.fixture
+def run_players(closing, kitchen, clip, feed):
+    """run_players(heading, enough, speed) ends the last program of a recipe once enough() holds; returns it."""
+
+    def run(heading, enough, speed=1.0):
+        chain = Chain(kitchen, heading)
+        chain.start_proxy()
+        *_, player = chain.start_players()
+        assert not chain.commands
+        feed(speed)
+        wait_until(enough, lambda: f"enough of the stream\n{player.stderr.text}")
+        player.end()
+        return player
+
+    return run
+
+
+FFMPEG_PLAYERS = ["FFmpeg behind arqrx: UDP", "FFmpeg behind arqrx: RTP", "FFmpeg behind arqrx: a pipe",
+                  "FFmpeg from the proxy: RTP"]  # fmt: skip
+
+
+@pytest.mark.parametrize("heading", FFMPEG_PLAYERS)
+def test_ffmpeg_records_every_picture(run_players, kitchen, clip, heading):
+    run_players(heading, lambda: len(kitchen.file("live.ts")) > 0.9 * len(clip.stream))
+    stream = kitchen.file("live.ts")
+    assert mpegts.continuity_errors(stream) == 0
+    assert_part(coded(stream)[1:], clip.coded, LIVE_PICTURES, first_at_most=MISSED_PICTURES if "RTP" in heading else 1)
+
+
+def assert_begins_with(stream, clip):
+    assert mpegts.continuity_errors(stream[: len(clip.stream)]) == 0
+    assert stream.startswith(clip.stream)
+
+
+SAME_BYTES_PLAYED = [
+    "GStreamer behind arqrx: RTP", "GStreamer behind arqrx: UDP", "GStreamer behind arqrx: a pipe",
+    "GStreamer from the proxy: a group", "multicat behind arqrx: RTP", "multicat behind arqrx: UDP",
+    "multicat from the proxy: a group", "VLC behind arqrx: UDP", "VLC behind arqrx: RTP", "VLC from the proxy: RTP",
+    "arqrx records an hour",
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("heading", SAME_BYTES_PLAYED)
+def test_a_recorder_writes_the_bytes_that_were_sent(run_players, kitchen, clip, heading):
+    run_players(heading, lambda: len(kitchen.file("live.ts")) > len(clip.stream), speed=2)
+    assert_begins_with(kitchen.file("live.ts"), clip)
+
+
+def test_vlc_records_every_picture_of_a_pipe(run_players, kitchen, clip):
+    run_players("VLC behind arqrx: a pipe", lambda: len(kitchen.file("live.ts")) > 0.8 * len(clip.stream))
+    stream = kitchen.file("live.ts")
+    assert mpegts.continuity_errors(stream) == 0
+    assert_part(decoded(stream)[:-2], clip.decoded, LIVE_PICTURES)
+
+
+def recorded(folder, pattern):
+    """The bytes of all files that match, in the order of their names."""
+    return b"".join(path.read_bytes() for path in sorted(folder.glob(pattern)))
+
+
+def test_ffmpeg_records_pieces(run_players, kitchen, clip):
+    def stream():
+        return recorded(kitchen.folder, "live-[0-9][0-9][0-9][0-9][0-9][0-9].ts")
+
+    run_players("FFmpeg records pieces", lambda: len(stream()) > 0.9 * len(clip.stream))
+    assert mpegts.continuity_errors(stream()) == 0
+    assert_part(coded(stream()), clip.coded, LIVE_PICTURES)
+
+
+def test_multicat_records_into_a_folder(run_players, kitchen, clip):
+    heading = "multicat records into a folder"
+    assert f" -r {TICKS_PER_HOUR} " in RECIPES[heading][-1].line
+    run_players(heading, lambda: len(recorded(kitchen.folder, "live/*.ts")) > len(clip.stream), speed=2)
+    assert_begins_with(recorded(kitchen.folder, "live/*.ts"), clip)
+    # Each file has its times beside it.
+    assert len(recorded(kitchen.folder, "live/*.aux")) % 8 == 0
+
+
+# Looking, and comparing
+
+
+def test_ffprobe_says_what_is_in_the_stream(kitchen, feed):
+    chain = Chain(kitchen, "What is in it")
+    chain.start_proxy()
+    (probe,) = chain.start_players()
+    feed()
+    assert probe.wait_exit() == 0, probe.stderr.text
+    found = re.findall(r"Stream #0:\d\[(0x\w+)\]: (\w+: \w+)", probe.stderr.text)
+    assert found == [("0x100", "Video: mpeg2video"), ("0x101", "Audio: mp2")]
+    assert int("0x100", 16) == int(re.search(r" -p (\d+) ", RECIPES["multicat: RTP"][1].line).group(1))
+
+
+def test_arqrx_says_whether_the_stream_is_whole(run_players, kitchen):
+    heading = "Is it whole"
+
+    def passed():
+        lines = [json.loads(line) for line in kitchen.running[-1].stdout.lines]
+        return lines and lines[-1].get("transport_packets", 0) > 500
+
+    player = run_players(heading, passed)
+    last = json.loads(player.stdout.lines[-1])
+    assert last["status"] == 0 and last["continuity_errors"] == 0 and last["packets_recovered"] == 0
+
+
+def test_who_asks_has_every_byte_over_a_bad_line_and_who_does_not_has_holes(run_players, kitchen, clip):
+    def holes():
+        return mpegts.continuity_errors(kitchen.file("not-asked.ts")[: len(clip.stream) // 2])
+
+    run_players("With and without asking", lambda: len(kitchen.file("asked.ts")) > len(clip.stream) and holes())
+    assert_begins_with(kitchen.file("asked.ts"), clip)
+
+
+# The page
+
+
+def test_every_recipe_of_the_page_has_a_test_that_runs_it():
+    alone = ["VLC behind arqrx: a pipe", "FFmpeg records pieces", "multicat records into a folder", "What is in it",
+             "Is it whole", "With and without asking"]  # fmt: skip
+    sources = [*FFMPEG_SOURCES, *SAME_BYTES, *VLC_SOURCES, *OWN_PICTURES]
+    assert sorted([*SETTING, *sources, *FFMPEG_PLAYERS, *SAME_BYTES_PLAYED, *alone]) == sorted(RECIPES)
+
+
+def test_every_indented_line_of_the_page_is_a_command():
+    lines = [line for line in recipe.joined(recipe.PAGE.text).splitlines() if line.startswith("    ")]
+    assert len(lines) == sum(map(len, RECIPES.values())) == len(recipe.commands_of(recipe.PAGE.text))
+    blocks = re.findall(r"^```.*\n", recipe.PAGE.text, re.MULTILINE)
+    assert len(blocks) == 2, "but for the picture of the hosts"
+
+
+def test_the_defaults_on_the_page_are_those_of_the_programs():
+    rows = [cells for cells in recipe.PAGE.rows("Delay") if re.match("`(ffmpeg|gst-inspect)", cells[2])]
+    assert len(rows) == 5
+    for setting, value, command in rows:
+        said = subprocess.run(shlex.split(quoted(command)[0]), capture_output=True, text=True, check=True).stdout
+        name = re.escape(quoted(setting)[0])
+        found = re.search(rf"^ +-?{name} .*?[Dd]efault:? (\d+)", said, re.MULTILINE | re.DOTALL)
+        assert found and found.group(1) == value, setting
