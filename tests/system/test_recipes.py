@@ -8,6 +8,7 @@ import itertools
 import json
 import re
 import shlex
+import shutil
 import subprocess
 import threading
 import time
@@ -156,12 +157,14 @@ class Sent:
         group = re.search(r" (2\d+\.[\d.]+)$", line)
         self._address, self._ttl = (group.group(1), GROUP_TTL) if group else ("10.80.1.1", None)
         self._stream = b""
+        self.reports = 0  # of RTP, to the next port
 
     def stream(self):
         """The transport stream so far. All datagrams are as the page says."""
         for frame in self._capture.take():
             if frame.port == 5001:
-                continue  # reports of RTP
+                self.reports += 1
+                continue
             assert (frame.address, frame.port) == (self._address, 5000)
             assert self._ttl in (None, frame.ttl)
             payload = frame.payload
@@ -176,7 +179,7 @@ class Sent:
 
 @pytest.fixture
 def run_source(closing, kitchen):
-    """run_source(heading, enough) returns what the source sent, which is what the receiver wrote.
+    """run_source(heading, enough) returns the Sent of the source, which is what the receiver wrote.
 
     A source that does not end is ended once enough(stream) holds.
     """
@@ -197,9 +200,8 @@ def run_source(closing, kitchen):
             assert source.wait_exit() == 0, source.stderr.text
         wait_until(lambda: kitchen.file("live.ts") == sent.stream(), "everything to be played out")
         assert player.end() == 0, player.stderr.text
-        stream = sent.stream()
-        assert mpegts.continuity_errors(stream) == 0
-        return source, stream
+        assert mpegts.continuity_errors(sent.stream()) == 0
+        return sent
 
     return run
 
@@ -209,7 +211,9 @@ FFMPEG_SOURCES = ["FFmpeg: RTP", "FFmpeg: UDP", "FFmpeg: RTP to a group"]
 
 @pytest.mark.parametrize("heading", FFMPEG_SOURCES)
 def test_ffmpeg_sends_every_picture_of_a_file(run_source, clip, heading):
-    _, stream = run_source(heading)
+    sent = run_source(heading)
+    stream = sent.stream()
+    assert (sent.reports > 0) == ("RTP" in heading)
     # Over RTP it keeps back what does not fill the last datagram: the end of the last picture.
     assert_part(coded(stream)[:-1], clip.coded, len(clip.coded) - 1)
 
@@ -220,7 +224,7 @@ SAME_BYTES = ["GStreamer: RTP", "GStreamer: RTP to a group",
 
 @pytest.mark.parametrize("heading", SAME_BYTES)
 def test_gstreamer_and_multicat_send_the_bytes_of_a_file(run_source, clip, heading):
-    _, stream = run_source(heading)
+    stream = run_source(heading).stream()
     assert len(stream) % UDP_BYTES == 0
     if "multicat" in heading:
         # Its last datagram is always full: old bytes of its buffer stand behind the end of the file.
@@ -233,7 +237,7 @@ VLC_SOURCES = ["VLC: RTP", "VLC: UDP", "VLC: RTP to a group"]
 
 @pytest.mark.parametrize("heading", VLC_SOURCES)
 def test_vlc_sends_the_pictures_of_a_file(run_source, clip, heading):
-    _, stream = run_source(heading, lambda stream: len(stream) > len(clip.stream) / 2)
+    stream = run_source(heading, lambda stream: len(stream) > len(clip.stream) / 2).stream()
     # When it is ended it keeps the end of the last picture.
     assert_part(decoded(stream)[:-2], clip.decoded, LIVE_PICTURES)
 
@@ -244,7 +248,7 @@ OWN_PICTURES = ["FFmpeg: a test picture", "GStreamer: a test picture"]
 @pytest.mark.parametrize("heading", OWN_PICTURES)
 def test_a_test_picture_arrives_whole(run_source, heading):
     # A picture takes two packets of its own at most: one may hold nothing but parameters.
-    _, stream = run_source(heading, lambda stream: stream.count(VIDEO_START) > 2 * LIVE_PICTURES + 2)
+    stream = run_source(heading, lambda stream: stream.count(VIDEO_START) > 2 * LIVE_PICTURES + 2).stream()
     assert len(decoded(stream)) >= LIVE_PICTURES
 
 
@@ -300,7 +304,7 @@ def run_players(closing, kitchen, clip, feed):
 
 
 FFMPEG_PLAYERS = ["FFmpeg behind arqrx: UDP", "FFmpeg behind arqrx: RTP", "FFmpeg behind arqrx: a pipe",
-                  "FFmpeg from the proxy: RTP"]  # fmt: skip
+                  "FFmpeg behind arqrx: a group of the house", "FFmpeg from the proxy: RTP"]  # fmt: skip
 
 
 @pytest.mark.parametrize("heading", FFMPEG_PLAYERS)
@@ -319,8 +323,8 @@ def assert_begins_with(stream, clip):
 SAME_BYTES_PLAYED = [
     "GStreamer behind arqrx: RTP", "GStreamer behind arqrx: UDP", "GStreamer behind arqrx: a pipe",
     "GStreamer from the proxy: a group", "multicat behind arqrx: RTP", "multicat behind arqrx: UDP",
-    "multicat from the proxy: a group", "VLC behind arqrx: UDP", "VLC behind arqrx: RTP", "VLC from the proxy: RTP",
-    "arqrx records an hour",
+    "multicat from the proxy: a group", "VLC behind arqrx: UDP", "VLC behind arqrx: RTP",
+    "VLC behind arqrx: a group of the house", "VLC from the proxy: RTP", "arqrx records an hour",
 ]  # fmt: skip
 
 
@@ -411,11 +415,39 @@ def test_every_indented_line_of_the_page_is_a_command():
     assert len(blocks) == 2, "but for the picture of the hosts"
 
 
-def test_the_defaults_on_the_page_are_those_of_the_programs():
-    rows = [cells for cells in recipe.PAGE.rows("Delay") if re.match("`(ffmpeg|gst-inspect)", cells[2])]
-    assert len(rows) == 5
-    for setting, value, command in rows:
-        said = subprocess.run(shlex.split(quoted(command)[0]), capture_output=True, text=True, check=True).stdout
+def said_by(kitchen, command):
+    """What a program says of its settings, on standard output or in a file."""
+    running = kitchen.start(recipe.Command("player", command))
+    assert running.wait_exit() == 0, running.stderr.text
+    return kitchen.file("vlcrc").decode() if running.runs("cvlc") else running.stdout.text
+
+
+def test_the_defaults_on_the_page_are_those_of_the_programs(kitchen):
+    rows = [cells for cells in recipe.PAGE.rows("Delay") if re.fullmatch(r"\d+", cells[1])]
+    assert len(rows) == 8
+    said = {}
+    for setting, value, by in rows:
+        command = quoted(by)[0] if by != "the same" else command
+        if command not in said:
+            said[command] = said_by(kitchen, command)
         name = re.escape(quoted(setting)[0])
-        found = re.search(rf"^ +-?{name} .*?[Dd]efault:? (\d+)", said, re.MULTILINE | re.DOTALL)
+        found = re.search(rf"^(?: +-?{name} .*?[Dd]efault:? |#{name}=)(\d+)", said[command], re.MULTILINE | re.DOTALL)
         assert found and found.group(1) == value, setting
+
+
+PACKAGE_OF = {"ffmpeg": "FFmpeg", "ffprobe": "FFmpeg", "gst-launch-1.0": "GStreamer", "multicat": "multicat",
+              "ingests": "multicat", "cvlc": "VLC"}  # fmt: skip
+
+
+def test_the_programs_are_in_the_packages_that_the_page_names():
+    named = {cells[0]: quoted(cells[1]) for cells in recipe.PAGE.rows("Hosts and addresses")}
+    paths = {shutil.which(program): package for program, package in PACKAGE_OF.items()}
+    owners = subprocess.run(["dpkg", "--search", *paths], capture_output=True, text=True, check=True).stdout
+    for owner in owners.splitlines():
+        package, path = owner.split(": ")
+        assert package in named[paths[path]], owner
+
+
+def test_vlc_refuses_to_run_as_root():
+    done = subprocess.run([shutil.which("cvlc"), "vlc://quit"], capture_output=True, text=True, check=False)
+    assert done.returncode != 0 and "VLC is not supposed to be run as root" in done.stderr
