@@ -11,6 +11,8 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
+import sys
 import tempfile
 
 from . import netns, proxy
@@ -127,14 +129,19 @@ class Kitchen:
         path = self.folder / name
         return path.read_bytes() if path.exists() else b""
 
-    def wait_bound(self, running, port):
-        """Somebody on the host of the command has a UDP socket on the port."""
+    def wait_listens(self, running, port, group=None):
+        """Somebody on the host of the command has a UDP socket on the port, and has joined the group."""
+        # As the kernel's lists show them: a group as a number of this machine.
+        wanted = {"udp": f":{port:04X} "}
+        if group:
+            wanted["igmp"] = f"{int.from_bytes(socket.inet_aton(group), sys.byteorder):08X} "
 
-        def bound():
+        def listens():
             assert running.is_alive(), f"{running.line}: ended\n{running.stderr.text}"
-            return f":{port:04X} " in pathlib.Path(f"/proc/{running.pid}/net/udp").read_text(encoding="ascii")
+            lists = {name: pathlib.Path(f"/proc/{running.pid}/net/{name}").read_text("ascii") for name in wanted}
+            return all(text in lists[name] for name, text in wanted.items())
 
-        wait_until(bound, lambda: f"{running.line} to have port {port}\n{running.stderr.text}")
+        wait_until(listens, lambda: f"{running.line} to listen on port {port}\n{running.stderr.text}")
 
     def close(self):
         for running in reversed(self.running):
