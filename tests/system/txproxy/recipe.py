@@ -129,6 +129,10 @@ class Kitchen:
         path = self.folder / name
         return path.read_bytes() if path.exists() else b""
 
+    def size(self, name):
+        path = self.folder / name
+        return path.stat().st_size if path.exists() else 0
+
     def wait_listens(self, running, port, group=None):
         """Somebody on the host of the command has a UDP socket on the port, and has joined the group."""
         # As the kernel's lists show them: a group as a number of this machine.
