@@ -149,4 +149,30 @@ TEST(DoctorKernel, ATableOfConnectionsThatFillsIsSeen)
     ExpectNotApplicable(CheckFirewall(facts), "UDP 5000, 5002 and 5003");
 }
 
+TEST(DoctorNetwork, MessagesThatComeBackNowAreAWarningAndOldOnesAreNot)
+{
+    DoctorFacts facts = Healthy();
+    ExpectGood(CheckUnreachable(facts));
+    facts.second.unreachableMessages = 8;
+    ExpectWarning(CheckUnreachable(facts), "1 message has just come back");
+    facts.second.unreachableMessages = 9;
+    ExpectWarning(CheckUnreachable(facts), "2 messages have just come back");
+    ExpectNotApplicable(CheckUnreachable(BeforeTheStart()));
+}
+
+TEST(DoctorNetwork, DatagramsForClosedPortsAreAWarningThatNamesTheProxysOwn)
+{
+    DoctorFacts facts = Healthy();
+    ExpectGood(CheckClosedPorts(facts));
+    facts.second.closedPortDatagrams = 7;
+    ExpectWarning(CheckClosedPorts(facts), "1 datagram has just come to UDP ports where nobody listens");
+    EXPECT_NE(CheckClosedPorts(facts).advice.find("5000 takes input, 5002 pings, 5003 requests"),
+        std::string::npos);
+    facts.second.closedPortDatagrams = 2006;
+    ExpectWarning(CheckClosedPorts(facts), "2,000 datagrams have");
+    facts.second.closedPortDatagrams.reset();
+    ExpectNotApplicable(CheckClosedPorts(facts), "not to be seen");
+    ExpectNotApplicable(CheckClosedPorts(BeforeTheStart()));
+}
+
 } // namespace arqctl::doctor_tests

@@ -182,4 +182,17 @@ TEST(DoctorEncryption, AMissingLibraryIsAFaultWhereItIsAskedFor)
     ExpectGood(CheckEncryption(facts), "installed");
 }
 
+TEST(DoctorProcess, AClockThatIsSetIsAFault)
+{
+    DoctorFacts facts = Healthy();
+    ExpectGood(CheckClock(facts));
+    facts.second.clockOffsetUs = *facts.first.clockOffsetUs + 99'999; // slewed, at most
+    ExpectGood(CheckClock(facts));
+    facts.second.clockOffsetUs = *facts.first.clockOffsetUs + 3'000'000;
+    ExpectFault(CheckClock(facts), "set forward by 3.0 s", "timedatectl");
+    facts.second.clockOffsetUs = *facts.first.clockOffsetUs - 100'000;
+    ExpectFault(CheckClock(facts), "set back by 0.10 s");
+    ExpectNotApplicable(CheckClock(BeforeTheStart()));
+}
+
 } // namespace arqctl::doctor_tests

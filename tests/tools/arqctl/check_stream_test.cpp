@@ -73,4 +73,32 @@ TEST(DoctorDestinations, WithAPingPortOfItsOwnOneGroupIsServed)
     ExpectWarning(CheckDestinations(facts), "beside 239.1.1.1 nothing else");
 }
 
+TEST(DoctorStream, DeliberateLossIsToldWithTheCommandThatEndsIt)
+{
+    DoctorFacts facts = Healthy();
+    ExpectGood(CheckDeliberateLoss(facts), "none of 1,000 packets");
+    facts.deliberateLoss = LossFinding { LossState::On, LossDoubt::None, 1000, 9 };
+    ExpectWarning(CheckDeliberateLoss(facts), "9 of 1,000 packets were withheld", "arqctl -I 1 impair off");
+    facts.deliberateLoss = LossFinding {};
+    ExpectNotApplicable(CheckDeliberateLoss(facts), "too little was sent");
+    ExpectNotApplicable(CheckDeliberateLoss(BeforeTheStart()), "does not run yet");
+}
+
+TEST(DoctorReceivers, AListThatIsEmptyOrFullIsAWarning)
+{
+    DoctorFacts facts = Healthy();
+    ExpectGood(CheckReceivers(facts), "1 of 50 places");
+    facts.second.statistics->receivers.assign(49, "10.0.0.1");
+    ExpectGood(CheckReceivers(facts), "49 of 50 places");
+    facts.second.statistics->receivers.assign(50, "10.0.0.1");
+    ExpectWarning(CheckReceivers(facts), "nobody else is served", "arqctl -I 1 list");
+    facts.second.statistics->receivers.clear();
+    ExpectWarning(CheckReceivers(facts), "the list is empty: nothing is sent",
+        "tcpdump -ni any -c 5 udp dst port 5002");
+    facts.options.destinations = { "239.1.1.1" }; // it needs nobody in the list
+    facts.options.unicastPort = 5005;
+    ExpectGood(CheckReceivers(facts), "0 of 50 places");
+    ExpectNotApplicable(CheckReceivers(BeforeTheStart()), "does not run yet");
+}
+
 } // namespace arqctl::doctor_tests

@@ -50,7 +50,10 @@ inline CountsLook LookAt(double seconds, const UdpSocketFacts& input)
         .sentBitRate = 1328 * 8 * 1000,
         .receivers = { "10.0.0.1" } };
     look.input = input;
+    look.clockOffsetUs = 1000;
     look.sourceFilterDrops = 5;
+    look.closedPortDatagrams = 6;
+    look.unreachableMessages = 7;
     return look;
 }
 
@@ -89,6 +92,8 @@ inline DoctorFacts Healthy()
     facts.destinations = { { "10.0.0.1", { 0x0A000001 } } };
     facts.first = LookAt(10, facts.sockets[0].socket);
     facts.second = LookAt(11, facts.sockets[0].socket);
+    facts.arrivals = ArrivalFacts { .input = 1000, .pingers = {} };
+    facts.deliberateLoss = LossFinding { LossState::Off, LossDoubt::None, 1000, 0 };
     return facts;
 }
 
@@ -106,6 +111,8 @@ inline DoctorFacts BeforeTheStart()
     facts.descriptors.reset();
     facts.first = {};
     facts.second = {};
+    facts.arrivals.reset();
+    facts.deliberateLoss.reset();
     return facts;
 }
 

@@ -66,11 +66,17 @@ std::vector<DoctorFacts> Examine(
     const Session& session, const std::vector<Patient>& patients, const Expectation& expectation)
 {
     std::vector<DoctorFacts> all;
-    for (const Patient& patient : patients)
+    std::vector<Taps> taps;
+    for (const Patient& patient : patients) {
         all.push_back(FirstLook(patient, expectation, session.patienceUs));
-    for (DoctorFacts& facts : all) {
+        taps.push_back(OpenTaps(all.back()));
+    }
+    for (size_t i = 0; i < all.size(); ++i) {
+        DoctorFacts& facts = all[i];
+        LookForLoss(facts, BETWEEN_LOOKS_US, session.patienceUs);
         if (facts.isRunning)
             WaitUntil(facts.first.atUs + BETWEEN_LOOKS_US);
+        TakeArrivals(facts, taps[i]);
         SecondLook(facts, session.patienceUs);
     }
     return all;

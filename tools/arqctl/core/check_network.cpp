@@ -8,6 +8,7 @@ namespace arqctl {
 namespace {
 
 constexpr const char* NOT_SEEN = "the proxy's network is not to be seen from here";
+constexpr const char* NOTHING_YET = "this is looked at beside a proxy that runs";
 constexpr const char* NO_GROUP = "the input is no group";
 
 const InterfaceFacts* InterfaceOf(const DoctorFacts& facts, const std::string& name)
@@ -77,10 +78,18 @@ bool IsInputSilent(const DoctorFacts& facts)
         && facts.first.statistics->receivedPackets == facts.second.statistics->receivedPackets;
 }
 
+using NetworkCount = std::optional<uint64_t> CountsLook::*;
+
+// How much it has grown between the looks; 0 where it is not to be seen.
+uint64_t GrowthOf(const DoctorFacts& facts, NetworkCount count)
+{
+    const auto before = facts.first.*count, after = facts.second.*count;
+    return before && after && *after > *before ? *after - *before : 0;
+}
+
 uint64_t FilteredBetween(const DoctorFacts& facts)
 {
-    const auto before = facts.first.sourceFilterDrops, after = facts.second.sourceFilterDrops;
-    return before && after && *after > *before ? *after - *before : 0;
+    return GrowthOf(facts, &CountsLook::sourceFilterDrops);
 }
 
 Finding JudgeStrict(const DoctorFacts& facts, const InterfaceFacts& one)
@@ -202,6 +211,36 @@ Finding CheckOutputInterfaces(const DoctorFacts& facts)
         "eth0" + (count > 1 ? " to eth" + std::to_string(count - 1) + " are" : std::string(" is")) + " up");
 }
 
+Finding CheckUnreachable(const DoctorFacts& facts)
+{
+    if (!facts.second.unreachableMessages)
+        return NotApplicable(facts.isRunning ? NOT_SEEN : NOTHING_YET);
+    const uint64_t messages = GrowthOf(facts, &CountsLook::unreachableMessages);
+    if (messages > 0)
+        return Warning(Say(messages, messages == 1 ? " message has" : " messages have",
+                           " just come back: a destination, or its port, is not reached"),
+            "Look which one it is, whether its receiver runs, and on which port",
+            "tcpdump -ni any -c 3 icmp[icmptype]=icmp-unreach");
+    return Good("no message has come back that a destination is not reached");
+}
+
+Finding CheckClosedPorts(const DoctorFacts& facts)
+{
+    if (!facts.second.closedPortDatagrams)
+        return NotApplicable(facts.isRunning ? NOT_SEEN : NOTHING_YET);
+    const uint64_t datagrams = GrowthOf(facts, &CountsLook::closedPortDatagrams);
+    const std::string input = WithoutCommas(facts.options.listenPort),
+                      pings = WithoutCommas(PingPort(facts.options)),
+                      requests = WithoutCommas(facts.options.requestPort);
+    if (datagrams > 0)
+        return Warning(Say(datagrams, datagrams == 1 ? " datagram has" : " datagrams have",
+                           " just come to UDP ports where nobody listens"),
+            "Compare them with the proxy's: " + input + " takes input, " + pings + " pings, " + requests
+                + " requests",
+            "tcpdump -ni any -Q in -c 20 udp and not dst port " + input);
+    return Good("no datagram came to a UDP port where nobody listens");
+}
+
 Finding CheckConnections(const DoctorFacts& facts)
 {
     constexpr uint64_t HUNDRED = 100, FULL = 90, FILLING = 70;
@@ -216,14 +255,6 @@ Finding CheckConnections(const DoctorFacts& facts)
     if (percent >= FULL)
         return Fault(text + ": new receivers are dropped when it is full", advice, command);
     return percent >= FILLING ? Warning(text, advice, command) : Good(text);
-}
-
-Finding CheckFirewall(const DoctorFacts& facts)
-{
-    return NotApplicable("rules cannot be judged from here; let in UDP "
-            + std::to_string(facts.options.listenPort) + ", " + std::to_string(PingPort(facts.options))
-            + " and " + std::to_string(facts.options.requestPort),
-        "nft list ruleset");
 }
 
 } // namespace arqctl

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 
 #include "arqctl/core/checks.h"
 
@@ -188,6 +189,20 @@ Finding CheckEncryption(const DoctorFacts& facts)
     return Fault(facts.isRunning ? "the library is not loaded: the stream leaves unencrypted"
                                  : "the library is not installed: the stream would leave unencrypted",
         "Install /usr/local/bin/libsorvanex.so.1.0 and start the proxy again");
+}
+
+// Receivers take a step of the proxy's clock for a new stream, and what was sent before counts as too old.
+Finding CheckClock(const DoctorFacts& facts)
+{
+    constexpr double US = 1e6, STEP_SECONDS = 0.1;
+    if (!facts.first.clockOffsetUs || !facts.second.clockOffsetUs)
+        return NotApplicable("the proxy does not run yet");
+    const double seconds = static_cast<double>(*facts.second.clockOffsetUs - *facts.first.clockOffsetUs) / US;
+    if (std::abs(seconds) < STEP_SECONDS)
+        return Good("nobody has set the clock between the looks");
+    return Fault("the clock has just been set " + std::string(seconds > 0 ? "forward" : "back") + " by "
+            + SecondsText(std::abs(seconds)) + ": timestamps jump, and receivers begin anew",
+        "Leave one time service, and let it slew the clock instead of setting it", "timedatectl");
 }
 
 } // namespace arqctl

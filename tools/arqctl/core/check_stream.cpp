@@ -124,6 +124,26 @@ Finding CheckInputLoss(const DoctorFacts& facts)
     return Good("no input packet is missing");
 }
 
+Finding CheckDeliberateLoss(const DoctorFacts& facts)
+{
+    if (!facts.deliberateLoss)
+        return NoCounts(facts);
+    const LossFinding& loss = *facts.deliberateLoss;
+    switch (loss.state) {
+    case LossState::On:
+        return Warning(
+            Say("deliberate loss is on: ", loss.withheld, " of ", loss.packets, " packets were withheld"),
+            "Switch it off, unless it is a test",
+            "arqctl -I " + std::to_string(facts.options.instance) + " impair off");
+    case LossState::Off:
+        return Good(Say("none of ", loss.packets, " packets was withheld"));
+    case LossState::Unknown:
+        break;
+    }
+    return NotApplicable("whether packets are withheld is not known: too little was sent",
+        "arqctl -I " + std::to_string(facts.options.instance) + " impair status");
+}
+
 Finding CheckBitRates(const DoctorFacts& facts)
 {
     constexpr double SIGN = 2147483648.0, WRAPPED = 4294967296.0;
@@ -155,6 +175,26 @@ Finding CheckDestinations(const DoctorFacts& facts)
     const auto count = static_cast<uint64_t>(facts.destinations.size());
     return Good(HasLooks(facts) ? Say("all ", count, " of -a are in the list")
                                 : Say("all ", count, " of -a are known"));
+}
+
+Finding CheckReceivers(const DoctorFacts& facts)
+{
+    constexpr uint64_t MOST = 50;
+    if (!HasLooks(facts))
+        return NoCounts(facts);
+    const std::string port = WithoutCommas(PingPort(facts.options));
+    const uint64_t count = facts.second.statistics->receivers.size();
+    const std::string text = Say(count, " of ", MOST, " places in the list are taken");
+    if (count >= MOST)
+        return Warning(text + ": nobody else is served",
+            "End or delete a receiver that needs no stream, or serve others by another instance",
+            "arqctl -I " + WithoutCommas(facts.options.instance) + " list");
+    if (count == 0 && OutputGroup(facts.options).empty())
+        return Warning("the list is empty: nothing is sent",
+            "Add a destination, or look whether receivers ping: UDP port " + port
+                + ", and again within 5 s each time",
+            "tcpdump -ni any -c 5 udp dst port " + port);
+    return Good(text);
 }
 
 } // namespace arqctl

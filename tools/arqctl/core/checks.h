@@ -17,6 +17,7 @@ Finding CheckDeviceFolder(const DoctorFacts& facts);
 Finding CheckRunFolder(const DoctorFacts& facts);
 Finding CheckOpenFiles(const DoctorFacts& facts);
 Finding CheckEncryption(const DoctorFacts& facts);
+Finding CheckClock(const DoctorFacts& facts);
 
 // check_ports.cpp: UDP ports, whose they are, and whether they stay so.
 Finding CheckLockPort(const DoctorFacts& facts);
@@ -33,8 +34,13 @@ Finding CheckGroupJoined(const DoctorFacts& facts);
 Finding CheckSourceFilter(const DoctorFacts& facts);
 Finding CheckOutputRoute(const DoctorFacts& facts);
 Finding CheckOutputInterfaces(const DoctorFacts& facts);
+Finding CheckUnreachable(const DoctorFacts& facts);
+Finding CheckClosedPorts(const DoctorFacts& facts);
 Finding CheckConnections(const DoctorFacts& facts);
+
+// check_arrivals.cpp: what reaches the machine against what reaches the proxy.
 Finding CheckFirewall(const DoctorFacts& facts);
+Finding CheckPings(const DoctorFacts& facts);
 
 // check_buffers.cpp: whether the kernel has room for what comes.
 Finding CheckReceiveBufferLimit(const DoctorFacts& facts);
@@ -46,8 +52,10 @@ Finding CheckRequestDrops(const DoctorFacts& facts);
 // check_stream.cpp: what the proxy counts, and whom it serves.
 Finding CheckInput(const DoctorFacts& facts);
 Finding CheckInputLoss(const DoctorFacts& facts);
+Finding CheckDeliberateLoss(const DoctorFacts& facts);
 Finding CheckBitRates(const DoctorFacts& facts);
 Finding CheckDestinations(const DoctorFacts& facts);
+Finding CheckReceivers(const DoctorFacts& facts);
 
 // check_sizing.cpp: options against the stream.
 Finding CheckRingTime(const DoctorFacts& facts);

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "arqctl/core/kernel_text.h"
+#include "arqctl/core/loss_watch.h"
+#include "arqctl/core/pinger.h"
 #include "arqctl/core/proxy_options.h"
 #include "arqctl/core/statistics.h"
 
@@ -65,7 +67,17 @@ struct CountsLook {
     std::optional<Statistics> statistics;
     std::optional<UdpSocketFacts> input; // the input's socket
     uint64_t otherDrops = 0; // of the ping and the request port together
-    std::optional<uint64_t> sourceFilterDrops; // of the whole network: datagrams that rp_filter refused
+    std::optional<int64_t> clockOffsetUs; // wall clock less the monotonic one
+    // Of the whole network:
+    std::optional<uint64_t> sourceFilterDrops; // datagrams that rp_filter refused
+    std::optional<uint64_t> closedPortDatagrams; // for UDP ports where nobody listens
+    std::optional<uint64_t> unreachableMessages; // of ICMP, that came back
+};
+
+// What reached the proxy's network between the looks, seen before a firewall or the source filter may drop it.
+struct ArrivalFacts {
+    uint64_t input = 0; // datagrams for the input's port and group
+    std::vector<Pinger> pingers; // each once
 };
 
 struct DestinationFacts {
@@ -114,6 +126,8 @@ struct DoctorFacts {
 
     CountsLook first; // both empty for a proxy that is to be started
     CountsLook second;
+    std::optional<ArrivalFacts> arrivals; // up to just before the second look
+    std::optional<LossFinding> deliberateLoss; // as the counts told between the looks
     double expectedBitRate = 0; // bit/s of payload, given for a proxy that is to be started; 0: not known
     double expectedPayload = 1316; // bytes
 };

@@ -52,7 +52,7 @@ std::string Piece(uint64_t number)
     constexpr size_t GROUP = 3;
     std::string text = std::to_string(number);
     for (size_t at = text.size(); at > GROUP; at -= GROUP)
-        text.insert(at - GROUP, ",");
+        text.insert(at - GROUP, 1, ',');
     return text;
 }
 

@@ -24,7 +24,7 @@ std::vector<Membership> ReadMemberships(std::string_view text);
 // Of /proc/net/route: the interface of the default route with the lowest metric, "" without one.
 std::string ReadDefaultInterface(std::string_view text);
 
-// Of /proc/net/netstat: a counter by its group and name ("TcpExt", "IPReversePathFilter"). Empty where it is not kept.
+// Of /proc/net/netstat or snmp: a counter by its group and name ("TcpExt", "IPReversePathFilter"). Empty where it is not kept.
 std::optional<uint64_t> ReadCounter(std::string_view text, std::string_view group, std::string_view name);
 
 // "32768\t60999\n", as ip_local_port_range has it.

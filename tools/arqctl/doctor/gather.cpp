@@ -3,14 +3,18 @@
 #include <netdb.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "arqctl/core/loss_settings.h"
 #include "arqctl/core/network_text.h"
 #include "arqctl/core/reply.h"
 #include "arqctl/proxy/ask.h"
 #include "arqctl/proxy/folder.h"
+#include "arqctl/proxy/impair_files.h"
+#include "arqctl/proxy/loss_observer.h"
 #include "arqctl/proxy/network_facts.h"
 #include "arqctl/proxy/other_network.h"
 #include "arqctl/proxy/process.h"
@@ -95,9 +99,27 @@ void AskCounts(DoctorFacts& facts, CountsLook& look, int64_t patienceUs)
         look.statistics = statistics;
 }
 
+// The proxy's clock. It is read between two readings of the steady one that are close to each other.
+std::optional<int64_t> ClockOffsetUs()
+{
+    constexpr int TRIES = 10;
+    constexpr int64_t CLOSE_US = 10'000;
+    for (int i = 0; i < TRIES; ++i) {
+        timeval now {};
+        const int64_t before = common::NowUs();
+        (void)gettimeofday(&now, nullptr);
+        if (common::NowUs() - before < CLOSE_US)
+            return now.tv_sec * common::US_PER_SECOND + now.tv_usec - before;
+    }
+    return std::nullopt;
+}
+
 void LookAtSockets(const DoctorFacts& facts, CountsLook& look, const std::optional<ProcessFacts>& process)
 {
-    look.sourceFilterDrops = SourceFilterDrops(facts.pid);
+    const NetworkCounts counts = NetworkCountsOf(facts.pid);
+    look.sourceFilterDrops = counts.sourceFilterDrops;
+    look.closedPortDatagrams = counts.closedPortDatagrams;
+    look.unreachableMessages = counts.unreachableMessages;
     if (!process)
         return;
     if (const UdpSocketFacts* input = process->Input())
@@ -116,6 +138,7 @@ void LookAtCounts(DoctorFacts& facts, CountsLook& look, int64_t patienceUs)
         facts.control.state = StateOf(answer, answer.IsThere());
         return;
     }
+    look.clockOffsetUs = ClockOffsetUs();
     facts.state = ReadState(ReadText(ProcessFolder(facts.pid) + "stat").value_or(""));
     if (facts.pid == 0)
         facts.state = '\0';
@@ -257,6 +280,45 @@ DoctorFacts FirstLook(const Patient& patient, const Expectation& expectation, in
         facts.receiveBuffer = ReceiveBufferOf(facts.pid, facts.first.input->inode);
     GatherDestinations(facts);
     return facts;
+}
+
+Taps OpenTaps(const DoctorFacts& facts)
+{
+    const OtherNetwork network(facts.pid);
+    if (!facts.isRunning || facts.pid == 0 || !network.IsThere())
+        return {};
+    constexpr uint32_t COUNT_ONLY = 1;
+    uint32_t group = 0;
+    (void)common::ParseAddress(facts.options.group, group);
+    return { PortTap(facts.options.listenPort, group, COUNT_ONLY),
+        PortTap(PingPort(facts.options), 0, PING_HEAD_BYTES) };
+}
+
+void TakeArrivals(DoctorFacts& facts, Taps& taps)
+{
+    if (!taps.input.IsOpen() || !taps.pings.IsOpen())
+        return;
+    ArrivalFacts arrivals { .input = taps.input.TakeCount(), .pingers = {} };
+    for (const std::vector<uint8_t>& head : taps.pings.TakeHeads()) {
+        const std::optional<Pinger> pinger = ReadPinger(head);
+        if (pinger && std::ranges::find(arrivals.pingers, *pinger) == arrivals.pingers.end())
+            arrivals.pingers.push_back(*pinger);
+    }
+    facts.arrivals = std::move(arrivals);
+}
+
+void LookForLoss(DoctorFacts& facts, int64_t longestUs, int64_t patienceUs)
+{
+    if (!facts.isRunning || !facts.areOptionsKnown || facts.control.state != ControlState::Answers)
+        return;
+    std::string settings;
+    (void)LocalImpairFiles(facts.options.instance)
+        .ReadSettings(settings); // without any: the proxy's defaults
+    facts.deliberateLoss = ObserveLoss({ .socketPath = facts.control.path,
+                                           .periodPackets = LongestLossPeriod(ReadLossSettings(settings)),
+                                           .answerPatienceUs = patienceUs,
+                                           .longestUs = longestUs })
+                               .finding;
 }
 
 void SecondLook(DoctorFacts& facts, int64_t patienceUs)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "arqctl/core/doctor_facts.h"
+#include "arqctl/proxy/port_tap.h"
 
 namespace arqctl {
 
@@ -32,6 +33,19 @@ Patient PatientAt(const std::string& controlPath, int instance, int64_t patience
 
 // The first look at everything.
 DoctorFacts FirstLook(const Patient& patient, const Expectation& expectation, int64_t patienceUs);
+
+// Taps on the proxy's ports, from the first look on. Closed where this program may not open them.
+struct Taps {
+    PortTap input;
+    PortTap pings;
+};
+Taps OpenTaps(const DoctorFacts& facts);
+
+// Just before the second look, so that what they tell of has had its effect there.
+void TakeArrivals(DoctorFacts& facts, Taps& taps);
+
+// Between the looks, for at most so long: whether the proxy withholds packets on purpose.
+void LookForLoss(DoctorFacts& facts, int64_t longestUs, int64_t patienceUs);
 
 // What counts, once more.
 void SecondLook(DoctorFacts& facts, int64_t patienceUs);

@@ -155,9 +155,12 @@ void GatherNetwork(DoctorFacts& facts, const std::vector<UdpSocketFacts>& own)
     GatherSockets(facts, own);
 }
 
-std::optional<uint64_t> SourceFilterDrops(int pid)
+NetworkCounts NetworkCountsOf(int pid)
 {
-    return ReadCounter(NetworkText(pid, "netstat"), "TcpExt", "IPReversePathFilter");
+    const std::string counts = NetworkText(pid, "snmp");
+    return { .sourceFilterDrops = ReadCounter(NetworkText(pid, "netstat"), "TcpExt", "IPReversePathFilter"),
+        .closedPortDatagrams = ReadCounter(counts, "Udp", "NoPorts"),
+        .unreachableMessages = ReadCounter(counts, "Icmp", "InDestUnreachs") };
 }
 
 } // namespace arqctl

@@ -9,7 +9,12 @@ namespace arqctl {
 // there. `facts` has options and process already; `own` are the sockets known to be the proxy's.
 void GatherNetwork(DoctorFacts& facts, const std::vector<UdpSocketFacts>& own);
 
-// How often rp_filter has refused a datagram in the network of this process (0: this program's).
-std::optional<uint64_t> SourceFilterDrops(int pid);
+// Counts of the network of this process (0: this program's); see CountsLook.
+struct NetworkCounts {
+    std::optional<uint64_t> sourceFilterDrops;
+    std::optional<uint64_t> closedPortDatagrams;
+    std::optional<uint64_t> unreachableMessages;
+};
+NetworkCounts NetworkCountsOf(int pid);
 
 } // namespace arqctl
