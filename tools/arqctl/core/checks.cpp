@@ -34,7 +34,7 @@ constexpr Check CHECKS[] = {
     { "rp-filter", CheckSourceFilter },
     { "output-route", CheckOutputRoute },
     { "output-interfaces", CheckOutputInterfaces },
-    { "unreachable", CheckUnreachable, false },
+    { "unreachable", CheckUnreachable },
     { "closed-ports", CheckClosedPorts },
     { "conntrack", CheckConnections, false },
     { "firewall", CheckFirewall },
