@@ -42,6 +42,7 @@ TEST(Pinger, ItsStreamIdStandsBehindTheTagOfEitherOrder)
              std::vector<uint8_t> { 0xCE, 0xFA, 0xBE, 0xBA, 0x51, 0, 0, 1 } })
         EXPECT_EQ(ReadPinger(PacketWith(data, data.size()))->streamId, 0x01000051U);
     EXPECT_FALSE(ReadPinger(PacketWith({ 0xBA, 0xBE, 0xFA, 0xCE, 1 }, 5))->streamId.has_value());
+    EXPECT_FALSE(ReadPinger(PacketWith({ 0xBA, 0xBE, 0xFA, 0xCE, 0, 0, 0, 0 }, 8))->streamId.has_value());
 }
 
 TEST(Pinger, OneThatLeavesDoesNotPing)

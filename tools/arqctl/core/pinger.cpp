@@ -43,8 +43,12 @@ std::optional<Pinger> ReadPinger(std::span<const uint8_t> packet)
     Pinger pinger;
     pinger.from = { NumberAt(packet, IP_SOURCE, 4), static_cast<uint16_t>(NumberAt(udp, 0, 2)) };
     pinger.to = { NumberAt(packet, IP_DESTINATION, 4), static_cast<uint16_t>(NumberAt(udp, 2, 2)) };
-    if (StartsWith(data, STREAM_TAG_MAGIC) && data.size() >= STREAM_TAG_BYTES)
-        pinger.streamId = __builtin_bswap32(NumberAt(data, STREAM_MAGIC_BYTES, 4)); // least significant first
+    if (!StartsWith(data, STREAM_TAG_MAGIC) || data.size() < STREAM_TAG_BYTES)
+        return pinger;
+    const uint32_t streamId
+        = __builtin_bswap32(NumberAt(data, STREAM_MAGIC_BYTES, 4)); // least significant first
+    if (streamId != 0) // 0 is the same as no tag
+        pinger.streamId = streamId;
     return pinger;
 }
 

@@ -317,7 +317,8 @@ void LookForLoss(DoctorFacts& facts, int64_t longestUs, int64_t patienceUs)
     facts.deliberateLoss = ObserveLoss({ .socketPath = facts.control.path,
                                            .periodPackets = LongestLossPeriod(ReadLossSettings(settings)),
                                            .answerPatienceUs = patienceUs,
-                                           .longestUs = longestUs })
+                                           .longestUs = longestUs,
+                                           .turnMs = 4 })
                                .finding;
 }
 

@@ -19,8 +19,6 @@ namespace arqctl {
 
 namespace {
 
-constexpr int TURN_MS = 1;
-
 // The state letter behind the name in brackets, which may hold brackets itself. '?' when it cannot be read.
 char StateIn(const std::string& path)
 {
@@ -62,7 +60,7 @@ public:
     {
         const int64_t endUs = common::NowUs() + m_look.longestUs;
         ObservedLoss observed;
-        for (bool isLast = false; !isLast; (void)poll(nullptr, 0, TURN_MS)) {
+        for (bool isLast = false; !isLast; (void)poll(nullptr, 0, m_look.turnMs)) {
             observed.failure = Turn();
             isLast = observed.failure != Failure::None || IsStopped() || common::NowUs() >= endUs;
             observed.finding = m_watch.Judge(common::NowUs(), isLast);

@@ -16,6 +16,7 @@ struct LossLook {
     uint64_t periodPackets = 0; // as in LossWatch
     int64_t answerPatienceUs = USUAL_PATIENCE_US;
     int64_t longestUs = 10'000'000; // how long it may look
+    int turnMs = 1; // between two questions: what receivers fetch again sooner may be missed
     const std::atomic<bool>* stop = nullptr; // set: look no longer
 };
 
