@@ -19,6 +19,7 @@ from txproxy.page import Page, quoted
 from txproxy.process import stopped
 from txproxy.receiver import Sender, udp_socket
 from txproxy.ssh_server import SshServer
+from txproxy.traffic import Steady
 from txproxy.waiting import scaled, wait_until
 
 pytestmark = pytest.mark.release_only
@@ -227,6 +228,20 @@ def test_a_strict_source_filter_is_found_and_loosened_by_the_command(commanded_p
         found = doctor("-I", net.instance)
         assert (found.verdict("rp-filter"), found.verdict("input")) == ("good", "good")
         assert found.wrong() == {"receivers": "warning"}
+
+
+def test_only_what_comes_for_the_proxys_ports_counts_as_arrived(commanded_proxy, net, lease, make_lan, closing):
+    lan = make_lan()
+    commanded_proxy(namespace=lan.proxy)
+    for target, port, host in ((netns.peer_address(0), net.input, lan.proxy), (netns.peer_address(0), net.destination, lan.proxy),
+                               (netns.proxy_address(0), lease.port(), lan.peer)):  # fmt: skip
+        closing(Steady(closing(Sender(target, port, namespace=host)), lambda index: b"", 50))
+    found = doctor("-I", net.instance)
+    assert (found.verdict("firewall"), found.verdict("pings")) == ("not applicable", "not applicable")
+    closing(Steady(closing(Sender(netns.proxy_address(0), net.destination, namespace=lan.peer)), lambda index: b"", 50))
+    wait_until(lambda: control.request(net.instance, "AllStats").endswith(netns.peer_address(0)), "a receiver")
+    found = doctor("-I", net.instance)
+    assert (found.verdict("firewall"), found.text("pings")) == ("not applicable", "1 receiver has pinged between the looks")
 
 
 def test_interfaces_of_n_are_missed_and_set_up_by_the_command(net, island, start_options):

@@ -68,7 +68,7 @@ TEST(DoctorArrivals, TwoThatAreOneReceiverToTheProxyAreAFault)
     DoctorFacts facts = Healthy();
     ExpectNotApplicable(CheckPings(facts), "nobody has pinged");
     facts.arrivals->pingers = { PingFrom(1, 9), PingFrom(2, 9), PingFrom(1, 10, 7), PingFrom(1, 11, 8) };
-    ExpectGood(CheckPings(facts), "4 have pinged");
+    ExpectGood(CheckPings(facts), "4 receivers have pinged");
     facts.arrivals->pingers.push_back(PingFrom(1, 10));
     ExpectFault(CheckPings(facts), "from 0.0.0.1:9 and 0.0.0.1:10 without a stream ID");
     facts.arrivals->pingers = { PingFrom(1, 9, 7), PingFrom(2, 9, 7) };

@@ -95,7 +95,8 @@ Finding CheckPings(const DoctorFacts& facts)
             "Give each receiver a stream ID of its own (arqrx --id auto), or end one");
     if (facts.arrivals->pingers.empty())
         return NotApplicable("nobody has pinged between the looks");
-    return Good(Say(static_cast<uint64_t>(facts.arrivals->pingers.size()), " have pinged between the looks"));
+    const auto count = static_cast<uint64_t>(facts.arrivals->pingers.size());
+    return Good(Say(count, count == 1 ? " receiver has" : " receivers have", " pinged between the looks"));
 }
 
 } // namespace arqctl
