@@ -232,9 +232,11 @@ def test_a_strict_source_filter_is_found_and_loosened_by_the_command(commanded_p
 
 def test_only_what_comes_for_the_proxys_ports_counts_as_arrived(commanded_proxy, net, lease, make_lan, closing):
     lan = make_lan()
+    other = "10.77.0.9"  # a machine that is not there, but its datagrams are: the wire is shared
+    lan.peer.ip("neigh", "add", other, "lladdr", "02:00:0a:4d:00:09", "dev", "eth0", "nud", "permanent")
     commanded_proxy(namespace=lan.proxy)
-    for target, port, host in ((netns.peer_address(0), net.input, lan.proxy), (netns.peer_address(0), net.destination, lan.proxy),
-                               (netns.proxy_address(0), lease.port(), lan.peer)):  # fmt: skip
+    for target, port, host in ((netns.peer_address(0), net.input, lan.proxy), (other, net.input, lan.peer),
+                               (other, net.destination, lan.peer), (netns.proxy_address(0), lease.port(), lan.peer)):  # fmt: skip
         closing(Steady(closing(Sender(target, port, namespace=host)), lambda index: b"", 50))
     found = doctor("-I", net.instance)
     assert (found.verdict("firewall"), found.verdict("pings")) == ("not applicable", "not applicable")

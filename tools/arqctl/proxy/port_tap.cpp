@@ -15,13 +15,14 @@ namespace {
 constexpr uint32_t IP_FRAGMENT = 6, IP_PROTOCOL = 9, IP_DESTINATION = 16, UDP_PORT = 2;
 constexpr uint32_t LATER_FRAGMENT = 0x1FFF; // bits of the offset: only the first fragment has a port
 
-// Of what this machine sends itself the copy that leaves is passed over. Jumps count the lines that are left out.
+// What is meant for other machines is passed over: an interface may hand in all that it hears. Jumps count the lines that are
+// left out.
 bool Attach(int socket, uint16_t port, uint32_t address, uint32_t headBytes)
 {
     constexpr uint32_t ANY = 0;
     sock_filter lines[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE)),
-        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, PACKET_MULTICAST, 11, 0), // of others, or on its way out
+        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, PACKET_MULTICAST, 11, 0), // of others
         BPF_STMT(BPF_LD | BPF_B | BPF_ABS, IP_PROTOCOL),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_UDP, 0, 9),
         BPF_STMT(BPF_LD | BPF_H | BPF_ABS, IP_FRAGMENT),
