@@ -2,11 +2,10 @@
 
 import pathlib
 import re
-import string
 
-from txproxy import raw_control
+from txproxy import program_options, raw_control
 from txproxy.page import Page, quoted
-from txproxy.proxy import binary, run
+from txproxy.proxy import binary
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = Page("operations.md")
@@ -26,24 +25,12 @@ def as_pattern(text):
     return pattern.replace("%d", r"-?\d+").replace("%s", ".*")
 
 
-def options_of_binary(instance):
-    """{letter: takes an argument}, found by trying every letter and digit."""
-    options = {}
-    for letter in string.ascii_letters + string.digits:
-        # Behind it nothing follows: an argument would be missed, and so would the listen port.
-        status, _, stderr = run("-I", instance, f"-{letter}")
-        assert status == (0 if letter == "h" else 255), letter
-        if "invalid option" not in stderr:
-            options[letter] = "requires an argument" in stderr
-    return options
-
-
 def test_the_page_has_every_option_of_the_binary_and_no_other(lease):
     on_page = {}
     for cells in PAGE.rows("Options"):
         option, *argument = quoted(cells[0])[0].split()
         on_page[option.removeprefix("-")] = bool(argument)
-    assert on_page == options_of_binary(lease.instance)
+    assert on_page == program_options.of_tx_proxy(lease.instance)
 
 
 def test_the_page_shows_the_help_text(launch):
