@@ -136,15 +136,17 @@ def test_what_an_argument_may_be_is_offered(completion):
         assert sorted(offered) == expected, line
 
 
-def test_running_instances_and_the_receivers_of_the_one_on_the_line_are_offered(completion, start_proxy, lease, net, receive):
-    receive("127.0.0.21"), receive("127.0.0.22")
-    start_proxy("-a", "127.0.0.21,127.0.0.22")
+def test_running_instances_and_the_receivers_of_the_one_on_the_line_are_offered(completion, start_proxy, net, receive):
+    both = ["127.0.0.21", "127.0.0.22"]
+    for address in both:
+        receive(address)
+    start_proxy("-a", ",".join(both))
     control.request(net.instance, "RxStat")
     number = str(net.instance)
-    lines = [f"arqctl -I {number[:-1]}", "arqctl list --instance=", "arqctl top ", f"arqctl serve --channel-name {number[:-1]}",
+    start = number[:-1]
+    lines = [f"arqctl -I {start}", "arqctl list --instance=", "arqctl top ", f"arqctl serve --channel-name {start}",
              f"arqctl -I {number} del ", f"arqctl --instance={number} del 127.0.0.22 127.0.0.21",
              f"arqctl --socket {control.path(number)} del ", f"arqctl -I {number} --via ssh:edge1 del "]  # fmt: skip
-    both = ["127.0.0.21", "127.0.0.22"]
     assert completion.offers(*lines) == [[number], [number], [number], [f"{number}="], both, ["127.0.0.21"], both, []]
 
 
@@ -158,9 +160,10 @@ def test_a_socket_that_was_left_behind_is_no_running_instance(completion, start_
 
 def test_tab_completes_a_command_in_a_terminal(completion, closing):
     terminal = closing(Terminal())
-    terminal.run("env", "PS1=bash> ", "bash", "--norc", **completion.environment)
-    terminal.wait("\nbash>")
-    terminal.run(".", LIBRARY)
+    settings = completion.folder / "bashrc"
+    settings.write_text(f". {LIBRARY}\nPS1='bash> '\n", "ascii")
+    terminal.run("bash", "--rcfile", settings, **completion.environment)
+    terminal.wait(lambda screen: screen.rstrip().endswith("\nbash>"))  # what is typed earlier would be shown twice
     terminal.keys("arqctl", "Space", "dra", "Tab", "--se", "Tab", "3s")
     terminal.wait("bash> arqctl drain --settle 3s")
     terminal.keys("C-u", "arqrx", "Space", "--output", "Space", "u", "Tab", "10.0.0.1")

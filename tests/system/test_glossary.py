@@ -1,0 +1,75 @@
+"""The glossary has the figures that running programs print, and no other."""
+
+import re
+
+import pytest
+
+from txproxy.every_figure import Channel
+from txproxy.page import Page, quoted
+
+pytestmark = pytest.mark.release_only
+
+PAGE = Page("glossary.md")
+# What one channel does not have all of: it sends to no group, and nobody has switched its deliberate loss.
+NOT_IN_THIS_RUN = {"arqctl instances": {"group", "unicast_port"}, "arqctl serve: API": {"impairment"}}
+
+
+def part(heading):
+    """The text below a heading of either rank, up to the next one."""
+    found = re.search(rf"^##+ {re.escape(heading)}\n(.*?)(?=^##|\Z)", PAGE.text, re.MULTILINE | re.DOTALL)
+    assert found, heading
+    return found[1]
+
+
+def rows(heading):
+    lines = [line for line in part(heading).splitlines() if line.startswith("| ")]
+    return [[cell.strip(" ") for cell in line.strip("|").split("|")] for line in lines[1:]]
+
+
+def on_page(heading, column=0):
+    listed = [name for cells in rows(heading) for name in quoted(cells[column])]
+    assert len(listed) == len(set(listed)), "each once"
+    return set(listed)
+
+
+def plain(names):
+    """A list of plain values is one figure."""
+    return {name.removesuffix("[]") for name in names}
+
+
+def test_the_glossary_has_every_figure_that_is_printed_and_no_other(closing, tmp_path):
+    channel = closing(Channel(tmp_path)).open()
+    lines, heads = channel.stats_columns()
+    printed = {
+        "The proxy's control socket": channel.control_reports(),
+        "arqrx lines": channel.receiver_columns(),
+        "arqlink": channel.line_objects(),
+        "arqlink lines": channel.line_columns(),
+        "arqlink log of fates": channel.line_fates(),
+        "arqctl stats lines": heads,
+        "arqctl top": channel.top_columns(),
+        "arqctl instances": channel.instances(),
+        "arqctl impair": channel.impairment(),
+        "arqctl serve: API": channel.channels(),
+        "arqctl serve: history": channel.history(),
+        "arqctl serve: metrics": channel.server_metrics(),
+    }
+    reports, metrics = channel.reports(), channel.receiver_metrics()
+    printed["arqrx"] = channel.receiver_objects()
+    printed["arqctl stats"] = channel.stats_objects()
+    for heading, names in printed.items():
+        assert on_page(heading) - NOT_IN_THIS_RUN.get(heading, set()) == plain(names), heading
+    assert lines == on_page("arqctl stats") - {"error"}
+    assert on_page("arqrx", 1) == metrics
+    assert {quoted(cells[0])[0] for cells in rows("arqrx") if cells[2] == "yes"} | on_page("arqrx reports") == reports
+
+
+def test_every_row_has_a_meaning_and_every_heading_is_in_the_list_above():
+    headings = re.findall(r"^##+ (.*)", PAGE.text, re.MULTILINE)
+    linked = re.findall(r"\]\(#([\w-]+)\)", PAGE.text.split("\n## ")[0])
+    assert linked == [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
+    for heading in headings:
+        columns = len(re.search(r"^\|(---\|)+$", part(heading), re.MULTILINE)[0].split("|"))
+        for cells in rows(heading):
+            assert len(cells) + 2 == columns, cells
+            assert cells[3 if heading == "arqrx" else 1], cells
