@@ -3,7 +3,7 @@
 import pytest
 
 from txproxy import control, program_options
-from txproxy.completion import LIBRARY, Completion
+from txproxy.completion import LIBRARY, Completion, install
 from txproxy.tmux import Terminal
 
 pytestmark = pytest.mark.release_only
@@ -31,9 +31,11 @@ def arqlink_options():
     return names(options) | {way + name[2:] for way in DIRECTIONS for name in line}
 
 
-def test_each_package_brings_the_completion_of_its_programs(completion):
-    folder = completion.folder / "share" / "bash-completion" / "completions"
-    assert sorted(path.name for path in folder.iterdir()) == ["arqctl", "arqlink", "arqrx", "tx_proxy"]
+def test_each_package_brings_the_completion_of_its_programs(tmp_path):
+    for component, programs in {"proxy": ["tx_proxy"], "tools": ["arqctl", "arqlink", "arqrx"]}.items():
+        install(component, tmp_path / component)
+        files = [path.relative_to(tmp_path / component) for path in (tmp_path / component).rglob("*") if path.is_file()]
+        assert sorted(map(str, files)) == [f"share/bash-completion/completions/{program}" for program in programs]
 
 
 def test_every_option_of_each_program_is_offered_and_no_other(completion, lease):
