@@ -96,7 +96,7 @@ def test_files_are_offered_where_files_are_wanted(completion):
     programs = {program: program_options.of_program(program) for program in ("arqrx", "arqlink", "arqctl")}
     programs |= {f"arqctl {line}": own for line, own in arqctl_lines().items()}
     lines = [f"{program} {name} a_" for program, options in programs.items() for option in options
-             if option.argument in ("FILE", "PATH") for name in option.names]  # fmt: skip
+             if option.argument in ("FILE", "PATH", "LIBRARY") for name in option.names]  # fmt: skip
     assert len(lines) >= 7
     lines += [line.replace(" a_", "=a_") for line in lines]
     for line, offered in zip(lines, completion.offers(*lines)):

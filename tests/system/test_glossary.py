@@ -54,7 +54,7 @@ def test_the_glossary_has_every_figure_that_is_printed_and_no_other(closing, tmp
         "arqctl serve: history": channel.history(),
         "arqctl serve: metrics": channel.server_metrics(),
     }
-    reports, metrics = channel.reports(), channel.receiver_metrics()
+    metrics, reports = channel.receiver_metrics(), channel.reports()
     printed["arqrx"] = channel.receiver_objects()
     printed["arqctl stats"] = channel.stats_objects()
     for heading, names in printed.items():

@@ -10,7 +10,7 @@ import re
 import types
 import urllib.request
 
-from . import arqctl, arqrx, control, ports, rtp
+from . import arqctl, arqrx, control, plugin_builder, ports, rtp
 from .arqrx import Arqrx
 from .link import Link
 from .link import run as run_link
@@ -56,7 +56,7 @@ class Channel:
         self.net = types.SimpleNamespace(
             instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
         )
-        self._metrics_port = lease.port()
+        self._metrics_port, self._decrypting_port = lease.port(), lease.port()
 
     def _keep(self, thing):
         self._opened.callback(thing.close)
@@ -89,7 +89,17 @@ class Channel:
         self.receiver.wait_figures(
             lambda figures: wanted <= set(figures) and "error" in figures["outputs"][1], "all figures"
         )
+        self._start_decrypting()
         return self
+
+    def _start_decrypting(self):
+        """A second receiver, whose reports come to a plain socket."""
+        library = plugin_builder.build(self._folder / "library.so")
+        self._report_server = self._keep(Receiver("127.0.0.1"))
+        report = ["--report", f"127.0.0.1:{self._report_server.address[1]}/1"]
+        self.decrypting = self._keep(Arqrx(*self._joining("127.0.0.5"), "--metrics", self._decrypting_port, "--decrypt",
+                                           library, *report))  # fmt: skip
+        self.decrypting.wait_figures(lambda figures: figures.get("packets_decrypted"), "packets to be decrypted")
 
     def control_reports(self):
         """Of the socket, and of the dump."""
@@ -104,7 +114,8 @@ class Channel:
         """The receiver ends for it."""
         assert self.receiver.end() == arqrx.OUTPUT_FAILED
         failed = arqrx.run("--json", "--listen", f"{NOT_OURS}:{self.net.destination}")[1]
-        return set().union(*map(names, [*self.receiver.objects, *map(json.loads, failed.splitlines())]))
+        objects = [*self.receiver.objects, *self.decrypting.objects, *map(json.loads, failed.splitlines())]
+        return set().union(*map(names, objects))
 
     def receiver_columns(self):
         """Of the lines for people."""
@@ -118,16 +129,15 @@ class Channel:
         return arqrx.joining(self._behind, "--bind", address, stream_id=address.rpartition(".")[2])
 
     def reports(self):
-        """Of a second receiver, whose server is a plain socket."""
-        with contextlib.closing(Receiver("127.0.0.1")) as server:
-            receiver = self._keep(Arqrx(*self._joining("127.0.0.5"), "--report", f"127.0.0.1:{server.address[1]}/1"))
-            server.wait_for(lambda datagram: b"bit_rate" in datagram.data and b"round_trip" in datagram.data)
-            assert receiver.end() == arqrx.GOOD
-            server.wait_for(lambda datagram: b'"final":true' in datagram.data)
-            return set().union(*(names(json.loads(data)) for data in server.payloads))
+        """The second receiver ends for it."""
+        server = self._report_server
+        server.wait_for(lambda datagram: b"bit_rate" in datagram.data and b"round_trip" in datagram.data)
+        assert self.decrypting.end() == arqrx.GOOD
+        server.wait_for(lambda datagram: b'"final":true' in datagram.data)
+        return set().union(*(names(json.loads(data)) for data in server.payloads))
 
     def receiver_metrics(self):
-        return metrics(self._metrics_port)
+        return metrics(self._metrics_port) | metrics(self._decrypting_port)
 
     def line_objects(self):
         self.line.wait(lambda: len(self.line.events("changed")) > 1, "the script")
