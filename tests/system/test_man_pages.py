@@ -25,6 +25,10 @@ PAGES = {
 }  # fmt: skip
 
 
+# They are arqctl's own, not of its unit.
+OTHER_VARIABLES = {"ARQCTL_SSH", "ARQCTL_THERE"}
+
+
 class ManPage:
     """The source of a page. An entry begins with a word in bold at the line's start, its text is indented."""
 
@@ -132,8 +136,9 @@ def test_man_finds_the_pages_where_they_are_installed_each_with_its_package(tmp_
     for name, component in PAGES.items():
         program, section = name.split(".")
         manuals = tmp_path / component / "share" / "man"
-        path = subprocess.run(["man", "-M", manuals, "-w", section, program], capture_output=True, text=True, check=True)
-        assert path.stdout.strip() == f"{manuals}/man{section}/{name}.gz"
+        command = ["man", "-M", manuals, "-w", section, program]
+        path = subprocess.run(command, capture_output=True, text=True, check=True).stdout.strip()
+        assert path == f"{manuals}/man{section}/{name}.gz"
 
 
 def test_without_scdoc_the_proxy_is_configured_all_the_same_and_one_line_says_so(tmp_path):
@@ -246,6 +251,32 @@ def outcome(words, folder):
     return done.returncode in expected[program]
 
 
+def test_pages_name_their_units_with_the_settings_that_these_read():
+    folder = ROOT / "packaging" / "service"
+    for name, instance in (("tx_proxy.8", "N"), ("arqctl.1", "NAME"), ("arqrx.1", "NAME")):
+        page, program = ManPage(name), name.split(".")[0]
+        units = set(re.findall(rf"\*([\w-]+@){instance}\.service\*", page.text))
+        assert units == {path.name.removesuffix(".service.in") for path in folder.glob(f"{program}*@.service.in")}
+        for unit in units:
+            text = (folder / f"{unit}.service.in").read_text("utf-8")
+            settings = re.search(r"^EnvironmentFile=-?(.*)$", text, re.MULTILINE)[1]
+            assert f"_{settings.replace('%i', instance)}_\n" in page.section("FILES")
+        sample = (folder / f"{program}.default").read_text("utf-8")
+        variables = re.findall(r"^#?([A-Z_]+)=", sample, re.MULTILINE)
+        named = re.findall(rf"\*({program.upper()}_[A-Z_]+)\*", page.text)
+        assert set(variables) == set(named) - OTHER_VARIABLES
+
+
+def test_files_and_settings_of_the_proxys_page_are_those_of_the_operators_page():
+    page, operations = ManPage("tx_proxy.8"), Page("operations.md")
+    files = re.findall(r"^_(/.*)_$", page.section("FILES"), re.MULTILINE)
+    assert sorted(files) == sorted([quoted(cells[0])[0] for cells in operations.rows("Files")] + ["/etc/default/tx_proxy-N"])
+    settings = {head: re.search(r"Default: (\d+)", text)[1] for head, text in page.entries("DELIBERATE LOSS")}
+    assert settings == {quoted(cells[0])[0]: cells[1] for cells in operations.rows("Deliberate loss")}
+    assert [row[0] for row in page.rows("PORTS")] == [
+        cells[0].replace("`", "").removesuffix(", mod 65536") for cells in operations.rows("Ports")]  # fmt: skip
+
+
 # What a command is given, and what it answers, on the page of the control socket.
 def replies(page):
     """{command: (takes an argument, reply or "")}"""
@@ -318,7 +349,8 @@ def members(record):
 def test_a_record_of_the_protocol_page_is_that_of_the_program(heading):
     there, record = TABLES[heading]
     rows = ManPage("tx_proxy_protocol.7").rows(heading)
-    assert [row[:4] for row in rows] == [[cell.replace("*", "") or "-" for cell in row[:4]] for row in PROTOCOL.rows(there)]
+    described = [[cell.replace("*", "") or "-" for cell in row[:4]] for row in PROTOCOL.rows(there)]
+    assert [row[:4] for row in rows] == described
     places, orders = members(record)
     assert [tuple(row[:2]) for row in rows[: len(places)]] == places
     for row, order in zip(rows, orders):
