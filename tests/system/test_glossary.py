@@ -64,10 +64,22 @@ def test_the_glossary_has_every_figure_that_is_printed_and_no_other(closing, tmp
     assert {quoted(cells[0])[0] for cells in rows("arqrx") if cells[2] == "yes"} | on_page("arqrx reports") == reports
 
 
-def test_every_row_has_a_meaning_and_every_heading_is_in_the_list_above():
+def anchors(page):
+    """Of the headings below the first rank, in their order."""
+    headings = re.findall(r"^##+ (.*)", page.text, re.MULTILINE)
+    return [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
+
+
+def test_every_link_leads_somewhere_and_every_heading_is_in_the_list_above():
+    assert re.findall(r"\]\(#([\w-]+)\)", PAGE.text.split("\n## ")[0]) == anchors(PAGE)
+    links = re.findall(r"\]\(([\w.]*)#([\w-]+)\)", PAGE.text)
+    assert len(links) == PAGE.text.count("](")
+    for name, anchor in links:
+        assert anchor in anchors(Page(name) if name else PAGE), (name, anchor)
+
+
+def test_every_row_has_a_meaning():
     headings = re.findall(r"^##+ (.*)", PAGE.text, re.MULTILINE)
-    linked = re.findall(r"\]\(#([\w-]+)\)", PAGE.text.split("\n## ")[0])
-    assert linked == [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
     for heading in headings:
         columns = len(re.search(r"^\|(---\|)+$", part(heading), re.MULTILINE)[0].split("|"))
         for cells in rows(heading):

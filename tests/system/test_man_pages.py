@@ -142,7 +142,7 @@ def test_man_finds_the_pages_where_they_are_installed_each_with_its_package(tmp_
 
 
 def test_without_scdoc_the_proxy_is_configured_all_the_same_and_one_line_says_so(tmp_path):
-    command = ["cmake", "-S", ROOT, "-B", tmp_path, "-DSCDOC="]
+    command = ["cmake", "-G", "Ninja", "-S", ROOT, "-B", tmp_path, "-DSCDOC="]
     done = subprocess.run(command, capture_output=True, text=True, check=True)
     assert done.stderr == ""
     assert re.findall(r".*(?:scdoc |anual).*", done.stdout) == ["-- No manual pages: scdoc is not installed"]
@@ -270,7 +270,8 @@ def test_pages_name_their_units_with_the_settings_that_these_read():
 def test_files_and_settings_of_the_proxys_page_are_those_of_the_operators_page():
     page, operations = ManPage("tx_proxy.8"), Page("operations.md")
     files = re.findall(r"^_(/.*)_$", page.section("FILES"), re.MULTILINE)
-    assert sorted(files) == sorted([quoted(cells[0])[0] for cells in operations.rows("Files")] + ["/etc/default/tx_proxy-N"])
+    described = [quoted(cells[0])[0] for cells in operations.rows("Files")]
+    assert sorted(files) == sorted([*described, "/etc/default/tx_proxy-N"])
     settings = {head: re.search(r"Default: (\d+)", text)[1] for head, text in page.entries("DELIBERATE LOSS")}
     assert settings == {quoted(cells[0])[0]: cells[1] for cells in operations.rows("Deliberate loss")}
     assert [row[0] for row in page.rows("PORTS")] == [
