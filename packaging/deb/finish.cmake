@@ -1,0 +1,56 @@
+# Run by cpack over the files of each component before they are packed: adds what only Debian wants, takes the symbols out
+# of programs, writes the list of configuration files and gives everything the same modes on every machine.
+cmake_minimum_required(VERSION 3.25)
+set(deb "${CPACK_TX_PROXY_SOURCE}/packaging/deb")
+
+function(run)
+    execute_process(COMMAND ${ARGN} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+# The copyright in Debian's form, the changelog, and why lintian's objections are overridden.
+function(add_debian_files root package)
+    set(doc "${root}/usr/share/doc/${package}")
+    file(COPY "${deb}/copyright" DESTINATION "${doc}")
+    execute_process(COMMAND "${deb}/debian_changelog" "${package}" "${CPACK_PACKAGE_VERSION}" "${CPACK_PACKAGE_CONTACT}"
+        INPUT_FILE "${CPACK_TX_PROXY_SOURCE}/CHANGELOG.md" OUTPUT_FILE "${doc}/changelog" COMMAND_ERROR_IS_FATAL ANY)
+    run(gzip -9nf "${doc}/changelog")
+    if(EXISTS "${deb}/${package}.lintian-overrides")
+        file(COPY_FILE "${deb}/${package}.lintian-overrides" "${root}/usr/share/lintian/overrides/${package}")
+    endif()
+endfunction()
+
+function(strip_programs root)
+    file(GLOB programs "${root}/usr/bin/*" "${root}/usr/sbin/*")
+    foreach(program IN LISTS programs)
+        run(strip --strip-unneeded --remove-section=.comment --remove-section=.note "${program}")
+    endforeach()
+    file(GLOB_RECURSE libraries "${root}/usr/lib/*.a")
+    foreach(library IN LISTS libraries)
+        run(strip --strip-debug --remove-section=.comment --enable-deterministic-archives "${library}")
+    endforeach()
+endfunction()
+
+# Of one who edits them dpkg keeps the edited ones.
+function(list_configuration root package)
+    file(GLOB_RECURSE files RELATIVE "${root}" "${root}/etc/*")
+    list(TRANSFORM files REPLACE "(.+)" "/\\1\n")
+    set(listing "${CPACK_TX_PROXY_CONTROL}/${package}/conffiles")
+    file(REMOVE "${listing}")
+    if(files)
+        string(CONCAT text ${files})
+        file(WRITE "${listing}" "${text}")
+        file(CHMOD "${listing}" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+    endif()
+endfunction()
+
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER "${component}" upper)
+    set(package "${CPACK_DEBIAN_${upper}_PACKAGE_NAME}")
+    set(root "${CPACK_TEMPORARY_DIRECTORY}/${component}")
+    file(MAKE_DIRECTORY "${root}/usr/share/lintian/overrides")
+    add_debian_files("${root}" "${package}")
+    strip_programs("${root}")
+    list_configuration("${root}" "${package}")
+    run(find "${root}" -type d -empty -delete)
+    run(chmod -R u=rwX,go=rX "${root}")
+endforeach()
