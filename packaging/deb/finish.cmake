@@ -14,6 +14,10 @@ function(add_debian_files root package)
     execute_process(COMMAND "${deb}/debian_changelog" "${package}" "${CPACK_PACKAGE_VERSION}" "${CPACK_PACKAGE_CONTACT}"
         INPUT_FILE "${CPACK_TX_PROXY_SOURCE}/CHANGELOG.md" OUTPUT_FILE "${doc}/changelog" COMMAND_ERROR_IS_FATAL ANY)
     run(gzip -9nf "${doc}/changelog")
+    # Where a reader of Debian looks first; the pages are where every installation has them.
+    if(EXISTS "${root}/usr/share/doc/tx_proxy/README.md")
+        file(CREATE_LINK ../tx_proxy "${doc}/pages" SYMBOLIC)
+    endif()
     if(EXISTS "${deb}/${package}.lintian-overrides")
         file(COPY_FILE "${deb}/${package}.lintian-overrides" "${root}/usr/share/lintian/overrides/${package}")
     endif()

@@ -1,0 +1,227 @@
+"""The Debian packages as files: what they hold, what they need, and that building them again gives the same bytes."""
+
+import gzip
+import os
+import pathlib
+import re
+import shutil
+import stat
+import subprocess
+
+import pytest
+
+from txproxy import packages, plugin_builder, rtp
+from txproxy.elf import Elf
+from txproxy.page import ROOT
+from txproxy.packages import PROXY, TOOLS
+from txproxy.receiver import pump
+
+pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("packages")]
+
+LIBC = {"libc.so.6", "libm.so.6", "ld-linux-x86-64.so.2", "ld-linux-aarch64.so.1"}
+VENDORED_LICENCES = sorted((ROOT / "tools").glob("*/page/vendor/*/LICENSE"))
+# What only a package has, and no `cmake --install`.
+DEBIAN_ONLY = re.compile(r"/usr/share/doc/tx-proxy(-tools)?/(changelog\.gz|copyright)|/usr/share/lintian/overrides/.*")
+BUFFERS = 1025  # with the smallest ring; the library is given what comes into a used one
+MODES = {True: {0o755}, False: {0o644, 0o755}}
+
+
+def needed(path):
+    return {re.search(r"\[(.*)\]", value).group(1) for tag, value in Elf(path).dynamic if tag == "NEEDED"}
+
+
+def words(text):
+    """Without line breaks and the dots of empty lines: texts are indented where they are quoted."""
+    return " ".join(re.sub(r"(?m)^ ?\.$", "", text).split())
+
+
+def copy_of_the_tree(directory):
+    """The files that Git has or would have, in another folder."""
+    listed = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "ls-files", "-z", "--cached", "--others",
+                                "--exclude-standard").decode().split("\0")
+    for name in filter(None, listed):
+        if (ROOT / name).is_file():
+            (directory / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(ROOT / name, directory / name)
+    return directory
+
+
+def stripped(path, directory):
+    target = directory / f"{path.name}.stripped"
+    subprocess.run(["strip", "--strip-unneeded", "--remove-section=.comment", "--remove-section=.note", "-o", target, path],
+                   check=True)
+    return target.read_bytes()
+
+
+@pytest.fixture(scope="module")
+def unpacked(tmp_path_factory):
+    """Both packages below one root, as `dpkg -x` leaves them."""
+    root = tmp_path_factory.mktemp("unpacked")
+    for package in packages.both():
+        package.unpack(root)
+    return root
+
+
+@pytest.mark.parametrize("name", [PROXY, TOOLS])
+def test_name_version_and_architecture_are_in_the_file_name_and_the_version_is_the_projects(name):
+    package = packages.package(name)
+    architecture = packages.output_of("dpkg", "--print-architecture", text=True).strip()
+    assert package.path.name == f"{name}_{packages.project_version()}_{architecture}.deb"
+    assert (package.field("Version"), package.field("Architecture")) == (packages.project_version(), architecture)
+
+
+def test_programs_say_the_version_of_their_package(unpacked):
+    for program in ("arqrx", "arqctl", "arqlink"):
+        said = packages.output_of(unpacked / "usr/bin" / program, "--version", text=True)
+        assert packages.project_version() in said.split(), said
+
+
+def test_the_proxy_depends_on_the_c_library_only_and_recommends_the_tools(unpacked):
+    package = packages.package(PROXY)
+    assert packages.names(package.field("Depends")) == {"libc6"}
+    assert package.field("Recommends") == TOOLS
+    assert package.programs() == ["/usr/bin/tx_proxy"]
+    assert "libc.so.6" in needed(unpacked / "usr/bin/tx_proxy") <= LIBC
+
+
+def test_the_tools_depend_on_the_package_of_every_library_they_are_linked_with(unpacked):
+    package = packages.package(TOOLS)
+    dependencies = packages.names(package.field("Depends"))
+    libraries = set().union(*(needed(unpacked / name.lstrip("/")) for name in package.programs()))
+    assert sorted(package.programs()) == ["/usr/bin/arqctl", "/usr/bin/arqlink", "/usr/bin/arqrx"]
+    for library in libraries:
+        owners = packages.output_of("dpkg", "--search", f"*/{library}", text=True).splitlines()
+        assert {line.partition(":")[0] for line in owners} & dependencies, f"{library} of {owners}, not in {dependencies}"
+    assert PROXY not in dependencies, "a receiver's machine needs no proxy"
+
+
+def test_the_packaged_proxy_loads_an_encryption_library_written_in_c(unpacked, tmp_path, monkeypatch, start_proxy, sender, receive):
+    monkeypatch.setenv("TX_PROXY_BIN", str(unpacked / "usr/bin/tx_proxy"))
+    folders = plugin_builder.PrivateFolders(tmp_path, monkeypatch)
+    folders.library(plugin_builder.INSTALLED_NAME, plugin_builder.build(tmp_path / "xor.so"))
+    folders.start(start_proxy, "-Z", "secret", "-q", 1, "-a", "127.0.0.2")
+    receiver = receive()
+    pump(sender, [receiver], [rtp.packet(i, bytes(7 * 188)) for i in range(BUFFERS + 20)])
+    assert folders.calls() == ["xor open 1 secret 6"] + ["xor data 1 1140"] * 20
+    assert bytes([plugin_builder.XOR]) in receiver.payloads[-1]
+
+
+@pytest.mark.parametrize("name", [PROXY, TOOLS])
+def test_everything_is_roots_and_bears_the_time_of_the_sources_and_only_programs_may_be_run(name):
+    package = packages.package(name)
+    assert {(member.uid, member.gid, member.uname) for member in package.members.values()} == {(0, 0, "root")}
+    assert len({member.mtime for member in package.members.values()}) == 1
+    wrong = {path: oct(member.mode) for path, member in package.members.items()
+             if not member.issym() and stat.S_IMODE(member.mode) not in MODES[member.isdir()]}
+    assert not wrong
+    runnable = {path for path, member in package.members.items() if member.isfile() and member.mode & 0o111}
+    unmarked = {path for path, data in package.files.items() if data.startswith((b"\x7fELF", b"#!")) and path not in runnable
+                and not path.startswith("/usr/share/")}
+    assert not unmarked, "programs that cannot be run"
+    assert all(package.files[path].startswith((b"\x7fELF", b"#!")) for path in runnable), runnable
+
+
+def test_no_path_of_the_machine_that_built_them_is_in_the_packages():
+    for package in packages.both():
+        texts = {**package.files, **{name: text.encode() for name, text in package.control.items()}}
+        for place in (ROOT, packages.folder()):
+            assert not [name for name, data in texts.items() if os.fsencode(place) in data]
+
+
+def test_the_copyright_says_the_terms_of_the_project_and_of_everything_vendored():
+    assert VENDORED_LICENCES
+    for package in packages.both():
+        text = package.files[f"/usr/share/doc/{package.name}/copyright"].decode()
+        assert text.startswith("Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/\n")
+        terms = words((ROOT / "LICENSE").read_text().partition("\n\n")[2].partition("\n\n")[2])
+        assert terms in words(text)
+        for licence in VENDORED_LICENCES:
+            folder = licence.parent.relative_to(ROOT)
+            holder = re.search(r"Copyright \(c\) (.*)", licence.read_text()).group(1)
+            assert f"Files: {folder}/*\nCopyright: {holder}\nLicense: Expat\n" in text
+            assert words(licence.read_text().partition(holder)[2]) in words(text), "other terms than the project's"
+
+
+def test_the_changelog_is_that_of_the_project_with_its_version_on_top():
+    for package in packages.both():
+        text = gzip.decompress(package.files[f"/usr/share/doc/{package.name}/changelog.gz"]).decode()
+        assert text.startswith(f"{package.name} ({packages.project_version()}) stable; urgency=medium\n")
+        latest = words(re.search(r"(?ms)^## .*?^- (.*?)^(?=-|$)", (ROOT / "CHANGELOG.md").read_text()).group(1))
+        assert f"* {latest}" in words(text)
+
+
+def test_released_versions_of_the_changelog_keep_their_dates_and_what_is_unreleased_is_left_out_once_a_version_is(tmp_path):
+    pages = {
+        "2.0.0": "## [Unreleased]\n\n- now\n\n## [1.9.0] - 2026-02-03\n\n- a very\n  old thing\n",
+        "1.9.0": "## [Unreleased]\n\n- now\n\n## [1.9.0] - 2026-02-03\n\n- a very\n  old thing\n",
+    }
+    made = {}
+    for version, page in pages.items():
+        made[version] = packages.output_of(ROOT / "packaging/deb/debian_changelog", "thing", version, "Us <us@there>", text=True,
+                                           input=page, env={**os.environ, "SOURCE_DATE_EPOCH": "86400"})
+    old = "thing (1.9.0) stable; urgency=medium\n\n  * a very old thing\n\n -- Us <us@there>  Tue, 03 Feb 2026 00:00:00 +0000\n\n"
+    new = "thing (2.0.0) stable; urgency=medium\n\n  * now\n\n -- Us <us@there>  Fri, 02 Jan 1970 00:00:00 +0000\n\n"
+    assert made == {"2.0.0": new + old, "1.9.0": old}
+
+
+@pytest.mark.parametrize("name", [PROXY, TOOLS])
+def test_what_is_below_etc_is_configuration_that_an_upgrade_keeps(name):
+    package = packages.package(name)
+    listed = package.control.get("conffiles", "").split()
+    assert sorted(listed) == sorted(path for path in package.files if path.startswith("/etc/"))
+
+
+def test_lintian_objects_to_nothing_and_each_override_has_its_reason():
+    paths = [package.path for package in packages.both()]
+    result = subprocess.run(
+        ["lintian", "--allow-root", "--tag-display-limit", "0", "--display-info", "--fail-on", "error,warning,info", *paths],
+        capture_output=True, text=True, check=False)
+    assert (result.returncode, result.stdout) == (0, ""), result.stdout + result.stderr
+    for overrides in (ROOT / "packaging/deb").glob("*.lintian-overrides"):
+        paragraphs = overrides.read_text().strip().split("\n\n")
+        assert all(re.fullmatch(r"(# .*\n)+(?!#).+", paragraph) for paragraph in paragraphs), overrides.name
+
+
+def test_cmake_install_puts_the_files_of_both_packages(unpacked, tmp_path):
+    """Programs apart, which it leaves with their symbols, byte for byte."""
+    subprocess.run(["cmake", "--install", packages.BUILD_FOLDER], check=True, capture_output=True,
+                   env={**os.environ, "DESTDIR": str(tmp_path)})
+    installed = {f"/{path.relative_to(tmp_path)}": path for path in tmp_path.rglob("*") if not path.is_dir()}
+    packed = {path: data for package in packages.both() for path, data in package.files.items()
+              if not DEBIAN_ONLY.fullmatch(path)}
+    assert sorted(installed) == sorted(packed)
+    for name, path in installed.items():
+        if path.suffix == ".a":
+            assert packages.output_of("ar", "t", path) == packages.output_of("ar", "t", unpacked / name.lstrip("/"))
+            continue
+        data = path.read_bytes()
+        if data.startswith(b"\x7fELF"):
+            shown = stripped(path, tmp_path)
+            assert shown == packed[name], f"{name}: another program"
+        else:
+            assert data == packed[name], name
+        assert (path.stat().st_mode & 0o111) == (os.stat(unpacked / name.lstrip("/")).st_mode & 0o111), name
+
+
+def test_no_file_is_in_both_packages():
+    proxy, tools = packages.both()
+    assert not set(proxy.files) & set(tools.files)
+
+
+def test_the_proxy_built_in_another_folder_has_the_same_bytes(tmp_path):
+    tree = copy_of_the_tree(tmp_path / "elsewhere")
+    for command in (["cmake", "--preset", "package", "-DTX_PROXY_BUILD_TOOLS=OFF", "-DTX_PROXY_USE_CCACHE=OFF"],
+                    ["cmake", "--build", "build/package", "--target", "tx_proxy"]):
+        subprocess.run(command, cwd=tree, check=True, capture_output=True)
+    assert stripped(tree / "build/package/tx_proxy", tmp_path) == packages.package(PROXY).files["/usr/bin/tx_proxy"]
+
+
+@pytest.mark.long
+def test_both_packages_built_in_another_folder_at_another_time_have_the_same_bytes(tmp_path):
+    tree = copy_of_the_tree(tmp_path / "elsewhere")
+    epoch = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "log", "-1", "--format=%ct", text=True).strip()
+    environment = {**os.environ, "SOURCE_DATE_EPOCH": epoch, "CCACHE_DISABLE": "1", "LC_ALL": "de_DE.UTF-8", "TZ": "Asia/Tokyo"}
+    subprocess.run(["sh", "-c", "umask 077; exec scripts/build_packages --out out"], cwd=tree, check=True, capture_output=True,
+                   env=environment)
+    for package in packages.both():
+        assert pathlib.Path(tree, "out", package.path.name).read_bytes() == package.path.read_bytes(), package.name
