@@ -20,8 +20,8 @@ pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("packages")]
 
 LIBC = {"libc.so.6", "libm.so.6", "ld-linux-x86-64.so.2", "ld-linux-aarch64.so.1"}
 VENDORED_LICENCES = sorted((ROOT / "tools").glob("*/page/vendor/*/LICENSE"))
-# What only a package has, and no `cmake --install`.
-DEBIAN_ONLY = re.compile(r"/usr/share/doc/tx-proxy(-tools)?/(changelog\.gz|copyright)|/usr/share/lintian/overrides/.*")
+# Whether machine code reads like a misspelt word depends on the compiler.
+NOT_USED_BY_CHANCE = re.compile(r"N: |I: tx-proxy-tools: unused-override spelling-error-in-binary ")
 BUFFERS = 1025  # with the smallest ring; the library is given what comes into a used one
 MODES = {True: {0o755}, False: {0o644, 0o755}}
 
@@ -33,17 +33,6 @@ def needed(path):
 def words(text):
     """Without line breaks and the dots of empty lines: texts are indented where they are quoted."""
     return " ".join(re.sub(r"(?m)^ ?\.$", "", text).split())
-
-
-def copy_of_the_tree(directory):
-    """The files that Git has or would have, in another folder."""
-    listed = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "ls-files", "-z", "--cached", "--others",
-                                "--exclude-standard").decode().split("\0")
-    for name in filter(None, listed):
-        if (ROOT / name).is_file():
-            (directory / name).parent.mkdir(parents=True, exist_ok=True)
-            shutil.copy2(ROOT / name, directory / name)
-    return directory
 
 
 def stripped(path, directory):
@@ -173,10 +162,10 @@ def test_what_is_below_etc_is_configuration_that_an_upgrade_keeps(name):
 
 def test_lintian_objects_to_nothing_and_each_override_has_its_reason():
     paths = [package.path for package in packages.both()]
-    result = subprocess.run(
-        ["lintian", "--allow-root", "--tag-display-limit", "0", "--display-info", "--fail-on", "error,warning,info", *paths],
-        capture_output=True, text=True, check=False)
-    assert (result.returncode, result.stdout) == (0, ""), result.stdout + result.stderr
+    result = subprocess.run(["lintian", "--allow-root", "--tag-display-limit", "0", "--display-info", *paths],
+                            capture_output=True, text=True, check=False)
+    objections = [line for line in result.stdout.splitlines() if not NOT_USED_BY_CHANCE.match(line)]
+    assert objections == [], result.stderr
     for overrides in (ROOT / "packaging/deb").glob("*.lintian-overrides"):
         paragraphs = overrides.read_text().strip().split("\n\n")
         assert all(re.fullmatch(r"(# .*\n)+(?!#).+", paragraph) for paragraph in paragraphs), overrides.name
@@ -188,7 +177,7 @@ def test_cmake_install_puts_the_files_of_both_packages(unpacked, tmp_path):
                    env={**os.environ, "DESTDIR": str(tmp_path)})
     installed = {f"/{path.relative_to(tmp_path)}": path for path in tmp_path.rglob("*") if not path.is_dir()}
     packed = {path: data for package in packages.both() for path, data in package.files.items()
-              if not DEBIAN_ONLY.fullmatch(path)}
+              if not packages.DEBIAN_ONLY.fullmatch(path)}
     assert sorted(installed) == sorted(packed)
     for name, path in installed.items():
         if path.suffix == ".a":
@@ -209,19 +198,57 @@ def test_no_file_is_in_both_packages():
 
 
 def test_the_proxy_built_in_another_folder_has_the_same_bytes(tmp_path):
-    tree = copy_of_the_tree(tmp_path / "elsewhere")
+    tree = packages.copy_of_the_tree(tmp_path / "elsewhere")
     for command in (["cmake", "--preset", "package", "-DTX_PROXY_BUILD_TOOLS=OFF", "-DTX_PROXY_USE_CCACHE=OFF"],
                     ["cmake", "--build", "build/package", "--target", "tx_proxy"]):
         subprocess.run(command, cwd=tree, check=True, capture_output=True)
     assert stripped(tree / "build/package/tx_proxy", tmp_path) == packages.package(PROXY).files["/usr/bin/tx_proxy"]
 
 
+def build_packages(*arguments, tree=ROOT, **environment):
+    """(status, standard output, standard error) of the script in a tree."""
+    clean = {name: value for name, value in os.environ.items() if name != "SOURCE_DATE_EPOCH"}
+    result = subprocess.run([tree / "scripts/build_packages", *arguments], capture_output=True, text=True, check=False,
+                            env={**clean, **environment})
+    return result.returncode, result.stdout, result.stderr
+
+
+def test_the_time_of_the_packages_is_the_last_commits_or_else_the_latest_releases_or_else_the_changelogs(tmp_path):
+    commit = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "log", "-1", "--format=%ct", text=True)
+    assert build_packages("--time") == (0, commit, "")
+    assert build_packages("--time", SOURCE_DATE_EPOCH="7") == (0, "7\n", "")
+    (tmp_path / "scripts").mkdir()
+    shutil.copy(ROOT / "scripts/build_packages", tmp_path / "scripts")
+    changelog = tmp_path / "CHANGELOG.md"
+    changelog.write_text("## [Unreleased]\n")
+    os.utime(changelog, (99, 99))
+    assert build_packages("--time", tree=tmp_path) == (0, "99\n", "")
+    changelog.write_text("## [Unreleased]\n\n## [0.2.0] - 1970-01-03\n\n## [0.1.0] - 1970-01-02\n")
+    assert build_packages("--time", tree=tmp_path) == (0, "172800\n", "")
+
+
+def test_what_building_needs_and_is_missing_is_named_in_one_line(tmp_path):
+    query = tmp_path / "dpkg-query"
+    query.write_text('#!/bin/sh\ncase "$4" in scdoc | libfmt-dev) exit 1 ;; esac\nprintf "install ok installed"\n')
+    query.chmod(0o755)
+    missing = "Please install what is missing, as root: apt-get install libfmt-dev scdoc\n"
+    assert build_packages(PATH=f"{tmp_path}:{os.environ['PATH']}") == (1, "", missing)
+
+
+@pytest.mark.parametrize("wrong", [["--out"], ["--outside", "x"], ["there"]])
+def test_build_packages_refuses_what_it_does_not_know(wrong):
+    status, said, complaint = build_packages(*wrong)
+    assert (status != 0, said) == (True, "") and complaint
+
+
 @pytest.mark.long
 def test_both_packages_built_in_another_folder_at_another_time_have_the_same_bytes(tmp_path):
-    tree = copy_of_the_tree(tmp_path / "elsewhere")
+    tree = packages.copy_of_the_tree(tmp_path / "elsewhere")
     epoch = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "log", "-1", "--format=%ct", text=True).strip()
-    environment = {**os.environ, "SOURCE_DATE_EPOCH": epoch, "CCACHE_DISABLE": "1", "LC_ALL": "de_DE.UTF-8", "TZ": "Asia/Tokyo"}
-    subprocess.run(["sh", "-c", "umask 077; exec scripts/build_packages --out out"], cwd=tree, check=True, capture_output=True,
-                   env=environment)
+    environment = {**os.environ, "SOURCE_DATE_EPOCH": epoch, "CCACHE_DISABLE": "1", "LC_ALL": "C", "TZ": "Asia/Tokyo",
+                   "CXXFLAGS": "-g"}
+    printed = packages.output_of("sh", "-c", "umask 077; exec scripts/build_packages --out out", cwd=tree, env=environment,
+                                 text=True)
+    assert printed.splitlines() == sorted(str(tree / "out" / package.path.name) for package in packages.both())
     for package in packages.both():
         assert pathlib.Path(tree, "out", package.path.name).read_bytes() == package.path.read_bytes(), package.name

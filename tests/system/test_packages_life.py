@@ -11,9 +11,10 @@ import shutil
 import pytest
 
 from txproxy import debian_root, packages, rtp
-from txproxy.page import Page
+from txproxy.page import Page, quoted
 from txproxy.packages import PROXY, TOOLS
 from txproxy.proxy import Proxy
+from txproxy.receiver import pump
 from txproxy.traffic import Steady
 
 pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("packages")]
@@ -21,8 +22,8 @@ pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("packages")]
 PACKETS_PER_SECOND = 1000
 OLDER = "0.0.9"
 SAMPLE = "/usr/share/doc/tx_proxy/examples/tx_proxy.default"
-# Notes what systemd would be told.
-SYSTEMCTL = '#!/bin/sh\necho "$@" >>/tmp/told_systemd\n'
+# Notes what systemd would be told, and whether a channel could tell its receivers at that moment.
+SYSTEMCTL = '#!/bin/sh\necho "$@" $(test -x /usr/bin/arqctl && echo "with arqctl") >>/tmp/told_systemd\n'
 
 
 def commands(heading):
@@ -154,7 +155,7 @@ def test_an_upgrade_under_a_running_channel_loses_no_packet_and_says_how_to_chan
 def test_an_upgrade_under_systemd_reloads_the_units_restarts_none_and_names_the_one_to_restart(root, older, channel, tmp_path):
     root.run(f"dpkg --install {' '.join(older)}")
     root.run("mkdir -p /run/systemd/system")
-    root.write("/usr/local/sbin/systemctl", SYSTEMCTL, 0o755)
+    root.write("/usr/bin/systemctl", SYSTEMCTL, 0o755)
     old = channel("-a", "127.0.0.2")
     # What systemd would have put it into.
     root.write("/tmp/cgroup", "0::/system.slice/system-tx_proxy.slice/tx_proxy@7.service\n")
@@ -162,7 +163,7 @@ def test_an_upgrade_under_systemd_reloads_the_units_restarts_none_and_names_the_
     said = install(root)
     assert f"{PROXY}: to change over: systemctl restart tx_proxy@7.service\n" in said
     told = root.path("/tmp/told_systemd").read_text().splitlines()
-    assert told and set(told) == {"--system daemon-reload"}
+    assert told and set(told) == {"--system daemon-reload with arqctl"}
     old.stop()
 
 
@@ -192,13 +193,52 @@ def test_removing_keeps_settings_and_purging_takes_them_and_leaves_nothing_of_ou
     assert not root.path("/usr/share/doc/tx-proxy").exists()
 
 
-def test_a_removal_under_systemd_stops_the_instances_of_our_units_by_their_own_way(root):
+def test_a_removal_under_systemd_stops_the_instances_of_our_units_while_they_can_still_tell_their_receivers(root):
     install(root)
     root.run("mkdir -p /run/systemd/system")
-    root.write("/usr/local/sbin/systemctl", SYSTEMCTL, 0o755)
+    root.write("/usr/bin/systemctl", SYSTEMCTL, 0o755)
     root.path("/usr/sbin/policy-rc.d").unlink()
-    root.run(f"dpkg --remove {PROXY} {TOOLS}")
+    root.run(commands("Remove")[0])
     told = root.path("/tmp/told_systemd").read_text()
-    for program in ("tx_proxy", "arqrx", "arqctl"):
-        assert re.search(rf"(?m)^.*\bstop {program}\*@\*\.service$", told), told
+    assert re.search(r"(?m)^.*\bstop tx_proxy\*@\*\.service with arqctl$", told), told
+    for program in ("arqrx", "arqctl"):
+        assert re.search(rf"(?m)^.*\bstop {program}\*@\*\.service", told), told
     assert told.endswith("--system daemon-reload\n")
+
+
+def test_a_removal_leaves_a_proxy_alone_that_was_started_by_hand(root, channel, sender, receive):
+    install(root)
+    proxy = channel("-a", "127.0.0.2")
+    root.run(commands("Remove")[0])
+    pump(sender, [receive()], [rtp.packet(i, b"still") for i in range(50)])
+    proxy.stop()
+
+
+def test_the_page_names_every_place_of_the_packages_and_no_other():
+    named = [name for cell, _ in Page("install.md").rows("Install") for name in quoted(cell)]
+    files = [name for package in packages.both() for name, member in package.members.items() if not member.isdir()]
+    for name in named:
+        assert [file for file in files if file == name or file.startswith(f"{name.rstrip('/')}/") or file.endswith(f"/{name}")], name
+    aside = ("/usr/share/doc/tx-proxy", "/usr/share/lintian/")
+    assert not [file for file in files if not file.startswith((*aside, *(name for name in named if name.startswith("/"))))
+                and not file.endswith(tuple(f"/{name}" for name in named))]
+    units = next(cell for place, cell in Page("install.md").rows("Install") if "systemd" in place)
+    assert sorted(quoted(units)) == sorted(os.path.basename(file) for file in files if file.endswith(".service"))
+
+
+@pytest.mark.long
+def test_building_from_source_by_the_page_installs_the_same_files_below_usr_local_and_removes_them(tmp_path, closing):
+    system = closing(debian_root.DebianRoot(tmp_path))
+    packages.copy_of_the_tree(system.path("/tmp/sources"))
+    system.run("rm -rf /usr/local/*")
+    *build, remove = commands("From source")
+    for command in build:
+        system.run(f"cd /tmp/sources && {command}")
+    find = "cd /usr/local && find . ! -type d"
+    names = [f"./{name.removeprefix('/usr/')}" for package in packages.both() for name, member in package.members.items()
+             if not member.isdir() and not packages.DEBIAN_ONLY.fullmatch(name)]
+    assert sorted(system.run(find).split()) == sorted(names)
+    assert "ExecStart=/usr/local/lib/tx_proxy/channel" in system.run("cat /usr/local/lib/systemd/system/tx_proxy@.service")
+    assert packages.project_version() in system.run("/usr/local/bin/arqctl --version")
+    system.run(f"cd /tmp/sources && {remove}")
+    assert system.run(find) == ""

@@ -8,6 +8,7 @@ import io
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import tarfile
 
@@ -15,6 +16,8 @@ from .page import ROOT
 
 PROXY = "tx-proxy"
 TOOLS = "tx-proxy-tools"
+# What only a package has, and no `cmake --install`.
+DEBIAN_ONLY = re.compile(r"/usr/share/doc/tx-proxy(-tools)?/(changelog\.gz|copyright|pages)|/usr/share/lintian/overrides/.*")
 BUILD_FOLDER = ROOT / "build" / "package"
 
 
@@ -53,6 +56,17 @@ def both():
 def names(relations):
     """The package names of a field of dependencies."""
     return {re.match(r"[^ (:]+", part.strip()).group() for part in re.split("[,|]", relations) if part.strip()}
+
+
+def copy_of_the_tree(directory):
+    """The files that Git has or would have, in another folder."""
+    listed = output_of("git", "-C", ROOT, "-c", "safe.directory=*", "ls-files", "-z", "--cached", "--others",
+                                "--exclude-standard").decode().split("\0")
+    for name in filter(None, listed):
+        if (ROOT / name).is_file():
+            (directory / name).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(ROOT / name, directory / name)
+    return directory
 
 
 class Package:
