@@ -37,8 +37,8 @@ def words(text):
 
 def stripped(path, directory):
     target = directory / f"{path.name}.stripped"
-    subprocess.run(["strip", "--strip-unneeded", "--remove-section=.comment", "--remove-section=.note", "-o", target, path],
-                   check=True)
+    options = ("--strip-unneeded", "--remove-section=.comment", "--remove-section=.note")
+    subprocess.run(["strip", *options, "-o", target, path], check=True)
     return target.read_bytes()
 
 
@@ -80,11 +80,13 @@ def test_the_tools_depend_on_the_package_of_every_library_they_are_linked_with(u
     assert sorted(package.programs()) == ["/usr/bin/arqctl", "/usr/bin/arqlink", "/usr/bin/arqrx"]
     for library in libraries:
         owners = packages.output_of("dpkg", "--search", f"*/{library}", text=True).splitlines()
-        assert {line.partition(":")[0] for line in owners} & dependencies, f"{library} of {owners}, not in {dependencies}"
+        assert {line.partition(":")[0] for line in owners} & dependencies, f"{library} of {owners}"
     assert PROXY not in dependencies, "a receiver's machine needs no proxy"
 
 
-def test_the_packaged_proxy_loads_an_encryption_library_written_in_c(unpacked, tmp_path, monkeypatch, start_proxy, sender, receive):
+def test_the_packaged_proxy_loads_an_encryption_library_written_in_c(
+    unpacked, tmp_path, monkeypatch, start_proxy, sender, receive
+):
     monkeypatch.setenv("TX_PROXY_BIN", str(unpacked / "usr/bin/tx_proxy"))
     folders = plugin_builder.PrivateFolders(tmp_path, monkeypatch)
     folders.library(plugin_builder.INSTALLED_NAME, plugin_builder.build(tmp_path / "xor.so"))
@@ -104,10 +106,8 @@ def test_everything_is_roots_and_bears_the_time_of_the_sources_and_only_programs
              if not member.issym() and stat.S_IMODE(member.mode) not in MODES[member.isdir()]}
     assert not wrong
     runnable = {path for path, member in package.members.items() if member.isfile() and member.mode & 0o111}
-    unmarked = {path for path, data in package.files.items() if data.startswith((b"\x7fELF", b"#!")) and path not in runnable
-                and not path.startswith("/usr/share/")}
-    assert not unmarked, "programs that cannot be run"
-    assert all(package.files[path].startswith((b"\x7fELF", b"#!")) for path in runnable), runnable
+    programs = {path for path, data in package.files.items() if data.startswith((b"\x7fELF", b"#!"))}
+    assert {path for path in programs if not path.startswith("/usr/share/")} <= runnable <= programs
 
 
 def test_no_path_of_the_machine_that_built_them_is_in_the_packages():
@@ -139,17 +139,18 @@ def test_the_changelog_is_that_of_the_project_with_its_version_on_top():
         assert f"* {latest}" in words(text)
 
 
-def test_released_versions_of_the_changelog_keep_their_dates_and_what_is_unreleased_is_left_out_once_a_version_is(tmp_path):
+def test_released_versions_of_the_changelog_keep_their_dates_and_what_is_unreleased_waits_for_the_next():
     pages = {
         "2.0.0": "## [Unreleased]\n\n- now\n\n## [1.9.0] - 2026-02-03\n\n- a very\n  old thing\n",
         "1.9.0": "## [Unreleased]\n\n- now\n\n## [1.9.0] - 2026-02-03\n\n- a very\n  old thing\n",
     }
     made = {}
     for version, page in pages.items():
-        made[version] = packages.output_of(ROOT / "packaging/deb/debian_changelog", "thing", version, "Us <us@there>", text=True,
-                                           input=page, env={**os.environ, "SOURCE_DATE_EPOCH": "86400"})
-    old = "thing (1.9.0) stable; urgency=medium\n\n  * a very old thing\n\n -- Us <us@there>  Tue, 03 Feb 2026 00:00:00 +0000\n\n"
-    new = "thing (2.0.0) stable; urgency=medium\n\n  * now\n\n -- Us <us@there>  Fri, 02 Jan 1970 00:00:00 +0000\n\n"
+        made[version] = packages.output_of(ROOT / "packaging/deb/debian_changelog", "thing", version, "Us <us@us>",
+                                           text=True, input=page, env={**os.environ, "SOURCE_DATE_EPOCH": "86400"})
+    form = "thing ({}) stable; urgency=medium\n\n  * {}\n\n -- Us <us@us>  {} 00:00:00 +0000\n\n"
+    old = form.format("1.9.0", "a very old thing", "Tue, 03 Feb 2026")
+    new = form.format("2.0.0", "now", "Fri, 02 Jan 1970")
     assert made == {"2.0.0": new + old, "1.9.0": old}
 
 
@@ -214,8 +215,8 @@ def build_packages(*arguments, tree=ROOT, **environment):
 
 
 def test_the_time_of_the_packages_is_the_last_commits_or_else_the_latest_releases_or_else_the_changelogs(tmp_path):
-    commit = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "log", "-1", "--format=%ct", text=True)
-    assert build_packages("--time") == (0, commit, "")
+    commit = packages.last_commit()
+    assert build_packages("--time") == (0, f"{commit}\n", "")
     assert build_packages("--time", SOURCE_DATE_EPOCH="7") == (0, "7\n", "")
     (tmp_path / "scripts").mkdir()
     shutil.copy(ROOT / "scripts/build_packages", tmp_path / "scripts")
@@ -244,11 +245,10 @@ def test_build_packages_refuses_what_it_does_not_know(wrong):
 @pytest.mark.long
 def test_both_packages_built_in_another_folder_at_another_time_have_the_same_bytes(tmp_path):
     tree = packages.copy_of_the_tree(tmp_path / "elsewhere")
-    epoch = packages.output_of("git", "-C", ROOT, "-c", "safe.directory=*", "log", "-1", "--format=%ct", text=True).strip()
-    environment = {**os.environ, "SOURCE_DATE_EPOCH": epoch, "CCACHE_DISABLE": "1", "LC_ALL": "C", "TZ": "Asia/Tokyo",
-                   "CXXFLAGS": "-g"}
-    printed = packages.output_of("sh", "-c", "umask 077; exec scripts/build_packages --out out", cwd=tree, env=environment,
-                                 text=True)
+    environment = {**os.environ, "SOURCE_DATE_EPOCH": packages.last_commit(), "CCACHE_DISABLE": "1", "LC_ALL": "C",
+                   "TZ": "Asia/Tokyo", "CXXFLAGS": "-g"}
+    command = "umask 077; exec scripts/build_packages --out out"
+    printed = packages.output_of("sh", "-c", command, cwd=tree, env=environment, text=True)
     assert printed.splitlines() == sorted(str(tree / "out" / package.path.name) for package in packages.both())
     for package in packages.both():
         assert pathlib.Path(tree, "out", package.path.name).read_bytes() == package.path.read_bytes(), package.name

@@ -127,7 +127,7 @@ def test_an_upgrade_under_a_running_channel_loses_no_packet_and_says_how_to_chan
     root.write("/etc/default/tx_proxy-1", "# an administrator's\n")
     old = channel("-a", "127.0.0.2")
     receiver = receive()
-    source = closing(Steady(sender, lambda number: rtp.packet(number, number.to_bytes(4, "big") * 47), PACKETS_PER_SECOND))
+    source = closing(Steady(sender, lambda i: rtp.packet(i, i.to_bytes(4, "big") * 47), PACKETS_PER_SECOND))
     receiver.wait_count(100)
 
     said = ""
@@ -143,7 +143,8 @@ def test_an_upgrade_under_a_running_channel_loses_no_packet_and_says_how_to_chan
     assert [rtp.payload(data)[:4] for data in arrived] == [number.to_bytes(4, "big") for number in range(source.sent)]
 
     assert program_of(old).endswith("/usr/bin/tx_proxy (deleted)")
-    assert f"{PROXY}: process {old.pid} goes on with the former tx_proxy, nothing it sends or receives is touched.\n" in said
+    goes_on = f"process {old.pid} goes on with the former tx_proxy, nothing it sends or receives is touched."
+    assert f"{PROXY}: {goes_on}\n" in said
     assert f"to change over, end it and start it again: /usr/bin/tx_proxy -I {net.instance} " in said
     assert root.path("/etc/default/tx_proxy-1").read_text() == "# an administrator's\n"
     old.stop()
@@ -152,7 +153,7 @@ def test_an_upgrade_under_a_running_channel_loses_no_packet_and_says_how_to_chan
     new.stop()
 
 
-def test_an_upgrade_under_systemd_reloads_the_units_restarts_none_and_names_the_one_to_restart(root, older, channel, tmp_path):
+def test_an_upgrade_under_systemd_reloads_the_units_restarts_none_and_names_the_one_to_restart(root, older, channel):
     root.run(f"dpkg --install {' '.join(older)}")
     root.run("mkdir -p /run/systemd/system")
     root.write("/usr/bin/systemctl", SYSTEMCTL, 0o755)
@@ -217,11 +218,12 @@ def test_a_removal_leaves_a_proxy_alone_that_was_started_by_hand(root, channel, 
 def test_the_page_names_every_place_of_the_packages_and_no_other():
     named = [name for cell, _ in Page("install.md").rows("Install") for name in quoted(cell)]
     files = [name for package in packages.both() for name, member in package.members.items() if not member.isdir()]
-    for name in named:
-        assert [file for file in files if file == name or file.startswith(f"{name.rstrip('/')}/") or file.endswith(f"/{name}")], name
+    # A file, a folder that ends in a slash, or a file's name alone.
+    places = {name: [file for file in files if file == name or file.endswith(f"/{name}")
+                     or name.endswith("/") and file.startswith(name)] for name in named}
+    assert [name for name, found in places.items() if not found] == []
     aside = ("/usr/share/doc/tx-proxy", "/usr/share/lintian/")
-    assert not [file for file in files if not file.startswith((*aside, *(name for name in named if name.startswith("/"))))
-                and not file.endswith(tuple(f"/{name}" for name in named))]
+    assert {file for file in files if not file.startswith(aside)} == set().union(*places.values())
     units = next(cell for place, cell in Page("install.md").rows("Install") if "systemd" in place)
     assert sorted(quoted(units)) == sorted(os.path.basename(file) for file in files if file.endswith(".service"))
 
@@ -235,10 +237,11 @@ def test_building_from_source_by_the_page_installs_the_same_files_below_usr_loca
     for command in build:
         system.run(f"cd /tmp/sources && {command}")
     find = "cd /usr/local && find . ! -type d"
-    names = [f"./{name.removeprefix('/usr/')}" for package in packages.both() for name, member in package.members.items()
-             if not member.isdir() and not packages.DEBIAN_ONLY.fullmatch(name)]
+    names = [f"./{name.removeprefix('/usr/')}" for package in packages.both() for name in package.files
+             if not packages.DEBIAN_ONLY.fullmatch(name)]
     assert sorted(system.run(find).split()) == sorted(names)
-    assert "ExecStart=/usr/local/lib/tx_proxy/channel" in system.run("cat /usr/local/lib/systemd/system/tx_proxy@.service")
+    unit = system.path("/usr/local/lib/systemd/system/tx_proxy@.service").read_text()
+    assert "\nExecStart=/usr/local/lib/tx_proxy/channel start %i\n" in unit
     assert packages.project_version() in system.run("/usr/local/bin/arqctl --version")
     system.run(f"cd /tmp/sources && {remove}")
     assert system.run(find) == ""

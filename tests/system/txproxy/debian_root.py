@@ -1,7 +1,7 @@
-"""A Debian system to install packages into: a folder with a root, a layer above it for what changes, and mounts of its own.
+"""A Debian system to install packages into: a root, a layer above it for what changes, and mounts of its own.
 
-It sees the test's /dev and network, so that a proxy in it is reached as any other, but has an empty /run and /tmp. All that
-is changed in it is gone when it is closed. What is below is the machine's own root or a bare one made by make_bare().
+It sees the test's /dev and network, so that a proxy in it is reached as any other, but has an empty /run and /tmp. All
+that is changed in it is gone when it is closed. The root is the machine's own or a bare one made by make_bare().
 """
 
 import contextlib
@@ -36,7 +36,8 @@ exec chroot . sleep infinity
 BARE = r"""
 set -e
 mirror=$(apt-get indextargets --format '$(REPO_URI) $(CODENAME) $(COMPONENT)' 'Created-By: Packages' |
-    awk -v codename="$(. /etc/os-release && echo "$VERSION_CODENAME")" '$2 == codename && $3 == "main" { print $1 " " $2; exit }')
+    awk -v codename="$(. /etc/os-release && echo "$VERSION_CODENAME")" \
+        '$2 == codename && $3 == "main" { print $1 " " $2; exit }')
 debootstrap --variant=minbase "${mirror#* }" "$1" "${mirror% *}"
 apt-config dump | { grep -E '^Acquire::(http|https)::Proxy' || true; } >"$1/etc/apt/apt.conf.d/proxy"
 cp -L /etc/resolv.conf /etc/hosts "$1/etc/"
@@ -101,8 +102,8 @@ class DebianRoot:
     def run(self, command, check=True):
         """Runs a line of shell in the system; returns what it prints, errors included."""
         result = subprocess.run(
-            ["/bin/sh", "-c", command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-            check=False, preexec_fn=self.enter,
+            ["/bin/sh", "-c", command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, check=False, preexec_fn=self.enter,
             env={"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "LC_ALL": "C",
                  "DEBIAN_FRONTEND": "noninteractive"},
         )
@@ -121,7 +122,8 @@ class DebianRoot:
 
     def state(self, package):
         """What dpkg has of a package: "ii" installed, "rc" only its settings, "" nothing."""
-        return self.run(f"dpkg-query -f '${{db:Status-Abbrev}}' -W {package} 2>/dev/null || true").strip().replace("un", "")
+        abbreviated = self.run(f"dpkg-query -f '${{db:Status-Abbrev}}' -W {package} 2>/dev/null || true").strip()
+        return "" if abbreviated == "un" else abbreviated
 
     def write(self, name, text, mode=0o644):
         path = self.path(name)

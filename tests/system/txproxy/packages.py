@@ -17,7 +17,7 @@ from .page import ROOT
 PROXY = "tx-proxy"
 TOOLS = "tx-proxy-tools"
 # What only a package has, and no `cmake --install`.
-DEBIAN_ONLY = re.compile(r"/usr/share/doc/tx-proxy(-tools)?/(changelog\.gz|copyright|pages)|/usr/share/lintian/overrides/.*")
+DEBIAN_ONLY = re.compile(r"/usr/share/(doc/tx-proxy(-tools)?/(changelog\.gz|copyright|pages)|lintian/overrides/.*)")
 BUILD_FOLDER = ROOT / "build" / "package"
 
 
@@ -38,7 +38,12 @@ def folder():
 
 def project_version():
     """The one place where the version is written."""
-    return re.search(r"^project\(tx_proxy VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE).group(1)
+    return re.search(r"(?m)^project\(tx_proxy VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
+
+
+def last_commit():
+    """Its time in seconds since 1970, as a text."""
+    return output_of("git", "-C", ROOT, "-c", "safe.directory=*", "log", "-1", "--format=%ct", text=True).strip()
 
 
 @functools.lru_cache(maxsize=None)
@@ -110,5 +115,5 @@ class Package:
                 program.write(version.encode())
         (tree / "DEBIAN" / "md5sums").unlink()
         path = directory / re.sub("_[^_]*_", f"_{version}_", self.path.name)
-        subprocess.run(["dpkg-deb", "--root-owner-group", "-Znone", "--build", tree, path], check=True, capture_output=True)
+        output_of("dpkg-deb", "--root-owner-group", "-Znone", "--build", tree, path)
         return path
