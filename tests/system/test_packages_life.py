@@ -215,12 +215,16 @@ def test_a_removal_leaves_a_proxy_alone_that_was_started_by_hand(root, channel, 
     proxy.stop()
 
 
+def is_at(file, place):
+    """A place is a folder, with a slash at its end, or a file; either may lack the folders before it."""
+    end = "" if place.endswith("/") else "$"
+    return re.search(("^" if place.startswith("/") else "/") + re.escape(place) + end, file)
+
+
 def test_the_page_names_every_place_of_the_packages_and_no_other():
     named = [name for cell, _ in Page("install.md").rows("Install") for name in quoted(cell)]
     files = [name for package in packages.both() for name, member in package.members.items() if not member.isdir()]
-    # A file, a folder that ends in a slash, or a file's name alone.
-    places = {name: [file for file in files if file == name or file.endswith(f"/{name}")
-                     or name.endswith("/") and file.startswith(name)] for name in named}
+    places = {name: [file for file in files if is_at(file, name)] for name in named}
     assert [name for name, found in places.items() if not found] == []
     aside = ("/usr/share/doc/tx-proxy", "/usr/share/lintian/")
     assert {file for file in files if not file.startswith(aside)} == set().union(*places.values())
