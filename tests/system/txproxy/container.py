@@ -33,6 +33,10 @@ def environment():
     return dict(text.split("=", 1) for name, text in instructions() if name == "ENV")
 
 
+def build_folder():
+    return pathlib.Path(binary()).parent
+
+
 def libraries(program):
     """The files that the loader takes for it."""
     listed = subprocess.run(["ldd", program], capture_output=True, text=True, check=True).stdout
@@ -62,8 +66,7 @@ class Image:
 
     def _install(self):
         (step,) = [text for name, text in instructions() if name == "RUN" and "--install" in text]
-        build = pathlib.Path(binary()).parent
-        step = step.replace("=/image", f"={self.folder}").replace(" /build", f" {build}")
+        step = step.replace("=/image", f"={self.folder}").replace(" /build", f" {build_folder()}")
         run = subprocess.run(["sh", "-c", step], cwd="/", capture_output=True, text=True, check=False)
         assert run.returncode == 0, run.stderr
 
