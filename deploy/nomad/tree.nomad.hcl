@@ -108,7 +108,7 @@ EOF
 
       # 50 receivers at 8 Mbit/s: docs/fleet.md, "Sizing".
       resources {
-        cpu    = 286
+        cpu    = 312
         memory = 64
       }
     }
@@ -166,7 +166,7 @@ EOF
 
       resources {
         cpu    = 52
-        memory = 32
+        memory = 64
       }
     }
   }
@@ -272,7 +272,7 @@ EOF
 
       # 50 receivers at 8 Mbit/s: docs/fleet.md, "Sizing".
       resources {
-        cpu    = 286
+        cpu    = 312
         memory = 64
       }
     }
@@ -332,7 +332,7 @@ EOF
 
       resources {
         cpu    = 260
-        memory = 64
+        memory = 160
       }
     }
 
@@ -397,7 +397,7 @@ EOF
 
       resources {
         cpu    = 52
-        memory = 32
+        memory = 64
       }
     }
   }

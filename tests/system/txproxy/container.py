@@ -1,8 +1,8 @@
-"""Containers of a real runtime (crun), with the image that deploy/container/Containerfile describes: its install step is
-carried out, and what a Debian base has is taken from this machine.
+"""Containers of a real runtime (crun), with the image that deploy/container/Containerfile describes: its install step
+is carried out, and what a Debian base has is taken from this machine.
 
-A container has a file system, a /dev, a /run and processes of its own, and the network of the namespace that it is started
-in, as a pod has that of its node.
+A container has a file system, a /dev, a /run and processes of its own, and the network of the namespace that it is
+started in, as a pod has that of its node.
 """
 
 import json
@@ -74,17 +74,17 @@ class Image:
 class Container:
     """A container that runs until it is closed.
 
-    `mounts` are folders and files to be seen read-only, {place in the container: path}; `pids` is the Pod or Container whose
-    process namespace it shares, None for one of its own.
+    `mounts` are folders and files to be seen read-only, {place in the container: path}; `pids` is the Pod or Container
+    whose process namespace it shares, None for one of its own.
     """
 
-    def __init__(self, image, state, name, command, env=None, mounts=None, pids=None, namespace=None):
+    def __init__(self, image, state, name, command, env=None, mounts=None, pids=None, namespace=None, user=0):
         self._state = state
         self._name = name
         self._namespace = namespace
         bundle = state / f"{name}.bundle"
         bundle.mkdir(parents=True)
-        configuration = _configuration(image, command, {**environment(), **(env or {})}, mounts or {}, pids)
+        configuration = _configuration(image, command, {**environment(), **(env or {})}, mounts or {}, pids, user)
         (bundle / "config.json").write_text(json.dumps(configuration), "utf-8")
         self.process = self._crun("run", "--bundle", bundle, name)
 
@@ -121,16 +121,15 @@ class Container:
         self.process.kill()
 
 
-def _configuration(image, command, env, mounts, pids):
-    """What a manifest asks for: root without any capability, a read-only file system, new privileges refused."""
+def _configuration(image, command, env, mounts, pids, user):
+    """What a manifest asks for: root (or another user) without any capability, a read-only root, no new privileges."""
     own = [{"type": kind} for kind in ("ipc", "uts", "mount")]
     shared = {"type": "pid", **({"path": f"/proc/{pids.pid}/ns/pid_for_children"} if pids else {})}
-    usual = {"nosuid": None, "noexec": None}
     return {
         "ociVersion": "1.0.0",
         "root": {"path": str(image.folder), "readonly": True},
         "process": {
-            "user": {"uid": 0, "gid": 0},
+            "user": {"uid": user, "gid": user},
             "args": list(command),
             "env": [f"{name}={value}" for name, value in env.items()],
             "cwd": "/",
@@ -140,7 +139,7 @@ def _configuration(image, command, env, mounts, pids):
         "mounts": [
             {"destination": "/proc", "type": "proc", "source": "proc"},
             {"destination": "/dev", "type": "tmpfs", "source": "tmpfs", "options": ["nosuid", "mode=755"]},
-            {"destination": "/run", "type": "tmpfs", "source": "tmpfs", "options": [*usual, "mode=755"]},
+            {"destination": "/run", "type": "tmpfs", "source": "tmpfs", "options": ["nosuid", "noexec", "mode=755"]},
             *({"destination": place, "type": "bind", "source": str(path), "options": ["bind", "ro"]}
               for place, path in mounts.items()),
         ],

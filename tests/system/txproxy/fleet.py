@@ -1,5 +1,5 @@
-"""The manifests of deploy/ as an orchestrator reads them: the containers of each instance, with environment and files, what
-it is asked and how it is stopped. What an orchestrator would refuse, or what is not carried out here, fails."""
+"""The manifests of deploy/ as an orchestrator reads them: the containers of each instance, with environment and files,
+what it is asked and how it is stopped. What an orchestrator would refuse, or what is not carried out here, fails."""
 
 import collections
 import re
@@ -12,8 +12,11 @@ from .page import ROOT
 TREE_YAML = ROOT / "deploy" / "kubernetes" / "tree.yaml"
 TREE_HCL = ROOT / "deploy" / "nomad" / "tree.nomad.hcl"
 
-# before_stop is a command or None; env and files are of all its containers, the former {container: ...}.
-Instance = collections.namedtuple("Instance", "name level names files containers ready live before_stop grace shares_pids")
+# names: those by which others find it; files: {name in /etc/default: text}; containers: {name: Task}; before_stop: a
+# command or None; grace: seconds from there to the end.
+Instance = collections.namedtuple(
+    "Instance", "name level names files containers ready live before_stop grace shares_pids"
+)
 Task = collections.namedtuple("Task", "command env")
 
 
@@ -68,7 +71,7 @@ def kubernetes(addresses):
 
 
 def blocks(found):
-    """What the parser gives for a block that may be there several times: [(label, body)]; bodies without a label as well."""
+    """[(label, body)] of what the parser gives for labelled blocks that may be there several times."""
     merged = found if isinstance(found, list) else [found]
     return [pair for one in merged for pair in one.items()]
 
