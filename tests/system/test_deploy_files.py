@@ -1,7 +1,7 @@
 """deploy/: what its files say holds together, and agrees with what others have published about such files.
 
-Kubernetes' own models (python3-kubernetes, made from its API's description) know every key; docker-compose has the schema of
-compose files. No package has Nomad's, so the keys that we use stand here, as its documentation spells them.
+Kubernetes' own models (python3-kubernetes, made from its API's description) know every key; docker-compose has the schema
+of compose files. No package has Nomad's, so the keys that we use stand here, as its documentation spells them.
 """
 
 import json
@@ -58,7 +58,8 @@ def test_the_yaml_files_are_tidy():
 def check_model(name, value, place):
     """The value is what the API's model of this name takes: keys, types, and all that is required."""
     if name in PLAIN:
-        assert isinstance(value, PLAIN[name]) and (name != "int" or not isinstance(value, bool)), f"{place}: {value!r} is no {name}"
+        fits = isinstance(value, PLAIN[name]) and (name != "int" or not isinstance(value, bool))
+        assert fits, f"{place}: {value!r} is no {name}"
         return
     if match := re.fullmatch(r"list\[(.+)\]", name):
         assert isinstance(value, list), f"{place}: not a list"
@@ -213,7 +214,7 @@ def test_compose_takes_its_file_and_finds_what_it_mounts():
     rules = yaml.safe_load((ROOT / "monitoring" / "prometheus.yml").read_text("utf-8"))
     assert {f"/etc/prometheus/{name}" for name in rules["rule_files"]} <= set(mounted)
     (targets,) = rules["scrape_configs"][0]["static_configs"]
-    assert targets["targets"] == [re.search(r"MONITOR_LISTEN:-(\S+)\}", (CONTAINER / "monitor").read_text("utf-8")).group(1)]
+    assert targets["targets"] == re.findall(r"MONITOR_LISTEN:-(\S+)\}", (CONTAINER / "monitor").read_text("utf-8"))
     # Grafana finds Prometheus and the folder of the dashboard.
     source = yaml.safe_load((CONTAINER / "grafana" / "datasource.yml").read_text("utf-8"))["datasources"][0]
     assert f"--web.listen-address={source['url'].removeprefix('http://')}" in services["prometheus"]["command"]

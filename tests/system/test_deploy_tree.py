@@ -1,13 +1,17 @@
-"""deploy/: the manifests' tree of a root and two leaves runs, in containers of a real runtime and with the image that the
-Containerfile describes. Every host has a network namespace of its own; what the manifests say is carried out word by word.
+"""deploy/: the manifests' tree of a root and two leaves runs, in containers of a real runtime and with the image that
+the Containerfile describes. Every host has a network namespace of its own; what the manifests say is carried out word by word.
 """
 
+import re
+import shlex
+import time
 import urllib.request
 
 import pytest
 
 from txproxy import arqrx, container, fleet, netns, receiver, rtp
 from txproxy.model_receiver import STOP_MESSAGE, PingingReceiver
+from txproxy.page import Page
 from txproxy.traffic import Steady
 from txproxy.waiting import scaled, wait_until, within
 
@@ -18,6 +22,7 @@ PER_SECOND = 200
 PLAYED = 300  # packets that are compared
 PLAYER = 1234
 STOP_MESSAGES = 5
+PING_SECONDS = 1  # arqrx and the relay ping so often
 
 
 @pytest.fixture(scope="module")
@@ -103,10 +108,13 @@ class Player:
         numbers = self.numbers()
         assert numbers == list(range(numbers[0], numbers[0] + len(numbers)))
 
-    def goes_on(self):
-        """Plays again, after an interruption; the time without a packet in seconds."""
-        last = self.played.datagrams[-1]
-        self.played.wait_for(lambda one: one.time > last.time + scaled(0.1))
+    def check_again(self, moment):
+        """Plays without a hole again after a moment; the longest time without a packet so far, in seconds."""
+        self.played.wait_for(lambda one: one.time > moment)
+        count = self.played.count()
+        self.played.wait_count(count + PLAYED)
+        numbers = self.numbers()[count:]
+        assert numbers == list(range(numbers[0], numbers[0] + len(numbers)))
         times = [one.time for one in self.played.datagrams]
         return max(later - before for before, later in zip(times, times[1:]))
 
@@ -129,7 +137,8 @@ class Tree:
         instances = orchestrator(addresses)
         names = dict(zip(addresses, (instance.names for instance in instances)))
         hosts = folder / "hosts"
-        hosts.write_text("".join(f"{address} {name}\n" for address, all_names in names.items() for name in all_names), "utf-8")
+        lines = [f"{address} {' '.join(all_names)}\n" for address, all_names in names.items()]
+        hosts.write_text("".join(lines), "utf-8")
         self.all = [Running(closing, image, folder, *pair, hosts).start() for pair in zip(instances, self.nodes)]
         self.root, *self.leaves = self.all
         assert [one.instance.level for one in self.all] == ["root", "leaf", "leaf"]
@@ -144,8 +153,7 @@ class Tree:
 
 def metrics(tree, running):
     """Of a channel, as Prometheus gets them from another machine."""
-    (listen,) = {task.env["MONITOR_LISTEN"] for task in running.instance.containers.values() if "MONITOR_LISTEN" in task.env}
-    url = f"http://{listen}/metrics"
+    url = f"http://{running.instance.containers['monitor'].env['MONITOR_LISTEN']}/metrics"
     opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
     return tree.root.node.call(lambda: opener.open(url, timeout=scaled(5)).read().decode())
 
@@ -178,10 +186,38 @@ def test_the_tree_of_the_manifests_runs_and_a_leaf_is_drained_and_started_again(
 
     leaf, other = tree.leaves
     told = plain_receiver(closing, leaf)
+    began = time.time()
     leaf.stop()
     assert told.payloads.count(STOP_MESSAGE) == STOP_MESSAGES
     leaf.start()
     wait_until(lambda: leaf.ask(leaf.instance.ready) == (0, ""), "the leaf to be ready again")
-    players[0].goes_on()
+    # Its player has an ID: it was not told, and pings on.
+    assert players[0].check_again(time.time()) < time.time() - began + PING_SECONDS
     players[1].check_whole(players[1].played.count() + PLAYED)
     assert other.ask(other.instance.live) == (0, "")
+
+
+def test_what_is_below_a_root_that_is_replaced_comes_back_by_itself(closing, image, tmp_path):
+    tree = Tree(closing, image, tmp_path, fleet.kubernetes)
+    tree.feed()
+    players = tree.players()
+    for player in players:
+        player.check_whole(PLAYED)
+    for command in page_commands("leaf-0"):
+        status, text = tree.leaves[0].ask(command)
+        assert status == 0 and "127.0.0." in text, command
+    began = time.time()
+    tree.root.stop()
+    tree.root.start()
+    back = time.time()
+    for player in players:
+        # Of the relay's ping; what is late on a busy machine besides.
+        assert player.check_again(back) < back - began + PING_SECONDS + scaled(1)
+
+
+def page_commands(pod):
+    """What docs/fleet.md lets run in the proxy's container of a pod."""
+    pattern = rf"^    kubectl --namespace tx-proxy exec {pod} --container proxy -- (.+)$"
+    found = re.findall(pattern, Page("fleet.md").text, re.MULTILINE)
+    assert len(found) == 2
+    return map(shlex.split, found)
