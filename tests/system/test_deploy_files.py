@@ -249,6 +249,18 @@ def test_the_image_has_the_packages_that_its_programs_load_and_no_more():
     assert not missing, f"the image lacks the package of {missing}"
 
 
+def test_the_containerfile_keeps_the_rules_that_linters_have():
+    known = {"FROM", "RUN", "COPY", "ENV", "USER", "STOPSIGNAL", "CMD"}
+    assert {name for name, _ in container.instructions()} == known
+    assert all(":" in text.split()[0] and not text.split()[0].endswith(":latest") for text in steps("FROM"))
+    for step in (step for step in steps("RUN") if "apt-get" in step):
+        parts = [part.strip() for part in step.split("&&")]
+        assert parts[0] == "apt-get update" and parts[-1] == "rm -rf /var/lib/apt/lists/*"
+        assert parts[1].startswith("apt-get install --yes --no-install-recommends ") and len(parts) == 3
+    assert isinstance(json.loads(steps("CMD")[-1]), list), "with a shell around it no signal reaches the program"
+    assert not any("sudo" in text for text in steps("RUN"))
+
+
 def test_the_image_ends_by_the_signal_that_its_command_waits_for():
     first, second = steps("FROM")
     assert first == f"{second} AS build" and second.endswith("debian:12-slim")
