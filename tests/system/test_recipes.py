@@ -4,6 +4,8 @@ Sources send a clip, or their own picture: what left the encoder's host is compa
 receiver played out. Players are sent the clip over and over: what they wrote begins with it.
 """
 
+import fcntl
+import functools
 import itertools
 import json
 import re
@@ -12,7 +14,6 @@ import shutil
 import subprocess
 import threading
 import time
-import types
 
 import pytest
 
@@ -65,16 +66,38 @@ def hosts():
         made.close()
 
 
-@pytest.fixture(scope="module")
-def clip(hosts):
+class Clip:
     """The page's clip: its bytes, and its pictures as decoded and as coded."""
-    kitchen = recipe.Kitchen(hosts)
-    try:
-        assert kitchen.start(command_of("A file to send")).wait_exit() == 0
-        stream = kitchen.file("clip.ts")
-    finally:
-        kitchen.close()
-    return types.SimpleNamespace(stream=stream, decoded=decoded(stream), coded=coded(stream))
+
+    def __init__(self, stream):
+        self.stream = stream
+
+    @functools.cached_property
+    def decoded(self):
+        return decoded(self.stream)
+
+    @functools.cached_property
+    def coded(self):
+        return coded(self.stream)
+
+
+@pytest.fixture(scope="module")
+def clip(hosts, tmp_path_factory, worker_id):
+    """Test processes side by side make it once."""
+    folder = tmp_path_factory.getbasetemp()
+    if worker_id != "master":
+        folder = folder.parent
+    path = folder / "recipe_clip.ts"
+    with open(folder / "recipe_clip.lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not path.exists():
+            kitchen = recipe.Kitchen(hosts)
+            try:
+                assert kitchen.start(command_of("A file to send")).wait_exit() == 0
+                path.write_bytes(kitchen.file("clip.ts"))
+            finally:
+                kitchen.close()
+    return Clip(path.read_bytes())
 
 
 @pytest.fixture
@@ -125,6 +148,7 @@ class Chain:
     def __init__(self, kitchen, heading):
         self.kitchen = kitchen
         self.commands = list(RECIPES[heading])
+        self.proxy = None
         self.joined = 0  # receivers that have pinged
 
     def take(self, host):
