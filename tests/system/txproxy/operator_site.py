@@ -95,7 +95,8 @@ class Site:
     def stream(self, port=INPUT, host=PROXY, source=SOURCE, number=lambda index: index, per_second=PER_SECOND):
         sender = Sender(host, port, namespace=self.hosts["receiver"], source=source, multicast_interface=RECEIVER)
         self._closing(sender)
-        return self._closing(Steady(sender, lambda index: rtp.packet(number(index) & 0xFFFF, PAYLOAD), per_second))
+        return self._closing(Steady(sender, lambda index: rtp.packet(number(index) & 0xFFFF, PAYLOAD), per_second,
+                                    most_at_once=PER_SECOND // 10))  # fmt: skip
 
     def firewall(self, port):
         rules = self.run("proxy", f"nft -f - <<'RULES'{FIREWALL.format(port)}RULES")
