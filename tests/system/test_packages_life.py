@@ -168,9 +168,16 @@ def test_an_upgrade_under_systemd_reloads_the_units_restarts_none_and_names_the_
     old.stop()
 
 
-def test_an_installation_anew_says_nothing_of_processes(root, channel):
+def test_an_installation_speaks_of_processes_of_a_former_one_only(root, channel):
     install(root)
-    assert "goes on" not in root.run(f"dpkg --purge {PROXY} && dpkg --install /tmp/{packages.package(PROXY).path.name}")
+    old = channel("-a", "127.0.0.2")
+    root.run(f"dpkg --purge {PROXY} {TOOLS}")
+    assert f"process {old.pid} goes on with the former tx_proxy" in install(root)
+    old.stop()
+    new = channel("-a", "127.0.0.2")
+    root.run(f"dpkg --purge {TOOLS}")
+    assert "goes on" not in root.run(f"dpkg --install /tmp/{packages.package(TOOLS).path.name}")
+    new.stop()
 
 
 def test_removing_keeps_settings_and_purging_takes_them_and_leaves_nothing_of_ours(root):
