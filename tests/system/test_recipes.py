@@ -267,6 +267,13 @@ def test_tsparse_alone_sends_the_rest_of_a_file_as_one_large_datagram(closing, k
     assert len(listener.payloads[0]) == UDP_BYTES
 
 
+def test_multicat_leaves_datagrams_out_when_nobody_has_the_port(closing, kitchen, hosts, clip):
+    sent = closing(capture.Capture(hosts["encoder"], "eth0"))
+    for command in RECIPES["multicat: UDP"][1:]:
+        assert kitchen.start(command).wait_exit() == 0
+    assert 0 < len(sent.take()) < len(mpegts.datagrams(clip.stream))
+
+
 @runs("VLC: RTP", "VLC: UDP", "VLC: RTP to a group")
 def test_vlc_sends_the_pictures_of_a_file(run_source, clip, heading):
     stream = run_source(heading, lambda stream: len(stream) > len(clip.stream) / 2).stream()
