@@ -97,7 +97,7 @@ def test_the_capture_command_takes_both_ports_and_no_other(closing, user):
             sender = Sender(netns.peer_address(0), port, lan.proxy)
             sender.send(b"x")
             sender.close()
-        assert process.wait(15) == 0
+        assert process.wait(tshark.LONGEST_SECONDS) == 0
     finally:
         process.kill()
     shown = tshark.run("-r", user / "capture.pcapng", "-T", "fields", "-e", "udp.dstport", script=None)

@@ -8,11 +8,12 @@ import tempfile
 
 from . import sandbox
 from .page import ROOT
-from .waiting import DEFAULT_TIMEOUT, scaled
+from .waiting import scaled
 
 SCRIPT = ROOT / "dissector" / "tx_proxy.lua"
 CAPTURES = ROOT / "dissector" / "captures"
 EXPECTED = ROOT / "dissector" / "expected"
+LONGEST_SECONDS = 120  # a quarter of a second of work, on a machine that may have a dozen others to do
 AS_ROOT = 'Running as user "root" and group "root". This could be dangerous.\n'
 # Media that nothing is to be said about is left out of the texts.
 REMARKABLE = 'txproxy.kind != "media" || txproxy.media.again == 1 || txproxy.media.missing || txproxy.media.again_frame'
@@ -29,7 +30,7 @@ def run(*arguments, script=SCRIPT, plugins=None, shell=None, home=None):
             "tshark", *(["-X", f"lua_script:{script}"] if script else []), *map(str, arguments)]  # fmt: skip
         environment = {"PATH": os.environ["PATH"], "HOME": str(home or empty), "LC_ALL": "C.UTF-8", "TZ": "UTC"}
         done = subprocess.run(
-            line, capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL, timeout=scaled(DEFAULT_TIMEOUT),
+            line, capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL, timeout=scaled(LONGEST_SECONDS),
             cwd=home or ROOT, env=environment, preexec_fn=sandbox.covering(global_plugins(), plugins or empty),
         )  # fmt: skip
     trouble = done.stderr.replace(AS_ROOT, "")
