@@ -92,7 +92,8 @@ def test_the_capture_command_takes_both_ports_and_no_other(closing, user):
     process = subprocess.Popen(["ip", "netns", "exec", lan.peer.name, "bash", "-c", f"exec {command.strip()} -c 3"],
                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, cwd=user)  # fmt: skip
     try:
-        Output("standard error", process.stderr).wait(re.compile("File: .*"), alive=lambda: process.poll() is None)
+        told = Output("standard error", process.stderr)
+        told.wait(re.compile("File: .*"), tshark.LONGEST_SECONDS, alive=lambda: process.poll() is None)
         for port in (10000, 7020, 10001, 10000):
             sender = Sender(netns.peer_address(0), port, lan.proxy)
             sender.send(b"x")
