@@ -84,7 +84,7 @@ def test_over_a_line_that_loses_and_doubles_every_byte_comes_back(
 ):
     options, datagram, clear_bytes = INPUTS[kind]
     proxy = encrypting(*options, "-q", RING, "-a", WIRE)
-    proxy.wait_stderr("Loaded " + DESCRIPTION.format(packages.version(), "sending"))
+    proxy.wait_stderr("Loaded " + DESCRIPTION.format(packages.project_version(), "sending"))
     wire = receive(WIRE)
     warm_up = [NULL_PACKET * 7] * (POOL - LATE) + media(LATE)
     pump(sender, [wire], [datagram(i, data) for i, data in enumerate(warm_up[:-LATE])])
@@ -117,7 +117,7 @@ def test_over_a_line_that_loses_and_doubles_every_byte_comes_back(
     assert figures["packets_undecided"] == 0
     assert figures["packets_clear"] == LATE - first
     assert figures["packets_decrypted"] == figures["packets_played"] - figures["packets_clear"]
-    assert f"arqrx: decrypting by {DESCRIPTION.format(packages.version(), 'receiving')}\n" in receiver.stderr.text
+    assert f"arqrx: decrypting by {DESCRIPTION.format(packages.project_version(), 'receiving')}\n" in receiver.stderr.text
     assert PASSWORD not in receiver.stdout.text + receiver.stderr.text + " ".join(map(str, receiver.arguments))
     assert (tmp_path / "x.ts").read_bytes().startswith(b"".join(everything[first:]))
 
