@@ -1,6 +1,7 @@
 """The Debian packages under test.
 
-TX_PROXY_PACKAGES names the folder that scripts/build_packages has put them into; unset, they are built first.
+TX_PROXY_PACKAGES names the folder that scripts/build_packages has put them into. They are built first when it is not set,
+or when they are not there yet.
 """
 
 import functools
@@ -29,11 +30,10 @@ def output_of(*command, **keywords):
 @functools.lru_cache(maxsize=None)
 def folder():
     given = os.environ.get("TX_PROXY_PACKAGES")
-    if given:
-        return pathlib.Path(given).resolve()
-    built = ROOT / "build" / "packages"
-    subprocess.run([ROOT / "scripts" / "build_packages", "--out", built], check=True, capture_output=True)
-    return built
+    place = pathlib.Path(given or ROOT / "build" / "packages").resolve()
+    if not given or len(list(place.glob("*.deb"))) < 2:
+        subprocess.run([ROOT / "scripts" / "build_packages", "--out", place], check=True, capture_output=True)
+    return place
 
 
 def project_version():
