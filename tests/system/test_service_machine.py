@@ -155,8 +155,9 @@ def restarts(closing, lease, channel, count):
         assert len(holes) == count
         for (number_behind, size), (began, ended) in zip(holes, gaps):
             assert began - 1 <= number_behind - size <= number_behind <= ended + 1, (holes, gaps)
-        figures = player.arqrx.figures()
-        assert figures["packets_lost"] == sum(size for _, size in holes)
+        missing = sum(size for _, size in holes)
+        figures = player.arqrx.wait_figures(lambda now, least=missing: now["packets_lost"] >= least, "its losses")
+        assert figures["packets_lost"] == missing
         assert (figures["stops"], figures["rejoins"], figures["packets_duplicate"]) == (0, 0, 0)
     assert channel.machine.property(channel.unit, "NRestarts") == "0"
     assert channel.journal().count("Process already running!") == 0
