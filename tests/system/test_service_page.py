@@ -91,8 +91,10 @@ def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
     assert machine.do("arqctl", "list") == "192.0.2.7\n"
     machine.do("arqctl", "del", "192.0.2.7")
 
-    _, ended = story.tell("The receiving side")
-    assert "live.ts" in ended
+    next(side := story.tell("The receiving side"))
+    path = machine.root / "var/lib/private/arqrx-news/live.ts"
+    wait_until(path.exists, "the receiver's file")
+    assert "live.ts" in next(side)
     wait_until(lambda: machine.do("arqctl", "list") == "", "the receiver to have left")
     configured = closing(receiver.Receiver("127.0.0.5", 10000))
     machine.do("arqctl", "add", "127.0.0.5")
