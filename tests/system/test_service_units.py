@@ -70,6 +70,10 @@ def test_the_units_of_a_channel_differ_in_rights_only():
     assert all(re.match(rights, line) for line in set(usual) ^ set(private))
 
 
+def test_a_channel_ends_before_its_other_unit_starts():
+    assert {"Conflicts=tx_proxy@%i.service", "After=tx_proxy@%i.service"} <= set(settings_of("tx_proxy-private@"))
+
+
 def test_no_unit_is_given_up():
     for unit in UNITS:
         assert {"StartLimitIntervalSec=0", "Restart=always", "RestartSec=1"} <= set(settings_of(unit))
