@@ -16,7 +16,7 @@ from txproxy.page import ROOT
 from txproxy.packages import PROXY, TOOLS
 from txproxy.receiver import pump
 
-pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("packages")]
+pytestmark = [pytest.mark.release_only, pytest.mark.large, pytest.mark.xdist_group("packages")]
 
 LIBC = {"libc.so.6", "libm.so.6", "ld-linux-x86-64.so.2", "ld-linux-aarch64.so.1"}
 VENDORED_LICENCES = sorted((ROOT / "tools").glob("*/page/vendor/*/LICENSE"))

@@ -17,7 +17,7 @@ from txproxy.proxy import Proxy
 from txproxy.receiver import pump
 from txproxy.traffic import Steady
 
-pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("packages")]
+pytestmark = [pytest.mark.release_only, pytest.mark.large, pytest.mark.xdist_group("packages")]
 
 PACKETS_PER_SECOND = 1000
 OLDER = "0.0.9"
