@@ -116,10 +116,10 @@ def test_what_kubernetes_would_refuse_is_found(place, key, value, text):
 def test_services_sets_and_their_pods_belong_together():
     services = {one["metadata"]["name"]: one for one in fleet.of_kind("Service")}
     for one in fleet.of_kind("StatefulSet"):
-        spec, template = one["spec"], one["spec"]["template"]
+        wanted, template = one["spec"], one["spec"]["template"]
         labels = template["metadata"]["labels"]
-        service = services[spec["serviceName"]]["spec"]
-        assert spec["selector"]["matchLabels"] == service["selector"] == labels
+        service = services[wanted["serviceName"]]["spec"]
+        assert wanted["selector"]["matchLabels"] == service["selector"] == labels
         assert (service["clusterIP"], service["publishNotReadyAddresses"]) == ("None", True)
         ports = {port["name"]: port for box in template["spec"]["containers"] for port in box.get("ports", [])}
         for port in ports.values():

@@ -45,20 +45,20 @@ def _environment(container, pod, address):
 def _pod(stateful_set, ordinal, address):
     """One pod; `address` is its node's."""
     name = stateful_set["metadata"]["name"]
-    spec = stateful_set["spec"]["template"]["spec"]
+    template = stateful_set["spec"]["template"]["spec"]
     pod = f"{name}-{ordinal}"
-    (maps,) = [volume["configMap"]["name"] for volume in spec["volumes"] if "configMap" in volume]
+    (maps,) = [volume["configMap"]["name"] for volume in template["volumes"] if "configMap" in volume]
     (config,) = [one for one in of_kind("ConfigMap") if one["metadata"]["name"] == maps]
     (service,) = [one for one in of_kind("Service") if one["metadata"]["name"] == stateful_set["spec"]["serviceName"]]
     domain = f"{service['metadata']['name']}.{service['metadata']['namespace']}.svc.cluster.local"
-    containers = {one["name"]: one for one in spec["containers"]}
+    containers = {one["name"]: one for one in template["containers"]}
     proxy = containers["proxy"]
     return Instance(
         pod, name, [f"{pod}.{domain}"], config["data"],
         {key: Task(one["command"], _environment(one, pod, address)) for key, one in containers.items()},
         proxy["readinessProbe"]["exec"]["command"], proxy["livenessProbe"]["exec"]["command"],
-        proxy["lifecycle"]["preStop"]["exec"]["command"], spec["terminationGracePeriodSeconds"],
-        spec["shareProcessNamespace"],
+        proxy["lifecycle"]["preStop"]["exec"]["command"], template["terminationGracePeriodSeconds"],
+        template["shareProcessNamespace"],
     )  # fmt: skip
 
 
