@@ -41,7 +41,8 @@ class Channel:
 
     def set(self, *options, listen=None, **variables):
         words = ["-p", self.net.destination, "-r", self.net.request, *options]
-        settings = {"TX_PROXY_LISTEN": listen or self.net.input, "TX_PROXY_OPTIONS": " ".join(map(str, words)), **variables}
+        settings = {"TX_PROXY_LISTEN": listen or self.net.input, "TX_PROXY_OPTIONS": " ".join(map(str, words))}
+        settings.update(variables)
         text = "".join(f'{name}="{value}"\n' for name, value in settings.items())
         self.machine.write(f"/etc/default/tx_proxy-{self.net.instance}", text)
         return self
@@ -74,7 +75,9 @@ class Channel:
         return dict(line.split(":\t", 1) for line in lines if ":\t" in line)
 
     def wait_restarts(self, count):
-        wait_until(lambda: int(self.machine.property(self.unit, "NRestarts")) >= count, f"{self.unit} to be started again")
+        wait_until(
+            lambda: int(self.machine.property(self.unit, "NRestarts")) >= count, f"{self.unit} to be started again"
+        )
         self.machine.wait_state(self.unit, "active")
 
     def journal(self):
@@ -260,7 +263,8 @@ def test_a_channel_has_the_rights_of_its_unit_and_no_more(either):
     orders = root / "run/systemd/private"
     assert not orders.exists() or orders.stat().st_mode & 0o777 == 0
     assert list((root / "root").iterdir()) == []
-    mounts = [line.split() for line in pathlib.Path(f"/proc/{either.pid}/mountinfo").read_text(encoding="utf-8").splitlines()]
+    lines = pathlib.Path(f"/proc/{either.pid}/mountinfo").read_text(encoding="utf-8").splitlines()
+    mounts = [line.split() for line in lines]
     assert "ro" in next(fields[5] for fields in mounts if fields[4] == "/").split(",")
 
 
@@ -350,13 +354,15 @@ def test_the_page_and_the_metrics_see_a_channel_and_its_machine(closing, machine
     either.start()
     unit = f"arqctl@{lease.instance}"
     port = lease.port()
-    machine.write(f"/etc/default/arqctl-{lease.instance}", f'ARQCTL_OPTIONS="--listen 127.0.0.1:{port} {either.socket}"\n')
+    options = f"--listen 127.0.0.1:{port} {either.socket}"
+    machine.write(f"/etc/default/arqctl-{lease.instance}", f'ARQCTL_OPTIONS="{options}"\n')
     machine.do("systemctl", "start", unit)
     closing(Stopping(machine, unit))
 
     def metrics():
-        with contextlib.suppress(OSError), urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=5) as reply:
-            return reply.read().decode()
+        with contextlib.suppress(OSError):
+            with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=5) as reply:
+                return reply.read().decode()
         return ""
 
     wanted = ("tx_proxy_cpu_seconds_total", "tx_proxy_input_kernel_drops_total", "tx_proxy_ring_packets")
@@ -368,7 +374,8 @@ def test_a_receiver_writes_into_its_folder_and_says_that_it_leaves(closing, mach
     channel.start()
     stream = closing(encoder.Stream(channel.net.input))
     unit = f"arqrx@{lease.instance}"
-    options = f"127.0.0.1:{channel.net.destination} --request-port {channel.net.request} --id none --output file:live.ts"
+    ports_of_it = f"127.0.0.1:{channel.net.destination} --request-port {channel.net.request}"
+    options = f"{ports_of_it} --id none --output file:live.ts"
     machine.write(f"/etc/default/arqrx-{lease.instance}", f'ARQRX_OPTIONS="{options}"\n')
     machine.do("systemctl", "start", unit)
     closing(Stopping(machine, unit))

@@ -75,9 +75,10 @@ def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
     assert machine.property("tx_proxy@1", "MainPID") != before
 
     stream = closing(encoder.Stream(5000))
-    wait_until(lambda: machine.run("/usr/lib/tx_proxy/channel", "ready", "1").returncode == 0, "the channel to have input")
+    ready = ("/usr/lib/tx_proxy/channel", "ready", "1")
+    wait_until(lambda: machine.run(*ready).returncode == 0, "the channel to have input")
     stream.stop()
-    wait_until(lambda: machine.run("/usr/lib/tx_proxy/channel", "ready", "1").returncode == 1, "the input to be missed")
+    wait_until(lambda: machine.run(*ready).returncode == 1, "the input to be missed")
 
     assert len(list(story.tell("Without rights"))) == 2
     assert story.is_active("tx_proxy@2") and not story.is_active("tx_proxy-private@2")
@@ -105,9 +106,9 @@ def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
 def test_the_page_names_units_settings_and_states_as_they_are():
     for unit, row in zip(UNITS, PAGE.text.split("## A channel")[0].split("|---|---|---|\n")[1].splitlines()):
         name, settings = quoted(row)[0], quoted(row)[-1]
-        assert name.startswith(unit) and re.search(
-            rf"^EnvironmentFile=-?{re.escape(settings.replace('-NAME', '-%i').replace('-N', '-%i'))}$", unit_text(unit), re.MULTILINE
-        )
+        file = re.escape(settings.replace("-NAME", "-%i").replace("-N", "-%i"))
+        assert name.startswith(unit)
+        assert re.search(rf"^EnvironmentFile=-?{file}$", unit_text(unit), re.MULTILINE)
     assert "RestartPreventExitStatus=2 255" in unit_text("tx_proxy@")
     assert value("tx_proxy@", "LogRateLimitIntervalSec") == "30s" and value("tx_proxy@", "LogRateLimitBurst") == "1000"
 

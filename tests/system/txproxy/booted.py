@@ -131,7 +131,8 @@ class Machine:
             program=shutil.which("systemd-nspawn"), preexec=self._group.enter,
         )  # fmt: skip
         self.leader = wait_until(self._find_leader, "the container to begin")
-        wait_until(lambda: self.run("systemctl", "is-active", "basic.target").stdout == "active\n", "the machine to boot", 60)
+        boot = ("systemctl", "is-active", "basic.target")
+        wait_until(lambda: self.run(*boot).stdout == "active\n", "the machine to boot", 60)
 
     def _find_leader(self):
         """The child that is number 1 in a space of its own; nspawn has others before it."""
@@ -164,11 +165,13 @@ class Machine:
 
     def outside(self, pid):
         """The number that a process of the machine has for us."""
-        for entry in pathlib.Path("/proc").glob("[0-9]*/status"):
+        numbers_of_it = os.readlink(f"/proc/{self.leader}/ns/pid")
+        for entry in pathlib.Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-                numbers = re.search(r"^NSpid:\t(.*)$", entry.read_text(encoding="ascii"), re.MULTILINE).group(1).split()
-                if numbers[-1] == str(pid) and os.readlink(entry.parent / "ns/pid") == os.readlink(f"/proc/{self.leader}/ns/pid"):
-                    return int(numbers[0])
+                status = (entry / "status").read_text(encoding="ascii", errors="replace")
+                numbers = re.search(r"^NSpid:\t(.*)$", status, re.MULTILINE).group(1).split()
+                if numbers[-1] == str(pid) and os.readlink(entry / "ns/pid") == numbers_of_it:
+                    return int(entry.name)
         raise AssertionError(f"there is no process {pid}")
 
     def property(self, unit, name):
