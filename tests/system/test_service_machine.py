@@ -192,7 +192,7 @@ def test_a_stop_tells_the_receivers_and_does_not_wait_for_those_that_cannot_be_t
 
 
 def test_a_start_is_over_when_commands_are_taken(either):
-    for order in ("start", *["restart"] * 5):
+    for order in ("start", "restart"):
         either.order(order)
         assert either.arqctl("list").returncode == 0
 
