@@ -162,6 +162,28 @@ def test_what_is_below_etc_is_configuration_that_an_upgrade_keeps(name):
     assert sorted(listed) == sorted(path for path in package.files if path.startswith("/etc/"))
 
 
+def test_files_are_finished_alike_whatever_the_umask_and_those_below_etc_become_configuration(tmp_path):
+    root = tmp_path / "proxy"
+    given = {"etc/default/one": 0o600, "etc/default/two": 0o666, "usr/share/page": 0o640, "usr/lib/run": 0o700}
+    for name, mode in given.items():
+        (root / name).parent.mkdir(parents=True, exist_ok=True)
+        (root / name).write_text("#!/bin/sh\n")
+        (root / name).chmod(mode)
+    (root / "usr/share/empty").mkdir(mode=0o700)
+    (tmp_path / "control/thing").mkdir(parents=True)
+    values = {"CPACK_TX_PROXY_SOURCE": ROOT, "CPACK_TX_PROXY_CONTROL": tmp_path / "control",
+              "CPACK_TEMPORARY_DIRECTORY": tmp_path, "CPACK_COMPONENTS_ALL": "proxy", "CPACK_PACKAGE_VERSION": "1.2.3",
+              "CPACK_PACKAGE_CONTACT": "Us <us@us>", "CPACK_DEBIAN_PROXY_PACKAGE_NAME": "thing"}
+    packages.output_of("cmake", *(f"-D{name}={value}" for name, value in values.items()), "-P",
+                       ROOT / "packaging/deb/finish.cmake")
+    assert (tmp_path / "control/thing/conffiles").read_text() == "/etc/default/one\n/etc/default/two\n"
+    modes = {str(path.relative_to(root)): stat.S_IMODE(path.stat().st_mode) for path in root.rglob("*")}
+    assert "usr/share/empty" not in modes
+    assert {name for name, mode in modes.items() if mode == 0o755 and (root / name).is_file()} == {"usr/lib/run"}
+    assert set(modes.values()) == {0o755, 0o644}
+    assert (root / "usr/share/doc/thing/copyright").read_text() == (ROOT / "packaging/deb/copyright").read_text()
+
+
 def test_lintian_objects_to_nothing_and_each_override_has_its_reason():
     paths = [package.path for package in packages.both()]
     result = subprocess.run(["lintian", "--allow-root", "--tag-display-limit", "0", "--display-info", *paths],
