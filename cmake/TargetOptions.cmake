@@ -33,6 +33,10 @@ elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
         -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,-z,separate-code)
 endif()
 
+# What is installed is the same in whatever folder it was built. (A test may want the path of its own source.)
+target_compile_options(tx_proxy_hardening INTERFACE
+    "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build" "-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+
 # Left out: formats that are no literal (the messages of the number options stand in a table), useless casts (a
 # type may be another one on another machine).
 target_compile_options(tx_proxy_strict INTERFACE

@@ -22,8 +22,6 @@ from txproxy.proxy import build_kind
 from txproxy.traffic import kernel_drops
 from txproxy.waiting import wait_until
 
-pytestmark = pytest.mark.xdist_group("flood")  # one at a time: two floods share the kernel's queues, and leave no core
-
 RELEASE = build_kind() == "release"
 DATAGRAMS = int(os.environ.get("TX_PROXY_FUZZ_DATAGRAMS", "1000000"))
 SEED = os.environ.get("TX_PROXY_FUZZ_SEED", "7020")

@@ -19,7 +19,7 @@ PROXY = "tx-proxy"
 TOOLS = "tx-proxy-tools"
 # What only a package has, and no `cmake --install`.
 DEBIAN_ONLY = re.compile(r"/usr/share/(doc/tx-proxy(-tools)?/(changelog\.gz|copyright|pages)|lintian/overrides/.*)")
-BUILD_FOLDER = ROOT / "build" / "package"
+BUILD_FOLDER = pathlib.Path(os.environ["TX_PROXY_BIN"]).resolve().parent
 
 
 def output_of(*command, **keywords):
@@ -32,7 +32,7 @@ def folder():
     given = os.environ.get("TX_PROXY_PACKAGES")
     place = pathlib.Path(given or ROOT / "build" / "packages").resolve()
     if not given or len(list(place.glob("*.deb"))) < 2:
-        subprocess.run([ROOT / "scripts" / "build_packages", "--out", place], check=True, capture_output=True)
+        subprocess.run([ROOT / "scripts" / "build_packages", "--built", BUILD_FOLDER, "--out", place], check=True, capture_output=True)
     return place
 
 
