@@ -251,12 +251,16 @@ def test_the_time_of_the_packages_is_the_last_commits_or_else_the_latest_release
     assert build_packages("--time", tree=tmp_path) == (0, "172800\n", "")
 
 
-def test_what_building_needs_and_is_missing_is_named_in_one_line(tmp_path):
+def test_what_building_needs_and_is_missing_is_installed_or_named_in_one_line(tmp_path):
     query = tmp_path / "dpkg-query"
-    query.write_text('#!/bin/sh\ncase "$4" in scdoc | libfmt-dev) exit 1 ;; esac\nprintf "install ok installed"\n')
+    query.write_text('#!/bin/sh\ncase "$*" in *scdoc | *libfmt-dev) exit 1 ;; esac\nprintf "install ok installed"\n')
     query.chmod(0o755)
-    missing = "Please install what is missing, as root: apt-get install libfmt-dev scdoc\n"
-    assert build_packages(PATH=f"{tmp_path}:{os.environ['PATH']}") == (1, "", missing)
+    called = tmp_path / "called"
+    (tmp_path / "apt-get").write_text(f'#!/bin/sh\necho "$@" >>{called}\nexit 1\n')
+    (tmp_path / "apt-get").chmod(0o755)
+    refused = "Installing libfmt-dev scdoc\nCould not install: libfmt-dev scdoc\n"
+    assert build_packages(PATH=f"{tmp_path}:{os.environ['PATH']}") == (1, "", refused)
+    assert called.read_text().endswith(" update\n")
 
 
 @pytest.mark.parametrize("wrong", [["--out"], ["--outside", "x"], ["there"]])
