@@ -26,7 +26,7 @@ MARKERS = {
     "asan": "asan_only: needs the address sanitizer",
 }
 LONG = "long: takes minutes, or what only a release needs; its short form is a test of its own (TX_PROXY_LONG)"
-LARGE = "large: runs what takes a whole machine (a browser, a Prometheus, a Debian system); after the others, two at a time"
+LARGE = "large: runs what takes a whole machine, or wants its time: a browser, a player, a Debian system; after the others, three at a time"
 
 
 def pytest_collection_modifyitems(config, items):

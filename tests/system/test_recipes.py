@@ -23,7 +23,7 @@ from txproxy.receiver import Receiver, Sender
 from txproxy.waiting import scaled, wait_until
 
 # What counts is what the page says of other programs; they take most of the time, so once is enough.
-pytestmark = pytest.mark.release_only
+pytestmark = [pytest.mark.release_only, pytest.mark.large]
 
 RECIPES = recipe.recipes()
 SETTING = ("Routes for groups", "A file to send", "The receiver behind every source")

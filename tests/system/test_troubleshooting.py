@@ -21,7 +21,7 @@ from txproxy.stepped_clock import SteppedClock
 from txproxy.symptom import PAGE, Symptom, titles
 from txproxy.waiting import scaled, wait_until
 
-pytestmark = pytest.mark.release_only
+pytestmark = [pytest.mark.release_only, pytest.mark.large]
 
 STRANGER = "172.16.0.5"  # a sender of another network
 NOBODY = 65534
