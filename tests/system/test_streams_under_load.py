@@ -55,6 +55,7 @@ class Load:
 
     def __init__(self, directory, lan, net, process):
         self._proxy = process
+        self._namespace = lan.proxy.name
         where = [str(port) for port in (net.input, net.destination, net.request)]
         seed = os.environ.get("TX_PROXY_CHURN_SEED", "1")
         blocking = [SLOW_PEER, lan.peer.name]
@@ -77,8 +78,13 @@ class Load:
             if line == "calm\n":
                 break
             self._faults.append(line)
-        assert not self._faults, "".join(self._faults) + self._log_end()
+        assert not self._faults, "".join(self._faults) + self._kernel_counters() + self._log_end()
         assert self._process.poll() is None, "the load ended by itself"
+
+    def _kernel_counters(self):
+        """Where a datagram went that the proxy had sent."""
+        files = ("/proc/net/snmp", "/proc/net/softnet_stat", "/proc/net/udp")
+        return subprocess.run(["ip", "netns", "exec", self._namespace, "cat", *files], capture_output=True, text=True).stdout
 
     def _log_end(self):
         return "".join(line + "\n" for line in self._proxy.stderr.lines[-LOG_LINES:])
