@@ -19,8 +19,9 @@ from txproxy import control, model_receiver, mpegts, netns, ports, proxy, receiv
 
 
 AFTER_LONG_LOADS = 8  # tests of every other file
-# The programs behind these have one thread: under the thread sanitizer there would be nothing to see.
-ONE_THREAD = ("test_demo.py", "test_arqlink_")
+# The programs behind these have one thread, or end before they have a second one: under the thread sanitizer there would
+# be nothing to see.
+ONE_THREAD = ("test_demo.py", "test_arqlink_", "test_command_line.py")
 MARKERS = {
     "release": "release_only: limits of memory, time and libraries are promises of the release build",
     "asan": "asan_only: needs the address sanitizer",

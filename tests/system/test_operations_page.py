@@ -3,9 +3,13 @@
 import pathlib
 import re
 
+import pytest
+
 from txproxy import program_options, raw_control
 from txproxy.page import Page, quoted
 from txproxy.proxy import binary
+
+pytestmark = pytest.mark.release_only
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = Page("operations.md")

@@ -6,7 +6,8 @@ import threading
 import time
 
 DEFAULT_TIMEOUT = 15.0
-POLL_SECONDS = 0.005
+POLL_SECONDS = 0.005  # at first
+LONGEST_POLL_SECONDS = 0.02  # in long waits: those who look keep those from running whom they wait for
 TURN_SECONDS = 0.01  # what within() looks at
 
 
@@ -20,13 +21,15 @@ def wait_until(condition, what, timeout=DEFAULT_TIMEOUT):
     `what` is a text, or a function that makes one when the wait has failed.
     """
     deadline = time.monotonic() + scaled(timeout)
+    pause = POLL_SECONDS
     while True:
         value = condition()
         if value:
             return value
         if time.monotonic() > deadline:
             raise AssertionError(f"gave up waiting for {what() if callable(what) else what}")
-        time.sleep(POLL_SECONDS)
+        time.sleep(pause)
+        pause = min(1.1 * pause, LONGEST_POLL_SECONDS)
 
 
 class Lateness:
