@@ -15,7 +15,7 @@ from txproxy.page import Page
 from txproxy.traffic import Steady
 from txproxy.waiting import scaled, wait_until, within
 
-pytestmark = pytest.mark.release_only
+pytestmark = [pytest.mark.release_only, pytest.mark.large]
 
 PAYLOAD_BYTES = 1316
 PER_SECOND = 200

@@ -107,6 +107,7 @@ class Stopwatch:
 def send_after(proxy, net, closing, watch):
     """A calm stream after the flood; how long until its first packet came, and with it all that was left."""
     sender = closing(receiver.Sender("127.0.0.1", net.input))
+    wait_until(lambda: unread_bytes(net.destination, WATCHED) == 0, "the receiver to have read the flood")
     stopwatch = Stopwatch(proxy)
     for index in range(AFTER):
         sender.send(after(index))

@@ -1,6 +1,8 @@
 """Traffic for proxies whose output does not follow their input at once."""
 
 import re
+import socket
+import struct
 import threading
 import time
 
@@ -10,10 +12,11 @@ from .waiting import DEFAULT_TIMEOUT, wait_until
 SEND_AT_ONCE = 40  # datagrams that the smallest socket buffer holds
 
 
-def unread_bytes(port):
-    """What the socket bound to `port` has not read yet, from the system's table of UDP sockets."""
+def unread_bytes(port, address=None):
+    """What the sockets bound to `port`, or that of one address, have not read yet, from the system's table."""
+    place = f"{struct.unpack('=I', socket.inet_aton(address))[0]:08X}" if address else r"\w+"
     with open("/proc/net/udp", encoding="ascii") as table:
-        pattern = re.compile(rf"\s*\d+: \w+:{port:04X} \w+:\w+ \w+ \w+:(\w+) ")
+        pattern = re.compile(rf"\s*\d+: {place}:{port:04X} \w+:\w+ \w+ \w+:(\w+) ")
         return sum(int(match.group(1), 16) for match in map(pattern.match, table) if match)
 
 
