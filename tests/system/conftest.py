@@ -22,6 +22,8 @@ AFTER_LONG_LOADS = 8  # tests of every other file
 # The programs behind these have one thread, or end before they have a second one: under the thread sanitizer there would
 # be nothing to see.
 ONE_THREAD = ("test_demo.py", "test_arqlink_", "test_command_line.py")
+# Compiling arqctl for the thread sanitizer takes longer than all other programs together.
+LONG_WITH_TSAN = ("test_arqctl_",)
 MARKERS = {
     "release": "release_only: limits of memory, time and libraries are promises of the release build",
     "asan": "asan_only: needs the address sanitizer",
@@ -38,10 +40,12 @@ def pytest_collection_modifyitems(config, items):
     each the first test of its file, have had some time.
     """
     foreign = [f"{kind}_only" for kind in MARKERS if kind != proxy.build_kind()]
-    if not os.environ.get("TX_PROXY_LONG"):
+    is_long = bool(os.environ.get("TX_PROXY_LONG"))
+    if not is_long:
         foreign.append("long")
+    left_out = ONE_THREAD if is_long else ONE_THREAD + LONG_WITH_TSAN
     dropped = [item for item in items if any(map(item.get_closest_marker, foreign))
-               or (proxy.build_kind() == "tsan" and item.path.name.startswith(ONE_THREAD))]
+               or (proxy.build_kind() == "tsan" and item.path.name.startswith(left_out))]
     items[:] = [item for item in items if item not in dropped]
     config.hook.pytest_deselected(items=dropped)
     if hasattr(config, "workerinput"):
