@@ -19,9 +19,8 @@ from txproxy import control, model_receiver, mpegts, netns, ports, proxy, receiv
 
 
 AFTER_LONG_LOADS = 8  # tests of every other file
-# The programs behind these have one thread, or end before they have a second one: under the thread sanitizer there would
-# be nothing to see.
-ONE_THREAD = ("test_demo.py", "test_arqlink_", "test_command_line.py")
+# The programs behind these have one thread: under the thread sanitizer there would be nothing to see.
+ONE_THREAD = ("test_demo.py", "test_arqlink_")
 # Compiling arqctl for the thread sanitizer takes longer than all other programs together.
 LONG_WITH_TSAN = ("test_arqctl_",)
 MARKERS = {
