@@ -14,7 +14,7 @@ from txproxy import arqctl, arqrx, booted, encoder, model_receiver, netns, plugi
 from txproxy.booted import wait_until
 from txproxy.waiting import scaled
 
-pytestmark = [pytest.mark.release_only, pytest.mark.xdist_group("service_machine")]  # one machine for all
+pytestmark = [pytest.mark.release_only, pytest.mark.large, pytest.mark.xdist_group("service_machine")]  # one machine for all
 
 UNITS = ("tx_proxy", "tx_proxy-private")
 NEW_MEDIA_SECONDS = 4  # a restart, the ping a second after it, and a slow machine

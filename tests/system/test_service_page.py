@@ -9,7 +9,7 @@ from txproxy import arqctl, booted, encoder, model_receiver, receiver
 from txproxy.page import ROOT, Page, quoted
 from txproxy.booted import wait_until
 
-pytestmark = [pytest.mark.release_only]
+pytestmark = [pytest.mark.release_only, pytest.mark.large]
 
 PAGE = Page("service.md")
 FOLDER = ROOT / "packaging" / "service"
