@@ -5,7 +5,7 @@ deleted, fall silent, ask for everything imaginable; destinations are added and 
 to nothing and holds everything up until it is deleted. The input never runs ahead of who stays by more than the
 proxy's queue holds, so a packet that is lost has been lost by the proxy. Every datagram that anybody gets is checked.
 
-TX_PROXY_CHURN_SECONDS   how long the load lasts (default 60 with a sanitizer, else 20)
+TX_PROXY_CHURN_SECONDS   how long the load lasts (default 40 with a sanitizer, else 20)
 TX_PROXY_CHURN_SEED      what the choices begin with
 """
 
@@ -41,7 +41,7 @@ State = collections.namedtuple("State", "descriptors threads streams heap")
 
 
 def seconds():
-    usual = 20 if proxy.build_kind() == "release" else 60
+    usual = 20 if proxy.build_kind() == "release" else 40
     return float(os.environ.get("TX_PROXY_CHURN_SECONDS", usual))
 
 
