@@ -55,15 +55,20 @@ def _enter_namespace(handle, kind):
 
 
 def _outside_network():
-    """The nearest ancestor's network that is not this process's own: the machine's, with its way to a mirror."""
+    """The network of the first of all ancestors that we may look at, the machine's, with its way to a mirror.
+
+    Nearer ones may be test processes, which have networks of their own.
+    """
     own = os.stat("/proc/self/ns/net").st_ino
-    pid = os.getpid()
+    pid, path = os.getpid(), None
     while pid:
+        with contextlib.suppress(PermissionError):
+            ancestor = f"/proc/{pid}/ns/net"
+            path = ancestor if os.stat(ancestor).st_ino != own else path
         pid = int(pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()[1])
-        path = f"/proc/{pid}/ns/net"
-        if pid and os.stat(path).st_ino != own:
-            return path
-    raise RuntimeError("no ancestor has a network of another kind")
+    if path is None:
+        raise RuntimeError("no ancestor has another network")
+    return path
 
 
 def make_bare(directory, packages):
