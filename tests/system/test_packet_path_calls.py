@@ -56,6 +56,7 @@ UNPACED = {"main", "input", "listen", "keep-alive", "status", "control"}
 HAND_OVERS_PER_PACKET = 4
 QUEUE_BYTES = 512  # all words that main and input wait at lie in the one queue
 BATCH_WAIT = 0.001  # seconds
+MOST_BATCH_WAITS = 20  # of one answer
 # The replicator lock, when a ping and the look at a stream meet.
 LOCKS_AT_A_PING = 2
 
@@ -156,11 +157,18 @@ def is_wait_for_a_batch(name, call):
     return name == "listen" and call.name == "clock_nanosleep" and sleeps([call]) == [BATCH_WAIT]
 
 
+def expect_batch_waits(seen):
+    """Who answers nothing waits for no batch, and an answer only so long."""
+    waits = [call for call in seen.of("listen", "clock_nanosleep") if is_wait_for_a_batch("listen", call)]
+    assert len(waits) <= MOST_BATCH_WAITS * len(seen.of("listen", *SENDS))
+
+
 def expect_nothing_else(seen, names):
     assert set(seen.calls) - {"log writer"} == names
     for name, calls in seen.calls.items():
         foreign = [call for call in calls if call.name not in ALLOWED[name] and not is_wait_for_a_batch(name, call)]
         assert not foreign, f"{name} has called {foreign[:5]}"
+    expect_batch_waits(seen)
     if "log writer" in seen.calls:
         assert len(seen.calls["log writer"]) <= 2
 
