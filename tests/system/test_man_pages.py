@@ -9,7 +9,7 @@ import subprocess
 
 import pytest
 
-from txproxy import arqctl, arqrx, link, program_options, raw_control
+from txproxy import arqctl, arqrx, link, packages, program_options, raw_control
 from txproxy.page import ROOT, Page, quoted
 from txproxy.proxy import binary, run
 from txproxy.waiting import DEFAULT_TIMEOUT, scaled
@@ -18,7 +18,7 @@ pytestmark = pytest.mark.release_only
 
 FOLDER = ROOT / "man"
 BUILD = pathlib.Path(binary()).parent
-VERSION = re.search(r"project\(tx_proxy VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text("utf-8"))[1]
+VERSION = packages.project_version()
 PAGES = {
     "tx_proxy.8": "proxy", "tx_proxy_control.7": "proxy", "tx_proxy_protocol.7": "proxy",
     "arqrx.1": "tools", "arqlink.1": "tools", "arqctl.1": "tools",

@@ -9,6 +9,8 @@ import tarfile
 
 import pytest
 
+from txproxy.packages import project_version
+
 pytestmark = pytest.mark.release_only
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -48,16 +50,12 @@ def refused(result, why):
     return result.returncode == 1 and result.stderr.startswith(f"release: {why}")
 
 
-def version(folder):
-    return re.search(r"(?m)^project\(tx_proxy VERSION ([\d.]+) ", (folder / "CMakeLists.txt").read_text())[1]
-
-
 def test_prepare_puts_the_version_everywhere_and_gives_the_changes_its_heading(clone):
-    old = version(clone)
+    old = project_version(clone)
     before = git(clone, "grep", "-lF", old, "--", "deploy", "docs").splitlines()
     assert before
     assert release(clone, "prepare", "9.8.7").returncode == 0
-    assert version(clone) == "9.8.7"
+    assert project_version(clone) == "9.8.7"
     assert git(clone, "grep", "-lF", "9.8.7", "--", "deploy", "docs").splitlines() == before
     changes = (clone / "CHANGELOG.md").read_text()
     assert re.search(r"^## \[Unreleased\]\n\n## \[9\.8\.7\] - \d{4}-\d\d-\d\d\n\n### Added\n", changes, re.MULTILINE)
@@ -67,7 +65,7 @@ def test_prepare_puts_the_version_everywhere_and_gives_the_changes_its_heading(c
 
 def test_prepare_refuses_no_version_an_older_one_uncommitted_changes_and_nothing_new(clone):
     assert refused(release(clone, "prepare", "1.2"), "1.2 is no version")
-    assert refused(release(clone, "prepare", "0.0.1"), f"0.0.1 is older than {version(clone)}")
+    assert refused(release(clone, "prepare", "0.0.1"), f"0.0.1 is older than {project_version(clone)}")
     (clone / "README.md").write_text("changed")
     assert refused(release(clone, "prepare", "9.8.7"), "there are changes that are not committed")
     git(clone, "checkout", "README.md")
@@ -79,7 +77,7 @@ def test_prepare_refuses_no_version_an_older_one_uncommitted_changes_and_nothing
 
 def test_make_refuses_what_is_not_prepared_not_committed_or_made_before(clone, tmp_path):
     out = tmp_path / "out"
-    assert refused(release(clone, "make", "--out", out, "--checked"), f"CHANGELOG.md has no section for {version(clone)}")
+    assert refused(release(clone, "make", "--out", out, "--checked"), f"CHANGELOG.md has no section for {project_version(clone)}")
     release(clone, "prepare", "9.8.7")
     (clone / "new").write_text("not committed")
     assert refused(release(clone, "make", "--out", out, "--checked"), "there are changes that are not committed")

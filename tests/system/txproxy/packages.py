@@ -36,9 +36,9 @@ def folder():
     return place
 
 
-def project_version():
+def project_version(tree=ROOT):
     """The one place where the version is written."""
-    return re.search(r"(?m)^project\(tx_proxy VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
+    return re.search(r"(?m)^project\(tx_proxy VERSION ([\d.]+)", (tree / "CMakeLists.txt").read_text()).group(1)
 
 
 def last_commit():
