@@ -11,7 +11,6 @@ TX_PROXY_LONG         set and not empty: tests marked `long`, which take minutes
 
 import collections
 import os
-import types
 
 import pytest
 
@@ -89,9 +88,7 @@ def lease(closing):
 @pytest.fixture
 def net(lease):
     """The usual ports of one proxy: input, destination (= ping) and ARQ request port."""
-    return types.SimpleNamespace(
-        instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
-    )
+    return lease.for_proxy()
 
 
 @pytest.fixture

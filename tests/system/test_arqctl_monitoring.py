@@ -58,9 +58,7 @@ class Watched:
         self._opened = contextlib.ExitStack()
         self._folder = folder
         lease = self._keep(ports.Lease())
-        self.net = types.SimpleNamespace(
-            instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
-        )
+        self.net = lease.for_proxy()
         self.host = f"127.0.0.1:{lease.port()}"
         self._prometheus_port = lease.port()
         self._numbers = itertools.count()

@@ -53,9 +53,7 @@ class Channel:
         self._opened = contextlib.ExitStack()
         self._folder = folder
         lease = self._keep(ports.Lease())
-        self.net = types.SimpleNamespace(
-            instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
-        )
+        self.net = lease.for_proxy()
         self._metrics_port, self._decrypting_port = lease.port(), lease.port()
 
     def _keep(self, thing):

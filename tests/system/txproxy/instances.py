@@ -1,17 +1,12 @@
 """Further proxies beside the one that the fixtures start, each with an instance number and ports of its own."""
 
-import types
-
 from . import ports
 from .receiver import Receiver, Sender
 
 
 def reserve(closing):
     """The instance number and ports of a proxy that is started later, so that its files can be made first."""
-    lease = closing(ports.Lease())
-    return types.SimpleNamespace(
-        instance=lease.instance, input=lease.port(), destination=lease.port(), request=lease.port()
-    )
+    return closing(ports.Lease()).for_proxy()
 
 
 def start(launch, where, *options, group=None, **keywords):

@@ -7,6 +7,7 @@ where the kernel's ephemeral ports begin, so no other socket can take one of the
 import itertools
 import pathlib
 import socket
+import types
 
 LOCK_PORT_BASE = 32123
 FIRST_INSTANCE = 10
@@ -54,6 +55,12 @@ class Lease:
     def port(self):
         """A UDP port that no later call returns again."""
         return next(self._ports)
+
+    def for_proxy(self):
+        """What one proxy needs: its instance number, and ports of its input, destination (= ping) and requests."""
+        return types.SimpleNamespace(
+            instance=self.instance, input=self.port(), destination=self.port(), request=self.port()
+        )
 
     def close(self):
         """Removes the files that a proxy of this instance leaves when a signal ends it."""
