@@ -266,6 +266,7 @@ class ModelReceiver:
         if self._have[index]:
             return
         self._have[index] = 1
+        self.given_up.discard(index)  # on a busy machine it may come after all
         missed = self._missing.pop(index, None)
         if again:
             self.recovered += 1

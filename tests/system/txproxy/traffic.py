@@ -84,7 +84,10 @@ def release_groups(datagrams, gap_seconds):
 
 
 class Paced:
-    """Sends make(0) to make(total - 1) at a constant rate; a part of model_receiver.drive(): every turn what is due."""
+    """Sends make(0) to make(total - 1) at a constant rate; a part of model_receiver.drive(): every turn what is due.
+
+    What is late beyond SEND_AT_ONCE stays late: a burst of all that a busy machine held up would overflow the input.
+    """
 
     def __init__(self, sender, make, per_second, total):
         self._sender = sender
@@ -98,6 +101,9 @@ class Paced:
         return {}
 
     def tick(self, now):
-        while self.sent < min(self._total, int((now - self._began) * self._per_second)):
+        due = int((now - self._began) * self._per_second)
+        too_late = max(0, due - self.sent - SEND_AT_ONCE)
+        self._began += too_late / self._per_second
+        while self.sent < min(self._total, due - too_late):
             self._sender.send(self._make(self.sent))
             self.sent += 1
