@@ -228,7 +228,8 @@ def test_a_server_is_told_once_a_second_from_where_the_stream_comes_to_and_at_th
     assert receiver.end() == arqrx.GOOD
     last = server.wait_for(lambda datagram: b'"final":true' in datagram.data)
     assert {datagram.source[0] for datagram in server.datagrams} == {arqrx.LOCAL}
-    assert all(later.time - earlier.time > 0.9 for earlier, later in zip(server.datagrams, server.datagrams[1:3]))
+    # By its own clock: a report that comes late brings the next one sooner, and either may be read late here.
+    assert all(json.loads(data)["run_s"] > 0.9 * number for number, data in enumerate(server.payloads[:3], 1))
     assert all(len(data) <= 1400 for data in server.payloads)
     told, printed = json.loads(last.data), receiver.figures()
     assert told["name"] == "studio-b"

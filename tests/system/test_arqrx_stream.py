@@ -2,6 +2,7 @@
 
 import os
 import signal
+import statistics
 import struct
 
 import pytest
@@ -11,7 +12,7 @@ from txproxy.arqrx import Arqrx, joining, left, seconds, send_evenly, started
 from txproxy.link import Link
 from txproxy.model_receiver import wait_bound
 from txproxy.receiver import Receiver, Sender
-from txproxy.waiting import wait_until
+from txproxy.waiting import TURN_SECONDS, Lateness, scaled, wait_until
 
 RELEASE = os.environ.get("TX_PROXY_BUILD_KIND") == "release"
 PER_SECOND = 400 if RELEASE else 200
@@ -45,16 +46,17 @@ def url(player, scheme="udp"):
     return f"{scheme}://{player.address[0]}:{player.address[1]}"
 
 
-def test_rtp_goes_through_with_its_header_in_order_and_on_time(join, sender, player):
+def test_rtp_goes_through_with_its_header_in_order_and_on_time(join, sender, player, closing):
+    lateness = closing(Lateness(TURN_SECONDS))
     _, receiver = join("--latency", seconds(0.3), "--output", url(player, "rtp"))
     sent = [rtp.packet(65500 + i, payload(i), ssrc=0x01020304, marker=i % 2) for i in range(200)]
     send_evenly(sender, sent, PER_SECOND)
     player.wait_count(len(sent))
     assert [rtp.without_timestamp(data) for data in player.payloads] == [rtp.without_timestamp(data) for data in sent]
-    arrived = [datagram.time for datagram in player.datagrams]
     aged = [rtp.age_seconds(datagram.data, datagram.time) for datagram in player.datagrams]
     assert min(aged) > 0.25, "none leaves before its latency has passed"
-    assert arrived[-1] - arrived[0] > 0.9 * len(sent) / PER_SECOND, "they are spread as they came"
+    # By the proxy's stamps: a busy machine may let the first come late, and the others in time.
+    assert statistics.median(aged) < scaled(0.3) + 0.1 + lateness.allowed(), "they are spread as they came"
     assert receiver.end() == arqrx.GOOD
 
 
