@@ -78,13 +78,14 @@ class Scene:
 
     def block(self):
         """Lets the input flow and waits until the slow destination holds everything up."""
-        self._closing(Steady(self._sender, media, PACKETS_PER_SECOND))
-        wait_until(self._stands_still, "the slow destination to block")
+        stream = self._closing(Steady(self._sender, media, PACKETS_PER_SECOND))
+        wait_until(lambda: self._stands_still(stream), "the slow destination to block")
 
-    def _stands_still(self):
-        before = self.fast.count()
+    def _stands_still(self, stream):
+        """Nothing comes though much is sent: a machine that holds up the stream itself blocks nobody."""
+        before, sent = self.fast.count(), stream.sent
         time.sleep(STANDSTILL_SECONDS)  # a span to look at, not a wait
-        return before == self.fast.count() > 0
+        return stream.sent - sent > PACKETS_PER_SECOND * STANDSTILL_SECONDS / 2 and before == self.fast.count() > 0
 
     def echo_to_slow(self, count=1):
         """The slow receiver asks for echoes, which come to it by the cable that the media come by."""
