@@ -1,5 +1,6 @@
 """`arqctl stats` beside a real proxy: one reading in its forms, and a watch through all that can happen meanwhile."""
 
+import contextlib
 import csv
 import io
 import os
@@ -11,9 +12,10 @@ import subprocess
 import pytest
 
 from txproxy import arqctl, control, instances, reports, rtp
+from txproxy.process import stopped
 from txproxy.receiver import pump
 from txproxy.traffic import Steady
-from txproxy.waiting import within, wait_until
+from txproxy.waiting import DEFAULT_TIMEOUT, scaled, wait_until, within
 
 pytestmark = pytest.mark.release_only
 
@@ -40,6 +42,15 @@ def stream(closing, sender):
 def wait_object(watching, condition, what):
     return wait_until(lambda: next(filter(condition, watching.objects), None),
                       lambda: f"{what}; it printed:\n{watching.stdout.text}\n{watching.stderr.text}")  # fmt: skip
+
+
+def stop_between_questions(proxy, instance, *watches):
+    """Ends the proxy while no question of these is under way: an answer that breaks off is another story."""
+    with contextlib.ExitStack() as stack:
+        for watching in watches:
+            stack.enter_context(stopped(watching))
+        control.request(instance, "RxStat")  # clients are served in turn: theirs are through
+        proxy.stop()
 
 
 def test_one_reading_is_the_same_in_all_its_forms(commanded_proxy, net, sender, receive):
@@ -109,7 +120,7 @@ def test_a_reset_and_a_restart_are_told_and_counted_over(launch, closing, lease,
     assert control.request(where.instance, "StatClear") == "OK: Stat Reset"
     wait_object(watching, lambda one: one["resets"] == 1, "a reset")
     wait_until(lambda: "its counts were reset" in people.stdout.text, "a line of it")
-    proxy.stop()
+    stop_between_questions(proxy, where.instance, watching, people)
     down = wait_object(watching, lambda one: not one["up"], "the proxy to be down")
     assert down["error"] == f"nobody listens on /dev/arq_tx_ctrl{where.instance}: its proxy has ended"
     wait_until(lambda: "its proxy has ended" in people.stdout.text, "a line of it")
@@ -134,7 +145,7 @@ def test_with_fail_on_down_a_watch_ends_when_the_proxy_does(commanded_proxy, net
     proxy = commanded_proxy()
     watching = watch(net.instance, "--csv", "--fail-on-down")
     wait_until(lambda: len(watching.stdout.lines) > 2, "rows")
-    proxy.stop()
+    stop_between_questions(proxy, net.instance, watching)
     assert watching.wait_exit() == arqctl.NO_PROXY
     assert watching.stderr.lines[0] == f"arqctl: nobody listens on /dev/arq_tx_ctrl{net.instance}: its proxy has ended"
     rows = list(csv.DictReader(io.StringIO(watching.stdout.text)))
@@ -148,7 +159,7 @@ def test_a_reader_that_goes_ends_the_watch_quietly(commanded_proxy, net):
         assert watching.stdout.readline().startswith(b"time")
         assert watching.stdout.readline()
         watching.stdout.close()  # the next line would come tomorrow
-        assert watching.wait(10) == arqctl.GOOD
+        assert watching.wait(scaled(DEFAULT_TIMEOUT)) == arqctl.GOOD
         assert watching.stderr.read() == b""
 
 
