@@ -36,6 +36,9 @@ WARM_UP_SECONDS = 5
 PATIENCE_SECONDS = 60
 LOG_LINES = 6000
 GIVES_WAY = 10  # other tests measure times meanwhile
+MOST_ROUNDS = 5  # until each kind of event has happened: a busy machine leaves time for few of some kinds
+EVENTS = ("STOPS", "DELETES", "MOVES", "EXPIRIES", "ADDS", "BLOCKS", "ECHOES")
+FIGURE = re.compile(r"([A-Z_]+)=(\d+)\n")
 
 State = collections.namedtuple("State", "descriptors threads streams heap")
 
@@ -48,6 +51,11 @@ def seconds():
 def files():
     """Everything in the folders that are the tests' own."""
     return {path for folder in ("/dev", "/run") for path in pathlib.Path(folder).iterdir()}
+
+
+def figure(line):
+    name, value = FIGURE.fullmatch(line).groups()
+    return name, int(value)
 
 
 class Load:
@@ -72,14 +80,22 @@ class Load:
         self._faults = []
 
     def run(self, duration):
-        """Load for so long; on return everybody has left who does not stay, and all that was sent has arrived."""
+        """Load for so long; on return everybody has left who does not stay, and all that was sent has arrived.
+
+        Returns the figures since the beginning as {name: number}.
+        """
         self._process.stdin.write(f"{duration}\n")
+        figures = {}
         for line in self._process.stdout:
             if line == "calm\n":
                 break
-            self._faults.append(line)
+            if FIGURE.fullmatch(line):
+                figures.update([figure(line)])
+            else:
+                self._faults.append(line)
         assert not self._faults, "".join(self._faults) + self._kernel_counters() + self._log_end()
         assert self._process.poll() is None, "the load ended by itself"
+        return figures
 
     def _kernel_counters(self):
         """Where a datagram went that the proxy had sent."""
@@ -90,11 +106,11 @@ class Load:
         return "".join(line + "\n" for line in self._proxy.stderr.lines[-LOG_LINES:])
 
     def finish(self):
-        """Returns the figures as {name: number}."""
+        """Returns the last figures."""
         self._process.stdin.close()
-        text = self._process.stdout.read()
+        figures = dict(map(figure, self._process.stdout))
         assert self._process.wait(scaled(PATIENCE_SECONDS)) == 0
-        return {name: int(value) for name, value in re.findall(r"^([A-Z_]+)=(\d+)$", text, re.MULTILINE)}
+        return figures
 
     def close(self):
         self._process.kill()
@@ -173,19 +189,21 @@ def test_nobody_gets_what_is_not_theirs_who_stays_gets_everything_and_nothing_is
     before = watched.settled_state()
     resident = process.resident_kib()
     assert before.streams == STAYING
-    load.run(duration)
+    rounds, lacking = 0, EVENTS
+    while lacking and rounds < MOST_ROUNDS:
+        figures = load.run(duration)
+        rounds += 1
+        lacking = [name for name in (*EVENTS, "FEWEST_JOINS", "LOST_ON_PURPOSE") if figures[name] == 0]
     wait_until(lambda: watched.state() == before, lambda: f"{before}\nto come back, it is\n{watched.state()}")
     grown = process.resident_kib() - resident
     accepted, lost = rx_stat(net.instance)
     figures = load.finish()
     with capsys.disabled():
-        print("\n" + summary(figures, duration, grown))
+        print("\n" + summary(figures, rounds * duration, grown))
     assert figures["FAULTS"] == 0
     assert (accepted, lost) == (figures["SENT"], 0)
-    # Each kind of event has happened.
-    assert figures["FEWEST_JOINS"] > 0
-    assert min(figures[name] for name in ("STOPS", "DELETES", "MOVES", "EXPIRIES", "ADDS", "BLOCKS", "ECHOES")) > 0
-    assert figures["RECOVERED"] == figures["LOST_ON_PURPOSE"] > 0
+    assert not lacking, f"{rounds} rounds without {lacking}"
+    assert figures["RECOVERED"] == figures["LOST_ON_PURPOSE"]
     # An end by a signal leaves the sockets of this instance, and nothing else.
     process.stop()
     assert files() - files_before <= set(ports.instance_files(net.instance))

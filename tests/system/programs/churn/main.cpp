@@ -6,8 +6,9 @@
 // it is the load of an ordinary day: eight stay, four come and go, packets are large.
 //
 // The proxy must have 127.0.1.3 configured. For each line with a number of seconds on standard input there is load
-// for so long; afterwards everybody has left but those who stay, and the line "calm" is printed. At the end of
-// the input come figures as NAME=COUNT lines. The status is 0 when all went its way, faults or not.
+// for so long; afterwards everybody has left but those who stay, the figures so far come as NAME=COUNT lines, and
+// the line "calm" is printed. At the end of the input the figures come once more. The status is 0 when all went its
+// way, faults or not.
 
 #include <unistd.h>
 
@@ -48,6 +49,7 @@ int main(int argc, char** argv)
         if (fgets(line, sizeof(line), stdin) == nullptr)
             break;
         run.Stage(atof(line), patience);
+        run.PrintFigures();
         printf("calm\n");
     }
     run.PrintFigures();
