@@ -435,8 +435,8 @@ def test_with_pacing_the_timer_sends_in_main_s_place_and_only_sleeps_besides(run
     expect_input(seen, PACKETS)
     expect_requests(seen, 0)
     assert by_address(seen.sent("timer")) == {address: list(range(PACKETS, 2 * PACKETS)) for address in CONFIGURED}
-    # One train for each receiver and tick.
-    assert len(seen.of("timer", *SENDS)) <= len(CONFIGURED) * len(sleeps(seen.calls["timer"]))
+    # One train for each receiver and tick. On a busy machine a tick that is late leaves out its sleep.
+    assert len(seen.of("timer", *SENDS)) <= len(CONFIGURED) * seen.at_most_every(TICK)
     assert seen.of("main", *SENDS) == []
     assert set(sleeps(seen.calls["timer"])) <= {TICK}
     assert 1 <= len(sleeps(seen.calls["timer"])) <= seen.at_most_every(TICK)
