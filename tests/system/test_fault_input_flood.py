@@ -5,13 +5,14 @@ TX_PROXY_INPUT_FLOOD_SECONDS   how long the flood lasts
 
 import os
 import struct
+import threading
 import time
 
 import pytest
 
 from txproxy import control, flooding, receiver, reports, rtp
 from txproxy.model_receiver import wait_bound
-from txproxy.process import cpu_seconds, longest_starved
+from txproxy.process import cpu_seconds, starved
 from txproxy.receiver import Receiver, udp_socket
 from txproxy.traffic import kernel_drops, unread_bytes
 from txproxy.waiting import scaled, wait_until, within
@@ -94,14 +95,20 @@ def start_with_receivers(start_proxy, net, closing):
 
 
 class Stopwatch:
-    """Seconds that the proxy had: without those in which the machine let one of its threads wait for others."""
+    """Seconds that the proxy had: without those in which the machine let one of its threads, or who looks, wait for others."""
 
     def __init__(self, proxy):
         self._pid = proxy.pid
-        self._began, self._starved = time.monotonic(), longest_starved(proxy.pid)
+        self._began, self._starved, self._held_up = time.monotonic(), starved(proxy.pid), self._own_starved()
+
+    @staticmethod
+    def _own_starved():
+        return starved(os.getpid())[threading.get_native_id()]
 
     def seconds(self, until=None):
-        return (until or time.monotonic()) - self._began - (longest_starved(self._pid) - self._starved)
+        held_up = self._own_starved() - self._held_up
+        longest = max(waited - self._starved.get(thread, 0.0) for thread, waited in starved(self._pid).items())
+        return (until or time.monotonic()) - self._began - longest - held_up
 
 
 def send_after(proxy, net, closing, watch):

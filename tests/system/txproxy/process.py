@@ -22,13 +22,13 @@ def cpu_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / CLOCK_TICKS_PER_SECOND
 
 
-def longest_starved(pid):
-    """The seconds for which that thread of the process which has waited longest for a processor has done so, since its start."""
-    waited = 0
+def starved(pid):
+    """{thread: seconds for which it has waited for a processor since its start}."""
+    waited = {}
     for thread in threads(pid):
         with open(f"/proc/{pid}/task/{thread}/schedstat", encoding="ascii") as schedstat:
-            waited = max(waited, int(schedstat.read().split()[1]))
-    return waited / 1e9
+            waited[thread] = int(schedstat.read().split()[1]) / 1e9
+    return waited
 
 
 def descriptors(pid):
