@@ -11,8 +11,8 @@
  */
 #pragma once
 
-#include <stdint.h>
-#include <stdio.h>
+#include <stdint.h> /* NOLINT(modernize-deprecated-headers): a header for C, too */
+#include <stdio.h> /* NOLINT(modernize-deprecated-headers) */
 
 #ifdef __cplusplus
 extern "C" {
