@@ -283,26 +283,24 @@ def test_a_killed_demo_takes_its_programs_and_files_with_it(start_demo, options)
     demo.assert_nothing_is_left()
 
 
-@pytest.mark.parametrize("arguments", (["--seconds", "4"], ["--seconds", "x"], ["5"]))
-def test_wrong_arguments_of_the_demo_are_refused_with_status_2(arguments):
-    run = subprocess.run(
-        [ROOT / "demo", *arguments],
-        stdin=subprocess.DEVNULL,
-        capture_output=True,
-        text=True,
-        timeout=scaled(30),
-        check=False,
-        env={**os.environ, "TX_PROXY_BIN": proxy.binary(), "TX_PROXY_DEMO_BIN": demo_binary()},
-    )
-    assert run.returncode == 2
-    assert run.stderr.startswith("usage: ./demo")
-
-
 def test_help_comes_without_building_anything(tmp_path):
     run = subprocess.run([ROOT / "demo", "--help"], capture_output=True, text=True, timeout=scaled(30), check=False,
                          env={"PATH": os.environ["PATH"], "TMPDIR": str(tmp_path)})  # fmt: skip
     assert (run.returncode, run.stderr) == (0, "")
     assert "--seconds N" in run.stdout and "./demo --picture" in run.stdout
+
+
+@pytest.mark.parametrize("arguments", ("5", "--foo", "--seconds", "--seconds 4", "--seconds=3601", "--seconds x", "--out"))
+def test_wrong_arguments_of_the_demo_are_refused_with_status_2_before_anything_is_built(arguments):
+    def run(program, **environment):
+        return subprocess.run([program, *arguments.split()], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              timeout=scaled(30), check=False, env=environment)  # fmt: skip
+
+    starter = run(ROOT / "demo", PATH="/nowhere:/usr/bin", CXX="/nowhere/c++")  # a build would fail with another status
+    assert (starter.returncode, starter.stdout) == (2, "")
+    assert starter.stderr.startswith("usage: ./demo")
+    program = run(demo_binary())
+    assert (program.returncode, program.stderr) == (2, starter.stderr), "the program says the same"
 
 
 def nobody(*limits):
