@@ -5,7 +5,7 @@ import struct
 import pytest
 
 from txproxy import arqrx, impairment, netns, rtp
-from txproxy.arqrx import Arqrx, left, seconds, send_evenly, started
+from txproxy.arqrx import Arqrx, left, patient, send_evenly, started
 from txproxy.model_receiver import wait_bound
 from txproxy.receiver import Receiver, Sender, join, udp_socket
 from txproxy.waiting import wait_until
@@ -53,7 +53,7 @@ def listen(closing, lan, net, player):
     def start(*options):
         return closing(
             Arqrx("--group", f"{GROUP}:{net.destination}", "--interface", "eth0", "--json", "--interval", "100ms",
-                  "--latency", seconds(1), "--output", "udp://127.0.0.60:" + str(player.address[1]), *options,
+                  "--latency", patient(), "--output", "udp://127.0.0.60:" + str(player.address[1]), *options,
                   namespace=lan.peer)  # fmt: skip
         )
 

@@ -8,7 +8,7 @@ import struct
 import pytest
 
 from txproxy import arqrx, control, impairment, mpegts, netns, rtp
-from txproxy.arqrx import Arqrx, joining, left, seconds, send_evenly, started
+from txproxy.arqrx import Arqrx, joining, left, patient, seconds, send_evenly, started
 from txproxy.link import Link
 from txproxy.model_receiver import wait_bound
 from txproxy.receiver import Receiver, Sender
@@ -102,7 +102,7 @@ def test_udp_keeps_the_header_and_a_file_can_keep_it_behind_a_length(join, sende
 
 def test_what_the_proxy_withholds_comes_back_with_the_payload_type_of_the_first_sending(join, sender, player, net):
     impairment.write_settings(net.instance, min_dist=10, min_drop=2)
-    proxy, receiver = join("--latency", seconds(1), "--output", url(player, "rtp"), proxy_options=["-u"])
+    proxy, receiver = join("--latency", patient(), "--output", url(player, "rtp"), proxy_options=["-u"])
     impairment.toggle(net.instance)
     proxy.wait_stderr("Impairment ON")
     sent = [payload(i) for i in range(400 if RELEASE else 200)]
@@ -124,7 +124,7 @@ def test_through_a_line_that_loses_both_ways_nothing_is_missing(start_proxy, net
                         "--seed", "7", "--source", FAR_END, address="127.0.0.70"))  # fmt: skip
     (host, ping_port), (_, request_port) = line.listen
     receiver = closing(Arqrx(f"{host}:{ping_port}", "--request-port", request_port, "--id", arqrx.ID, "--json", "--interval",
-                             "100ms", "--latency", seconds(1.5), "--output", url(player)))  # fmt: skip
+                             "100ms", "--latency", patient(), "--output", url(player)))  # fmt: skip
     proxy.wait_stderr(started(FAR_END))
     assert receiver
     sent = [payload(i) for i in range(600 if RELEASE else 200)]
@@ -204,7 +204,7 @@ def test_a_stream_that_the_proxy_sends_by_itself_is_only_listened_to_and_asked_f
     port = lease.port()
     player = closing(Receiver(PLAYER, port, namespace=lan.peer))
     receiver = closing(Arqrx("--listen", net.destination, "--proxy-request", f"{netns.proxy_address(0)}:{net.request}",
-                             "--latency", seconds(1), "--json", "--interval", "100ms", "--output", url(player),
+                             "--latency", patient(), "--json", "--interval", "100ms", "--output", url(player),
                              namespace=lan.peer))  # fmt: skip
     receiver.wait_ready()
     proxy = start_proxy("-u", "-a", netns.peer_address(0), namespace=lan.proxy)

@@ -16,7 +16,7 @@ from txproxy.waiting import wait_until
 MIDDLES = 3
 LEAVES = 40  # below each
 LOSS = "2%"
-LATENCY_SECONDS = 2.5  # room for two dozen tries, and for a busy machine
+LATENCY_SECONDS = 5.0  # room for many tries, and for a machine that lets programs wait for seconds
 PAYLOAD_BYTES = 1316
 PER_SECOND = 100  # 1.05 Mbit/s
 BODY = 600  # packets that are compared
@@ -176,5 +176,5 @@ def test_each_hop_of_a_tree_with_120_receivers_repairs_its_own_loss(closing, lau
     for counted in (*figures, *feeds):
         assert counted["packets_recovered"] > 0 and counted["packets_late"] == 0, counted
     missing = sum(counted["packets_missing"] for counted in figures)
-    played = sum(counted["packets_played"] for counted in figures)
-    assert 0.015 < missing / played < 0.025
+    came = sum(counted["packets_received"] - counted["packets_resent"] for counted in figures)
+    assert 0.015 < missing / (missing + came) < 0.025

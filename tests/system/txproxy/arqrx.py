@@ -101,6 +101,11 @@ def send_evenly(sender, datagrams, per_second):
         sender.send(data)
 
 
+def patient():
+    """A latency with which nothing that can be had again is lost, also where the machine lets programs wait for a second."""
+    return f"{max(3.0, scaled(1)):g}s"
+
+
 def seconds(text_seconds):
     """A time option that is longer on slow builds."""
     return f"{scaled(text_seconds):g}s"
