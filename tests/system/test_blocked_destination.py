@@ -22,7 +22,7 @@ from txproxy.process import cpu_seconds, descriptors
 from txproxy.receiver import Receiver, Sender
 from txproxy.shaping import SLOW_PEER, SlowCable
 from txproxy.traffic import Steady
-from txproxy.waiting import Lateness, scaled, wait_until
+from txproxy.waiting import TURN_SECONDS, Lateness, scaled, wait_until, within
 
 FAST_PROXY = netns.proxy_address(1)
 FAST_PEER = netns.peer_address(1)
@@ -37,7 +37,7 @@ ECHO_SECONDS = 0.25
 COMMAND_SECONDS = 1.0
 MEDIA_SECONDS = 1.0
 SILENCE_SECONDS = 10.0
-TURN_SECONDS = 0.1  # the proxy's sleep between two looks
+LOOK_SECONDS = 0.1  # the proxy's sleep between two looks at its streams
 SLOW_MACHINE_SECONDS = 1.0
 LARGEST_PROCESSOR_SHARE = 0.3
 NEWCOMERS = 5
@@ -117,30 +117,37 @@ def echo_seconds(receiver, serial):
 
 
 @pytest.mark.parametrize("rate", [BARELY_MOVING, TOO_SLOW])
-def test_requests_of_others_are_echoed_at_once_also_right_after_a_new_receiver_has_joined(make_scene, rate):
+def test_requests_of_others_are_echoed_at_once_also_right_after_a_new_receiver_has_joined(make_scene, rate, closing):
     scene = make_scene(rate)
     receiver = start_media(scene.proxy, scene.learn(1))
     newcomers = [scene.learn(2 + i) for i in range(NEWCOMERS)]
     scene.block()
-    assert statistics.median(echo_seconds(receiver, i) for i in range(NEWCOMERS)) < scaled(ECHO_SECONDS)
+    lateness = closing(Lateness(TURN_SECONDS))
+
+    def check_median(seconds):
+        assert statistics.median(seconds) < scaled(ECHO_SECONDS) + lateness.allowed(), seconds
+
+    check_median([echo_seconds(receiver, i) for i in range(NEWCOMERS)])
     after_joins = []
     for i, newcomer in enumerate(newcomers):
         newcomer.ping()
         after_joins.append(echo_seconds(receiver, 100 + i))
-    assert statistics.median(after_joins) < scaled(ECHO_SECONDS), after_joins
+    check_median(after_joins)
     # The newcomers are streams like any other, and leave like them.
-    assert statistics.median(echo_seconds(newcomer, 200) for newcomer in newcomers) < scaled(ECHO_SECONDS)
+    check_median([echo_seconds(newcomer, 200) for newcomer in newcomers])
     newcomers[0].stop()
-    assert echo_seconds(receiver, 201) < scaled(COMMAND_SECONDS)
+    with within(COMMAND_SECONDS):
+        echo_seconds(receiver, 201)
 
 
 @pytest.mark.parametrize("rate", [BARELY_MOVING, TOO_SLOW])
-def test_commands_are_answered_at_once(make_scene, rate):
+def test_commands_are_answered_at_once(make_scene, rate, closing):
     scene = make_scene(rate)
     newcomer = scene.learn(7)
     scene.block()
     newcomer.ping()
     scene.added(7)
+    lateness = closing(Lateness(TURN_SECONDS))
     took = {}
     for text, wanted in (
         (f"Add {ADDED_PEER}", f"OK: Adding: {ADDED_PEER}"),
@@ -151,14 +158,14 @@ def test_commands_are_answered_at_once(make_scene, rate):
         assert reply == wanted
     reply, took["AllStats"] = scene.command("AllStats")
     assert reply.endswith(f"CLIENTS={SLOW_PEER},{FAST_PEER},{LEARNT_PEER}")
-    assert max(took.values()) < scaled(COMMAND_SECONDS), took
+    assert max(took.values()) < scaled(COMMAND_SECONDS) + lateness.allowed(), took
 
 
 def test_receivers_join_stop_and_expire_meanwhile_no_core_is_burnt_and_nothing_is_left_over(make_scene, closing):
     scene = make_scene(BARELY_MOVING)
     leaving, _, pinging = (start_media(scene.proxy, scene.learn(stream_id)) for stream_id in (1, 2, 3))
     last_ping = time.monotonic()
-    lateness = closing(Lateness(TURN_SECONDS))
+    lateness = closing(Lateness(LOOK_SECONDS))
     usual = descriptors(scene.proxy.pid)
     scene.block()
     began, used = time.monotonic(), cpu_seconds(scene.proxy.pid)
@@ -198,15 +205,13 @@ def test_deleting_the_blocked_destination_is_answered_at_once_and_sets_media_to_
     receiver = start_media(scene.proxy, scene.learn(1))
     before = len(descriptors(scene.proxy.pid))
     scene.block()
-    reply, took = scene.command(f"Delete {SLOW_PEER}")
-    deleted = time.monotonic()
-    assert reply == f"OK: Deleting: {SLOW_PEER}"
-    assert took < scaled(COMMAND_SECONDS)
-    for other in (scene.fast, receiver):
-        other.clear()
-    for other in (scene.fast, receiver):
-        other.wait_count(int(PACKETS_PER_SECOND / 2), timeout=MEDIA_SECONDS + SLOW_MACHINE_SECONDS)
-    assert time.monotonic() - deleted < scaled(MEDIA_SECONDS + SLOW_MACHINE_SECONDS)
+    with within(COMMAND_SECONDS):
+        assert scene.command(f"Delete {SLOW_PEER}")[0] == f"OK: Deleting: {SLOW_PEER}"
+    with within(MEDIA_SECONDS + SLOW_MACHINE_SECONDS):
+        for other in (scene.fast, receiver):
+            other.clear()
+        for other in (scene.fast, receiver):
+            other.wait_count(int(PACKETS_PER_SECOND / 2))
     assert set(scene.command("List")[0].split(",")) == {FAST_PEER, LEARNT_PEER}
     # Its socket goes with it.
     wait_until(lambda: len(descriptors(scene.proxy.pid)) == before - 1, "the socket of the deleted stream to go")
@@ -233,6 +238,7 @@ def test_a_receiver_that_pings_is_not_suspended_while_an_echo_to_the_slow_one_ho
     for other in (scene.fast, pinging):
         other.clear()
         other.wait_count(PACKETS_PER_SECOND)
-    assert echo_seconds(pinging, 1) < scaled(COMMAND_SECONDS)
+    with within(COMMAND_SECONDS):
+        echo_seconds(pinging, 1)
     assert set(scene.command("List")[0].split(",")) == {FAST_PEER, LEARNT_PEER}
     assert "Stream suspended" not in scene.proxy.stderr.text
