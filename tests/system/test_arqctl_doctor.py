@@ -66,6 +66,19 @@ def wait_received(instance, least):
     wait_until(lambda: received() >= least, f"{least} input packets")
 
 
+def look_at_stream(instance):
+    """What the doctor finds in a look to which the stream came about evenly: a busy machine may hold up who sends it."""
+    seen = []
+
+    def look():
+        found = doctor("-I", instance)
+        seen.append(found.text("input"))
+        rate = re.match(r"\d+", seen[-1])
+        return found if rate and 0.5 < int(rate.group()) / PACKETS_A_SECOND < 1.5 else None
+
+    return wait_until(look, lambda: f"an even stream, not {seen}")
+
+
 def has_lost(instance, sender):
     """Whether the proxy misses what came while it stood still; it learns of it by what comes next."""
     sender.send(rtp.packet(9999, bytes(1316)))
@@ -83,15 +96,13 @@ def test_a_proxy_in_good_health_has_nothing_that_is_wrong(commanded_proxy, net, 
     proxy = commanded_proxy("-a", "127.0.0.2", argv0="media")  # what it was told its name is does not count
     with streaming(sender):
         wait_received(net.instance, 1)
-        found = doctor("-I", net.instance)
+        found = look_at_stream(net.instance)
         here = arqctl.run("doctor", "--json").json  # no other one has this network or this /dev
     assert found.wrong() == {}
     assert found.status == GOOD
     assert found.object["pid"] == here["pid"] == proxy.pid
     assert found.object["instance"] == here["instance"] == net.instance
     assert found.text("receive-buffer") == "the input's socket holds 1,048,576 bytes"
-    rate = int(re.match(r"\d+", found.text("input")).group())  # roughly: the sender may be held up
-    assert 250 < rate < 1000, found.text("input")
     assert 4 < float(re.search(r"holds ([\d.]+) s", found.text("ring-time")).group(1)) < 17
 
 
@@ -99,7 +110,7 @@ def test_every_option_that_does_not_suit_the_stream_is_found_in_one_look(command
     commanded_proxy("-a", "127.0.0.2,no.such.invalid", "-q", 32, "-G", 10737419, "-z")
     with streaming(sender):
         wait_received(net.instance, 1)
-        found = doctor("-I", net.instance)
+        found = look_at_stream(net.instance)
     assert found.status == NOT_DONE
     assert found.wrong() == {"ring-time": "fault", "request-budget": "fault", "encryption": "fault",
                              "destinations": "fault"}  # fmt: skip
