@@ -12,6 +12,7 @@ from txproxy.arqrx import Arqrx, joining, left, patient, seconds, send_evenly, s
 from txproxy.link import Link
 from txproxy.model_receiver import wait_bound
 from txproxy.receiver import Receiver, Sender
+from txproxy.traffic import Steady
 from txproxy.waiting import TURN_SECONDS, Lateness, scaled, wait_until
 
 RELEASE = os.environ.get("TX_PROXY_BUILD_KIND") == "release"
@@ -175,10 +176,11 @@ def test_who_is_deleted_by_the_proxys_operator_is_told_and_says_so(start_proxy, 
 
 
 @pytest.mark.parametrize("leaves_by", ["SIGTERM", "SIGINT", "SIGHUP", "duration"])
-def test_the_proxy_is_told_when_the_receiver_ends(join, leaves_by, sender):
-    options = ["--duration", "1s"] if leaves_by == "duration" else []
+def test_the_proxy_is_told_when_the_receiver_ends(join, leaves_by, sender, closing):
+    options = ["--duration", seconds(1)] if leaves_by == "duration" else []
+    # From before its start on: in its whole time some of it comes.
+    closing(Steady(sender, lambda index: rtp.packet(index, payload(index)), PER_SECOND))
     proxy, receiver = join("--latency", "300ms", *options)
-    send_evenly(sender, [rtp.packet(i, payload(i)) for i in range(20)], PER_SECOND)
     if leaves_by == "duration":
         assert receiver.wait_exit() == arqrx.GOOD
     else:
