@@ -147,11 +147,15 @@ def curve(browser, name):
     return browser.run_module(f"const {{ columns }} = page.history; return {rows}", name)
 
 
+def is_rate_of_stream(megabits):
+    """A busy machine may hold up who sends it for a second, which is then made up for."""
+    return float(megabits) == pytest.approx(MBIT_PER_SECOND, rel=0.3)
+
+
 def test_tiles_and_plots_move_while_a_stream_runs(browser):
     wait_state(browser, "Good")
     value = f"{TILE} [data-name=input] .value"
-    megabits = browser.wait_text(value, lambda text: text not in ("", "–", "0"), "a rate")
-    assert float(megabits) == pytest.approx(MBIT_PER_SECOND, rel=0.3)
+    browser.wait_text(value, lambda text: text not in ("", "–") and is_rate_of_stream(text), "the stream's rate")
     assert browser.text(f"{TILE} [data-name=input] .unit") == "Mbit/s"
     assert browser.text(f"{TILE} h3") == "Main feed"
     browser.run("document.querySelector('.tile .select').focus()")
@@ -160,11 +164,10 @@ def test_tiles_and_plots_move_while_a_stream_runs(browser):
 
     def moved():
         rows = curve(browser, "input_bit_rate")
-        return rows if rows[-1][0] >= before[-1][0] + 4 and rows[-1][1] else None
+        return rows if rows[-1][0] >= before[-1][0] + 4 and is_rate_of_stream((rows[-1][1] or 0) / 1e6) else None
 
     picture = browser.run(PICTURE)
     after = wait_until(moved, "the plots to move")
-    assert after[-1][1] / 1e6 == pytest.approx(MBIT_PER_SECOND, rel=0.3)
     steps = {late[0] - early[0] for early, late in zip(after, after[1:])}
     assert steps == {1}, "five minutes are shown second by second"
     assert browser.run("return document.activeElement.className") == "select", "the keyboard stays where it was"
@@ -224,7 +227,7 @@ def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(r
     room.start_stream()
     wait_state(browser, "Good")
     wait_until(lambda: browser.style(TILE, "backgroundColor") == WHITE, "the tile to be white again")
-    assert browser.text(f"{TILE} .sentence") == ""
+    wait_until(lambda: browser.text(f"{TILE} .sentence") == "", "the sentence to go")
 
 
 def leads(browser, tab):
@@ -365,7 +368,7 @@ def test_a_lost_server_is_told_figures_grow_old_and_it_is_found_again(room, brow
     room.server.close()
     room.start_server()
     wait_live(browser)
-    assert browser.text(f"{TILE} .age") == ""
+    wait_until(lambda: browser.text(f"{TILE} .age") == "", "figures of now")
     assert all("ERR_" in text for text in browser.complaints()), "only the browser's own words of the loss"
 
 
