@@ -43,11 +43,35 @@ def without_clock(data, built):
     return data[: clock.start] + bytes(len(data[clock])) + data[clock.stop :]
 
 
+class Contents:
+    """The datagrams of a run, each once: fifty receivers read the same, and what is asked of its bytes is the same."""
+
+    def __init__(self, built):
+        self._built, self._known, self._clockless, self._ticks = built, {}, {}, {}
+
+    def known(self, data):
+        """The first that was equal to it."""
+        return self._known.setdefault(data, data)
+
+    def without_clock(self, data):
+        found = self._clockless.get(data)
+        if found is None:
+            found = self._clockless[data] = without_clock(data, self._built)
+        return found
+
+    def first_ticks(self, data):
+        """The timestamp of a first sending; None where there is none."""
+        if data not in self._ticks:
+            is_first = len(data) >= rtp.HEADER_BYTES and not model_receiver.is_retransmission(data)
+            self._ticks[data] = rtp.timestamp(data) if is_first else None
+        return self._ticks[data]
+
+
 class Seat:
     """One receiver: what came by each way to it, and what should have come, its clock left out."""
 
-    def __init__(self, sockets, address, port):
-        self.sockets, self.address, self.port = sockets, address, port
+    def __init__(self, sockets, address, port, contents):
+        self.sockets, self.address, self.port, self._contents = sockets, address, port, contents
         self.reads = {way: [] for way in sockets}
         self.owed = []
 
@@ -56,12 +80,13 @@ class Seat:
         return next(iter(self.sockets.values()))
 
     def read(self):
+        known = self._contents.known
         for way, sock in self.sockets.items():
             reads = self.reads[way]
             try:
                 while True:
                     data, source = sock.recvfrom(65536, socket.MSG_DONTWAIT)
-                    reads.append(Read(data, *source))
+                    reads.append(Read(known(data), *source))
             except BlockingIOError:
                 pass
 
@@ -84,6 +109,7 @@ class Run:
     def __init__(self, program, net, options=(), configured=RECEIVERS, make_world=OneMachine, equal_ports=False,
                  env=None):  # fmt: skip
         self._net, self.built, self._serial = net, "-u" in options, 0
+        self._contents = Contents(self.built)
         self.world = make_world()
         self._request_port = net.destination if equal_ports else net.request
         self._ping_port = net.request + 1 if self.world.group else net.destination
@@ -113,7 +139,7 @@ class Run:
             self._seat(sockets, GROUP if self.world.group else self.world.addresses[i], self._net.destination)
 
     def _seat(self, sockets, address, port):
-        seat = Seat(sockets, address, port)
+        seat = Seat(sockets, address, port, self._contents)
         self.seats.append(seat)
         self._present.append(seat)
         return seat
@@ -264,7 +290,7 @@ class Run:
                 own = {}
                 found[index, seat.address, way] = [
                     (
-                        without_clock(read.data, self.built),
+                        self._contents.without_clock(read.data),
                         read.address,
                         read.port if read.port in known else own.setdefault(read.port, f"own {len(own)}"),
                     )
@@ -274,7 +300,7 @@ class Run:
 
     def datagrams_of(self, seat):
         """What it has read, its clock left out."""
-        return [without_clock(read.data, self.built) for reads in seat.reads.values() for read in reads]
+        return [self._contents.without_clock(read.data) for reads in seat.reads.values() for read in reads]
 
     def check_owed(self):
         """Everybody has each datagram once, in order, and its bytes are the input's, however many ways lead there."""
@@ -286,7 +312,7 @@ class Run:
         if self.built:
             got, owed = [rtp.payload(data) for data in got], list(seat.owed)
         else:
-            owed = [without_clock(data, False) for data in seat.owed]
+            owed = [self._contents.without_clock(data) for data in seat.owed]
         if len(seat.reads) > 1:
             got, owed = sorted(got), sorted(owed)
         assert got == owed, seat.address
@@ -295,8 +321,8 @@ class Run:
         """No first sending's timestamp is before the one of the datagram before it."""
         for seat in self.seats:
             for reads in seat.reads.values():
-                whole = [read.data for read in reads if len(read.data) >= rtp.HEADER_BYTES]
-                ticks = [rtp.timestamp(data) for data in whole if not model_receiver.is_retransmission(data)]
+                all_ticks = [self._contents.first_ticks(read.data) for read in reads]
+                ticks = [value for value in all_ticks if value is not None]
                 assert all(rtp.ticks_since(after, before) >= 0 for before, after in zip(ticks, ticks[1:]))
 
     def close(self):
