@@ -4,12 +4,12 @@ Kubernetes' own models (python3-kubernetes, made from its API's description) kno
 of compose files. No package has Nomad's, so the keys that we use stand here, as its documentation spells them.
 """
 
+import importlib
 import json
 import pathlib
 import re
 import subprocess
 
-import kubernetes.client
 import pytest
 import yaml
 
@@ -70,7 +70,8 @@ def check_model(name, value, place):
         for key, one in value.items():
             check_model(match.group(1), one, f"{place}.{key}")
         return
-    model = getattr(kubernetes.client, name)
+    # Not at the head: that is a quarter of a second for each process that only collects the tests.
+    model = getattr(importlib.import_module("kubernetes.client"), name)
     attributes = {key: attribute for attribute, key in model.attribute_map.items()}
     assert set(value) <= set(attributes), f"{place}: {name} has no {set(value) - set(attributes)}"
     # The model's constructor refuses what lacks a required field, and values that are none of an enumeration.
