@@ -57,6 +57,48 @@ TEST(ArqrxChange, AnotherSourceRestartsPlayOutOnceAndLosesNothing)
     EXPECT_EQ(script.played[150].dueUs, 750 * MS) << "the clock is the same";
 }
 
+// The last packets of what was before come behind the first ones of what is now.
+TEST(ArqrxChange, PacketsThatTheChangeOvertookAreLateAndNoChangeBack)
+{
+    for (const int jump : { 3100, 20'000, -200, -20'000 }) {
+        for (const uint32_t ssrc : { Script::Even(0).ssrc, 2U }) {
+            SCOPED_TRACE(testing::Message() << jump << " SSRC " << ssrc);
+            const auto change = [jump, ssrc](Media& media) {
+                media.seq = static_cast<uint16_t>(media.seq + jump);
+                media.ssrc = ssrc;
+            };
+            Script script;
+            ComeRow(script, 0, 89);
+            ComeRow(script, 100, 109, change);
+            for (int64_t number = 90; number < 100; ++number)
+                script.Come(Script::Even(number), 110 * MS);
+            ComeRow(script, 111, 199, change);
+            script.RunUntil(SECOND);
+            EXPECT_EQ(script.Counted().restarts, 1U);
+            EXPECT_EQ(script.Counted().late, 10U);
+            EXPECT_EQ(script.Counted().reordered, 10U);
+            EXPECT_EQ(script.Counted().strangers, 0U);
+            EXPECT_EQ(script.Counted().received, 199U);
+            EXPECT_EQ(script.Counted().missing, 1U) << "110 did not come";
+            EXPECT_EQ(script.played.size(), 189U);
+            EXPECT_THAT(RestartsOf(script), ElementsAre(90));
+        }
+    }
+}
+
+TEST(ArqrxChange, ASourceThatComesBackAfterTheChangeIsAnotherChange)
+{
+    Script script;
+    ComeRow(script, 0, 89);
+    ComeRow(script, 90, 99, [](Media& media) { media.ssrc = 2; });
+    ComeRow(script, 100, 199);
+    script.RunUntil(SECOND);
+    EXPECT_EQ(script.Counted().restarts, 2U);
+    EXPECT_EQ(script.Counted().late, 0U);
+    EXPECT_EQ(script.played.size(), 200U);
+    EXPECT_THAT(RestartsOf(script), ElementsAre(90, 100));
+}
+
 TEST(ArqrxChange, AJumpOfNumbersRestartsPlayOutForwardAndBack)
 {
     for (const int jump : { 3065, 20'000, 32'767, -70, -3000, -20'000 }) {

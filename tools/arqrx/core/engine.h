@@ -48,6 +48,8 @@ private:
     // engine_arrival.cpp: first sendings and resends
     void OnFirstSending(const Arrival& arrival);
     void OnMisfit(const Arrival& arrival);
+    bool IsStraggler(const Arrival& arrival) const;
+    void OnStraggler(const Arrival& arrival);
     void ForgetHeld();
     void OnResend(std::span<const uint8_t> datagram, const MediaWords& words);
     bool Fits(const Arrival& arrival);
@@ -77,6 +79,14 @@ private:
     void FreeOut();
     void ReadGauges();
 
+    // The source or the numbers before the last change. Packets of it that the change overtook may still come.
+    struct Former {
+        uint32_t ssrc = 0;
+        uint16_t seq = 0; // the newest
+        ClockFollower clock;
+        int64_t endedUs = 0; // when the first packet after it came
+    };
+
     const Settings m_settings;
     Figures m_figures;
     DatagramWriter m_writer;
@@ -87,6 +97,7 @@ private:
     Asker m_asker;
     PacketBuffer m_packets;
     Timeline m_timeline; // empty before the first packet
+    std::optional<Former> m_former; // nothing before the first change
     Probation m_probation;
     RecoverTimes m_recoverTimes;
     RecentMost m_mostAsked;

@@ -19,6 +19,7 @@ constexpr double UNEVEN = 4; // a source's rate may be so many times its mean
 constexpr double AMBIGUOUS_NUMBERS = 32'768; // more may have passed than 16 bits tell
 constexpr uint32_t LAP = 65'536;
 constexpr int64_t JOIN_US = 1'000'000; // what was on its way when we joined anew has come by then
+constexpr int64_t STRAGGLE_US = 1'000'000; // what a change overtook has come by then
 
 } // namespace
 
@@ -29,7 +30,7 @@ void Receiver::Engine::OnFirstSending(const Arrival& arrival)
         return Accept(arrival);
     }
     if (!Fits(arrival))
-        return OnMisfit(arrival);
+        return IsStraggler(arrival) ? OnStraggler(arrival) : OnMisfit(arrival);
     if (arrival.timeUs - JOIN_US > m_nJoinedUs) // nothing has changed
         m_nJoinedUs = INT64_MAX;
     ForgetHeld();
@@ -52,6 +53,27 @@ void Receiver::Engine::OnMisfit(const Arrival& arrival)
         Change(held, &arrival);
     else
         Change(arrival, &held);
+}
+
+// By the clock of before it is from before the change. Two of these are no change back.
+bool Receiver::Engine::IsStraggler(const Arrival& arrival) const
+{
+    if (!m_former || arrival.words.ssrc != m_former->ssrc
+        || std::abs(SeqDiff(arrival.words.seq, m_former->seq)) > MOST_DROPOUT)
+        return false;
+    const int64_t mediaUs = m_former->clock.MediaUs(arrival.words.timestamp, arrival.timeUs);
+    const int64_t fastestUs = m_former->clock.LocalUs(mediaUs);
+    return fastestUs <= m_former->endedUs && arrival.timeUs - fastestUs <= STRAGGLE_US;
+}
+
+// Its place was never kept: nothing is played out between two stretches.
+void Receiver::Engine::OnStraggler(const Arrival& arrival)
+{
+    ++m_figures.received;
+    m_figures.receivedBytes += arrival.datagram.size();
+    ++m_figures.reordered;
+    ++m_figures.late;
+    m_keepAlive.Hear(arrival.timeUs);
 }
 
 void Receiver::Engine::ForgetHeld()
@@ -148,6 +170,8 @@ bool Receiver::Engine::BeginStretch(const Arrival& arrival, bool isSameRun, bool
         stretch.numberShift = m_timeline.Newest().numberShift + skipped;
     }
     if (!isSameRun) {
+        if (!isFirst)
+            m_former = Former { m_nSsrc, m_newest.seq, m_timeline.Newest().clock, arrival.timeUs };
         m_newest
             = { stretch.firstIndex - 1, static_cast<uint16_t>(arrival.words.seq - 1), stretch.firstIndex };
         m_nSsrc = arrival.words.ssrc;
