@@ -175,6 +175,16 @@ def test_who_is_deleted_by_the_proxys_operator_is_told_and_says_so(start_proxy, 
     assert receiver.end() == arqrx.GOOD
 
 
+def test_started_by_nohup_it_outlives_its_terminal(closing, net):
+    receiver = closing(Arqrx("--listen", f"{arqrx.LOCAL}:{net.destination}", "--json", "--interval", "100ms",
+                             preexec=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)))  # fmt: skip
+    receiver.wait_ready()
+    receiver.process.send_signal(signal.SIGHUP)
+    objects = len(receiver.objects)
+    receiver.wait_figures(lambda _: len(receiver.objects) > objects + 2, "more figures")
+    assert receiver.end() == arqrx.NO_MEDIA
+
+
 @pytest.mark.parametrize("leaves_by", ["SIGTERM", "SIGINT", "SIGHUP", "duration"])
 def test_the_proxy_is_told_when_the_receiver_ends(join, leaves_by, sender, closing):
     options = ["--duration", seconds(1)] if leaves_by == "duration" else []

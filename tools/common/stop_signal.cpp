@@ -15,4 +15,10 @@ UniqueFd OpenStopSignal()
     return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+bool OutlivesTerminal()
+{
+    struct sigaction inherited {};
+    return sigaction(SIGHUP, nullptr, &inherited) == 0 && inherited.sa_handler == SIG_IGN;
+}
+
 } // namespace common

@@ -8,4 +8,7 @@ namespace common {
 // do nothing else, so it is made before any thread.
 UniqueFd OpenStopSignal();
 
+// Whoever started the program wants it to outlive the terminal (nohup): it was told to ignore SIGHUP.
+bool OutlivesTerminal();
+
 } // namespace common

@@ -6,14 +6,18 @@
 #include <csignal>
 #include <initializer_list>
 
+#include "common/stop_signal.h"
+
 namespace demo {
 
 Signals::Signals()
 {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : { SIGINT, SIGTERM, SIGHUP, SIGQUIT })
+    for (const int number : { SIGINT, SIGTERM, SIGQUIT })
         sigaddset(&set, number);
+    if (!common::OutlivesTerminal()) // held, it would come in spite of being ignored
+        sigaddset(&set, SIGHUP);
     (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
     m_fd.Reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     for (const int number : { SIGPIPE, SIGTSTP }) // a stopped demo would be a dead line

@@ -16,6 +16,7 @@
 #include "arqrx/program/text_report.h"
 #include "base/unique_fd.h"
 #include "common/clock.h"
+#include "common/stop_signal.h"
 
 namespace arqrx {
 
@@ -29,8 +30,10 @@ sigset_t EndingSignals()
 {
     sigset_t signals;
     (void)sigemptyset(&signals);
-    for (const int signal : { SIGINT, SIGTERM, SIGHUP })
+    for (const int signal : { SIGINT, SIGTERM })
         (void)sigaddset(&signals, signal);
+    if (!common::OutlivesTerminal()) // held, it would come in spite of being ignored
+        (void)sigaddset(&signals, SIGHUP);
     return signals;
 }
 
