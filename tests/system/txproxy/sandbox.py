@@ -75,11 +75,17 @@ def _cover_dev():
 
 def covering(target, source):
     """The preexec of a child that sees the file `source` in the place of `target`; nobody else does."""
+    return covering_all({target: source})
+
+
+def covering_all(sources):
+    """The same for several, {target: source}, in their order."""
 
     def cover():
         _call("a namespace for mounts", _libc.unshare(CLONE_NEWNS))
         _mount(None, "/", flags=MS_REC | MS_PRIVATE)
-        _mount(source, target, flags=MS_BIND)
+        for target, source in sources.items():
+            _mount(source, target, flags=MS_BIND)
 
     return cover
 

@@ -10,6 +10,7 @@
 #include "arqctl/core/option_words.h"
 #include "arqctl/doctor/doctor_report.h"
 #include "arqctl/doctor/gather.h"
+#include "arqctl/proxy/control_path.h"
 #include "common/clock.h"
 #include "common/endpoint.h"
 #include "common/quantity.h"
@@ -121,8 +122,7 @@ ExitStatus ExamineStart(const Session& session, const DoctorOptions& options)
         return Fail(session, ExitStatus::Usage,
             "--start '" + options.start + "' are no options that the proxy takes",
             "write them as for tx_proxy: --start '-I 2 -a 10.0.0.1 5000'");
-    patient.controlPath
-        = Target { .instance = patient.options.instance, .via = {}, .socketPath = {} }.ControlPath();
+    patient.controlPath = UsualControlPath(patient.options.instance);
     return Report(session, Examine(session, { patient }, options.expectation));
 }
 

@@ -4,6 +4,7 @@
 
 #include "arqctl/cli/commands.h"
 #include "arqctl/cli/remote_command.h"
+#include "arqctl/proxy/control_path.h"
 #include "arqctl/proxy/instances.h"
 
 namespace arqctl {
@@ -92,6 +93,9 @@ std::string TextOf(const Instance& instance)
     if (instance.pid > 0)
         text += fmt::format(", pid {}", instance.pid);
     text += "\n";
+    if (instance.number && !instance.socketPath.empty()
+        && instance.socketPath != UsualControlPath(*instance.number))
+        text += "    control socket " + Printable(instance.socketPath) + "\n";
     if (instance.facts)
         text += "    " + PortsText(instance.facts->options) + "\n";
     if (!instance.command.empty())

@@ -12,6 +12,7 @@
 #include "arqctl/core/network_text.h"
 #include "arqctl/core/reply.h"
 #include "arqctl/proxy/ask.h"
+#include "arqctl/proxy/control_path.h"
 #include "arqctl/proxy/folder.h"
 #include "arqctl/proxy/impair_files.h"
 #include "arqctl/proxy/loss_observer.h"
@@ -19,7 +20,6 @@
 #include "arqctl/proxy/other_network.h"
 #include "arqctl/proxy/process.h"
 #include "arqctl/proxy/socket_holders.h"
-#include "arqctl/proxy/target.h"
 #include "common/clock.h"
 #include "common/endpoint.h"
 
@@ -192,7 +192,8 @@ void GatherProcess(DoctorFacts& facts)
     const std::string root = RootOf(facts.pid);
     facts.user = ReadUser(ReadText(folder + "status").value_or("")).value_or(UserFacts {});
     facts.deviceFolder = FactsOfFile(root + "/dev");
-    facts.runFolder = FactsOfFile(root + "/var/run");
+    // A link in another root would lead to our own /run.
+    facts.runFolder = FactsOfFile(root.empty() ? "/var/run" : root + "/run");
     facts.descriptorsLimit = ReadFileLimit(ReadText(folder + "limits").value_or(""));
     const size_t names = facts.isRunning ? NamesIn(folder + "fd").size() : 0;
     if (names > 2) // "." and ".."
@@ -213,8 +214,7 @@ Patient PatientOf(const ProcessFacts& process)
     patient.pid = process.pid;
     patient.options = process.options;
     patient.areOptionsKnown = true;
-    patient.controlPath
-        = Target { .instance = process.options.instance, .via = {}, .socketPath = {} }.ControlPath();
+    patient.controlPath = ControlPathOfProcess(process.pid, process.options.instance);
     return patient;
 }
 
@@ -312,7 +312,7 @@ void LookForLoss(DoctorFacts& facts, int64_t longestUs, int64_t patienceUs)
     if (!facts.isRunning || !facts.areOptionsKnown || facts.control.state != ControlState::Answers)
         return;
     std::string settings;
-    (void)LocalImpairFiles(facts.options.instance)
+    (void)LocalImpairFiles(RunFolderOf(facts.control.path), facts.options.instance)
         .ReadSettings(settings); // without any: the proxy's defaults
     facts.deliberateLoss = ObserveLoss({ .socketPath = facts.control.path,
                                            .periodPackets = LongestLossPeriod(ReadLossSettings(settings)),

@@ -1,6 +1,7 @@
 #include "arqctl/proxy/folder.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -35,6 +36,14 @@ std::optional<std::string> LinkText(const std::string& path)
     if (length < 0)
         return std::nullopt;
     return std::string(text.data(), static_cast<size_t>(length));
+}
+
+bool IsSameFile(const std::string& one, const std::string& other)
+{
+    struct stat first {};
+    struct stat second {};
+    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0
+        && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 } // namespace arqctl

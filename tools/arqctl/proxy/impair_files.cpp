@@ -20,9 +20,9 @@ namespace {
 
 constexpr int FILE_TURN_MS = 20;
 
-std::string RunPath(int instance, const char* end)
+std::string PathIn(const std::string& folder, int instance, const char* end)
 {
-    return "/var/run/tx_proxy" + std::to_string(instance) + end;
+    return folder + "tx_proxy" + std::to_string(instance) + end;
 }
 
 Trouble FileTrouble(const std::string& what, const std::string& path, int error)
@@ -62,10 +62,10 @@ void TakeRightsOf(const std::string& path, int fd)
 
 } // namespace
 
-LocalImpairFiles::LocalImpairFiles(int instance)
-    : m_toggle(RunPath(instance, ".imp")),
-      m_settings(RunPath(instance, ".imp.conf")),
-      m_lockPath(RunPath(instance, ".imp.lock"))
+LocalImpairFiles::LocalImpairFiles(const std::string& folder, int instance)
+    : m_toggle(PathIn(folder, instance, ".imp")),
+      m_settings(PathIn(folder, instance, ".imp.conf")),
+      m_lockPath(PathIn(folder, instance, ".imp.lock"))
 {
 }
 
@@ -150,7 +150,7 @@ Toggled LocalImpairFiles::Toggle(int64_t patienceUs, Trouble& trouble)
     if (WaitUntilGone(patienceUs) || (unlink(m_toggle.c_str()) != 0 && errno == ENOENT))
         return Toggled::Taken;
     trouble = { "the proxy did not take " + m_toggle + ", which is removed again",
-        "see with 'arqctl instances' that it runs here, and that it may write in /var/run" };
+        "see with 'arqctl instances' that it runs here, and that it may write there" };
     return Toggled::NotTaken;
 }
 

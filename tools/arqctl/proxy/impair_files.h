@@ -39,7 +39,8 @@ public:
 // Those of a proxy of this machine.
 class LocalImpairFiles : public ImpairFiles {
 public:
-    explicit LocalImpairFiles(int instance);
+    // `folder`: where they are, with a slash; see RunFolderOf.
+    LocalImpairFiles(const std::string& folder, int instance);
 
     Trouble Lock(int64_t patienceUs) override;
     Trouble AwaitNoToggle(int64_t patienceUs) override;

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "arqctl/core/loss_settings.h"
+#include "arqctl/proxy/control_path.h"
 #include "common/clock.h"
 
 namespace arqctl {
@@ -48,9 +49,9 @@ std::string FirstLine(const std::string& text)
 
 } // namespace
 
-SshImpairFiles::SshImpairFiles(std::string host, int instance)
+SshImpairFiles::SshImpairFiles(std::string host, const std::string& folder, int instance)
     : m_host(std::move(host)),
-      m_path("/var/run/tx_proxy" + std::to_string(instance) + ".imp")
+      m_path(folder + "tx_proxy" + std::to_string(instance) + ".imp")
 {
 }
 
@@ -133,16 +134,16 @@ Toggled SshImpairFiles::Toggle(int64_t patienceUs, Trouble& trouble)
     if (!run.HasRun() || run.status != WAS_NOT_TAKEN)
         return Toggled::Failed;
     trouble = { "the proxy did not take " + m_path + " on " + m_host + ", which is removed again",
-        "see with 'arqctl --via ssh:" + m_host
-            + " instances' that it runs, and that it may write in /var/run" };
+        "see with 'arqctl --via ssh:" + m_host + " instances' that it runs, and that it may write there" };
     return Toggled::NotTaken;
 }
 
 std::unique_ptr<ImpairFiles> MakeImpairFiles(const Target& target, int instance)
 {
+    const std::string folder = RunFolderOf(target.ControlPath());
     if (target.IsRemote())
-        return std::make_unique<SshImpairFiles>(target.via, instance);
-    return std::make_unique<LocalImpairFiles>(instance);
+        return std::make_unique<SshImpairFiles>(target.via, folder, instance);
+    return std::make_unique<LocalImpairFiles>(folder, instance);
 }
 
 } // namespace arqctl

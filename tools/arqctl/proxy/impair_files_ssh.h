@@ -12,7 +12,8 @@ namespace arqctl {
 // Those of a proxy of another machine, through a shell there. The lock is a flock(1) over there, held by an ssh of its own.
 class SshImpairFiles : public ImpairFiles {
 public:
-    SshImpairFiles(std::string host, int instance);
+    // `folder`: where they are over there, with a slash.
+    SshImpairFiles(std::string host, const std::string& folder, int instance);
 
     Trouble Lock(int64_t patienceUs) override;
     Trouble AwaitNoToggle(int64_t patienceUs) override;

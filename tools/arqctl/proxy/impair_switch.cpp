@@ -1,9 +1,7 @@
 #include "arqctl/proxy/impair_switch.h"
 
-#include <charconv>
-#include <string_view>
-
 #include "arqctl/core/loss_texts.h"
+#include "arqctl/proxy/control_path.h"
 #include "arqctl/proxy/process.h"
 
 namespace arqctl {
@@ -161,16 +159,6 @@ void LossSwitch::Confirm()
             "somebody else may have switched it, too: try again");
 }
 
-std::optional<int> InstanceInName(std::string_view path)
-{
-    constexpr std::string_view USUAL = "/dev/arq_tx_ctrl";
-    int instance = 0;
-    const auto [end, error] = std::from_chars(
-        path.data() + std::min(USUAL.size(), path.size()), path.data() + path.size(), instance);
-    const bool isUsual = path.starts_with(USUAL) && error == std::errc {} && end == path.data() + path.size();
-    return isUsual ? std::optional(instance) : std::nullopt;
-}
-
 } // namespace
 
 ImpairOutcome SwitchLoss(ImpairFiles& files, const LossLook& look, const ImpairOrder& order)
@@ -207,7 +195,7 @@ std::optional<int> InstanceOf(const Target& target, int64_t patienceUs)
         if (facts)
             return facts->options.instance;
     }
-    return InstanceInName(target.socketPath);
+    return InstanceInPath(target.socketPath);
 }
 
 namespace {
@@ -219,9 +207,9 @@ ImpairOutcome WithLocalFiles(const Target& target, Operation operation)
     if (!instance)
         return FailedWith({ "which instance answers on " + target.ControlPath() + " is not known",
             "name it by its number" });
-    LocalImpairFiles files(*instance);
     LossLook look;
     look.socketPath = target.ControlPath();
+    LocalImpairFiles files(RunFolderOf(look.socketPath), *instance);
     return operation(files, look);
 }
 

@@ -14,41 +14,54 @@
 #include <tuple>
 
 #include "arqctl/core/command_text.h"
-#include "arqctl/core/fields.h"
 #include "arqctl/core/kernel_text.h"
 #include "arqctl/core/reply.h"
+#include "arqctl/proxy/control_path.h"
+#include "arqctl/proxy/other_network.h"
 #include "common/clock.h"
 
 namespace arqctl {
 
 namespace {
 
-constexpr std::string_view CONTROL_PREFIX = "/dev/arq_tx_ctrl";
 constexpr size_t MOST_SOCKETS = 1000; // and no more descriptors at a time
+
+void AddUsualFiles(std::vector<std::string>& paths)
+{
+    glob_t found {};
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): without a tilde no user is looked up
+    if (glob("/dev/arq_tx_ctrl*", GLOB_NOSORT, nullptr, &found) == 0)
+        paths.assign(found.gl_pathv, found.gl_pathv + std::min(found.gl_pathc, MOST_SOCKETS));
+    globfree(&found);
+}
 
 std::vector<std::string> ControlFiles()
 {
     std::vector<std::string> paths;
-    glob_t found {};
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): without a tilde no user is looked up
-    if (glob((std::string(CONTROL_PREFIX) + "*").c_str(), GLOB_NOSORT, nullptr, &found) == 0)
-        paths.assign(found.gl_pathv, found.gl_pathv + std::min(found.gl_pathc, MOST_SOCKETS));
-    globfree(&found);
+    AddUsualFiles(paths);
+    for (const int number : PrivateInstances())
+        paths.push_back(PrivateControlPath(number));
     return paths;
 }
 
-std::optional<int> NumberOf(std::string_view path)
+// Of proxies in containers and the like that use this network: no other path leads there.
+void AddFilesOfProcesses(std::vector<std::string>& paths)
 {
-    int number = 0;
-    if (!ReadWhole(path.substr(CONTROL_PREFIX.size()), number))
-        return std::nullopt;
-    return number;
+    for (const int pid : ProxyProcesses()) {
+        const auto facts = SharesNetwork(pid) && !SharesDevices(pid) ? FactsOf(pid) : std::nullopt;
+        if (!facts)
+            continue;
+        const std::string path = ControlPathOfProcess(pid, facts->options.instance);
+        if (IsSocket(path) && std::ranges::find(paths, path) == paths.end())
+            paths.push_back(path);
+    }
 }
 
-bool IsSocket(const std::string& path)
+// No right to look at it may mean no right to the folder that it is in.
+bool MayBeSocket(const std::string& path)
 {
     struct stat facts {};
-    return stat(path.c_str(), &facts) == 0 && S_ISSOCK(facts.st_mode);
+    return stat(path.c_str(), &facts) == 0 ? S_ISSOCK(facts.st_mode) : errno == EACCES;
 }
 
 bool IsListening(const std::string& path)
@@ -124,7 +137,8 @@ void AddProxiesWithoutSocket(std::vector<Instance>& instances)
     const std::string ours = MountsOf("self");
     for (const int pid : ProxyProcesses()) {
         const auto isOf = [pid](const Instance& instance) { return instance.pid == pid; };
-        if (std::ranges::any_of(instances, isOf) || MountsOf(std::to_string(pid)) != ours)
+        if (std::ranges::any_of(instances, isOf)
+            || (MountsOf(std::to_string(pid)) != ours && !SharesNetwork(pid)))
             continue;
         Instance instance;
         instance.facts = FactsOf(pid);
@@ -154,12 +168,14 @@ std::vector<Instance> FindInstances(int64_t patienceUs)
     std::vector<Instance> instances;
     Exchanges exchanges;
     std::vector<size_t> asked;
-    for (const std::string& path : ControlFiles()) {
+    std::vector<std::string> paths = ControlFiles();
+    AddFilesOfProcesses(paths);
+    for (const std::string& path : paths) {
         Instance instance;
-        instance.number = NumberOf(path);
+        instance.number = InstanceInPath(path);
         instance.socketPath = path;
         instances.push_back(instance);
-        if (IsSocket(path)) {
+        if (MayBeSocket(path)) {
             asked.push_back(instances.size() - 1);
             exchanges.push_back(std::make_unique<Exchange>(path, "AllStats", common::NowUs(), patienceUs));
         }
@@ -179,11 +195,13 @@ std::vector<int> ListeningInstances()
 {
     std::vector<int> numbers;
     for (const std::string& path : ControlFiles()) {
-        const auto number = NumberOf(path);
+        const auto number = InstanceInPath(path);
         if (number && IsListening(path))
             numbers.push_back(*number);
     }
     std::ranges::sort(numbers);
+    const auto doubles = std::ranges::unique(numbers);
+    numbers.erase(doubles.begin(), doubles.end());
     return numbers;
 }
 

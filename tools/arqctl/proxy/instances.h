@@ -23,7 +23,7 @@ enum class InstanceState {
 // What was found at one control socket, or of one process.
 struct Instance {
     std::optional<int> number; // of the file's name, or of the process's -I
-    std::string socketPath;
+    std::string socketPath; // as this program reaches it; empty where there is none
     InstanceState state = InstanceState::Foreign;
     Failure failure = Failure::None; // of the question
     Statistics statistics; // of one that is Running
@@ -32,12 +32,13 @@ struct Instance {
     std::string command; // its command line, without passwords
 };
 
-// All of this machine: the files /dev/arq_tx_ctrl*, in the order of their numbers, and proxies of this name space of files
-// that have none. All are asked at the same time, and have `patienceUs` to answer.
+// All of this machine, in the order of their numbers: the files /dev/arq_tx_ctrl*, the sockets of units
+// tx_proxy-private@, and those that other proxies of this network have in a /dev of their own, as far as that may be looked
+// into; then proxies that have none. All are asked at the same time, and have `patienceUs` to answer.
 std::vector<Instance> FindInstances(int64_t patienceUs);
 
-// Numbers of the control sockets that somebody listens at. Asks nothing and takes no time: for programs that look again and
-// again.
+// Numbers of the control sockets in /dev, and of units tx_proxy-private@, that somebody listens at. Asks nothing and takes
+// no time: for programs that look again and again.
 std::vector<int> ListeningInstances();
 
 } // namespace arqctl

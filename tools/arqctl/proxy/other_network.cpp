@@ -2,9 +2,10 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/stat.h>
 
 #include <string>
+
+#include "arqctl/proxy/folder.h"
 
 namespace arqctl {
 
@@ -15,24 +16,16 @@ std::string PathOf(int pid, const char* what)
     return "/proc/" + std::to_string(pid) + "/" + what;
 }
 
-bool AreSame(const std::string& one, const std::string& other)
-{
-    struct stat first {};
-    struct stat second {};
-    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0
-        && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
 } // namespace
 
 bool SharesNetwork(int pid)
 {
-    return AreSame(PathOf(pid, "ns/net"), "/proc/self/ns/net");
+    return IsSameFile(PathOf(pid, "ns/net"), "/proc/self/ns/net");
 }
 
 bool SharesDevices(int pid)
 {
-    return AreSame(PathOf(pid, "root/dev"), "/dev");
+    return IsSameFile(PathOf(pid, "root/dev"), "/dev");
 }
 
 OtherNetwork::OtherNetwork(int pid)

@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "arqctl/core/ssh_texts.h"
+#include "arqctl/proxy/control_path.h"
 
 namespace arqctl {
 
@@ -23,7 +24,9 @@ bool ParseInstance(std::string_view text, int& instance)
 
 std::string Target::ControlPath() const
 {
-    return socketPath.empty() ? "/dev/arq_tx_ctrl" + std::to_string(instance) : socketPath;
+    if (!socketPath.empty())
+        return socketPath;
+    return IsRemote() ? UsualControlPath(instance) : ControlPathHere(instance);
 }
 
 std::string Target::Name() const

@@ -13,7 +13,8 @@ struct Target {
 
     bool operator==(const Target&) const = default;
     bool IsRemote() const { return !via.empty(); }
-    // The control socket on the proxy's own machine: "/dev/arq_tx_ctrl1".
+    // The control socket on the proxy's own machine: "/dev/arq_tx_ctrl1". On this one it is looked for each time, because
+    // a proxy that is started anew may have it elsewhere.
     std::string ControlPath() const;
     // For people and as an ID in pages and metrics: "1", "edge1/2", "/tmp/x/ctrl".
     std::string Name() const;

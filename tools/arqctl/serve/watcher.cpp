@@ -37,6 +37,7 @@ struct Watcher::Watched {
     }
 
     void Take(PolledAnswer polled, Tunnels& tunnels);
+    void LookAgain(Tunnels& tunnels);
 
     Poller poller;
     Meter meter;
@@ -60,8 +61,19 @@ void Watcher::Watched::Take(PolledAnswer polled, Tunnels& tunnels)
     } else {
         now.failures++;
         meter.Miss(polled.atUs);
+        LookAgain(tunnels);
     }
     now.reading = meter.Now();
+}
+
+// Started anew by another unit it has its socket elsewhere.
+void Watcher::Watched::LookAgain(Tunnels& tunnels)
+{
+    std::string path = tunnels.PathOf(now.target);
+    if (path == now.socketPath)
+        return;
+    now.socketPath = path;
+    poller.Watch({ std::move(path) });
 }
 
 Watcher::Watcher(std::vector<Target> targets, int64_t patienceUs)

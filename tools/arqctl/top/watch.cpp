@@ -51,6 +51,11 @@ void Watch::Add(const Target& target)
     watched.history = std::make_unique<RecentHistory>();
     watched.instance = target.instance;
     m_watched.push_back(std::move(watched));
+    AskAll();
+}
+
+void Watch::AskAll()
+{
     std::vector<std::string> paths;
     for (const Watched& known : m_watched)
         paths.push_back(known.path);
@@ -104,12 +109,22 @@ void Watch::Take(Watched& watched, PolledAnswer& polled)
         if (watched.target.IsRemote())
             watched.trouble = m_tunnels.Explain(watched.target, watched.failure).problem;
         watched.meter.Miss(polled.atUs);
-        return;
+        return LookAgain(watched);
     }
     const int pid = watched.target.IsRemote() ? 0 : answer.peerPid; // else it is that of ssh
     LookAtProcess(watched, pid);
     watched.meter.Take(statistics, polled.atUs, pid, watched.fanOut);
     watched.history->Take(SampleOf(watched.meter.Now()), polled.atUs);
+}
+
+// Started anew by another unit it has its socket elsewhere.
+void Watch::LookAgain(Watched& watched)
+{
+    std::string path = m_tunnels.PathOf(watched.target);
+    if (path == watched.path)
+        return;
+    watched.path = std::move(path);
+    AskAll();
 }
 
 void Watch::LookAtProcess(Watched& watched, int pid)

@@ -54,7 +54,9 @@ private:
 
     void Add(const Target& target);
     bool LookForInstances(int64_t nowUs);
+    void AskAll(); // at their paths
     void Take(Watched& watched, PolledAnswer& polled);
+    void LookAgain(Watched& watched);
     void LookAtProcess(Watched& watched, int pid);
 
     const bool m_bFinds;
