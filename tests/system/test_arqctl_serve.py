@@ -94,7 +94,7 @@ def test_channels_have_the_documented_fields(site):
     assert listing["allow_control"] is True and abs(listing["time"] - now) < scaled(5)
     seen, missing = listing["channels"]
     assert kinds(seen) == SEEN
-    assert kinds(missing) == CHANNEL
+    assert kinds(missing) == {**CHANNEL, "input": {}, "output": {}}
     assert (seen["id"], seen["name"], seen["up"]) == (site.id, "News", True)
     assert (missing["id"], missing["name"], missing["up"]) == (NOWHERE, NOWHERE, False)
     assert seen["options"]["listen_port"] == site.net.input and seen["input"]["kernel_drops"] == 0
@@ -143,6 +143,8 @@ def test_metrics_have_every_documented_name_and_pass_the_linter(site):
     assert f'tx_proxy_up{{channel="{NOWHERE}"}} 0' in reply.body
     assert f'tx_proxy_receiver_up{{channel="{site.id}",receiver="{RECEIVER}"}} 1' in reply.body
     assert f'tx_proxy_request_budget_bytes{{channel="{site.id}"}} 352516' in reply.body
+    of_missing = re.findall(rf'^(\w+){{channel="{NOWHERE}"}}', reply.body, re.MULTILINE)
+    assert of_missing == ["tx_proxy_up", "tx_proxy_control_failures_total"]
 
 
 @pytest.mark.release_only
@@ -477,7 +479,10 @@ def test_history_survives_a_restart_of_the_proxy_with_a_gap(closing, lease):
     server.wait_channel(lease.instance, lambda one: one["up"], "found, as no target was given, and up")
     wait_until(lambda: any(server.get(path).json["receivers"]), "a sample")
     first.stop()
-    server.wait_channel(lease.instance, lambda one: one["state"] == "down", "down")
+    down = server.wait_channel(lease.instance, lambda one: one["state"] == "down", "down")
+    assert set(down["input"]) == {"packets", "lost", "silent_s"} and set(down["output"]) == {"packets", "sent_beyond", "withheld"}
+    unknown = rf'^tx_proxy_((in|out)put_bytes_per_second|receivers){{channel="{lease.instance}"}}'
+    assert not re.search(unknown, server.get("/metrics").body, re.MULTILINE)
     second = launch_proxy(lease, net)
     closing(types.SimpleNamespace(close=second.kill))
     back = server.wait_channel(lease.instance, lambda one: one["up"], "up again")

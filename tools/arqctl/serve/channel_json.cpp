@@ -19,12 +19,24 @@ double Rounded(double value)
     return std::round(value * PARTS) / PARTS;
 }
 
+// What a proxy counted is known once it has answered, how fast it counts only while it does.
+void AddCount(Json& object, const std::string& rateName, const char* name, const Reading& reading,
+    uint64_t total, double rate)
+{
+    if (reading.hasBeenUp)
+        object[name] = total;
+    if (reading.isUp)
+        object[rateName + "_rate"] = Rounded(rate);
+}
+
 Json InputObject(const WatchedChannel& watched, const Moment& now)
 {
     const Reading& reading = watched.reading;
-    Json object { { "bit_rate", reading.isUp ? reading.statistics.receivedBitRate : 0 },
-        { "packets", reading.totals.received }, { "packet_rate", Rounded(reading.rates.inputPackets) },
-        { "lost", reading.totals.lost }, { "loss_rate", Rounded(reading.rates.lost) } };
+    Json object = Json::object();
+    if (reading.isUp)
+        object["bit_rate"] = reading.statistics.receivedBitRate;
+    AddCount(object, "packet", "packets", reading, reading.totals.received, reading.rates.inputPackets);
+    AddCount(object, "loss", "lost", reading, reading.totals.lost, reading.rates.lost);
     if (reading.hasBeenUp)
         object["silent_s"] = Rounded(static_cast<double>(now.monotonicUs - reading.inputChangedUs) / 1e6);
     const UdpSocketFacts* const socket = watched.facts ? watched.facts->Input() : nullptr;
@@ -35,11 +47,14 @@ Json InputObject(const WatchedChannel& watched, const Moment& now)
 
 Json OutputObject(const Reading& reading)
 {
-    return { { "bit_rate", reading.isUp ? reading.statistics.sentBitRate : 0 },
-        { "packets", reading.totals.sent }, { "packet_rate", Rounded(reading.rates.sent) },
-        { "sent_beyond", reading.totals.sentBeyond },
-        { "sent_beyond_rate", Rounded(reading.rates.sentBeyond) }, { "withheld", reading.totals.withheld },
-        { "withheld_rate", Rounded(reading.rates.withheld) } };
+    Json object = Json::object();
+    if (reading.isUp)
+        object["bit_rate"] = reading.statistics.sentBitRate;
+    AddCount(object, "packet", "packets", reading, reading.totals.sent, reading.rates.sent);
+    AddCount(
+        object, "sent_beyond", "sent_beyond", reading, reading.totals.sentBeyond, reading.rates.sentBeyond);
+    AddCount(object, "withheld", "withheld", reading, reading.totals.withheld, reading.rates.withheld);
+    return object;
 }
 
 Json OptionsObject(const ProxyOptions& options)

@@ -60,19 +60,23 @@ void AddCounts(const Board& board, MetricList& list)
     AddRead(board, list, [](const Reading& reading) { return reading.totals.restarts; });
 }
 
-double BytesPerSecond(const Reading& reading, uint32_t bitRate)
+// Of its last answer, as long as it answers.
+template <class Value>
+void AddLive(const Board& board, MetricList& list, Value value)
 {
-    return reading.isUp ? bitRate / BITS_PER_BYTE : 0;
+    AddEach(board, list, [value](const WatchedChannel& watched) -> std::optional<double> {
+        if (!watched.reading.isUp)
+            return {};
+        return static_cast<double>(value(watched.reading.statistics));
+    });
 }
 
 void AddRates(const Board& board, const Moment& now, MetricList& list)
 {
     list.Gauge("tx_proxy_input_bytes_per_second", "Input of the last full second, RTP headers included.");
-    AddRead(board, list,
-        [](const Reading& reading) { return BytesPerSecond(reading, reading.statistics.receivedBitRate); });
+    AddLive(board, list, [](const Statistics& last) { return last.receivedBitRate / BITS_PER_BYTE; });
     list.Gauge("tx_proxy_output_bytes_per_second", "Output of the last full second, RTP headers included.");
-    AddRead(board, list,
-        [](const Reading& reading) { return BytesPerSecond(reading, reading.statistics.sentBitRate); });
+    AddLive(board, list, [](const Statistics& last) { return last.sentBitRate / BITS_PER_BYTE; });
     list.Gauge(
         "tx_proxy_input_silent_seconds", "Since the last input packet, or since the proxy was first seen.");
     AddRead(board, list, [&now](const Reading& reading) {
@@ -83,8 +87,7 @@ void AddRates(const Board& board, const Moment& now, MetricList& list)
 void AddReceivers(const Board& board, MetricList& list)
 {
     list.Gauge("tx_proxy_receivers", "Streams in the proxy's list of receivers.");
-    AddRead(board, list,
-        [](const Reading& reading) { return reading.isUp ? reading.statistics.receivers.size() : 0; });
+    AddLive(board, list, [](const Statistics& last) { return last.receivers.size(); });
     list.Gauge(
         "tx_proxy_receiver_up", "1 while the receiver is in the proxy's list, 0 for an hour after it left.");
     for (const auto& channel : board.All()) {
