@@ -1,6 +1,7 @@
 """The HTTP interface of `arqctl serve` as pages, programs and strangers use it. One server serves most of the tests."""
 
 import contextlib
+import http.client
 import json
 import pathlib
 import re
@@ -13,7 +14,7 @@ import types
 
 import pytest
 
-from txproxy import arqctl, control, ports, rtp, serving
+from txproxy import arqctl, control, netns, ports, rtp, serving
 from txproxy.process import stopped
 from txproxy.proxy import Proxy, build_kind
 from txproxy.receiver import Receiver, Sender
@@ -496,17 +497,26 @@ def test_history_survives_a_restart_of_the_proxy_with_a_gap(closing, lease):
 
 
 FAILED_STARTS = {
-    "no port": (["--listen", "127.0.0.1"], arqctl.NO_START, "'127.0.0.1' is not ADDRESS:PORT",
+    "no port": (["--listen", "127.0.0.1"], arqctl.USAGE, "'127.0.0.1' is not ADDRESS:PORT",
                 "choose another one with --listen ADDRESS:PORT"),
     "not ours": (["--listen", "192.0.2.1:8080"], arqctl.NO_START,
                  "cannot listen on 192.0.2.1:8080: Cannot assign requested address",
                  "choose another one with --listen ADDRESS:PORT"),
-    "reports": (["--listen", "127.0.0.1:0", "--reports", "x"], arqctl.NO_START, "'x' is not ADDRESS:PORT",
+    "reports": (["--listen", "127.0.0.1:0", "--reports", "x"], arqctl.USAGE, "'x' is not ADDRESS:PORT",
                 "choose another one with --reports ADDRESS:PORT, or take none with --reports off"),
     "token": (["--listen", "127.0.0.1:0", "--allow-control", "--token-file", "/nowhere"], arqctl.NO_START,
               "no token could be read from /nowhere",
               "write one with 'openssl rand -hex 16', or leave --token-file out: then one is made"),
     "target": (["x"], arqctl.USAGE, "'x' is no proxy", "write 2, ssh:HOST/2 or the path of a socket"),
+    "named twice": (["1", "-I", "2"], arqctl.USAGE, "proxies are named twice: by -I, --socket or --via and as arguments",
+                    "name all of them as arguments: 2, ssh:HOST/2 or the path of a socket"),
+    "a whole address for a host": (["--allow-host", "http://wall.example"], arqctl.USAGE,
+                                   "'http://wall.example' is no name of a host",
+                                   "write it as browsers send it: --allow-host wall.example.net"),
+    "no host": (["--allow-host", ""], arqctl.USAGE, "'' is no name of a host",
+                "write it as browsers send it: --allow-host wall.example.net"),
+    "a token for nothing": (["--token-file", "/nowhere"], arqctl.USAGE, "--token-file is for --allow-control",
+                            "add --allow-control, or leave --token-file out"),
     "name": (["--channel-name", "2"], arqctl.USAGE, "'2' names no channel", "write --channel-name 2=News"),
 }
 
@@ -543,6 +553,32 @@ def test_unless_told_it_is_reached_from_this_machine_only(closing):
     here = "0100007F:1F90"
     assert (bound_to(server, "tcp"), bound_to(server, "udp")) == ([here], [here])
     assert bound_to(server, "tcp6") == bound_to(server, "udp6") == []
+
+
+def get_from(address, port, path, host):
+    with contextlib.closing(http.client.HTTPConnection(address, port, timeout=scaled(10))) as client:
+        client.request("GET", path, headers={"Host": f"{host}:{port}"})
+        reply = client.getresponse()
+        return reply.status, reply.read().decode()
+
+
+@pytest.mark.release_only
+def test_on_every_address_it_is_known_by_those_of_the_machine(closing, lease):
+    netns.ip("addr", "add", "10.78.9.1/32", "dev", "lo")
+    closing(types.SimpleNamespace(close=lambda: netns.ip("addr", "del", "10.78.9.1/32", "dev", "lo")))
+    server = closing(arqctl.Arqctl("serve", lease.instance, "--listen", "*:0"))
+    port = int(server.wait_stdout(re.compile(r"http://0\.0\.0\.0:\d+/"))[len("http://0.0.0.0:"):-1])
+    hosts = ("10.78.9.1", "127.0.0.1", "10.78.9.2", "wall.example")
+    assert [get_from("10.78.9.1", port, "/metrics", host)[0] for host in hosts] == [200, 200, 421, 421]
+
+
+@pytest.mark.release_only
+def test_on_an_address_of_ipv6_it_shows_the_one_proxy_of_the_options_and_takes_no_reports(closing, lease):
+    server = closing(arqctl.Arqctl("serve", "-I", lease.instance, "--listen", "[::1]:0"))
+    port = int(server.wait_stdout(re.compile(r"http://\[::1\]:\d+/"))[len("http://[::1]:"):-1])
+    up = f'tx_proxy_up{{channel="{lease.instance}"}} 0\n'
+    wait_until(lambda: up in get_from("::1", port, "/metrics", "[::1]")[1], "the channel")
+    assert bound_to(server, "udp") == bound_to(server, "udp6") == []
 
 
 @pytest.mark.parametrize("told", [signal.SIGTERM, signal.SIGINT])

@@ -5,7 +5,11 @@
 #include <nlohmann/json.hpp>
 
 #include "arqctl/cli/commands.h"
+#include "arqctl/core/host_list.h"
+#include "arqctl/core/ssh_texts.h"
+#include "arqctl/serve/http_server.h"
 #include "arqctl/serve/options.h"
+#include "arqctl/serve/report_socket.h"
 
 namespace arqctl {
 
@@ -24,18 +28,6 @@ constexpr auto SERVE_EXAMPLES = R"(Examples:
 
 // One second passes between questions: who takes longer is as good as gone.
 constexpr int64_t SERVE_PATIENCE_US = 3'000'000;
-
-bool AddTargets(const std::vector<std::string>& texts, std::vector<Target>& targets, std::string& wrong)
-{
-    for (const std::string& text : texts) {
-        Target target;
-        wrong = text;
-        if (!ParseTarget(text, target))
-            return false;
-        targets.push_back(target);
-    }
-    return true;
-}
 
 bool AddNames(
     const std::vector<std::string>& texts, std::map<std::string, std::string>& names, std::string& wrong)
@@ -57,7 +49,27 @@ struct ServeWords {
     ServeOptions options;
     std::vector<std::string> targets;
     std::vector<std::string> names;
+    bool isOneGiven = false; // -I, --socket or --via
 };
+
+// What no start with other circumstances would mend.
+Trouble WrongUse(const ServeOptions& options)
+{
+    if (!HttpServer::IsAddress(options.listen))
+        return { "'" + options.listen + "' is not ADDRESS:PORT",
+            "choose another one with --listen ADDRESS:PORT" };
+    if (!options.reports.empty() && options.reports != "off" && !ReportSocket::IsAddress(options.reports))
+        return { "'" + options.reports + "' is not ADDRESS:PORT",
+            "choose another one with --reports ADDRESS:PORT, or take none with --reports off" };
+    for (const std::string& name : options.allowedHosts) {
+        if (!HostList::IsHost(name))
+            return { "'" + name + "' is no name of a host",
+                "write it as browsers send it: --allow-host wall.example.net" };
+    }
+    if (!options.tokenFile.empty() && !options.isControlAllowed)
+        return { "--token-file is for --allow-control", "add --allow-control, or leave --token-file out" };
+    return {};
+}
 
 // For people: two lines; the token itself is in its file only.
 void Announce(const Session& session, const std::string& url, const std::string& tokenFile)
@@ -74,16 +86,18 @@ void Announce(const Session& session, const std::string& url, const std::string&
 
 ExitStatus RunServe(const Session& session, ServeWords& words)
 {
+    const ExitStatus read = ReadTargets(session, words.targets, words.isOneGiven, words.options.targets);
+    if (read != ExitStatus::Good)
+        return read;
+    if (const Trouble trouble = WrongUse(words.options); !trouble.problem.empty())
+        return Fail(session, ExitStatus::Usage, trouble.problem, trouble.advice);
     std::string wrong;
-    if (!AddTargets(words.targets, words.options.targets, wrong))
-        return Fail(session, ExitStatus::Usage, "'" + wrong + "' is no proxy",
-            "write 2, ssh:HOST/2 or the path of a socket");
     if (!AddNames(words.names, words.options.channelNames, wrong))
         return Fail(
             session, ExitStatus::Usage, "'" + wrong + "' names no channel", "write --channel-name 2=News");
     words.options.started
         = [&session](const std::string& url, const std::string& file) { Announce(session, url, file); };
-    words.options.patienceUs = SERVE_PATIENCE_US;
+    words.options.patienceUs = session.isPatienceGiven ? session.patienceUs : SERVE_PATIENCE_US;
     const ServeEnd end = Serve(words.options);
     return end.problem.empty() ? ExitStatus::Good
                                : Fail(session, ExitStatus::NoStart, end.problem, end.advice);
@@ -118,8 +132,10 @@ void AddServeCommand(CLI::App& app, Session& session)
     command->add_option("targets", words->targets, "2, ssh:HOST/2 or /path/of/socket [all that run here]")
         ->type_name("TARGET");
     command->footer(SERVE_EXAMPLES);
-    command->callback(
-        [&session, words] { session.run = [&session, words] { return RunServe(session, *words); }; });
+    command->callback([&app, &session, words] {
+        words->isOneGiven = app.count("-I") + app.count("--socket") + app.count("--via") > 0;
+        session.run = [&session, words] { return RunServe(session, *words); };
+    });
 }
 
 } // namespace arqctl

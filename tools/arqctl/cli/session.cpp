@@ -71,6 +71,25 @@ Failure AskStatistics(const Session& session, Statistics& statistics)
     return ParseStatistics(answer.reply, statistics) ? Failure::None : Failure::Foreign;
 }
 
+ExitStatus ReadTargets(const Session& session, const std::vector<std::string>& texts, bool isOneGiven,
+    std::vector<Target>& targets)
+{
+    if (isOneGiven && !texts.empty())
+        return Fail(session, ExitStatus::Usage,
+            "proxies are named twice: by -I, --socket or --via and as arguments",
+            "name all of them as arguments: 2, ssh:HOST/2 or the path of a socket");
+    for (const std::string& text : texts) {
+        Target target;
+        if (!ParseTarget(text, target))
+            return Fail(session, ExitStatus::Usage, "'" + text + "' is no proxy",
+                "write 2, ssh:HOST/2 or the path of a socket");
+        targets.push_back(target);
+    }
+    if (isOneGiven)
+        targets.push_back(session.target);
+    return ExitStatus::Good;
+}
+
 Failure AskFor(const Session& session, const std::string& request, const std::string& reply)
 {
     const Answer answer = AskProxy(session, request);

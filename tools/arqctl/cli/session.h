@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "arqctl/cli/exit_status.h"
 #include "arqctl/core/statistics.h"
@@ -43,6 +44,11 @@ Answer AskProxy(const Session& session, const std::string& request);
 // Its statistics, receivers included. Unlike the answer to List this one is never empty: what ends without a word, or is
 // another program, is not taken for a proxy without receivers.
 Failure AskStatistics(const Session& session, Statistics& statistics);
+
+// The proxies that a command of several names as its arguments, or the one of -I, --socket and --via in their place: `isOneGiven`
+// when one of these was. Anything but Good has been said.
+ExitStatus ReadTargets(const Session& session, const std::vector<std::string>& texts, bool isOneGiven,
+    std::vector<Target>& targets);
 
 // A request with one reply: Foreign when another one came.
 Failure AskFor(const Session& session, const std::string& request, const std::string& reply);

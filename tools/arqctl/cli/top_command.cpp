@@ -23,19 +23,9 @@ ExitStatus RunTopCommand(const Session& session, const TopWords& words)
     if (session.isJson)
         return Fail(session, ExitStatus::Usage, "the terminal view has no JSON",
             "use 'arqctl stats --watch 1s --json', or the API of 'arqctl serve'");
-    if (words.isOneGiven && !words.targets.empty())
-        return Fail(session, ExitStatus::Usage,
-            "proxies are named twice: by -I, --socket or --via and as arguments",
-            "name all of them as arguments: 2, ssh:HOST/2 or the path of a socket");
-    for (const std::string& text : words.targets) {
-        Target target;
-        if (!ParseTarget(text, target))
-            return Fail(session, ExitStatus::Usage, "'" + text + "' is no proxy",
-                "write 2, ssh:HOST/2 or the path of a socket");
-        options.targets.push_back(target);
-    }
-    if (words.isOneGiven)
-        options.targets.push_back(session.target);
+    const ExitStatus read = ReadTargets(session, words.targets, words.isOneGiven, options.targets);
+    if (read != ExitStatus::Good)
+        return read;
     options.isPlain = words.isPlain;
     options.wantsColour = !words.isWithoutColour;
     options.patienceUs = session.patienceUs;

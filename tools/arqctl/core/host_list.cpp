@@ -37,6 +37,13 @@ HostList::HostList(const std::string& listenAddress, uint16_t port) : m_usPort(p
     }
 }
 
+bool HostList::IsHost(std::string_view name)
+{
+    constexpr std::string_view HOST_LETTERS
+        = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_.:[]";
+    return !name.empty() && name.find_first_not_of(HOST_LETTERS) == std::string_view::npos;
+}
+
 void HostList::Allow(std::string_view name)
 {
     const std::string host = SmallLetters(name);

@@ -15,6 +15,9 @@ public:
     // all with `port`; without one only where that is what a browser leaves out (80).
     HostList(const std::string& listenAddress, uint16_t port);
 
+    // False for what no browser sends as a Host: a whole address with "http://", blanks, nothing.
+    static bool IsHost(std::string_view name);
+
     // "NAME" (with our port or, behind a server of another port, with none) or "NAME:PORT" (just so).
     void Allow(std::string_view name);
 

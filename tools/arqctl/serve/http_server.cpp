@@ -57,18 +57,6 @@ uint16_t PortOf(const sockaddr_storage& address)
                                                : reinterpret_cast<const sockaddr_in&>(address).sin_port);
 }
 
-std::string HostOf(const sockaddr_storage& address)
-{
-    char text[INET6_ADDRSTRLEN] = "";
-    if (address.ss_family == AF_INET6) {
-        (void)inet_ntop(
-            AF_INET6, &reinterpret_cast<const sockaddr_in6&>(address).sin6_addr, text, sizeof(text));
-        return std::string("[") + text + "]";
-    }
-    (void)inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, text, sizeof(text));
-    return text;
-}
-
 bool IsClosed(bufferevent* buffer)
 {
     bufferevent_data_cb readable = nullptr;
@@ -107,6 +95,26 @@ HttpServer::~HttpServer()
         (void)bufferevent_decref(connection.buffer);
 }
 
+bool HttpServer::IsAddress(const std::string& addressAndPort)
+{
+    sockaddr_storage address {};
+    int length = 0;
+    return ParseListenAddress(addressAndPort, address, length);
+}
+
+std::string HttpServer::HostOf(const sockaddr* address)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    const void* const raw = address; // of the family that it says
+    if (address != nullptr && address->sa_family == AF_INET6) {
+        (void)inet_ntop(AF_INET6, &static_cast<const sockaddr_in6*>(raw)->sin6_addr, text, sizeof(text));
+        return std::string("[") + text + "]";
+    }
+    if (address != nullptr && address->sa_family == AF_INET)
+        (void)inet_ntop(AF_INET, &static_cast<const sockaddr_in*>(raw)->sin_addr, text, sizeof(text));
+    return text;
+}
+
 bool HttpServer::Listen(const std::string& addressAndPort, std::string& problem)
 {
     sockaddr_storage address {};
@@ -126,7 +134,7 @@ bool HttpServer::Listen(const std::string& addressAndPort, std::string& problem)
     evconnlistener_set_error_cb(listener, AcceptFailed);
     socklen_t size = sizeof(address);
     (void)getsockname(evconnlistener_get_fd(listener), reinterpret_cast<sockaddr*>(&address), &size);
-    m_address = HostOf(address);
+    m_address = HostOf(reinterpret_cast<const sockaddr*>(&address));
     m_usPort = PortOf(address);
     return true;
 }

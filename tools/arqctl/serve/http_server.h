@@ -38,7 +38,11 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    // "127.0.0.1:8080", "[::1]:8080", "*:8080". False with the reason as a sentence.
+    // "127.0.0.1:8080", "[::1]:8080", "*:8080".
+    static bool IsAddress(const std::string& addressAndPort);
+    // As it stands in a URL: "127.0.0.1", "[::1]"; "" for what is neither IPv4 nor IPv6.
+    static std::string HostOf(const sockaddr* address);
+    // False with the reason as a sentence.
     bool Listen(const std::string& addressAndPort, std::string& problem);
     const std::string& Address() const { return m_address; } // "127.0.0.1", "[::1]"
     uint16_t Port() const { return m_usPort; } // the one in use, with ":0" too

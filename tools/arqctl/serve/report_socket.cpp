@@ -7,6 +7,12 @@
 
 namespace arqctl {
 
+bool ReportSocket::IsAddress(const std::string& addressAndPort)
+{
+    common::Endpoint endpoint;
+    return common::ParseEndpoint(addressAndPort, endpoint);
+}
+
 bool ReportSocket::Open(const std::string& addressAndPort, std::string& problem)
 {
     common::Endpoint endpoint;

@@ -19,7 +19,9 @@ public:
 
     ReportSocket(event_base* base, Handler handler) : m_pBase(base), m_handler(std::move(handler)) {}
 
-    // "ADDRESS:PORT" or "*:PORT" (IPv4). False with the reason as a sentence.
+    // "ADDRESS:PORT" or "*:PORT" (IPv4).
+    static bool IsAddress(const std::string& addressAndPort);
+    // False with the reason as a sentence.
     bool Open(const std::string& addressAndPort, std::string& problem);
 
 private:

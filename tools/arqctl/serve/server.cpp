@@ -1,5 +1,6 @@
 #include "arqctl/serve/server.h"
 
+#include <ifaddrs.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -83,12 +84,16 @@ bool Server::Open(ServeEnd& end)
         return false;
     }
     const std::string own = m_http.Address() + ":" + std::to_string(m_http.Port());
-    const std::string reports = m_options.reports.empty() ? own : m_options.reports;
+    const bool isIpv6 = own.starts_with('['); // receivers are of IPv4
+    const std::string usual = isIpv6 ? "off" : own;
+    const std::string reports = m_options.reports.empty() ? usual : m_options.reports;
     if (reports != "off" && !m_reports.Open(reports, end.problem)) {
         end.advice = "choose another one with --reports ADDRESS:PORT, or take none with --reports off";
         return false;
     }
     m_hosts = std::make_unique<HostList>(m_http.Address(), m_http.Port());
+    if (m_http.Address() == "0.0.0.0" || m_http.Address() == "[::]")
+        AllowOwnAddresses();
     for (const std::string& name : m_options.allowedHosts)
         m_hosts->Allow(name);
     if (!TakeToken(end))
@@ -96,6 +101,19 @@ bool Server::Open(ServeEnd& end)
     if (m_options.started)
         m_options.started("http://" + own + "/", m_token.Path());
     return true;
+}
+
+// Who listens on every address is asked by each of them. An address is no name that could be made to point here.
+void Server::AllowOwnAddresses()
+{
+    ifaddrs* first = nullptr;
+    if (getifaddrs(&first) != 0)
+        return;
+    for (const ifaddrs* one = first; one != nullptr; one = one->ifa_next) {
+        if (const std::string host = HttpServer::HostOf(one->ifa_addr); !host.empty())
+            m_hosts->Allow(host + ":" + std::to_string(m_http.Port()));
+    }
+    freeifaddrs(first);
 }
 
 bool Server::TakeToken(ServeEnd& end)

@@ -33,6 +33,7 @@ private:
     static void Told(int fd, short what, void* self);
     void Tick();
     void SetTimer();
+    void AllowOwnAddresses();
     bool TakeToken(ServeEnd& end);
 
     void Handle(evhttp_request* request);
