@@ -141,6 +141,8 @@ def test_options_stand_before_or_behind_the_command_or_in_a_file(commanded_proxy
     (("--timeout", "0", "list"), "--timeout: '0' is not a time from 1ms to 1h; write 5s or 500ms", " list"),
     (("reset", "both"), "reset: 'both' is not rx, tx or all", " reset"),
     (("add", "10.0.0.1,"), "ADDRESS: '' is not an address or the name of a host", " add"),
+    (("add", "10.0.0.1:5000"), "ADDRESS: '10.0.0.1:5000' is not an address or the name of a host", " add"),
+    (("impair",), "impair: one of these is missing: on, off, status", " impair"),
 ])  # fmt: skip
 def test_a_wrong_use_says_what_is_wrong_and_where_help_is(arguments, problem, command):
     result = arqctl.run(*arguments)

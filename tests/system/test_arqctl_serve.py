@@ -143,9 +143,9 @@ def test_metrics_have_every_documented_name_and_pass_the_linter(site):
     assert f'tx_proxy_up{{channel="{site.id}"}} 1' in reply.body
     assert f'tx_proxy_up{{channel="{NOWHERE}"}} 0' in reply.body
     assert f'tx_proxy_receiver_up{{channel="{site.id}",receiver="{RECEIVER}"}} 1' in reply.body
-    assert f'tx_proxy_request_budget_bytes{{channel="{site.id}"}} 352516' in reply.body
     of_missing = re.findall(rf'^(\w+){{channel="{NOWHERE}"}}', reply.body, re.MULTILINE)
     assert of_missing == ["tx_proxy_up", "tx_proxy_control_failures_total"]
+    assert f'tx_proxy_request_budget_bytes{{channel="{site.id}"}} 352516' in reply.body
 
 
 @pytest.mark.release_only
@@ -205,9 +205,9 @@ REFUSALS = {
     "no address": ("POST", "{channel}/receivers", {}, {}, 400, "the body is not an object with an address", ADDRESS_ADVICE),
     "a list": ("POST", "{channel}/receivers", {}, [], 400, "the body is not an object with an address", ADDRESS_ADVICE),
     "two words": ("POST", "{channel}/receivers", {}, {"address": "10.0.0.1 StatClear"}, 400,
-                  "the address is empty, too long or has blanks in it", ADDRESS_ADVICE),
+                  "the address is empty, too long, or has blanks or colons in it", ADDRESS_ADVICE),
     "two words in the path": ("DELETE", "{channel}/receivers/a%20b", {}, None, 400,
-                              "the address is empty, too long or has blanks in it",
+                              "the address is empty, too long, or has blanks or colons in it",
                               "end the path with /receivers/10.0.0.1"),
     "on or off": ("POST", "{channel}/impairment", {}, {"on": 1}, 400,
                   "the body does not say whether deliberate loss shall be on", IMPAIR_ADVICE),

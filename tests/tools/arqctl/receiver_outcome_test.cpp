@@ -57,7 +57,7 @@ TEST(ReceiverOutcome, OnlyOneWordCanStandInACommand)
 {
     for (const char* good : { "10.0.0.1", "studio-b.example", "a" })
         EXPECT_TRUE(IsReceiverWord(good)) << good;
-    for (const char* bad : { "", "a b", " a", "a\n", "a\x7f", "caf\xc3\xa9" })
+    for (const char* bad : { "", "a b", " a", "a\n", "a\x7f", "10.0.0.1:5000", "::1", "caf\xc3\xa9" })
         EXPECT_FALSE(IsReceiverWord(bad)) << bad;
     EXPECT_TRUE(IsReceiverWord(std::string(253, 'a')));
     EXPECT_FALSE(IsReceiverWord(std::string(254, 'a')));

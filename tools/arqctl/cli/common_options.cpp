@@ -78,6 +78,18 @@ CLI::Option* AddText(
     return app.add_option_function<std::string>(name, take, text)->type_name(type);
 }
 
+// Of a command with commands of its own, none of which was given.
+std::string MissingKinds(const CLI::App& app)
+{
+    const std::vector<CLI::App*> given = app.get_subcommands();
+    if (given.empty() || !given.front()->get_subcommands().empty())
+        return "";
+    std::string text;
+    for (const CLI::App* kind : given.front()->get_subcommands([](const CLI::App*) { return true; }))
+        text += (text.empty() ? "" : ", ") + kind->get_name();
+    return text.empty() ? "" : given.front()->get_name() + ": one of these is missing: " + text;
+}
+
 } // namespace
 
 void AddCommonOptions(CLI::App& app, Session& session)
@@ -120,6 +132,8 @@ std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error)
     const std::vector<std::string> left = app.remaining();
     if (app.get_subcommands().empty() && !left.empty() && !left.front().starts_with('-'))
         return "there is no command '" + Printable(left.front()) + "'";
+    if (const std::string kinds = MissingKinds(app); error.get_name() == "RequiredError" && !kinds.empty())
+        return kinds;
     std::string text = error.what();
     while (text.ends_with('\n'))
         text.pop_back();

@@ -73,7 +73,8 @@ std::string OutcomeAdvice(ReceiverAction action, Outcome outcome)
 
 bool IsReceiverWord(const std::string& who)
 {
-    const auto isPlain = [](char letter) { return letter > ' ' && letter < '\x7f'; };
+    // A colon is of a port or of IPv6: the proxy sends to IPv4 addresses, at a port of its own.
+    const auto isPlain = [](char letter) { return letter > ' ' && letter < '\x7f' && letter != ':'; };
     return !who.empty() && who.size() <= LONGEST_HOST_NAME && std::all_of(who.begin(), who.end(), isPlain);
 }
 

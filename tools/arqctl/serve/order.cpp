@@ -27,14 +27,15 @@ std::variant<Order, Refusal> AddOrder(const OrderJson& body)
         return Refusal { 400, "the body is not an object with an address", ADDRESS_ADVICE };
     const std::string who = body["address"].get<std::string>();
     if (!IsReceiverWord(who))
-        return Refusal { 400, "the address is empty, too long or has blanks in it", ADDRESS_ADVICE };
+        return Refusal { 400, "the address is empty, too long, or has blanks or colons in it",
+            ADDRESS_ADVICE };
     return Order { {}, ReceiverAction::Add, who };
 }
 
 std::variant<Order, Refusal> DeleteOrder(const std::string& who)
 {
     if (!IsReceiverWord(who)) {
-        return Refusal { 400, "the address is empty, too long or has blanks in it",
+        return Refusal { 400, "the address is empty, too long, or has blanks or colons in it",
             "end the path with /receivers/10.0.0.1" };
     }
     return Order { {}, ReceiverAction::Delete, who };
