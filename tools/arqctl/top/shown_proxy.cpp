@@ -26,10 +26,9 @@ ProxyState StateOf(const ShownProxy& proxy)
         return ProxyState::Down;
     if (!reading.isUp)
         return proxy.failure == Failure::None ? ProxyState::Asked : ProxyState::Down;
-    if (!reading.isInputGone)
-        return ProxyState::Good;
-    const bool hadInput = reading.hasHadInput || reading.statistics.receivedPackets > 0;
-    return hadInput ? ProxyState::InputGone : ProxyState::Waiting;
+    if (!reading.hasHadInput && reading.statistics.receivedPackets == 0)
+        return ProxyState::Waiting;
+    return reading.isInputGone ? ProxyState::InputGone : ProxyState::Good;
 }
 
 Tone ToneOf(ProxyState state)
