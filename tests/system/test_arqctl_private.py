@@ -125,6 +125,7 @@ def test_a_channel_goes_on_when_the_other_unit_runs_it(unit, net, closing):
     assert server.wait_channel(net.instance, lambda one: one["up"], "up again")["restarts"] == 1
     ended = lines.wait_stdout(re.compile(rf"\S+  {net.instance}  NO PROXY: .*"))
     wait_until(lambda: re.fullmatch(answers, lines.stdout.lines[-1]), f"its return after {ended!r}")
+    assert "  good  " not in lines.stdout.text, "neither has had input"
 
 
 def test_who_may_not_enter_its_folder_is_told_so(unit, start, net):
