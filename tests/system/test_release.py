@@ -3,6 +3,7 @@
 import hashlib
 import os
 import pathlib
+import pathlib
 import re
 import subprocess
 import tarfile
@@ -95,6 +96,15 @@ def stand_in(folder, name, text):
     return folder
 
 
+def everything_but(folder, missing):
+    """A folder with the system's programs but for one."""
+    folder.mkdir()
+    for program in pathlib.Path("/usr/bin").iterdir():
+        if program.name != missing:
+            (folder / program.name).symlink_to(program)
+    return folder
+
+
 def with_quick_steps(clone, check="exit 0"):
     """In place of the long steps commands that only say that they were there: others test what those do."""
     (clone / "check").write_text(f'#!/bin/sh\necho "$@" >"$TX_PROXY_SEEN"\n{check}\n')
@@ -125,7 +135,11 @@ def test_make_ends_without_a_tag_when_the_checks_fail_or_lintian_objects(clone, 
     monkeypatch.setenv("TX_PROXY_SEEN", str(tmp_path / "seen"))
     release(clone, "prepare", "9.8.7")
     with_quick_steps(clone, check="exit 1")
+    with monkeypatch.context() as bare:
+        bare.setenv("PATH", str(everything_but(tmp_path / "programs", "lintian")))
+        assert refused(release(clone, "make", "--out", tmp_path / "out"), "lintian is not installed")
+    assert not (tmp_path / "seen").exists()  # known before the long steps
     assert refused(release(clone, "make", "--out", tmp_path / "out"), "./check has failed")
     objecting = stand_in(tmp_path / "bin", "lintian", "exit 1")
     assert refused(release(clone, "make", "--out", tmp_path / "out", "--checked", path=objecting), "lintian objects")
-    assert git(clone, "tag") == ""
+    assert git(clone, "tag") == "" and not (tmp_path / "out").exists()
