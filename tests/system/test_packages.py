@@ -12,7 +12,7 @@ import pytest
 
 from txproxy import packages, plugin_builder, rtp
 from txproxy.elf import Elf
-from txproxy.page import ROOT
+from txproxy.page import ROOT, links
 from txproxy.packages import PROXY, TOOLS
 from txproxy.receiver import pump
 
@@ -214,6 +214,15 @@ def test_cmake_install_puts_the_files_of_both_packages(unpacked, tmp_path):
         else:
             assert data == packed[name], name
         assert (path.stat().st_mode & 0o111) == (os.stat(unpacked / name.lstrip("/")).st_mode & 0o111), name
+
+
+def test_links_of_the_packaged_pages_lead_to_packaged_files():
+    files = packages.package(PROXY).files
+    folder = "/usr/share/doc/tx_proxy"
+    pages = [path for path in files if path.startswith(f"{folder}/") and path.endswith(".md")]
+    assert f"{folder}/README.md" in pages and f"{folder}/SECURITY.md" in pages
+    named = {f"{folder}/{link.partition('#')[0]}" for page in pages for link in links(files[page].decode())} - {f"{folder}/"}
+    assert named <= set(files)
 
 
 def test_no_file_is_in_both_packages():

@@ -35,3 +35,13 @@ class Page:
 def quoted(cell):
     """What stands between backticks."""
     return re.findall(r"`([^`]+)`", cell)
+
+
+def prose(text):
+    """Without the blocks of commands and captures."""
+    return re.sub(r"(?ms)^```.*?^```$", "", text)
+
+
+def links(text):
+    """Where the links of a page lead, but for other sites."""
+    return [link for link in re.findall(r"\]\(([^)\s]+)\)", prose(text)) if "://" not in link]
