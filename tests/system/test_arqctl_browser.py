@@ -224,10 +224,58 @@ def test_a_stopped_input_is_red_with_a_sentence_and_good_again_when_it_is_back(r
     assert len(sentence) > 10
     assert sentence in browser.run("return document.getElementById('said_at_once').textContent"), "it is said aloud"
     assert browser.driver.title == "✖ Main feed: Input gone"
+    assert browser.text("#red") == "✖ 1 of 1 red"
     room.start_stream()
     wait_state(browser, "Good")
     wait_until(lambda: browser.style(TILE, "backgroundColor") == WHITE, "the tile to be white again")
-    wait_until(lambda: browser.text(f"{TILE} .sentence") == "", "the sentence to go")
+    wait_until(lambda: browser.text(f"{TILE} .sentence") == browser.text("#red") == "", "the sentence to go")
+
+
+def test_thirty_channels_are_on_one_screen_and_what_is_not_known_is_a_dash(room, browser):
+    browser.resize(1920, 1080)
+    try:
+        wait_until(lambda: browser.run("return innerWidth") == 1920, "the new size")
+        assert browser.text("#plots_title") == "Main feed"
+        shown = browser.run_module("""events.stop();
+            const state = structuredClone(page.state);
+            const own = Object.assign(state.channels[0], { name: state.channels[0].id, receivers: [], reports: [] });
+            state.channels.push(...[...Array(29).keys()].map((index) => ({ ...own, id: `other ${index}` })));
+            state.channels[2].name = "A name that has no room in so small a tile";
+            page.take(state, 0);
+            const part = (name) => document.getElementById(name);
+            const text = (name) => (part(name).checkVisibility() ? part(name).innerText : "");
+            const before = [text("plots_title"), text("receivers_title"), text("no_receivers"), text("red")];
+            const down = { state: "down", state_text: "The proxy does not answer: because.", up: false, input: {}, output: {} };
+            Object.assign(own, down);
+            page.take(state, 0);
+            const tiles = [...document.querySelectorAll(".tile[data-id]")];
+            const bottom = Math.max(...tiles.map((tile) => tile.getBoundingClientRect().bottom));
+            const values = [...tiles[0].querySelectorAll(".value")].map((value) => value.innerText);
+            return [tiles.length, bottom <= innerHeight, before, values.join(""), text("no_receivers"), text("red")];""")
+    finally:
+        browser.command("Emulation.clearDeviceMetricsOverride")
+    titles = [f"Channel {room.channel}", f"Receivers of channel {room.channel}", "The proxy's list is empty.", ""]
+    assert shown == [30, True, titles, "–" * 5, "Not known: the proxy does not answer.", "✖ 1 of 30 red"]
+
+
+def test_a_click_on_how_many_are_red_shows_the_first_of_them(browser):
+    browser.resize(390, 844)
+    try:
+        wait_until(lambda: browser.run("return innerWidth") == 390, "the new size")
+        top = browser.run_module("""events.stop();
+            const state = structuredClone(page.state);
+            const others = [...Array(29).keys()].map((index) => ({ ...state.channels[0], id: `other ${index}` }));
+            state.channels.push(...others);
+            state.channels[24].state = "input_gone";
+            page.take(state, 0);
+            const tile = document.querySelector(".tile[data-state=input_gone]");
+            const isSeen = () => tile.getBoundingClientRect().top >= 0 && tile.getBoundingClientRect().bottom <= innerHeight;
+            const before = isSeen();
+            document.getElementById("red").click();
+            return [before, isSeen()];""")
+    finally:
+        browser.command("Emulation.clearDeviceMetricsOverride")
+    assert top == [False, True]
 
 
 def leads(browser, tab):

@@ -23,6 +23,7 @@ export class Page {
   #table = new ReceiverTable(byId("receiver_table"), (address) => this.#dialogs.remove(this.#shown, address));
 
   constructor() {
+    byId("red").addEventListener("click", () => this.#tiles.showFirst(isRed));
     byId("open_add").addEventListener("click", () => this.#dialogs.add(this.#shown));
     byId("open_impair").addEventListener("click", () => this.#dialogs.impair(this.#shown));
     byId("spans").append(...SPANS.map((span) => this.#spanButton(span)));
@@ -70,11 +71,15 @@ export class Page {
   }
 
   #drawChannel(channel, time, mayChange) {
-    setText(byId("plots_title"), `Channel ${channel.name ?? channel.id}`);
+    const name = channel.name !== channel.id && channel.name;
+    setText(byId("plots_title"), name || `Channel ${channel.id}`);
     setText(byId("facts"), factsOf(channel));
-    setText(byId("receivers_title"), `Receivers of channel ${channel.name ?? channel.id}`);
+    setText(byId("receivers_title"), `Receivers of ${name || `channel ${channel.id}`}`);
     this.#plots.draw();
-    this.#table.update(channel, time, mayChange);
+    const isEmpty = this.#table.update(channel, time, mayChange) === 0;
+    setHidden(byId("receiver_table").parentElement, isEmpty);
+    setHidden(byId("no_receivers"), !isEmpty);
+    setText(byId("no_receivers"), channel.up ? "The proxy's list is empty." : "Not known: the proxy does not answer.");
   }
 
   #drawAge() {
@@ -85,6 +90,8 @@ export class Page {
 
   #drawTitle(channels) {
     const red = channels.filter((channel) => isRed(channel.state));
+    setHidden(byId("red"), red.length === 0);
+    setText(byId("red"), `✖ ${red.length} of ${channels.length} red`);
     const text =
       red.length === 0
         ? "tx_proxy"

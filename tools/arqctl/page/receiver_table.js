@@ -87,6 +87,7 @@ export class ReceiverTable {
     });
   }
 
+  // Returns how many rows there are.
   update(channel, now, mayChange) {
     this.#last = [channel, now, mayChange];
     const rows = sortRows(rowsOf(channel), this.#column, this.#isDescending);
@@ -97,6 +98,7 @@ export class ReceiverTable {
       rows.map((row) => this.#fill(row, now, mayChange)),
     );
     setData(this.#body.parentElement, "control", mayChange);
+    return rows.length;
   }
 
   #fill(row, now, mayChange) {

@@ -4,7 +4,8 @@ import { make, setChildren, setData, setHidden, setText } from "./dom.js";
 import { bitRate, count, duration, isRed, known, moment, perSecond, stateOf } from "./text.js";
 
 // The columns of the grid for so many tiles on a wide screen.
-const columnsFor = (tiles) => (tiles <= 4 ? Math.max(1, tiles) : tiles <= 6 ? 3 : 4);
+const columnsFor = (tiles) => (tiles <= 4 ? Math.max(1, tiles) : tiles <= 6 ? 3 : tiles <= MANY ? 4 : 6);
+const MANY = 12; // beyond, tiles are as small as they can be read
 
 class Tile {
   #parts = {};
@@ -55,6 +56,7 @@ class Tile {
   update(channel, now, isSelected) {
     const state = stateOf(channel.state);
     setText(this.#select, channel.name ?? channel.id);
+    this.#select.title = this.#select.textContent; // where there is no room for all of it
     this.#select.setAttribute("aria-pressed", String(isSelected));
     setData(this.element, "state", channel.state);
     setData(this.element, "selected", isSelected);
@@ -66,6 +68,7 @@ class Tile {
       known(channel.since) ? `since ${moment(channel.since, now)}, ${duration(now - channel.since)}` : "",
     );
     setText(this.#parts.sentence, channel.state === "good" ? "" : (channel.state_text ?? ""));
+    this.#parts.sentence.title = this.#parts.sentence.textContent;
     setHidden(this.#parts.badge, channel.impairment !== true);
     this.#putFigures(channel);
   }
@@ -119,12 +122,20 @@ export class Tiles {
       channels.map((channel) => this.#tiles.get(channel.id).element),
     );
     setData(this.#box, "count", Math.min(channels.length, 9));
+    setData(this.#box, "many", channels.length > MANY);
     this.#box.style.setProperty("--columns", columnsFor(channels.length));
   }
 
   // Marks all figures as old; an empty text: they are live.
   age(text) {
     for (const tile of this.#tiles.values()) tile.age(text);
+  }
+
+  // Brings the first tile whose state the function says yes to onto the screen.
+  showFirst(isWanted) {
+    const found = [...this.#box.children].find((tile) => isWanted(tile.dataset.state));
+    found?.scrollIntoView({ block: "center" });
+    found?.querySelector("button").focus({ preventScroll: true });
   }
 
   #tileOf(id) {
