@@ -51,7 +51,7 @@ Json Object(const Sample& sample, const std::string& stream, int64_t wallSeconds
     for (const TimeField& field : TIME_FIELDS)
         AddKnownMs(object, field.name, core.*field.timeUs);
     if (core.received > 0)
-        object["drift_ppm"] = std::round(core.driftPpm * THOUSAND) / THOUSAND;
+        object["drift_ppm"] = std::round(core.driftPpm * THOUSAND) / THOUSAND + 0.0; // never -0.0
     AddKnownMs(object, "play_late_p50", sample.playLateP50Us);
     AddKnownMs(object, "play_late_p99", sample.playLateP99Us);
     if (sample.transportPackets > 0) {

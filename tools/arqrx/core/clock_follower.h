@@ -27,7 +27,7 @@ public:
 
     // By how much even the fastest packet of the last 2 s was later than the line; negative: sooner.
     int64_t LatelyBehindUs() const { return m_nErrorUs; }
-    double DriftPpm() const { return -1e6 * m_fRate; } // how much faster the proxy's clock runs
+    double DriftPpm() const { return 0 - 1e6 * m_fRate; } // how much faster the proxy's clock runs
 
 private:
     void EndWindow(int64_t mediaUs, int64_t arrivalUs);
