@@ -80,6 +80,7 @@ def test_a_host_that_nobody_knows_is_told():
     assert status == arqrx.NO_START
     assert stderr.startswith("arqrx: cannot find the proxy: ")
     assert "no-such-host.invalid" in stderr
+    assert stderr.endswith("; give its address, or see what this machine knows with: getent hosts no-such-host.invalid\n")
     assert stderr.count("\n") == 1
 
 
@@ -94,17 +95,29 @@ def test_a_port_in_use_is_told_with_how_to_find_its_owner(net, closing):
     assert "in use" in stderr
 
 
+def test_an_address_of_another_machine_is_told_with_how_to_see_ones_own():
+    status, _, stderr = arqrx.run("127.0.0.1", "--bind", "192.0.2.1:5000")
+    assert (status, stderr) == (
+        arqrx.NO_START,
+        f"arqrx: cannot receive on 192.0.2.1:5000: {reason_in(stderr)}; "
+        "see this machine's addresses with: ip -brief addr\n",
+    )
+
+
 def reason_in(line):
     """What the system said, between the place and the advice."""
     return line.split(": ", 2)[2].split(";")[0]
 
 
-def test_metrics_on_a_port_in_use_are_told(net, closing, lease):
+def test_metrics_on_a_port_in_use_are_told(net, closing, lease, tmp_path):
     port = lease.port()
     first = closing(Arqrx("--listen", f"{arqrx.LOCAL}:{net.destination}", "--metrics", port, "--json", "--interval", "100ms"))
     first.wait_ready()
-    status, _, stderr = arqrx.run("--listen", f"127.0.0.3:{net.destination}", "--metrics", port)
+    recording = tmp_path / "evening.ts"
+    recording.write_bytes(b"recorded")
+    status, _, stderr = arqrx.run("--listen", f"127.0.0.3:{net.destination}", "--metrics", port, "--output", f"file:{recording}")
     assert status == arqrx.NO_START
+    assert recording.read_bytes() == b"recorded", "a start that fails spoils no recording"
     assert stderr == (
         f"arqrx: cannot serve metrics on 127.0.0.1:{port}; take another port with --metrics ADDRESS:PORT\n"
     )
@@ -112,9 +125,12 @@ def test_metrics_on_a_port_in_use_are_told(net, closing, lease):
 
 def test_a_file_that_cannot_be_made_is_told_before_anything_is_received(tmp_path):
     status, _, stderr = arqrx.run("127.0.0.1", "--output", f"file:{tmp_path}")
-    assert (status, stderr) == (arqrx.NO_START, f"arqrx: output file:{tmp_path}: Is a directory\n")
+    assert (status, stderr) == (arqrx.NO_START, f"arqrx: output file:{tmp_path}: Is a directory; name a file in it\n")
     status, _, stderr = arqrx.run("127.0.0.1", "--output", f"file:{tmp_path}/none/x.ts")
-    assert (status, stderr) == (arqrx.NO_START, f"arqrx: output file:{tmp_path}/none/x.ts: No such file or directory\n")
+    assert (status, stderr) == (
+        arqrx.NO_START,
+        f"arqrx: output file:{tmp_path}/none/x.ts: No such file or directory; make the folder first\n",
+    )
 
 
 def test_a_file_that_may_not_be_written_is_told(tmp_path):
@@ -125,7 +141,10 @@ def test_a_file_that_may_not_be_written_is_told(tmp_path):
         status, _, stderr = arqrx.run("127.0.0.1", "--output", f"file:{folder}/x.ts")
     finally:
         subprocess.run(["umount", folder], check=True)
-    assert (status, stderr) == (arqrx.NO_START, f"arqrx: output file:{folder}/x.ts: Read-only file system\n")
+    assert (status, stderr) == (
+        arqrx.NO_START,
+        f"arqrx: output file:{folder}/x.ts: Read-only file system; name a file that this user may write\n",
+    )
 
 
 def test_a_full_disk_ends_its_output_and_the_others_go_on(start, source, closing, lease):

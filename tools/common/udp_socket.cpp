@@ -33,7 +33,8 @@ bool FindInterface(const std::string& text, ip_mreqn& request)
 
 bool UdpSocket::Fail(const std::string& what)
 {
-    m_problem = what + ": " + std::generic_category().message(errno);
+    m_nError = errno;
+    m_problem = what + ": " + std::generic_category().message(m_nError);
     return false;
 }
 

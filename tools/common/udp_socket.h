@@ -35,6 +35,8 @@ public:
     // The address it is bound to; all 0 if it is not.
     Endpoint Local() const;
     const std::string& Problem() const { return m_problem; }
+    // The system's number for it.
+    int ProblemNumber() const { return m_nError; }
 
 private:
     bool Fail(const std::string& what); // reads errno
@@ -42,6 +44,7 @@ private:
 
     UniqueFd m_fd;
     std::string m_problem;
+    int m_nError = 0;
 };
 
 } // namespace common

@@ -143,7 +143,9 @@ TEST(ArqrxCommandLine, EachWrongValueIsTold)
     EXPECT_EQ(ErrorOf({ "h", "--receive-buffer", "63999" }),
         "--receive-buffer: '63999' is not a size from 64k to 1G; write 8M or 64k");
     EXPECT_EQ(ErrorOf({ "h", "--bind", "eth0" }), "--bind: 'eth0' is not ADDRESS:PORT, ADDRESS or PORT");
-    EXPECT_EQ(ErrorOf({ "--group", "239.1.1.1" }), "--group: '239.1.1.1' is not ADDRESS:PORT");
+    EXPECT_EQ(ErrorOf({ "--group", "239.1.1.1" }),
+        "--group: '239.1.1.1' is not ADDRESS:PORT, with a port from 1 to 65535");
+    EXPECT_EQ(ErrorOf({ "--listen", "0" }), "--listen: '0' is not ADDRESS:PORT, with a port from 1 to 65535");
     EXPECT_EQ(ErrorOf({ "h:0" }), "PROXY: 'h:0' is not HOST or HOST:PING_PORT");
     EXPECT_EQ(ErrorOf({ "h", "--metrics", "x" }), "--metrics: 'x' is not ADDRESS:PORT or PORT");
     EXPECT_EQ(ErrorOf({ "h", "--max-loss", "2" }), "--max-loss: '2' is not a share; write 0.1% or 0.001");

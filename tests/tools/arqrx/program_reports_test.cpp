@@ -101,6 +101,9 @@ TEST_F(TextReportTest, SilenceIsSaidInWords)
     sample.core.received = 0;
     EXPECT_EQ(report.Interval(sample, NOON),
         "22:13:20 no media yet; pinging 10.0.0.1:10000: does the proxy run there?\n");
+    sample.core.echoesBack = 1;
+    EXPECT_EQ(report.Interval(sample, NOON),
+        "22:13:20 no media yet; pinging 10.0.0.1:10000: it answers; does its input come?\n");
     sample = First();
     sample.sinceMediaUs = 2'000'000;
     EXPECT_EQ(report.Interval(sample, NOON), "22:13:20 nothing has come for 2 s\n");

@@ -58,13 +58,27 @@ TEST(StreamFile, ReplacesAFile)
     EXPECT_EQ(ContentOf(folder.Path("file")), "abcabc");
 }
 
-TEST(StreamFile, TellsWhyItCannotBeOpened)
+TEST(StreamFile, AnOldFileStandsUntilThereIsSomethingNew)
+{
+    const Folder folder;
+    std::ofstream(folder.Path("file")) << "an evening's recording";
+    std::string problem;
+    {
+        StreamFile file;
+        ASSERT_TRUE(file.Open(folder.Path("file"), problem)) << problem;
+    }
+    EXPECT_EQ(ContentOf(folder.Path("file")), "an evening's recording");
+}
+
+TEST(StreamFile, TellsWhyItCannotBeOpenedAndWhatToDo)
 {
     const Folder folder;
     StreamFile file;
     std::string problem;
     EXPECT_FALSE(file.Open(folder.Path("none/file"), problem));
-    EXPECT_EQ(problem, "No such file or directory");
+    EXPECT_EQ(problem, "No such file or directory; make the folder first");
+    EXPECT_FALSE(file.Open(folder.Path("."), problem));
+    EXPECT_EQ(problem, "Is a directory; name a file in it");
 }
 
 TEST(StreamFile, ANamedPipeNeedsItsReaderFirst)

@@ -109,7 +109,7 @@ Setter WithPort(const std::string& option, std::optional<common::Endpoint>& endp
     return [=, &endpoint](const std::string& text) {
         common::Endpoint found;
         if ((!common::ParseEndpoint(text, found) && !common::ParsePort(text, found.port)) || found.port == 0)
-            Refuse(option, text, "ADDRESS:PORT");
+            Refuse(option, text, "ADDRESS:PORT, with a port from 1 to 65535");
         endpoint = found;
     };
 }

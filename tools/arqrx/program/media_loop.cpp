@@ -51,7 +51,8 @@ bool OpenMedia(const Options& options, MediaParts& parts, std::string& problem)
     if (!OpenDecryption(options, parts, problem))
         return false;
     if (!options.proxyHost.empty() && !parts.proxy.LookUp(options.proxyHost, problem)) {
-        problem = "cannot find the proxy: " + problem;
+        problem = "cannot find the proxy: " + problem
+            + "; give its address, or see what this machine knows with: getent hosts " + options.proxyHost;
         return false;
     }
     if (!parts.sockets.Open(options, parts.proxy.Address(), problem))

@@ -32,9 +32,19 @@ bool Fail(std::string& problem, const std::string& why)
 
 std::string OpenProblem(int error)
 {
-    if (error == ENXIO)
+    switch (error) {
+    case ENXIO:
         return "nobody reads the pipe; start its reader first";
-    return Reason(error);
+    case ENOENT:
+        return Reason(error) + "; make the folder first";
+    case EISDIR:
+        return Reason(error) + "; name a file in it";
+    case EACCES:
+    case EROFS:
+        return Reason(error) + "; name a file that this user may write";
+    default:
+        return Reason(error);
+    }
 }
 
 std::string WriteProblem(int error)
@@ -49,11 +59,12 @@ std::string WriteProblem(int error)
 bool StreamFile::Open(const std::string& path, std::string& problem)
 {
     // Without waiting: a named pipe without a reader would stop us here for good.
-    m_owned.Reset(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, NEW_FILE_MODE));
+    m_owned.Reset(open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC, NEW_FILE_MODE));
     if (!m_owned.IsValid())
         return Fail(problem, OpenProblem(errno));
     m_nFd = m_owned.Get();
     FindOutKind();
+    m_bToEmpty = m_bRegular;
     return true;
 }
 
@@ -80,8 +91,18 @@ bool StreamFile::WaitForRoom(std::string& problem) const
     return Fail(problem, "its reader is too slow");
 }
 
+bool StreamFile::EmptyOnce()
+{
+    if (!m_bToEmpty)
+        return true;
+    m_bToEmpty = false;
+    return ftruncate(m_nFd, 0) == 0;
+}
+
 bool StreamFile::Write(std::span<const uint8_t> bytes, std::string& problem)
 {
+    if (!EmptyOnce())
+        return Fail(problem, WriteProblem(errno));
     while (!bytes.empty()) {
         if (!m_bRegular && !WaitForRoom(problem))
             return false;

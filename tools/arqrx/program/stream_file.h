@@ -13,7 +13,8 @@ namespace arqrx {
 // GiveUpAt. Threads: one thread writes, any sets the time to give up.
 class StreamFile {
 public:
-    // Makes or empties the file. A named pipe needs its reader first. False with the reason in `problem`.
+    // Makes the file; an old one is emptied by the first Write, so that a start that fails spoils no recording. A
+    // named pipe needs its reader first. False with the reason in `problem`.
     bool Open(const std::string& path, std::string& problem);
     // A descriptor of somebody else's, which stays open.
     void Borrow(int fd);
@@ -25,10 +26,12 @@ public:
 
 private:
     void FindOutKind();
+    bool EmptyOnce();
     bool WaitForRoom(std::string& problem) const;
 
     UniqueFd m_owned;
     int m_nFd = -1;
+    bool m_bToEmpty = false; // an old file of ours
     bool m_bRegular = false; // a write to it never waits for a reader
     std::atomic<int64_t> m_giveUpAtUs { INT64_MAX };
 };

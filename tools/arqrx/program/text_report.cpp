@@ -51,6 +51,9 @@ std::string SilenceLine(const Sample& now, const std::string& time, bool isPingi
     if (now.core.received > 0)
         return fmt::format(
             "{} nothing has come for {:.0f} s\n", time, static_cast<double>(now.sinceMediaUs) / US_PER_S);
+    if (isPinging && now.core.echoesBack > 0) // it answers only those whom it would send media to
+        return fmt::format(
+            "{} no media yet; pinging {}: it answers; does its input come?\n", time, now.proxy);
     if (isPinging)
         return fmt::format("{} no media yet; pinging {}: does the proxy run there?\n", time, now.proxy);
     return fmt::format("{} no media yet; listening: does the proxy send to this machine?\n", time);
