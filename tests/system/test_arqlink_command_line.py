@@ -123,6 +123,7 @@ def test_every_setting_may_be_given_for_one_direction():
             ["--script", "missing", PAIR],
             "cannot read the script missing; is it there, and a text of less than 10 MB?",
         ),
+        (["--up-reorder", "5%", PAIR], "--reorder does nothing without --jitter, which is what changes the order"),
         (["--los", "5%", PAIR], "The following argument was not expected: --los"),
         ([PAIR] * 65, "there may be 64 pairs of LISTEN=TARGET at most"),
     ],
@@ -143,12 +144,15 @@ def test_a_wrong_script_is_refused_with_its_line(tmp_path):
 
 def test_an_address_or_a_file_that_the_system_refuses_is_named(closing, tmp_path):
     port = closing(udp_socket("127.0.0.1", 0, reuse=False)).getsockname()[1]
-    status, stdout, stderr = run("--json", f"127.0.0.1:{port}=127.0.0.1:9")
-    message = f"cannot use 127.0.0.1:{port}: Address already in use"
+    log = tmp_path / "fates.jsonl"
+    log.write_text("of the last run", encoding="ascii")
+    status, stdout, stderr = run("--json", "--log-fates", log, f"127.0.0.1:{port}=127.0.0.1:9")
+    message = f"cannot use 127.0.0.1:{port}: Address already in use; see who has the port with: ss -ulpn"
     assert (status, stderr, json.loads(stdout)) == (TROUBLE, f"arqlink: {message}\n", {"error": message})
+    assert log.read_text(encoding="ascii") == "of the last run", "a start that fails spoils no log"
     assert run("--source", "192.0.2.1", PAIR)[::2] == (
         TROUBLE,
-        "arqlink: cannot use 192.0.2.1:0: Cannot assign requested address\n",
+        "arqlink: cannot use 192.0.2.1:0: Cannot assign requested address; see this machine's addresses with: ip -brief addr\n",
     )
     folder = tmp_path / "missing"
     assert run("--log-fates", folder / "log", PAIR)[::2] == (
@@ -162,7 +166,7 @@ def test_a_log_for_which_there_is_no_room_ends_with_a_failure(closing):
     closing(udp_socket("127.0.0.1", 0, reuse=False)).sendto(b"x", line.listen[0])
     line.wait_figures(lambda figures: figures["up"]["came"] == 1, "the datagram")
     line.process.terminate()
-    assert line.wait_end(expected=TROUBLE) == {"error": "cannot write all of /dev/full"}
+    assert line.wait_end(expected=TROUBLE) == {"error": "cannot write all of /dev/full; is its disk full?"}
 
 
 def test_options_may_stand_in_a_file_and_the_command_line_goes_before_it(tmp_path):

@@ -103,19 +103,16 @@ int RunRelay(Options& options, Report& report)
     options.relay.stopFd = stop.Get();
     FateLog log;
     std::string problem;
-    if (!options.fatesPath.empty() && !log.Open(options.fatesPath, problem)) {
-        report.Failure(problem, false);
-        return EXIT_TROUBLE;
-    }
     Relay relay(options.relay, log);
-    if (!relay.Open(problem)) {
+    // The log last: a start that fails leaves the one of the last run as it is.
+    if (!relay.Open(problem) || (!options.fatesPath.empty() && !log.Open(options.fatesPath, problem))) {
         report.Failure(problem, false);
         return EXIT_TROUBLE;
     }
     const bool bHeard = report.Ready(options.relay.pairs, relay.Listening(), relay)
         && Session(options, relay, report).Run();
     if (!log.Close()) {
-        report.Failure("cannot write all of " + options.fatesPath, false);
+        report.Failure("cannot write all of " + options.fatesPath + "; is its disk full?", false);
         return EXIT_TROUBLE;
     }
     return bHeard ? EXIT_DONE : EXIT_TROUBLE;

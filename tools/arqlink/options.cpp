@@ -120,6 +120,11 @@ void AddOptions(CLI::App& app, Options& options, Texts& texts)
         ->group("Output");
 }
 
+bool ReordersNothing(const Settings& settings)
+{
+    return settings.reorder > 0 && settings.jitterUs == 0;
+}
+
 // --help and --version end with 0, everything else that the library reports is a wrong command line.
 Parsed Stop(CLI::App& app, const CLI::ParseError& error)
 {
@@ -150,6 +155,9 @@ Parsed ParseOptions(int argc, char** argv, Options& options)
     std::string problem;
     if (!ReadTexts(texts, options, problem))
         return { false, EXIT_USAGE, problem };
+    if (texts.script.empty() && (ReordersNothing(options.relay.down) || ReordersNothing(options.relay.up)))
+        return { false, EXIT_USAGE,
+            "--reorder does nothing without --jitter, which is what changes the order" };
     return { true, EXIT_DONE, "" };
 }
 

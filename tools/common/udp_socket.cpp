@@ -102,6 +102,20 @@ bool UdpSocket::SetGroupOutput(const std::string& networkInterface, int timeToLi
             IPPROTO_IP, IP_MULTICAST_LOOP, &heard, sizeof(heard), "cannot set the loop back of groups");
 }
 
+std::string UdpSocket::BindProblem() const
+{
+    switch (m_nError) {
+    case EADDRINUSE:
+        return m_problem + "; see who has the port with: ss -ulpn";
+    case EADDRNOTAVAIL:
+        return m_problem + "; see this machine's addresses with: ip -brief addr";
+    case EACCES:
+        return m_problem + "; take a port from 1024 on, or start it as root";
+    default:
+        return m_problem;
+    }
+}
+
 Endpoint UdpSocket::Local() const
 {
     sockaddr_in address {};

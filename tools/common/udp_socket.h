@@ -35,8 +35,8 @@ public:
     // The address it is bound to; all 0 if it is not.
     Endpoint Local() const;
     const std::string& Problem() const { return m_problem; }
-    // The system's number for it.
-    int ProblemNumber() const { return m_nError; }
+    // The same after a Bind that failed, with what its user may do about it.
+    std::string BindProblem() const;
 
 private:
     bool Fail(const std::string& what); // reads errno

@@ -75,7 +75,7 @@ bool Relay::TrySource(std::string& problem)
     (void)m_options.sources.Take(source); // nobody has taken one yet
     const bool bGood = socket.Open() && socket.Bind({ source, 0 });
     m_options.sources.Give(source);
-    problem = socket.Problem();
+    problem = socket.BindProblem();
     return bGood;
 }
 
@@ -83,7 +83,7 @@ bool Relay::OpenPair(const Pair& pair, std::string& problem)
 {
     common::UdpSocket socket;
     if (!socket.Open() || !socket.Bind(pair.listen)) {
-        problem = socket.Problem();
+        problem = socket.BindProblem();
         return false;
     }
     socket.SetBuffers(SOCKET_BUFFER_BYTES, SOCKET_BUFFER_BYTES);

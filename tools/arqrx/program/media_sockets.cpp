@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 
 #include "common/clock.h"
@@ -29,18 +28,6 @@ common::Endpoint LocalFor(const Options& options, uint32_t proxyAddress)
     if (local.address == 0 && (proxyAddress & NET_MASK) == LOOPBACK_NET)
         local.address = OTHER_LOOPBACK_ADDRESS;
     return local;
-}
-
-const char* BindAdvice(int error)
-{
-    switch (error) {
-    case EADDRNOTAVAIL:
-        return "; see this machine's addresses with: ip -brief addr";
-    case EACCES:
-        return "; take a port from 1024 on, or start it as root";
-    default:
-        return "; see who has the port with: ss -ulpn";
-    }
 }
 
 uint64_t DropsOf(const common::UdpSocket& socket)
@@ -72,8 +59,7 @@ bool MediaSockets::OpenUnicast(const Options& options, uint32_t proxyAddress, st
 {
     const common::Endpoint local = LocalFor(options, proxyAddress);
     if (!m_unicast.Open() || !m_unicast.Bind(local)) {
-        problem = "cannot receive on " + common::EndpointText(local) + ": " + m_unicast.Problem()
-            + BindAdvice(m_unicast.ProblemNumber());
+        problem = "cannot receive on " + common::EndpointText(local) + ": " + m_unicast.BindProblem();
         return false;
     }
     m_unicast.SetBuffers(options.receiveBufferBytes, QUESTION_BUFFER_BYTES);
