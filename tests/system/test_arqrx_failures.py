@@ -123,6 +123,23 @@ def test_metrics_on_a_port_in_use_are_told(net, closing, lease, tmp_path):
     )
 
 
+@pytest.mark.parametrize(
+    ("settings", "why"),
+    [
+        ("239.1.1.1:5?interface=eth99", "there is no interface 'eth99': No such device; see the interfaces with: ip -brief addr"),
+        (
+            "239.1.1.1:5?source=192.0.2.1",
+            "cannot use 192.0.2.1:0: Cannot assign requested address; see this machine's addresses with: ip -brief addr",
+        ),
+        ("127.0.0.1:5?ttl=3", "ttl= and interface= are for a group, 224.0.0.0 to 239.255.255.255; leave them out"),
+        ("127.0.0.1:5?interface=lo", "ttl= and interface= are for a group, 224.0.0.0 to 239.255.255.255; leave them out"),
+    ],
+)
+def test_an_output_to_where_nothing_can_go_is_told(settings, why):
+    status, _, stderr = arqrx.run("127.0.0.1", "--output", f"udp://{settings}")
+    assert (status, stderr) == (arqrx.NO_START, f"arqrx: output udp://{settings}: {why}\n")
+
+
 def test_a_file_that_cannot_be_made_is_told_before_anything_is_received(tmp_path):
     status, _, stderr = arqrx.run("127.0.0.1", "--output", f"file:{tmp_path}")
     assert (status, stderr) == (arqrx.NO_START, f"arqrx: output file:{tmp_path}: Is a directory; name a file in it\n")

@@ -147,7 +147,10 @@ TEST(ArqrxCommandLine, EachWrongValueIsTold)
         "--group: '239.1.1.1' is not ADDRESS:PORT, with a port from 1 to 65535");
     EXPECT_EQ(ErrorOf({ "--listen", "0" }), "--listen: '0' is not ADDRESS:PORT, with a port from 1 to 65535");
     EXPECT_EQ(ErrorOf({ "h:0" }), "PROXY: 'h:0' is not HOST or HOST:PING_PORT");
-    EXPECT_EQ(ErrorOf({ "h", "--metrics", "x" }), "--metrics: 'x' is not ADDRESS:PORT or PORT");
+    for (const char* text : { "x", "0", "127.0.0.1:0" })
+        EXPECT_EQ(ErrorOf({ "h", "--metrics", text }),
+            std::string("--metrics: '") + text
+                + "' is not ADDRESS:PORT or PORT, with a port from 1 to 65535");
     EXPECT_EQ(ErrorOf({ "h", "--max-loss", "2" }), "--max-loss: '2' is not a share; write 0.1% or 0.001");
     EXPECT_EQ(ErrorOf({ "h", "--output", "tcp://a:1" }),
         "--output: 'tcp://a:1': an output is udp://HOST:PORT, rtp://HOST:PORT, file:PATH or - (standard output)");

@@ -285,8 +285,8 @@ void AddReportOptions(CLI::App& app, Options& options)
                    options.metrics = "127.0.0.1:" + text;
                else if (common::ParseEndpoint(text, endpoint))
                    options.metrics = common::EndpointText(endpoint);
-               else
-                   Refuse("--metrics", text, "ADDRESS:PORT or PORT");
+               if (endpoint.port == 0)
+                   Refuse("--metrics", text, "ADDRESS:PORT or PORT, with a port from 1 to 65535");
            },
            "for Prometheus, at /metrics; a port alone is on 127.0.0.1")
         ->type_name("[ADDRESS:]PORT")

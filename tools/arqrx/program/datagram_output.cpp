@@ -20,11 +20,18 @@ bool DatagramOutput::Open(const OutputAddress& address, std::string& problem)
 {
     if (!common::LookUpEndpoint(address.hostAndPort, m_destination, problem))
         return false;
-    bool isOpen = m_socket.Open() && m_socket.Bind(address.source);
-    if (isOpen && m_destination.IsMulticast())
-        isOpen = m_socket.SetGroupOutput(address.networkInterface, address.timeToLive, true);
-    if (!isOpen) {
-        problem = m_socket.Problem();
+    const bool isForGroup = address.timeToLive != 1 || !address.networkInterface.empty();
+    if (isForGroup && !m_destination.IsMulticast()) {
+        problem = "ttl= and interface= are for a group, 224.0.0.0 to 239.255.255.255; leave them out";
+        return false;
+    }
+    if (!m_socket.Open() || !m_socket.Bind(address.source)) {
+        problem = m_socket.BindProblem();
+        return false;
+    }
+    if (m_destination.IsMulticast()
+        && !m_socket.SetGroupOutput(address.networkInterface, address.timeToLive, true)) {
+        problem = m_socket.Problem() + "; see the interfaces with: ip -brief addr";
         return false;
     }
     m_socket.SetBuffers(RECEIVE_BUFFER_BYTES, SEND_BUFFER_BYTES);
