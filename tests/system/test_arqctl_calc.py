@@ -71,6 +71,8 @@ def test_what_has_no_end_in_sight_is_said_with_what_to_do():
     (exceeded,) = [limit for limit in done.json["limits"] if not limit["holds"]]
     assert exceeded["name"] == "receivers" and "take 2 proxies" in exceeded["advice"]
     assert exceeded["advice"] in calc(receivers=51).stdout
+    fast = calc(rate="10G").stdout
+    assert "949848 packets/s" in fast and "SEND_BITRATE is 10289 of the 2147 Mbit/s" in fast
 
 
 def test_nothing_lost_is_said_without_a_figure():

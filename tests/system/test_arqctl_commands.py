@@ -128,7 +128,8 @@ def test_options_stand_before_or_behind_the_command_or_in_a_file(commanded_proxy
     assert arqctl.run("list", "-I", net.instance, "--json", "--timeout", "10s") == wanted
     assert arqctl.run("--config", settings, "list") == wanted
     settings.write_text("instanze=3\n", encoding="ascii")
-    assert arqctl.run("--config", settings, "list").status == arqctl.USAGE
+    misspelt = arqctl.run("--config", settings, "list")
+    assert (misspelt.status, misspelt.problem[0]) == (arqctl.USAGE, "--config: there is no option 'instanze'")
 
 
 @pytest.mark.parametrize("arguments, problem, command", [

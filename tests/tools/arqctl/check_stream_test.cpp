@@ -46,7 +46,7 @@ TEST(DoctorStream, FiguresThatHaveWrappedAreTold)
 TEST(DoctorDestinations, OnesOfTheCommandLineAreKnownAndInTheList)
 {
     DoctorFacts facts = Healthy();
-    ExpectGood(CheckDestinations(facts), "all 1");
+    ExpectGood(CheckDestinations(facts), "the one of -a is in the list");
     facts.destinations.push_back({ "studio b", {} });
     ExpectFault(CheckDestinations(facts), "'studio b' of -a is a name that nobody knows",
         "getent ahostsv4 'studio b'");
@@ -58,7 +58,7 @@ TEST(DoctorDestinations, OnesOfTheCommandLineAreKnownAndInTheList)
     ExpectFault(CheckDestinations(facts), "the group 239.1.1.1 of -a is skipped");
     facts.destinations.clear();
     ExpectNotApplicable(CheckDestinations(facts));
-    ExpectGood(CheckDestinations(BeforeTheStart()), "are known");
+    ExpectGood(CheckDestinations(BeforeTheStart()), "the one of -a is known");
 }
 
 TEST(DoctorDestinations, WithAPingPortOfItsOwnOneGroupIsServed)

@@ -50,7 +50,7 @@ std::string Share(double share)
 // Of events: four digits, and no exponent.
 std::string CountText(double count)
 {
-    return count < 1e4 ? fmt::format("{:.4g}/s", count) : fmt::format("{:.0f}/s", count);
+    return count < 1e4 ? fmt::format("{:.4g}", count) : fmt::format("{:.0f}", count);
 }
 
 std::string Row(const char* name, const std::string& text)
@@ -86,8 +86,8 @@ std::string LostText(const CalcInput& input, const CalcResult& result)
 std::string LineText(const CalcInput& input, const CalcResult& result)
 {
     std::string text = Row("stream",
-        fmt::format("{} of payload, {:.4g} packets/s of {} bytes",
-            RateText(static_cast<double>(input.bitRate)), result.packetRate, input.payloadBytes));
+        fmt::format("{} of payload, {} packets/s of {} bytes", RateText(static_cast<double>(input.bitRate)),
+            CountText(result.packetRate), input.payloadBytes));
     text += Row("line",
         fmt::format("{} lost on the way to a receiver, {} on the way back, round trip {}",
             Share(input.lossDown), Share(input.lossUp), common::DurationText(input.roundTripUs)));
@@ -118,8 +118,8 @@ std::string RepairText(const CalcInput& input, const CalcResult& result)
 std::string FlowRow(const char* name, const CalcFlow& flow, int64_t receivers)
 {
     const auto count = static_cast<double>(receivers);
-    return fmt::format("{:<14} {:>12} {:>13} {:>14} {:>13}\n", name, CountText(flow.packetRate),
-        RateText(flow.bitRate), CountText(flow.packetRate * count), RateText(flow.bitRate * count));
+    return fmt::format("{:<14} {:>12} {:>13} {:>14} {:>13}\n", name, CountText(flow.packetRate) + "/s",
+        RateText(flow.bitRate), CountText(flow.packetRate * count) + "/s", RateText(flow.bitRate * count));
 }
 
 std::string FlowsText(const CalcInput& input, const CalcResult& result)

@@ -135,6 +135,9 @@ std::string UsageProblem(const CLI::App& app, const CLI::ParseError& error)
     if (const std::string kinds = MissingKinds(app); error.get_name() == "RequiredError" && !kinds.empty())
         return kinds;
     std::string text = error.what();
+    constexpr std::string_view NO_SETTING = "INI was not able to parse ";
+    if (error.get_name() == "ConfigError" && text.starts_with(NO_SETTING))
+        return "--config: there is no option '" + Printable(text.substr(NO_SETTING.size())) + "'";
     while (text.ends_with('\n'))
         text.pop_back();
     return text;

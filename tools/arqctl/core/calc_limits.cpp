@@ -99,7 +99,8 @@ CalcLimit Figures(const CalcInput& input, const CalcResult& result)
         ? "SEND_BITRATE is printed below 0: add 4294967296, as arqctl stats does"
         : "SEND_BITRATE has wrapped and says nothing: take the rate from SEND_PACKETS, or more proxies";
     return Judge("figures", sent < SIGNED_FIGURES,
-        Text("SEND_BITRATE is %.4g of the 2147 Mbit/s that its 32 bits hold", sent / 1e6), advice);
+        Text("SEND_BITRATE is %.*f of the 2147 Mbit/s that its 32 bits hold", sent < 1e9 ? 1 : 0, sent / 1e6),
+        advice);
 }
 
 CalcLimit Datagram(const CalcInput& input)

@@ -173,8 +173,8 @@ Finding CheckDestinations(const DoctorFacts& facts)
             return finding;
     }
     const auto count = static_cast<uint64_t>(facts.destinations.size());
-    return Good(HasLooks(facts) ? Say("all ", count, " of -a are in the list")
-                                : Say("all ", count, " of -a are known"));
+    const std::string all = count == 1 ? "the one of -a is" : Say("all ", count, " of -a are");
+    return Good(all + (HasLooks(facts) ? " in the list" : " known"));
 }
 
 Finding CheckReceivers(const DoctorFacts& facts)
