@@ -137,6 +137,16 @@ TEST_F(TopDialog, TheSelectionStopsAtBothEnds)
     EXPECT_EQ(m_dialog.SelectedOf(m_state.proxies), 0U);
 }
 
+TEST_F(TopDialog, APortIsNotMadePartOfTheAddress)
+{
+    (void)Type("a10.0.0.1:5");
+    (void)Press(KeyPress::Kind::Enter);
+    EXPECT_EQ(Message(), "Add to proxy 1, address or host name: 10.0.0.1:_  neither a port nor IPv6 goes");
+    (void)Press(KeyPress::Kind::Backspace);
+    (void)Press(KeyPress::Kind::Enter);
+    EXPECT_EQ(Type("y"), (Order { Order::Kind::Add, "1", "10.0.0.1" }));
+}
+
 TEST_F(TopDialog, NoMoreThanAWordIsTyped)
 {
     (void)Type("a 10 0");

@@ -200,8 +200,7 @@ std::vector<int> ListeningInstances()
             numbers.push_back(*number);
     }
     std::ranges::sort(numbers);
-    const auto doubles = std::ranges::unique(numbers);
-    numbers.erase(doubles.begin(), doubles.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     return numbers;
 }
 

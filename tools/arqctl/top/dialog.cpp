@@ -139,9 +139,12 @@ void Dialog::PressTyping(const KeyPress& key, const std::vector<ShownProxy>& pro
         return LeaveOff();
     if (key.kind == Kind::Backspace && !m_order.who.empty())
         m_order.who.pop_back();
-    if (key.kind == Kind::Letter && IsReceiverWord(m_order.who + key.letter))
+    // A colon stands there to be seen: without it the port behind it would become part of the address.
+    const bool isWord = m_order.who.empty() || IsReceiverWord(m_order.who);
+    if (key.kind == Kind::Letter && isWord
+        && (IsReceiverWord(m_order.who + key.letter) || (key.letter == ':' && !m_order.who.empty())))
         m_order.who += key.letter;
-    if (key.kind != Kind::Enter)
+    if (key.kind != Kind::Enter || !isWord)
         return;
     const ShownProxy* const proxy = FindProxy(proxies, m_order.proxy);
     if (m_order.who.empty() || proxy == nullptr)
@@ -192,7 +195,8 @@ std::string Dialog::Question() const
 {
     switch (m_mode) {
     case Mode::TypeReceiver:
-        return fmt::format("Add to proxy {}, address or host name: {}_", m_order.proxy, m_order.who);
+        return fmt::format("Add to proxy {}, address or host name: {}_{}", m_order.proxy, m_order.who,
+            m_order.who.empty() || IsReceiverWord(m_order.who) ? "" : "  neither a port nor IPv6 goes");
     case Mode::ChooseReceiver:
         return fmt::format("Delete from proxy {}: {}", m_order.proxy, m_order.who);
     case Mode::Ask:
