@@ -78,6 +78,7 @@ class Load:
             preexec_fn=lambda: os.nice(GIVES_WAY),
         )
         self._faults = []
+        self._counters_before = self._kernel_counters()
 
     def run(self, duration):
         """Load for so long; on return everybody has left who does not stay, and all that was sent has arrived.
@@ -93,13 +94,15 @@ class Load:
                 figures.update([figure(line)])
             else:
                 self._faults.append(line)
-        assert not self._faults, "".join(self._faults) + self._kernel_counters() + self._log_end()
+        assert not self._faults, "".join(
+            (*self._faults, "before:\n", self._counters_before, "now:\n", self._kernel_counters(), self._log_end())
+        )
         assert self._process.poll() is None, "the load ended by itself"
         return figures
 
     def _kernel_counters(self):
-        """Where a datagram went that the proxy had sent."""
-        files = ("/proc/net/snmp", "/proc/net/softnet_stat", "/proc/net/udp")
+        """Where a datagram went that the proxy had sent; the queues before the sockets are those of the whole machine."""
+        files = ("/proc/net/snmp", "/proc/net/dev", "/proc/net/udp", "/proc/net/softnet_stat")
         return subprocess.run(["ip", "netns", "exec", self._namespace, "cat", *files], capture_output=True, text=True).stdout
 
     def _log_end(self):
