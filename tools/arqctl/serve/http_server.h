@@ -5,6 +5,7 @@
 #include <event2/event.h>
 #include <event2/http.h>
 #include <event2/listener.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <functional>
