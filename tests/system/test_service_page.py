@@ -1,4 +1,4 @@
-"""docs/service.md: its commands in their order on a machine with systemd, and its tables."""
+"""docs/service.md and the README's channel: their commands in order on a machine with systemd, and the page's tables."""
 
 import json
 import re
@@ -56,8 +56,41 @@ def ordered(machine):
     return json.loads(answer).get("result") if answer else None
 
 
-def test_the_page_is_followed_from_a_channel_to_a_receiver(closing):
+def readmes_blocks():
+    """What a newcomer types when the packages are installed."""
+    text = (ROOT / "README.md").read_text(encoding="utf-8").split("## A channel on air\n")[1].split("\n## ")[0]
+    return re.findall(r"^```\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)[1:4]
+
+
+def follow_the_readme(machine, closing):
+    """FFmpeg is left to the recipes: here it says only where to send."""
+    begin, play, look_after = readmes_blocks()
+    source, arqrx = play.splitlines()
+    doctor, stats, restart, stop = look_after.splitlines()
+    machine.do("sh", "-euc", begin)
+    stream = closing(encoder.Stream(int(re.search(r"'rtp://127\.0\.0\.1:(\d+)\?pkt_size=1328'$", source).group(1))))
+    player = closing(receiver.Receiver("127.0.0.1", 1234))
+    machine.do("sh", "-euc", f"{arqrx} --id none --duration 2s --quiet")
+    assert player.count() and encoder.number(player.payloads[-1]) < stream.count
+    assert "0 faults" in machine.run("sh", "-euc", doctor).stdout
+    assert "input packets" in machine.do("sh", "-euc", stats)
+    wait_until(lambda: 'tx_proxy_up{channel="1"} 1' in machine.run("curl", "-s", "http://127.0.0.1:8080/metrics").stdout,
+               "the channel in the metrics")  # fmt: skip
+    configured = closing(receiver.Receiver("127.0.0.5", 10000))
+    before = machine.property("tx_proxy@1", "MainPID")
+    machine.do("sh", "-euc", restart)
+    assert machine.property("tx_proxy@1", "MainPID") not in (before, "0")
+    machine.do("arqctl", "add", "127.0.0.5")
+    machine.do("sh", "-euc", stop)
+    wait_until(lambda: configured.payloads.count(model_receiver.STOP_MESSAGE) == 5, "the stop messages")
+    assert machine.property("tx_proxy@1", "ActiveState") == "inactive"
+    for mine in (stream, player, configured):
+        mine.close()  # the page has the same ports
+
+
+def test_the_readme_and_the_page_are_followed_from_a_channel_to_a_receiver(closing):
     machine = closing(booted.Machine({}))
+    follow_the_readme(machine, closing)
     stream = closing(encoder.Stream(5000))
     story = Story(machine)
     channel = story.tell("A channel")
