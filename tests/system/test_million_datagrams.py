@@ -30,6 +30,7 @@ SECONDS = 600 if RELEASE else 20
 LEAST_DATAGRAMS = 1000  # where the time ends it
 NICER = 5  # tests beside this one go first
 GROWTH_KIB = 1024  # a byte a datagram
+LOG_KIB = 1024  # both batches of the log: a busy machine that writes one late lets the other fill for the first time
 # The allocator gives back rings of streams that ended, instead of keeping as much as was ever needed at once.
 GIVE_BACK = {"MALLOC_MMAP_THRESHOLD_": "4096", "MALLOC_TRIM_THRESHOLD_": "4096"}
 ROUND_SECONDS = 0.15  # more than the 100 ms after which removed streams are destroyed
@@ -141,4 +142,4 @@ def test_a_million_hostile_datagrams_cost_bystanders_nothing_and_leave_nothing_b
     assert (len(after.descriptors), after.threads) == (len(before.descriptors), before.threads)
     print(f"resident KiB: {before.resident_kib} before, {after.resident_kib} after")
     if RELEASE:
-        assert after.resident_kib <= before.resident_kib + GROWTH_KIB
+        assert after.resident_kib <= before.resident_kib + GROWTH_KIB + LOG_KIB
