@@ -54,10 +54,10 @@ std::string ControlPathOfProcess(int pid, int instance)
 std::vector<int> PrivateInstances()
 {
     std::vector<int> numbers;
-    for (const std::string& name : NamesIn("/run")) {
+    for (const std::string& entry : NamesIn("/run")) {
+        const std::string_view name = entry;
         int number = 0;
-        if (name.starts_with(UNIT_FOLDER)
-            && ReadWhole(std::string_view(name).substr(UNIT_FOLDER.size()), number)
+        if (name.starts_with(UNIT_FOLDER) && ReadWhole(name.substr(UNIT_FOLDER.size()), number)
             && IsPrivateThere(PrivateControlPath(number)))
             numbers.push_back(number);
     }
