@@ -267,7 +267,9 @@ def test_interfaces_of_n_are_missed_and_set_up_by_the_command(net, island, start
     found = doctor("--start", start_options("-n", 1, "-a", "127.0.0.2"), namespace=island)
     assert "is down" in found.text("output-interfaces")
     apply(found.command("output-interfaces"), island)
-    assert doctor("--start", start_options("-n", 1, "-a", "127.0.0.2"), namespace=island).verdict("output-interfaces") == "good"
+    # The kernel notices that the other end is up, too, a moment later.
+    start = ("--start", start_options("-n", 1, "-a", "127.0.0.2"))
+    wait_until(lambda: doctor(*start, namespace=island).verdict("output-interfaces") == "good", "a good interface")
 
 
 def test_a_lock_port_among_the_ephemeral_ones_is_reserved_by_the_command(island):

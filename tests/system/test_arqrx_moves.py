@@ -156,6 +156,8 @@ def second_proxy(closing, launch, lan, net):
     for side, address, device in ((host, SECOND_HOST, "eth0"), (lan.peer, SEEN_BY_SECOND, "second")):
         side.ip("addr", "add", f"{address}/24", "dev", device)
         side.ip("link", "set", device, "up")
+    host.wait_cables()
+    lan.peer.wait_cables()
     instance = closing(ports.Lease()).instance
     running = launch("-I", instance, "-p", net.destination, "-r", net.request, net.input, namespace=host)
     running.host = host

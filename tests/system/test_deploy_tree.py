@@ -134,6 +134,8 @@ class Tree:
         upper.ip("link", "set", "lan", "up")
         for number, node in enumerate(self.nodes[1:], 1):
             node.hang_below(upper, number)
+        for node in self.nodes:
+            node.wait_cables()
         instances = orchestrator(addresses)
         names = dict(zip(addresses, (instance.names for instance in instances)))
         hosts = folder / "hosts"

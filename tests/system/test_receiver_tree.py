@@ -41,6 +41,8 @@ class Host(netns.Namespace):
         for side, address, device in ((upper, 1, name), (self, 2, "eth0")):
             side.ip("addr", "add", f"{subnet}.{address}/24", "dev", device)
             side.ip("link", "set", device, "up")
+        upper.wait_cables()
+        self.wait_cables()
         self.above = f"{subnet}.1"
 
 

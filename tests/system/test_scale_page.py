@@ -32,6 +32,8 @@ def hosts(closing):
         for name, device, last in ((upper, "lower", 1), (lower, "upper", 2)):
             made[name].ip("addr", "add", f"10.79.{number}.{last}/24", "dev", device)
             made[name].ip("link", "set", device, "up")
+    for host in made.values():
+        host.wait_cables()
     return made
 
 

@@ -10,6 +10,8 @@ import os
 import subprocess
 import threading
 
+from .waiting import wait_until
+
 CLONE_NEWNET = 0x40000000
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -19,6 +21,12 @@ _serial = itertools.count()
 def ip(*arguments):
     result = subprocess.run(["ip", *map(str, arguments)], capture_output=True, text=True, check=False)
     assert result.returncode == 0, f"ip {arguments}: {result.stderr}"
+    return result.stdout
+
+
+def carries(interface):
+    """Of a line of ip -o link."""
+    return "LOOPBACK" in interface or (" state UP " in interface and " qdisc noop " not in interface)
 
 
 class Namespace:
@@ -30,7 +38,12 @@ class Namespace:
         self.ip("link", "set", "lo", "up")
 
     def ip(self, *arguments):
-        ip("-n", self.name, *arguments)
+        return ip("-n", self.name, *arguments)
+
+    def wait_cables(self):
+        """Waits until what was set up carries packets. The kernel notices a cable's other end a moment later, up to
+        seconds on a busy machine, and until then drops in silence whatever is sent."""
+        wait_until(lambda: all(map(carries, self.ip("-o", "link", "show", "up").splitlines())), "the cables of a host")
 
     def call(self, function):
         """Runs function() inside the namespace; sockets that it opens stay there."""
@@ -77,6 +90,8 @@ class Lan:
             for side, address in ((self.proxy, proxy_address(i)), (self.peer, peer_address(i))):
                 side.ip("addr", "add", f"{address}/24", "dev", f"eth{i}")
                 side.ip("link", "set", f"eth{i}", "up")
+        self.proxy.wait_cables()
+        self.peer.wait_cables()
         self.proxy.ip("route", "add", "224.0.0.0/4", "dev", "eth0")
         self.peer.ip("route", "add", "224.0.0.0/4", "dev", "eth0")
 

@@ -43,6 +43,8 @@ class Site:
             for address in addresses:
                 host.ip("addr", "add", f"{address}/24", "dev", "eth0")
             host.ip("link", "set", "eth0", "up")
+        proxy.wait_cables()
+        receiver.wait_cables()
         receiver.ip("route", "add", "224.0.0.0/4", "dev", "eth0")
         for number in (1, 2):
             closing(ports.Lease(number))

@@ -54,6 +54,8 @@ class Hosts:
             for side, device, last in ((middle, at_proxy, 1), (host, "eth0", 2)):
                 side.ip("addr", "add", f"10.80.{number}.{last}/24", "dev", device)
                 side.ip("link", "set", device, "up")
+        for host in self.by_name.values():
+            host.wait_cables()
 
     def __getitem__(self, name):
         return self.by_name[name]
