@@ -471,11 +471,11 @@ def test_ok_and_no_stream(page, site):
     proxy = site.proxy(INPUT)
     site.stream()
     receiver = site.arqrx("--listen", PINGS)
-    (wrong,) = [text.pattern.split(" ")[0].replace("\\", "") for text in page.texts("arqctl says")]
+    (wrong,) = [text.pattern.split(" ")[-1].replace("\\", "") for text in page.texts("the control socket answers")]
     said(page, "the control socket answers", lambda: control.request(1, f"Add {wrong}"))
     said(page, "the proxy says", lambda: proxy.stderr.text)
     result = site.arqctl("add", wrong)
-    assert result.status == arqctl.NOT_DONE
+    assert result.status == arqctl.USAGE
     said(page, "arqctl says", lambda: result.stdout + result.stderr)
     judged(page, site.doctor("--start", f"-I 2 -p 10010 -r 7030 -a {wrong} 5010"), "the doctor of the start finds")
     assert site.look(page) == ""
