@@ -171,7 +171,8 @@ def scene(make_lan, start_proxy, closing, net, tmp_path):
     )
     wait_bound(process, net.destination, net.request)
     wait_until(pathlib.Path(control.path(net.instance)).exists, "the control socket")
-    return process, closing(Load(tmp_path, lan, net, process)), Watched(process, net.instance, meter), before
+    watched = Watched(process, net.instance, meter)  # before anybody joins
+    return process, closing(Load(tmp_path, lan, net, process)), watched, before
 
 
 def summary(figures, duration, grown):
