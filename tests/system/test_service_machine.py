@@ -194,10 +194,25 @@ def test_a_stop_tells_the_receivers_and_does_not_wait_for_those_that_cannot_be_t
     assert either.machine.property(either.unit, "Result") == "success"
 
 
+@contextlib.contextmanager
+def slow_to_begin(machine):
+    """A proxy of which nothing is seen at first."""
+    program = machine.root / "usr/bin/tx_proxy"
+    real = program.with_suffix(".real")
+    program.rename(real)
+    try:
+        machine.write("/usr/bin/tx_proxy", f'#!/bin/sh\nsleep 1\nexec /usr/bin/{real.name} "$@"\n')
+        program.chmod(0o755)
+        yield
+    finally:
+        real.rename(program)
+
+
 def test_a_start_is_over_when_commands_are_taken(either):
-    for order in ("start", "restart"):
-        either.order(order)
-        assert either.arqctl("list").returncode == 0
+    with slow_to_begin(either.machine):
+        for order in ("start", "restart"):
+            either.order(order)
+            assert either.arqctl("list").returncode == 0
 
 
 def test_a_proxy_that_dies_is_started_again_and_receivers_come_back(closing, lease, channel):
