@@ -7,11 +7,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -93,15 +94,39 @@ private:
     uint16_t m_usPort = 0;
 };
 
+// What one look at the system's table says of UnreadBytes. It may miss a socket that is there: the table is written a
+// page at a time, and what moves up when another socket ends meanwhile is in no page.
+inline std::optional<uint32_t> LookForUnreadBytes(uint16_t port)
+{
+    char wanted[24];
+    (void)snprintf(wanted, sizeof(wanted), "00000000:%04X", unsigned { port });
+    std::ifstream table("/proc/net/udp");
+    for (std::string line; std::getline(table, line);) {
+        char local[24] = "";
+        uint32_t unread = 0;
+        if (sscanf(line.c_str(), " %*u: %23s %*s %*x %*x:%" SCNx32, local, &unread) == 2
+            && strcmp(local, wanted) == 0)
+            return unread;
+    }
+    return std::nullopt;
+}
+
+// What waits unread at the UDP socket bound to the port on all addresses, in bytes as the system counts them, its own
+// records included; nothing when there is no such socket.
+inline std::optional<uint32_t> UnreadBytes(uint16_t port)
+{
+    constexpr int LOOKS = 10;
+    std::optional<uint32_t> unread;
+    for (int i = 0; i < LOOKS && !unread; ++i)
+        unread = LookForUnreadBytes(port);
+    return unread;
+}
+
 // Whether a UDP socket is bound to the port on all addresses. Unlike an attempt to bind, looking does not get
 // in the way of the socket that is waited for.
 inline bool IsBoundOnAllAddresses(uint16_t port)
 {
-    char entry[24];
-    (void)snprintf(entry, sizeof(entry), ": 00000000:%04X ", unsigned { port });
-    std::ifstream table("/proc/net/udp");
-    const std::string text { std::istreambuf_iterator<char>(table), {} };
-    return text.find(entry) != std::string::npos;
+    return UnreadBytes(port).has_value();
 }
 
 // A receiver: one UDP socket on a loopback address.

@@ -10,6 +10,7 @@ import pytest
 from txproxy import arqrx, rtp
 from txproxy.arqrx import Arqrx, send_evenly
 from txproxy.receiver import Receiver, Sender
+from txproxy.traffic import is_bound
 from txproxy.waiting import wait_until
 
 PER_SECOND = 200
@@ -35,13 +36,7 @@ def send(source, count=COUNT, first=0):
 
 def wait_bound(net):
     """Waits until somebody listens where the stream goes."""
-    mark = f":{net.destination:04X} "
-
-    def is_bound():
-        with open("/proc/net/udp", encoding="ascii") as table:
-            return mark in table.read()
-
-    wait_until(is_bound, "arqrx to listen")
+    wait_until(lambda: is_bound(net.destination), "arqrx to listen")
 
 
 def test_each_line_of_json_is_an_object_and_only_the_last_is_final(closing, net, source):

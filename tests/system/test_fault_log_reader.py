@@ -3,7 +3,6 @@
 import contextlib
 import fcntl
 import os
-import pathlib
 import re
 import resource
 import struct
@@ -17,6 +16,7 @@ from txproxy.log_pipe import STDERR, STDOUT, LogPipe
 from txproxy.process import cpu_seconds
 from txproxy.proxy import LISTENING, RECEIVE_BUFFER_SET
 from txproxy.receiver import pump
+from txproxy.traffic import is_bound
 from txproxy.waiting import scaled, wait_until, within
 
 # In a network without a route to them every packet has a line for each.
@@ -37,11 +37,6 @@ LOOK_SECONDS = 1.0
 
 def media(count, first=0):
     return [rtp.packet(first + i, b"payload %d" % (first + i)) for i in range(count)]
-
-
-def is_bound(port):
-    table = pathlib.Path("/proc/net/udp").read_text(encoding="ascii")
-    return re.search(rf"^\s*\d+: \w+:{port:04X} ", table, re.MULTILINE)
 
 
 @pytest.fixture

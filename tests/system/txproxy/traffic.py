@@ -9,22 +9,40 @@ import time
 from . import rtp
 from .waiting import DEFAULT_TIMEOUT, wait_until
 
+LOOKS = 4  # at the system's table
 SEND_AT_ONCE = 40  # datagrams that the smallest socket buffer holds
 
 
-def unread_bytes(port, address=None):
-    """What the sockets bound to `port`, or that of one address, have not read yet, from the system's table."""
-    place = f"{struct.unpack('=I', socket.inet_aton(address))[0]:08X}" if address else r"\w+"
+def _rows(ports, place=r"\w+"):
+    pattern = re.compile(rf"\s*\d+: {place}:(\w+) ")
     with open("/proc/net/udp", encoding="ascii") as table:
-        pattern = re.compile(rf"\s*\d+: {place}:{port:04X} \w+:\w+ \w+ \w+:(\w+) ")
-        return sum(int(match.group(1), 16) for match in map(pattern.match, table) if match)
+        matches = map(pattern.match, table.read().splitlines())
+    return [match.string.split() for match in matches if match and int(match.group(1), 16) in ports]
+
+
+def _sockets(ports, address=None):
+    """The rows of the system's table of the sockets bound to `ports`, or those of one address.
+
+    One look may miss a socket that is there: the table is written a page at a time, and what moves up when another
+    socket ends meanwhile is in no page.
+    """
+    place = f"{struct.unpack('=I', socket.inet_aton(address))[0]:08X}" if address else r"\w+"
+    return max((_rows(ports, place) for _ in range(LOOKS)), key=len)
+
+
+def is_bound(port):
+    """Whether a UDP socket is bound to `port`, without disturbing anyone by trying to bind."""
+    return bool(_sockets([port]))
+
+
+def unread_bytes(port, address=None):
+    """What the sockets bound to `port`, or that of one address, have not read yet."""
+    return sum(int(row[4].partition(":")[2], 16) for row in _sockets([port], address))
 
 
 def kernel_drops(*ports):
     """Datagrams that the system has dropped because the sockets bound to `ports` were full."""
-    with open("/proc/net/udp", encoding="ascii") as table:
-        rows = [line.split() for line in table][1:]
-    return sum(int(row[-1]) for row in rows if int(row[1].partition(":")[2], 16) in ports)
+    return sum(int(row[-1]) for row in _sockets(ports))
 
 
 def wait_until_read(port):
