@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+
 namespace arqctl {
 
 namespace {
@@ -11,7 +15,73 @@ constexpr const char* UDP_TABLE
       " 1042: 030201EF:1388 00000000:0000 07 00000000:0000A2C0 00:00000000 00000000  1001        0 91234 2 0000000000000000 17\n"
       "  113: 00000000:7D7C 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 91230 2 0000000000000000 0\n";
 
+// A line of a socket whose inode is its port, with so many drops.
+std::string UdpLine(uint16_t port, unsigned drops)
+{
+    char line[160];
+    (void)snprintf(line, sizeof(line),
+        "%5u: 00000000:%04X 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 %u 2 "
+        "0000000000000000 %u\n",
+        unsigned { port }, unsigned { port }, unsigned { port }, drops);
+    return line;
+}
+
+// More than a page, without any of the sockets from 5000 on.
+std::string LongTable()
+{
+    std::string text;
+    for (uint16_t port = 1000; text.size() <= 4096; ++port)
+        text += UdpLine(port, 0);
+    return text;
+}
+
+std::vector<UdpSocketFacts> From5000(const std::vector<UdpSocketFacts>& sockets)
+{
+    std::vector<UdpSocketFacts> wanted;
+    std::copy_if(sockets.begin(), sockets.end(), std::back_inserter(wanted),
+        [](const UdpSocketFacts& socket) { return socket.port >= 5000; });
+    return wanted;
+}
+
 } // namespace
+
+TEST(KernelText, ATableOfOnePageIsReadOnce)
+{
+    int readings = 0;
+    EXPECT_EQ(ReadUdpSockets([&] { return ++readings, std::string(UDP_TABLE); }).size(), 2U);
+    EXPECT_EQ(readings, 1);
+}
+
+TEST(KernelText, ASocketThatAReadingOfALongTableMissesIsFoundByTheNext)
+{
+    const std::string others = LongTable();
+    int readings = 0;
+    const auto sockets = ReadUdpSockets([&] {
+        ++readings;
+        return readings == 1 ? others : others + UdpLine(5000, 7);
+    });
+    EXPECT_EQ(readings, 3) << "the second showed a new one";
+    ASSERT_EQ(From5000(sockets).size(), 1U);
+    EXPECT_EQ(From5000(sockets)[0].drops, 7U);
+}
+
+TEST(KernelText, ASocketThatIsShownTwiceIsOneWithItsLastFigures)
+{
+    const std::string others = LongTable();
+    unsigned drops = 0;
+    const auto sockets = ReadUdpSockets([&] {
+        drops += 2;
+        return UdpLine(5000, drops - 1) + others + UdpLine(5000, drops);
+    });
+    ASSERT_EQ(From5000(sockets).size(), 1U);
+    EXPECT_EQ(From5000(sockets)[0].drops, 4U);
+}
+
+TEST(KernelText, ATableThatNeverShowsTheSameTwiceIsReadFiveTimes)
+{
+    uint16_t port = 5000;
+    EXPECT_EQ(From5000(ReadUdpSockets([&] { return LongTable() + UdpLine(port++, 0); })).size(), 5U);
+}
 
 TEST(KernelText, TheTableOfUdpSocketsIsRead)
 {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,11 @@ struct UdpSocketFacts {
 // /proc/net/udp: IPv4 sockets. Of /proc/net/udp6 those that may take IPv4 datagrams: bound to every address (0 here) or to
 // one of IPv4 in IPv6's form.
 std::vector<UdpSocketFacts> ReadUdpTable(std::string_view text);
+
+// The sockets of a table that `read` gives as it is at each moment. The system writes it a page at a time, and what moves up
+// or down when other sockets end or begin meanwhile is in no page or in two: a longer one is read until a reading shows
+// nothing new, 5 times at most. Figures are of the last reading that shows the socket.
+std::vector<UdpSocketFacts> ReadUdpSockets(const std::function<std::string()>& read);
 
 // What /proc/PID/stat says that is used here; times in ticks of sysconf(_SC_CLK_TCK).
 struct ProcessTimes {

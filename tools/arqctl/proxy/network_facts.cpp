@@ -109,7 +109,7 @@ void GatherLimits(DoctorFacts& facts)
 void AddTable(const DoctorFacts& facts, const char* table, bool isIpv6, std::vector<HeldSocket>& sockets)
 {
     const ProxyOptions& options = facts.options;
-    for (const UdpSocketFacts& socket : ReadUdpTable(NetworkText(facts.pid, table))) {
+    for (const UdpSocketFacts& socket : ReadUdpSockets([&] { return NetworkText(facts.pid, table); })) {
         const uint16_t port = socket.port;
         if (port == options.listenPort || port == options.requestPort || port == PingPort(options)
             || port == LockPort(options.instance))

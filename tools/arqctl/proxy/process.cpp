@@ -77,7 +77,8 @@ std::vector<UdpSocketFacts> LikelySockets(const ProcessFacts& facts, const std::
 std::vector<UdpSocketFacts> SocketsOf(const ProcessFacts& facts, const std::string& folder)
 {
     const auto inodes = SocketInodes(folder);
-    std::vector<UdpSocketFacts> sockets = ReadUdpTable(ReadText(folder + "net/udp").value_or(""));
+    std::vector<UdpSocketFacts> sockets
+        = ReadUdpSockets([&] { return ReadText(folder + "net/udp").value_or(""); });
     if (!inodes)
         return LikelySockets(facts, sockets);
     std::erase_if(sockets, [&](const UdpSocketFacts& socket) { return !inodes->contains(socket.inode); });
