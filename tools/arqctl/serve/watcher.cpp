@@ -157,13 +157,12 @@ void Watcher::ProceedAll(int64_t nowUs)
 
 void Watcher::LookAtProcess(Watched& watched, int64_t nowUs)
 {
-    const bool isSeen = watched.now.pid != 0 && watched.now.reading.isUp;
-    const bool isAnother = isSeen && watched.now.pid != watched.lookedAtPid;
-    if (nowUs < watched.nextProcessUs && !isAnother)
+    const int pid = watched.now.reading.isUp ? watched.now.pid : 0; // 0: nothing to be seen
+    if (nowUs < watched.nextProcessUs && pid == watched.lookedAtPid)
         return;
     watched.nextProcessUs = nowUs + PROCESS_US;
-    watched.lookedAtPid = isSeen ? watched.now.pid : 0;
-    watched.now.facts = isSeen ? FactsOf(watched.now.pid) : std::nullopt;
+    watched.lookedAtPid = pid;
+    watched.now.facts = pid != 0 ? FactsOf(pid) : std::nullopt;
 }
 
 void Watcher::Publish()
