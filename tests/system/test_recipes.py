@@ -35,6 +35,7 @@ VIDEO_START = b"\0\0\1\xe0"
 UDP_BYTES, RTP_BYTES = 1316, 1328
 GROUP_TTL = 4
 MISSED_PICTURES = 40  # by FFmpeg while it opens its port a second time
+VLC_HOLDS_PICTURES = 15  # at most, 0.3 s and what it is about to write
 LIVE_PICTURES = 25  # as many as make sure that a stream without an end goes through
 
 
@@ -388,7 +389,9 @@ def test_vlc_records_every_picture_of_a_pipe(run_players, kitchen, clip, heading
     run_players(heading, lambda: kitchen.size("live.ts") > 0.8 * len(clip.stream))
     stream = kitchen.file("live.ts")
     assert mpegts.continuity_errors(stream) == 0
-    assert_part(decoded(stream)[:-2], clip.decoded, LIVE_PICTURES)
+    # What it has in hand when the programme's clock goes back, as where the clip begins again, it throws away.
+    before_the_end = len(clip.decoded) - VLC_HOLDS_PICTURES
+    assert_part(decoded(stream)[:-2][:before_the_end], clip.decoded, LIVE_PICTURES)
 
 
 def recorded(folder, pattern):
