@@ -193,9 +193,9 @@ def test_a_drain_without_arqctl_says_so_and_succeeds(prefix):
 def test_a_drain_has_the_time_that_its_receivers_need(prefix):
     prefix.program("arqctl", 'case $* in *list) printf "1\\n2\\n3\\n" ;; *) echo "$*"; exit 1 ;; esac')
     usual = "--socket /dev/arq_tx_ctrl7 drain --settle 0s --timeout"
-    assert prefix.run("drain", 7) == (0, f"{usual} 1450ms\n", "")
+    assert prefix.run("drain", 7) == (0, f"{usual} 2450ms\n", "")
     assert prefix.run("drain", 7, TX_PROXY_DRAIN_TIMEOUT="9") == (0, f"{usual} 9s\n", "")
-    assert prefix.run("drain", 7, TX_PROXY_CONTROL="/x")[1] == f"{usual.replace('/dev/arq_tx_ctrl7', '/x')} 1450ms\n"
+    assert prefix.run("drain", 7, TX_PROXY_CONTROL="/x")[1] == f"{usual.replace('/dev/arq_tx_ctrl7', '/x')} 2450ms\n"
     assert prefix.run("drain", 7, TX_PROXY_DRAIN_TIMEOUT="0") == (0, "", "")
     assert prefix.run("drain", 7, TX_PROXY_DRAIN_TIMEOUT="5s")[0] == 2
 
