@@ -11,6 +11,7 @@ TX_PROXY_LONG         set and not empty: tests marked `long`, which take minutes
 
 import collections
 import os
+import signal
 
 import pytest
 
@@ -58,6 +59,9 @@ def pytest_collection_modifyitems(config, items):
 def pytest_configure(config):
     for marker in (*MARKERS.values(), LARGE, LONG):
         config.addinivalue_line("markers", marker)
+    # Started by nohup, programs under test would ignore it, too; a handler, other than that, is not inherited.
+    if signal.getsignal(signal.SIGHUP) == signal.SIG_IGN:
+        signal.signal(signal.SIGHUP, lambda number, frame: None)
     # Also in the process that only hands out the tests: it meets a refusal first and says so once.
     try:
         sandbox.enter()

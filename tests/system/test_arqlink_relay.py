@@ -1,5 +1,7 @@
 """arqlink forwards as a NAT would: who hears whom from where, how many at once, and what is refused."""
 
+import signal
+
 import pytest
 
 from txproxy.link import Link
@@ -69,6 +71,16 @@ def test_all_of_one_client_comes_from_one_port_and_answers_come_from_where_it_se
     final = line.stop()
     assert (final["event"], final["clients_seen"], final["strangers"]) == ("final", 1, 0)
     assert (final["up"]["delivered"], final["down"]["delivered"]) == (2, 3)
+
+
+@pytest.mark.parametrize("ended_by", ["SIGINT", "SIGTERM", "SIGHUP"])
+def test_whoever_ends_it_hears_what_it_has_done(target, client, start, ended_by):
+    end = target()
+    line = start([end])
+    client().send(b"request", line.listen[0])
+    wait_until(lambda: end.datagrams, "the datagram")
+    final = line.stop(getattr(signal, ended_by))
+    assert (final["event"], final["up"]["delivered"]) == ("final", 1)
 
 
 def test_what_leaves_together_goes_each_its_own_way(target, client, start):

@@ -1,14 +1,17 @@
 #pragma once
 
+#include <csignal>
+
 #include "base/unique_fd.h"
 
 namespace common {
 
-// A descriptor that becomes readable when the program is asked to end (SIGINT, SIGTERM). From then on these two signals
-// do nothing else, so it is made before any thread.
-UniqueFd OpenStopSignal();
+// Those that ask a program to end: SIGINT, SIGTERM, and SIGHUP unless whoever started it wants it to outlive the terminal
+// (nohup).
+sigset_t StopSignals();
 
-// Whoever started the program wants it to outlive the terminal (nohup): it was told to ignore SIGHUP.
-bool OutlivesTerminal();
+// A descriptor that becomes readable when one of them comes. From then on they do nothing else, so it is made before any
+// thread.
+UniqueFd OpenStopSignal();
 
 } // namespace common

@@ -12,12 +12,8 @@ namespace demo {
 
 Signals::Signals()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : { SIGINT, SIGTERM, SIGQUIT })
-        sigaddset(&set, number);
-    if (!common::OutlivesTerminal()) // held, it would come in spite of being ignored
-        sigaddset(&set, SIGHUP);
+    sigset_t set = common::StopSignals();
+    sigaddset(&set, SIGQUIT);
     (void)pthread_sigmask(SIG_BLOCK, &set, nullptr);
     m_fd.Reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     for (const int number : { SIGPIPE, SIGTSTP }) // a stopped demo would be a dead line

@@ -105,12 +105,12 @@ class Link:
         assert status == expected, f"status {status}: {self.error_text}"
         return self.objects[-1]
 
-    def stop(self):
+    def stop(self, number=signal.SIGTERM):
         """Ends it as an operator would; returns its last object."""
         if self.process.poll() is None:
             if build_kind() == "asan":
                 wait_until(lambda: thread_state(self.process.pid, self.process.pid) in "SZ", "an idle moment")
-            self.process.send_signal(signal.SIGTERM)
+            self.process.send_signal(number)
         return self.wait_end()
 
     def close(self):

@@ -26,17 +26,6 @@ constexpr int64_t REPORT_INTERVAL_US = common::US_PER_SECOND;
 constexpr int64_t SAMPLE_PATIENCE_US = common::US_PER_SECOND;
 constexpr int LAST_LINES_PATIENCE_MS = 1000;
 
-sigset_t EndingSignals()
-{
-    sigset_t signals;
-    (void)sigemptyset(&signals);
-    for (const int signal : { SIGINT, SIGTERM })
-        (void)sigaddset(&signals, signal);
-    if (!common::OutlivesTerminal()) // held, it would come in spite of being ignored
-        (void)sigaddset(&signals, SIGHUP);
-    return signals;
-}
-
 // The media thread, and a descriptor that tells when it has ended.
 class MediaThread {
 public:
@@ -171,7 +160,7 @@ private:
 
 void HoldSignals()
 {
-    const sigset_t signals = EndingSignals();
+    const sigset_t signals = common::StopSignals();
     (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     (void)std::signal(SIGPIPE, SIG_IGN);
 }
@@ -179,7 +168,7 @@ void HoldSignals()
 ExitStatus RunReceiver(const Options& options, MediaParts&& parts, SampleBoard& board, Report& report,
     LinePrinter& figures, const ServerLine& server)
 {
-    const sigset_t signals = EndingSignals();
+    const sigset_t signals = common::StopSignals();
     const UniqueFd signalFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
     MediaLoop loop(options, std::move(parts), board);
     MediaThread thread(loop);

@@ -7,7 +7,7 @@
 
 namespace arqrx {
 
-// Keeps SIGINT, SIGTERM and SIGHUP for RunReceiver, in this thread and all that it starts; a reader that goes away
+// Keeps the signals that end a program for RunReceiver, in this thread and all that it starts; a reader that goes away
 // kills nothing. Before any thread is started.
 void HoldSignals();
 
