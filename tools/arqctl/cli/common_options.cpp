@@ -118,6 +118,11 @@ void FinishHelp(CLI::App& app)
         command->group("Commands");
 }
 
+bool IsProxyGiven(const CLI::App& app)
+{
+    return app.count("-I") + app.count("--socket") + app.count("--via") > 0;
+}
+
 std::string Contradiction(const CLI::App& app)
 {
     if (app.count("--instance") > 0 && app.count("--socket") > 0)

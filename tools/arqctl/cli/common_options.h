@@ -13,6 +13,9 @@ void AddCommonOptions(CLI::App& app, Session& session);
 // After the commands: how the program's own help shows them.
 void FinishHelp(CLI::App& app);
 
+// Whether -I, --socket or --via names a proxy.
+bool IsProxyGiven(const CLI::App& app);
+
 // What is wrong with the options taken together, as a sentence; "" when nothing is.
 std::string Contradiction(const CLI::App& app);
 

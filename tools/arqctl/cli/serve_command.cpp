@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "arqctl/cli/commands.h"
+#include "arqctl/cli/common_options.h"
 #include "arqctl/core/host_list.h"
 #include "arqctl/core/ssh_texts.h"
 #include "arqctl/serve/http_server.h"
@@ -133,7 +134,7 @@ void AddServeCommand(CLI::App& app, Session& session)
         ->type_name("TARGET");
     command->footer(SERVE_EXAMPLES);
     command->callback([&app, &session, words] {
-        words->isOneGiven = app.count("-I") + app.count("--socket") + app.count("--via") > 0;
+        words->isOneGiven = IsProxyGiven(app);
         session.run = [&session, words] { return RunServe(session, *words); };
     });
 }

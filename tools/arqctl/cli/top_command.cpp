@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "arqctl/cli/commands.h"
+#include "arqctl/cli/common_options.h"
 #include "arqctl/top/top.h"
 
 namespace arqctl {
@@ -52,7 +53,7 @@ void AddTopCommand(CLI::App& app, Session& session)
                     "q quit. What changes something says what will happen and asks first. Where\n"
                     "standard output is no terminal there are plain lines.\n");
     command->callback([&app, &session, words] {
-        words->isOneGiven = app.count("-I") + app.count("--socket") + app.count("--via") > 0;
+        words->isOneGiven = IsProxyGiven(app);
         session.run = [&session, words] { return RunTopCommand(session, *words); };
     });
 }

@@ -16,13 +16,6 @@ namespace {
 constexpr std::string_view CONTROL_NAME = "/dev/arq_tx_ctrl";
 constexpr std::string_view UNIT_FOLDER = "tx_proxy-"; // in /run
 
-// A folder that may not be entered is one of a unit that runs, too.
-bool IsPrivateThere(const std::string& path)
-{
-    struct stat facts {};
-    return stat(path.c_str(), &facts) == 0 ? S_ISSOCK(facts.st_mode) : errno == EACCES;
-}
-
 } // namespace
 
 std::string UsualControlPath(int instance)
@@ -38,7 +31,7 @@ std::string PrivateControlPath(int instance)
 std::string ControlPathHere(int instance)
 {
     std::string path = PrivateControlPath(instance);
-    return IsPrivateThere(path) ? path : UsualControlPath(instance);
+    return MayBeSocket(path) ? path : UsualControlPath(instance);
 }
 
 std::string ControlPathOfProcess(int pid, int instance)
@@ -58,7 +51,7 @@ std::vector<int> PrivateInstances()
         const std::string_view name = entry;
         int number = 0;
         if (name.starts_with(UNIT_FOLDER) && ReadWhole(name.substr(UNIT_FOLDER.size()), number)
-            && IsPrivateThere(PrivateControlPath(number)))
+            && MayBeSocket(PrivateControlPath(number)))
             numbers.push_back(number);
     }
     return numbers;
@@ -86,6 +79,12 @@ bool IsSocket(const std::string& path)
 {
     struct stat facts {};
     return stat(path.c_str(), &facts) == 0 && S_ISSOCK(facts.st_mode);
+}
+
+bool MayBeSocket(const std::string& path)
+{
+    struct stat facts {};
+    return stat(path.c_str(), &facts) == 0 ? S_ISSOCK(facts.st_mode) : errno == EACCES;
 }
 
 } // namespace arqctl

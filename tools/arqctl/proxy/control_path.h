@@ -36,4 +36,7 @@ std::string RunFolderOf(std::string_view controlPath);
 // Whether the file is a socket.
 bool IsSocket(const std::string& path);
 
+// The same, or that is not to be seen: its folder may not be entered.
+bool MayBeSocket(const std::string& path);
+
 } // namespace arqctl

@@ -3,7 +3,6 @@
 #include <glob.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -55,13 +54,6 @@ void AddFilesOfProcesses(std::vector<std::string>& paths)
         if (IsSocket(path) && std::ranges::find(paths, path) == paths.end())
             paths.push_back(path);
     }
-}
-
-// No right to look at it may mean no right to the folder that it is in.
-bool MayBeSocket(const std::string& path)
-{
-    struct stat facts {};
-    return stat(path.c_str(), &facts) == 0 ? S_ISSOCK(facts.st_mode) : errno == EACCES;
 }
 
 bool IsListening(const std::string& path)

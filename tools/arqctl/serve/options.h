@@ -16,8 +16,8 @@ struct ServeOptions {
     std::vector<std::string> allowedHosts;
     bool isControlAllowed = false;
     std::string tokenFile; // "": one is made
-    std::string
-        reports; // ADDRESS:PORT for the reports of receivers; "": as listen, where that is IPv4; "off"
+    // ADDRESS:PORT for the reports of receivers; "": as listen, where that is IPv4; "off"
+    std::string reports;
     std::map<std::string, std::string> channelNames; // by Target::Name()
     std::vector<Target> targets; // empty: whatever runs here
     int64_t patienceUs = 0; // for one answer of a proxy

@@ -12,6 +12,7 @@ namespace {
 
 using OrderJson = nlohmann::ordered_json;
 
+constexpr const char* WRONG_ADDRESS = "the address is empty, too long, or has blanks or colons in it";
 constexpr const char* ADDRESS_ADVICE = "send {\"address\":\"10.0.0.1\"}, an address or a host name";
 constexpr const char* IMPAIR_ADVICE
     = "send {\"on\":true,\"mode\":1,\"min_drop\":1,\"min_dist\":100} or {\"on\":false}";
@@ -27,17 +28,14 @@ std::variant<Order, Refusal> AddOrder(const OrderJson& body)
         return Refusal { 400, "the body is not an object with an address", ADDRESS_ADVICE };
     const std::string who = body["address"].get<std::string>();
     if (!IsReceiverWord(who))
-        return Refusal { 400, "the address is empty, too long, or has blanks or colons in it",
-            ADDRESS_ADVICE };
+        return Refusal { 400, WRONG_ADDRESS, ADDRESS_ADVICE };
     return Order { {}, ReceiverAction::Add, who };
 }
 
 std::variant<Order, Refusal> DeleteOrder(const std::string& who)
 {
-    if (!IsReceiverWord(who)) {
-        return Refusal { 400, "the address is empty, too long, or has blanks or colons in it",
-            "end the path with /receivers/10.0.0.1" };
-    }
+    if (!IsReceiverWord(who))
+        return Refusal { 400, WRONG_ADDRESS, "end the path with /receivers/10.0.0.1" };
     return Order { {}, ReceiverAction::Delete, who };
 }
 
