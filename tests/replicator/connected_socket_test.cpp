@@ -34,6 +34,7 @@ protected:
     const sockaddr_in m_address = SocketAddress("127.0.0.2", m_receiver.Port());
     const sockaddr_in m_nowhere = SocketAddress("255.255.255.255", 9); // the socket may not send there
     const UniqueFd m_socket;
+    const PortLease m_source; // for a socket of one address: its twin needs the port on any other
 };
 
 TEST_F(ConnectedSocket, SendsToItsAddress)
@@ -63,7 +64,7 @@ TEST_F(ConnectedSocket, ItsSourceIsTheOneThatRoutingChoseAndTheReceiverSees)
 
 TEST_F(ConnectedSocket, ItsSourceStaysWhateverRoutingChoosesNow)
 {
-    ASSERT_TRUE(Bind(m_socket.Get(), "127.0.0.9", 0));
+    ASSERT_TRUE(Bind(m_socket.Get(), "127.0.0.9", m_source.Port()));
     ASSERT_TRUE(ConnectSocket(m_socket.Get(), m_address));
     EXPECT_EQ(SourceOf(m_socket.Get()), Net("127.0.0.9"));
     EXPECT_NE(RoutedSource(m_address), Net("127.0.0.9"));
@@ -78,7 +79,7 @@ TEST_F(ConnectedSocket, WithoutAWayOrASocketThereIsNoRoutedSource)
 
 TEST_F(ConnectedSocket, ATwinHasTheSamePortAndTheSourceThatRoutingChooses)
 {
-    ASSERT_TRUE(Bind(m_socket.Get(), "127.0.0.9", 0));
+    ASSERT_TRUE(Bind(m_socket.Get(), "127.0.0.9", m_source.Port()));
     ASSERT_TRUE(ConnectSocket(m_socket.Get(), m_address));
     const UniqueFd twin = ConnectedTwin(m_socket.Get(), m_address);
     ASSERT_TRUE(twin.IsValid());

@@ -43,6 +43,7 @@ protected:
 
     std::unique_ptr<MyArqSendCB> m_stream = MakeStream();
     OwnedPacket m_packet { RtpPacket(1) };
+    const PortLease m_source; // for a socket of one address: its twin needs the port on any other
 };
 
 TEST_F(ConnectedStream, SendsWithoutNamingTheAddressAndSharesItsSocketWithNobody)
@@ -99,7 +100,7 @@ TEST_F(ConnectedStream, WhileTheRouteStaysSoDoesTheSocket)
 // The socket was connected while another source address was the one to use.
 TEST_F(ConnectedStream, ANewSourceAddressMeansANewSocketOnTheSamePortBehindTheSameDescriptor)
 {
-    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", 0));
+    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", m_source.Port()));
     m_stream->UseConnectedSocket();
     const int fd = Fd();
     const uint16_t port = LocalPort(fd);
@@ -114,7 +115,7 @@ TEST_F(ConnectedStream, ANewSourceAddressMeansANewSocketOnTheSamePortBehindTheSa
 
 TEST_F(ConnectedStream, WhoStandsInASendOnTheSocketThatIsReplacedIsLetGo)
 {
-    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", 0));
+    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", m_source.Port()));
     m_stream->UseConnectedSocket();
     const UniqueFd old(dup(Fd())); // as the kernel holds it for that sender
     m_stream->FollowRoute();
@@ -125,7 +126,7 @@ TEST_F(ConnectedStream, WhoStandsInASendOnTheSocketThatIsReplacedIsLetGo)
 
 TEST_F(ConnectedStream, WithoutAWayOrATwinTheSocketStays)
 {
-    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", 0));
+    ASSERT_TRUE(Bind(Fd(), "127.0.0.9", m_source.Port()));
     m_stream->UseConnectedSocket();
     const ino_t before = Inode(Fd());
     {

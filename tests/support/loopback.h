@@ -4,8 +4,10 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cinttypes>
 #include <cstdint>
@@ -14,6 +16,7 @@
 #include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -75,21 +78,41 @@ inline void AllowReuse(int fd)
     (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
 }
 
-// A UDP port that was free and that nobody else gets from the system while this object lives: it is held on
-// an address that no test uses, with reuse allowed for the sockets under test.
+// A UDP port that was free and that nobody else gets while this object lives: below those that the system gives by itself
+// (from 32768 on), and held on an address that no test uses, with reuse allowed for the sockets under test.
 class PortLease {
 public:
-    PortLease() : m_socket(::socket(AF_INET, SOCK_DGRAM, 0))
+    PortLease()
     {
-        AllowReuse(m_socket.Get());
-        EXPECT_TRUE(Bind(m_socket.Get(), "127.255.255.254", 0));
-        m_usPort = LocalPort(m_socket.Get());
+        static std::atomic<unsigned> s_next { static_cast<unsigned>(getpid())
+            * 37 }; // others begin elsewhere
+        for (unsigned i = 0; i < PORTS && !m_socket.IsValid(); ++i)
+            Take(static_cast<uint16_t>(FIRST_PORT + s_next++ % PORTS));
+        EXPECT_TRUE(m_socket.IsValid()) << "no port is free";
     }
 
     uint16_t Port() const { return m_usPort; }
     void Release() { m_socket.Reset(); }
 
 private:
+    static constexpr unsigned FIRST_PORT = 20000;
+    static constexpr unsigned PORTS = 12000;
+
+    // Had on all addresses and without reuse it is nobody else's, neither another socket's nor another lease's.
+    void Take(uint16_t port)
+    {
+        const UniqueFd exclusive(::socket(AF_INET, SOCK_DGRAM, 0));
+        if (!Bind(exclusive.Get(), "0.0.0.0", port))
+            return;
+        UniqueFd held(::socket(AF_INET, SOCK_DGRAM, 0));
+        AllowReuse(exclusive.Get());
+        AllowReuse(held.Get());
+        if (!Bind(held.Get(), "127.255.255.254", port))
+            return;
+        m_socket = std::move(held);
+        m_usPort = port;
+    }
+
     UniqueFd m_socket;
     uint16_t m_usPort = 0;
 };
