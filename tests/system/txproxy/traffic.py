@@ -10,6 +10,7 @@ from . import rtp
 from .waiting import DEFAULT_TIMEOUT, wait_until
 
 LOOKS = 4  # at the system's table
+INODE = 9  # its column
 SEND_AT_ONCE = 40  # datagrams that the smallest socket buffer holds
 
 
@@ -17,14 +18,15 @@ def _rows(ports, place=r"\w+"):
     pattern = re.compile(rf"\s*\d+: {place}:(\w+) ")
     with open("/proc/net/udp", encoding="ascii") as table:
         matches = map(pattern.match, table.read().splitlines())
-    return [match.string.split() for match in matches if match and int(match.group(1), 16) in ports]
+    rows = [match.string.split() for match in matches if match and int(match.group(1), 16) in ports]
+    return list({row[INODE]: row for row in rows}.values())
 
 
 def _sockets(ports, address=None):
     """The rows of the system's table of the sockets bound to `ports`, or those of one address.
 
-    One look may miss a socket that is there: the table is written a page at a time, and what moves up when another
-    socket ends meanwhile is in no page.
+    One look may miss a socket that is there or show it twice: the table is written a page at a time, and what moves up
+    or down when other sockets end or begin meanwhile is in no page or in two.
     """
     place = f"{struct.unpack('=I', socket.inet_aton(address))[0]:08X}" if address else r"\w+"
     return max((_rows(ports, place) for _ in range(LOOKS)), key=len)
