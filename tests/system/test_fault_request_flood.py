@@ -25,12 +25,13 @@ from txproxy.model_receiver import (
     wait_bound,
 )
 from txproxy.receiver import udp_socket
-from txproxy.traffic import Paced, send_all
+from txproxy.traffic import Paced, kernel_drops, send_all
 from txproxy.waiting import scaled
 
 pytestmark = pytest.mark.xdist_group("flood")  # one at a time: two floods share the kernel's queues, and leave no core
 
-RATE = float(os.environ.get("TX_PROXY_FLOOD_RATE", "10000")) / scaled(1)
+# A slow build takes longer for each, and gets less of a processor that its neighbours want for longer, too.
+RATE = float(os.environ.get("TX_PROXY_FLOOD_RATE", "10000")) / scaled(1) ** 2
 THREADS = int(os.environ.get("TX_PROXY_FLOOD_THREADS", "1"))
 STRANGER = "127.0.0.66"
 PROBER = "127.0.0.77"
@@ -212,8 +213,8 @@ def test_pings_at_full_rate_from_one_stranger_suspend_none_of_40_receivers(
     flood = closing(flooding.Flood(program, ("127.0.0.1", net.destination), (STRANGER, 0), [data], rate=RATE))
     until = time.monotonic() + SUSPENSION_SECONDS
     drive(members, lambda: time.monotonic() > until, "the longest silence", timeout=2 * SUSPENSION_SECONDS)
-    flood.end()
-    assert control.request(net.instance, "List").split(",") == [*wanted, STRANGER]
+    sent, dropped = flood.end(), kernel_drops(net.destination)
+    assert control.request(net.instance, "List").split(",") == [*wanted, STRANGER], f"{dropped} of {sent} were dropped"
     assert "Stream suspended" not in proxy.stderr.text
     record_property("pings of the stranger a second", f"{flood.per_second:.0f}")
     print(f"{flood.per_second:.0f} pings/s of the stranger")
