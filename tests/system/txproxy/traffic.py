@@ -9,27 +9,30 @@ import time
 from . import rtp
 from .waiting import DEFAULT_TIMEOUT, wait_until
 
-LOOKS = 4  # at the system's table
+LOOKS = 4  # at the system's table, as long as it is longer than a page
+PAGE_BYTES = 4096
 INODE = 9  # its column
 SEND_AT_ONCE = 40  # datagrams that the smallest socket buffer holds
-
-
-def _rows(ports, place=r"\w+"):
-    pattern = re.compile(rf"\s*\d+: {place}:(\w+) ")
-    with open("/proc/net/udp", encoding="ascii") as table:
-        matches = map(pattern.match, table.read().splitlines())
-    rows = [match.string.split() for match in matches if match and int(match.group(1), 16) in ports]
-    return list({row[INODE]: row for row in rows}.values())
 
 
 def _sockets(ports, address=None):
     """The rows of the system's table of the sockets bound to `ports`, or those of one address.
 
-    One look may miss a socket that is there or show it twice: the table is written a page at a time, and what moves up
-    or down when other sockets end or begin meanwhile is in no page or in two.
+    One look at a long table may miss a socket that is there or show it twice: it is written a page at a time, and what
+    moves up or down when other sockets end or begin meanwhile is in no page or in two.
     """
     place = f"{struct.unpack('=I', socket.inet_aton(address))[0]:08X}" if address else r"\w+"
-    return max((_rows(ports, place) for _ in range(LOOKS)), key=len)
+    pattern = re.compile(rf"\s*\d+: {place}:(\w+) ")
+    found = {}
+    for _ in range(LOOKS):
+        with open("/proc/net/udp", encoding="ascii") as table:
+            text = table.read()
+        matches = map(pattern.match, text.splitlines())
+        rows = [match.string.split() for match in matches if match and int(match.group(1), 16) in ports]
+        found.update((row[INODE], row) for row in rows)
+        if len(text) <= PAGE_BYTES:
+            break
+    return found.values()
 
 
 def is_bound(port):
