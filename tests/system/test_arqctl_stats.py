@@ -176,7 +176,7 @@ def test_a_watch_of_a_proxy_that_never_answers_ends_on_sigterm_at_once(lease, cl
             watching = watch(lease.instance, "--timeout", "1h")
             closing(listener.accept()[0])
             watching.process.terminate()
-            with within(1):
+            with within(3):
                 assert watching.wait_exit() == arqctl.GOOD
         finally:
             os.unlink(path)

@@ -234,9 +234,9 @@ def test_plain_lines_follow_a_proxy_over_its_restart(channel, closing):
 
 def test_a_proxy_that_does_not_answer_holds_no_key_up(channel, top):
     with process.stopped(channel.proxy):
-        window = top("--timeout", "700ms", channel.instance)
+        window = top("--timeout", "6s", channel.instance)
         window.wait(USAGE_KEYS)
-        with within(1):
+        with within(3):
             window.keys("?")
             window.wait("add a receiver to the selected proxy")
             window.keys("x")
