@@ -167,7 +167,8 @@ def test_a_reader_that_goes_ends_the_watch_quietly(commanded_proxy, net):
         assert watching.stderr.read() == b""
 
 
-def test_a_watch_of_a_proxy_that_never_answers_ends_on_sigterm_at_once(lease, closing, watch):
+@pytest.mark.parametrize("told", [signal.SIGTERM, signal.SIGHUP])
+def test_a_watch_of_a_proxy_that_never_answers_ends_on_a_signal_at_once(lease, closing, watch, told):
     path = control.path(lease.instance)
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
         listener.bind(path)
@@ -175,7 +176,7 @@ def test_a_watch_of_a_proxy_that_never_answers_ends_on_sigterm_at_once(lease, cl
             listener.listen()
             watching = watch(lease.instance, "--timeout", "1h")
             closing(listener.accept()[0])
-            watching.process.terminate()
+            watching.process.send_signal(told)
             with within(3):
                 assert watching.wait_exit() == arqctl.GOOD
         finally:
