@@ -84,8 +84,8 @@ class PortLease {
 public:
     PortLease()
     {
-        static std::atomic<unsigned> s_next { static_cast<unsigned>(getpid())
-            * 37 }; // others begin elsewhere
+        // Other processes begin elsewhere.
+        static std::atomic<unsigned> s_next { static_cast<unsigned>(getpid()) * 37 };
         for (unsigned i = 0; i < PORTS && !m_socket.IsValid(); ++i)
             Take(static_cast<uint16_t>(FIRST_PORT + s_next++ % PORTS));
         EXPECT_TRUE(m_socket.IsValid()) << "no port is free";

@@ -73,8 +73,8 @@ std::vector<UdpSocketFacts> ReadUdpSockets(const std::function<std::string()>& r
     constexpr size_t PAGE_BYTES = 4096; // what no machine has less of
     constexpr int MOST_READINGS = 5;
     std::vector<UdpSocketFacts> sockets;
-    std::map<std::tuple<uint64_t, uint32_t, uint16_t>, size_t>
-        places; // inode, address, port: a kernel's own has inode 0
+    // By inode, address and port: sockets of the kernel's own have inode 0.
+    std::map<std::tuple<uint64_t, uint32_t, uint16_t>, size_t> places;
     bool isWhole = false;
     for (int i = 0; i < MOST_READINGS && !isWhole; ++i) {
         const std::string text = read();
